@@ -1,0 +1,42 @@
+# The two set-up commands are `make run` and `make test`; see README.md.
+SHELL := /bin/bash
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?=
+CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
+
+.PHONY: deps build test test-sanitize test-asan test-tsan run bench clean
+
+deps:
+	@scripts/install-deps
+
+build: deps
+	@cmake -S . -B build -G Ninja $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build -j $(JOBS)
+
+test: build
+	cd build && ctest $(CTEST_FLAGS)
+
+# AddressSanitizer + UBSan over every test, then ThreadSanitizer over the
+# tests labelled "tsan" (threads, logger, broker).
+test-sanitize: test-asan test-tsan
+
+test-asan: deps
+	@cmake -S . -B build-asan -G Ninja -DKIV_SANITIZE=address,undefined -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-asan -j $(JOBS)
+	cd build-asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 \
+	  UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
+
+test-tsan: deps
+	@cmake -S . -B build-tsan -G Ninja -DKIV_SANITIZE=thread -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-tsan -j $(JOBS)
+	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  setarch $$(uname -m) -R ctest $(CTEST_FLAGS) -L tsan
+
+run: build
+	@scripts/run-local
+
+bench: build
+	@for b in build/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done
+
+clean:
+	rm -rf build build-asan build-tsan

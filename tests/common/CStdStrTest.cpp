@@ -1,0 +1,57 @@
+#include <gtest/gtest.h>
+
+#include "common/CStdStr.h"
+
+TEST(CStdStr, FormatHandlesAnyLength) {
+    CStdStr s;
+    s.Format("%s-%d", "abc", 42);
+    EXPECT_EQ(s, "abc-42");
+    std::string big(100000, 'x');
+    s.Format("<%s>", big.c_str());
+    EXPECT_EQ(s.size(), big.size() + 2);
+    s.AppendFormat("%05d", 7);
+    EXPECT_TRUE(s.EndsWith(">00007"));
+}
+
+TEST(CStdStr, ReplaceScansOnAfterInsertedText) {
+    CStdStr s("aaa");
+    EXPECT_EQ(s.Replace("a", "aa"), 3);
+    EXPECT_EQ(s, "aaaaaa");
+    CStdStr p("a\\b\\c");
+    p.Replace('\\', '.');
+    EXPECT_EQ(p, "a.b.c");
+    EXPECT_EQ(p.Replace("", "x"), 0);
+}
+
+TEST(CStdStr, TokenizeSkipsRunsOfDelimiters) {
+    CStdStr s(" a,,b , c ");
+    auto t = s.Tokens(", ");
+    ASSERT_EQ(t.size(), 3u);
+    EXPECT_EQ(t[0], "a");
+    EXPECT_EQ(t[1], "b");
+    EXPECT_EQ(t[2], "c");
+    EXPECT_TRUE(CStdStr(",,, ").Tokens(", ").empty());
+}
+
+TEST(CStdStr, CaseAndSubstringsNeverThrow) {
+    EXPECT_EQ(CStdStr("AbC").CompareNoCase("aBc"), 0);
+    EXPECT_LT(CStdStr("abc").CompareNoCase("abd"), 0);
+    EXPECT_GT(CStdStr("abcd").CompareNoCase("ABC"), 0);
+    EXPECT_EQ(CStdStr("a\xE9Z").ToLower(), "a\xE9z");  // bytes above 127 untouched
+    CStdStr s("hello");
+    EXPECT_EQ(s.Left(10), "hello");
+    EXPECT_EQ(s.Left(-1), "");
+    EXPECT_EQ(s.Mid(3), "lo");
+    EXPECT_EQ(s.Mid(9), "");
+    EXPECT_EQ(s.Mid(1, 100), "ello");
+    EXPECT_EQ(s.Right(2), "lo");
+    EXPECT_EQ(s.Right(9), "hello");
+    EXPECT_EQ(s.ReverseFind('l'), 3);
+    EXPECT_EQ(s.ReverseFind('z'), -1);
+    EXPECT_EQ(s.Find("l", 3), 3);
+    CStdStr t("  x y \n");
+    EXPECT_EQ(t.Trim(), "x y");
+    CStdStr u("//a//");
+    EXPECT_EQ(u.TrimLeft("/"), "a//");
+    EXPECT_EQ(u.TrimRight("/"), "a");
+}

@@ -1,0 +1,65 @@
+#include "tests/support/TempDir.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+namespace kivtest {
+
+TempDir::TempDir(const std::string& prefix) {
+    const char* base = getenv("TMPDIR");
+    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
+    std::vector<char> buf(tmpl.begin(), tmpl.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) {
+        perror("mkdtemp");
+        abort();
+    }
+    m_path = buf.data();
+}
+
+TempDir::~TempDir() {
+    if (m_keep) return;
+    std::error_code ec;
+    std::filesystem::remove_all(m_path, ec);
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+    std::filesystem::path p(path);
+    std::error_code ec;
+    if (p.has_parent_path()) std::filesystem::create_directories(p.parent_path(), ec);
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    ASSERT_TRUE(f.good()) << "cannot write " << path;
+    f.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string readFile(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    if (!f) return std::string();
+    std::ostringstream s;
+    s << f.rdbuf();
+    return s.str();
+}
+
+std::string runCommand(const std::string& command, int* status) {
+    std::string out;
+    FILE* p = popen(command.c_str(), "r");
+    if (!p) {
+        if (status) *status = -1;
+        return out;
+    }
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    int rc = pclose(p);
+    if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
+    return out;
+}
+
+}  // namespace kivtest

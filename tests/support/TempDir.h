@@ -1,0 +1,32 @@
+// Test helpers: a temporary folder removed with its contents on destruction,
+// and small file helpers.
+#pragma once
+
+#include <string>
+
+namespace kivtest {
+
+class TempDir {
+public:
+    explicit TempDir(const std::string& prefix = "kivtest");
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+    void keep() { m_keep = true; }
+
+private:
+    std::string m_path;
+    bool m_keep = false;
+};
+
+// Writes `content` to `path`, creating parent folders. Fails the test on error.
+void writeFile(const std::string& path, const std::string& content);
+// The whole file, or "" when it cannot be read.
+std::string readFile(const std::string& path);
+// Runs a shell command and returns its standard output; *status gets the exit status.
+std::string runCommand(const std::string& command, int* status = nullptr);
+
+}  // namespace kivtest
