@@ -1,7 +1,7 @@
 // The broker's exception family. A CabException carries a message of at most
 // 255 characters (longer texts are cut) and an integer code; handlers throw
 // CabInvalidParameterException (code 1) for an argument of the wrong type.
-// what() returns the message.
+// what() is std::exception's own; read the text with getMessage().
 #pragma once
 
 #include <cstring>
@@ -11,7 +11,6 @@ class CabException : public std::exception {
 public:
     CabException() { m_message[0] = '\0'; }
     CabException(const char* message, int code) : m_code(code) { setMessage(message); }
-    const char* what() const noexcept override { return m_message; }
     const char* getMessage() const { return m_message; }
     int getCode() const { return m_code; }
 
