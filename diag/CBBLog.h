@@ -11,6 +11,10 @@
 //
 // The static functions log through the process-wide instance set with
 // setLogger and do nothing when there is none.
+//
+// Threads: any thread may log. The queue and the stop flag belong to
+// m_queueLock; initialisation and the error log descriptor to m_fileLock; the
+// log descriptor to m_logFdLock (held by the writer thread while it writes).
 #pragma once
 
 #include <atomic>
@@ -92,6 +96,18 @@ public:
     int64_t getFileSize();
     CStdStr getLogFilePath() const;  // empty until initialised
 
+    // Waits until every line queued so far has been written to the log file
+    // (timeoutMs < 0: no time limit). Returns false on time-out or when there
+    // is no writer thread. Returns true at once before initialisation.
+    bool flush(int timeoutMs = -1);
+    // For the crash handler: logs `text` as a FATAL line (whatever the level,
+    // unless logging is silenced by a negative stored level other than -1).
+    // When this returns, the line is in "errors.log" (written synchronously
+    // from the calling thread); the normal log file gets it only through the
+    // queue, so it may be lost if the process ends before flush(). Returns
+    // whether "errors.log" is open.
+    bool logFatalNow(const char* text);
+
 protected:
     // Implementation state; see CBBLog.cpp.
     void* loggerThread(void*);
@@ -99,25 +115,33 @@ protected:
     void addQueue(const CStdStr& line);
     void rotateIfNeeded(int& fd, const CStdStr& path);
     bool openFile(int& fd, const CStdStr& path, bool truncate);
+    // Reads the level when unset; false when `level` is filtered out or no file is open.
+    bool prepare(LOGLEVEL level);
+    // Header + message + "\n": queued, and for FATAL written to errors.log.
+    void emit(LOGLEVEL level, const CStdStr& message);
 
     CStdStr m_fileName;
     std::atomic<int32_t> m_level{LOGLEVEL_UNSET};  // read by any thread
-    bool m_initialized = false;
+    // Set (release) last in initialize(); the fields up to m_programName are
+    // written before it under m_fileLock and only read afterwards.
+    std::atomic<bool> m_initialized{false};
     bool m_logFileOpen = false;
     bool m_errorLogOpen = false;
     CStdStr m_logFilePath;
     CStdStr m_errorLogPath;
     CStdStr m_programName;
-    PMutex m_fileLock;  // guards initialisation and the error-log write
+    PMutex m_fileLock;  // guards initialisation, m_errorFd and the error-log write
     bool m_includeProcessId;
     int64_t m_sizeLimit;
     uint32_t m_processId;
-    int m_logFd = -1;
-    int m_errorFd = -1;
+    PMutex m_logFdLock;  // guards m_logFd
+    int m_logFd = -1;    // m_logFdLock
+    int m_errorFd = -1;  // m_fileLock
     PThread* m_writer = nullptr;
     PCondMutex m_queueLock;  // guards m_queue and m_stop
-    bool m_stop = false;
-    std::deque<CStdStr> m_queue;
+    bool m_stop = false;     // m_queueLock
+    bool m_writing = false;  // m_queueLock: the writer holds a line it popped
+    std::deque<CStdStr> m_queue;  // m_queueLock
 
     static boost::weak_ptr<CBBLog> s_instance;
 };
