@@ -1,0 +1,164 @@
+#include "archive/CMyPathTree.h"
+
+#include <zip.h>
+
+#include <vector>
+
+#include "cab/CabException.h"
+#include "files/CFileTools.h"
+
+namespace {
+
+const unsigned long long kChunk = 0x20000;  // bytes copied per write into the archive
+const int kMaxPlacementDepth = 64;          // folder placement recursion never goes deeper in practice
+
+std::vector<CStdStr> components(const CStdStr& path) {
+    std::vector<CStdStr> parts;
+    for (const CStdStr& p : path.Tokens("/")) parts.push_back(p);
+    return parts;
+}
+
+}  // namespace
+
+CMyPathTree::~CMyPathTree() {
+    for (CMyPathNode* n : m_files) delete n;
+    for (CMyPathNode* n : m_folders) delete n;
+}
+
+CMyPathNode* CMyPathTree::createNode(const CStdStr& path) { return new CMyPathNode(path); }
+
+CMyPathNode* CMyPathTree::createFileNode(const CStdStr& path) {
+    m_files.push_back(createNode(path));
+    return m_files.back();
+}
+
+CMyPathNode* CMyPathTree::createFolderNode(const CStdStr& path) {
+    m_folders.push_back(createNode(path));
+    return m_folders.back();
+}
+
+CMyPathNode* CMyPathTree::findFolderNode(const CStdStr& path) const {
+    for (CMyPathNode* f : m_folders)
+        if (f->getFullPath().EqualsNoCase(path)) return f;
+    return nullptr;
+}
+
+CMyPathNode* CMyPathTree::findClosestNode(const CMyPathNode* node) const {
+    CMyPathNode* closest = nullptr;
+    int best = 0;
+    for (CMyPathNode* f : m_folders) {
+        if (f == node) continue;
+        int d = f->GetDistance(node);
+        if (d > best) {  // strictly closer: ties stay with the earlier folder
+            best = d;
+            closest = f;
+        }
+    }
+    return closest;
+}
+
+CStdStr CMyPathTree::getParentFolder(const CStdStr& path) {
+    size_t backslash = path.rfind('\\');
+    if (backslash == CStdStr::npos || backslash == 0) throw CabException("no parent folder", 0);
+    return path.substr(0, backslash);
+}
+
+CMyPathNode* CMyPathTree::findParentNode(const CMyPathNode* node) const {
+    return findFolderNode(getParentFolder(node->getFullPath()));
+}
+
+void CMyPathTree::link(CMyPathNode* node, CMyPathNode* parent) {
+    if (!node || !parent || node == parent) return;
+    for (CMyPathNode* up = parent; up; up = up->getParent())
+        if (up == node) return;  // would close a loop
+    node->setParent(parent);
+}
+
+void CMyPathTree::createParentFolder(CMyPathNode* node) {
+    try {
+        CStdStr parentPath = getParentFolder(node->getFullPath());
+        CMyPathNode* parent = findFolderNode(parentPath);
+        if (!parent) parent = createFolderNode(parentPath);
+        link(node, parent);
+    } catch (...) {
+        // No parent folder: the node stays at the top of the archive.
+    }
+}
+
+void CMyPathTree::buildIntermediateFolder(CMyPathNode* top, CMyPathNode* node) {
+    std::vector<CStdStr> topParts = components(top->getFullPath());
+    std::vector<CStdStr> nodeParts = components(node->getFullPath());
+    if (nodeParts.size() <= topParts.size()) return;
+    CMyPathNode* above = top;
+    CStdStr path;
+    for (size_t i = 0; i < topParts.size(); ++i) path += "/" + nodeParts[i];
+    for (size_t i = topParts.size(); i + 1 < nodeParts.size(); ++i) {
+        path += "/" + nodeParts[i];
+        CMyPathNode* folder = findFolderNode(path);
+        if (!folder) folder = createFolderNode(path);
+        link(folder, above);
+        above = folder;
+    }
+    link(node, above);
+}
+
+void CMyPathTree::addNode(CMyPathNode* node, int depth) {
+    CMyPathNode* closest = findClosestNode(node);
+    if (closest && closest->GetDistance(node) >= 2 && depth < kMaxPlacementDepth) {
+        CMyPathNode* parent = nullptr;
+        try {
+            parent = findParentNode(node);
+        } catch (const CabException&) {
+            // a path without a backslash has no parent folder node
+        }
+        if (parent && parent != node) {
+            link(node, parent);
+            return;
+        }
+        CStdStr common = closest->GetCommonFolder(node);
+        CMyPathNode* commonNode = findFolderNode(common);
+        if (!commonNode) {
+            commonNode = createFolderNode(common);
+            addNode(commonNode, depth + 1);
+        }
+        buildIntermediateFolder(commonNode, closest);
+        buildIntermediateFolder(commonNode, node);
+        return;
+    }
+    createParentFolder(node);
+}
+
+void CMyPathTree::AddFile(const CStdStr& path) { addNode(createFileNode(path)); }
+
+uint32_t CMyPathTree::getZipHeaderSize() const {
+    uint32_t total = 0;
+    for (const CMyPathNode* n : m_files) total += 102 + 2 * static_cast<uint32_t>(n->GetRelativePath().size());
+    return total;
+}
+
+void CMyPathTree::createZip(const char* zipPath, bool store) {
+    zipFile zf = zipOpen(zipPath, APPEND_STATUS_CREATE);
+    if (!zf) return;
+    const int method = store ? 0 : Z_DEFLATED;
+    const int level = store ? 0 : 9;
+    std::vector<char> buffer(kChunk);
+    for (const CMyPathNode* node : m_files) {
+        CFileTools file(node->getFullPath());
+        unsigned long long size = file.getFileSize();
+        CStdStr name = node->GetRelativePath();
+        if (size >= 0xffffffffULL)
+            zipOpenNewFileInZip64(zf, name.c_str(), nullptr, nullptr, 0, nullptr, 0, nullptr, method, level, 1);
+        else
+            zipOpenNewFileInZip(zf, name.c_str(), nullptr, nullptr, 0, nullptr, 0, nullptr, method, level);
+        unsigned long long offset = 0;
+        while (offset < size) {
+            unsigned long long count = size - offset < kChunk ? size - offset : kChunk;
+            file.getData(buffer.data(), count, offset, CFileTools::begin);
+            if (count == 0) break;  // unreadable, or shorter than it was
+            zipWriteInFileInZip(zf, buffer.data(), static_cast<unsigned>(count));
+            offset += count;
+        }
+        zipCloseFileInZip(zf);
+    }
+    zipClose(zf, nullptr);
+}

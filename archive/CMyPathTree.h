@@ -1,0 +1,56 @@
+// CMyPathTree: lays out a set of local files as zip entries and writes the zip.
+//
+// Promises:
+// - Files are stored in the order of AddFile. A file that shares a folder of
+//   two or more components with a folder node already in the tree is stored
+//   relative to the top of that group; any other file is stored under its bare
+//   name. Parent folders are found by the text before the last backslash, so
+//   with "/" paths files are normally stored flat by name.
+// - AddFile never throws; the node links never form a cycle.
+// - getZipHeaderSize() estimates the zip's overhead as the sum over files of
+//   102 + 2 * length of the entry name.
+// - createZip writes one entry per file (deflate level 9, or stored), with no
+//   time stamp, extra field or comment; the minizip results are not checked:
+//   callers judge the archive by the file they find.
+// - The tree owns all its nodes. One thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "archive/CMyPathNode.h"
+#include "common/CStdStr.h"
+
+class CMyPathTree {
+public:
+    CMyPathTree() = default;
+    ~CMyPathTree();
+    CMyPathTree(const CMyPathTree&) = delete;
+    CMyPathTree& operator=(const CMyPathTree&) = delete;
+
+    void AddFile(const CStdStr& path);
+    uint32_t getZipHeaderSize() const;
+    void createZip(const char* zipPath, bool store);
+
+    const std::vector<CMyPathNode*>& fileNodes() const { return m_files; }
+    const std::vector<CMyPathNode*>& folderNodes() const { return m_folders; }
+
+    // The text before the last backslash; throws CabException("no parent folder")
+    // when there is none or it is the first character.
+    static CStdStr getParentFolder(const CStdStr& path);
+
+private:
+    CMyPathNode* createNode(const CStdStr& path);
+    CMyPathNode* createFileNode(const CStdStr& path);
+    CMyPathNode* createFolderNode(const CStdStr& path);
+    CMyPathNode* findFolderNode(const CStdStr& path) const;
+    CMyPathNode* findClosestNode(const CMyPathNode* node) const;
+    CMyPathNode* findParentNode(const CMyPathNode* node) const;
+    void createParentFolder(CMyPathNode* node);
+    void buildIntermediateFolder(CMyPathNode* top, CMyPathNode* node);
+    void addNode(CMyPathNode* node, int depth = 0);
+    static void link(CMyPathNode* node, CMyPathNode* parent);
+
+    std::vector<CMyPathNode*> m_files;    // in the order of addition = entry order
+    std::vector<CMyPathNode*> m_folders;  // in the order of creation
+};
