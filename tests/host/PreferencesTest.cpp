@@ -1,0 +1,245 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "host/CRegistry.h"
+#include "host/Preferences.h"
+#include "host/PreferencesCodec.h"
+#include "tests/host/SettingsFixture.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+const char* const kKiv = "Software\\Kiv Foundry\\Kiv";
+const char* const kConfig = "Software\\Kiv Foundry\\Kiv\\Config";
+
+TEST(CreateKey, MapsKeyPathsToDomains) {
+    CRegistryImpl r;
+    EXPECT_EQ("com.kiv-foundry.kiv", r.createKey(kKiv));
+    EXPECT_EQ("com.kiv-foundry.kiv.config", r.createKey(kConfig));
+    EXPECT_EQ("com.kiv-foundry.kiv.config", r.createKey("SOFTWARE\\KIV FOUNDRY\\KIV\\CONFIG"));
+    EXPECT_EQ("software.other vendor.x", r.createKey("Software\\Other Vendor\\X"));
+    // Every occurrence is replaced, scanning on after the inserted identifier.
+    EXPECT_EQ("com.kiv-foundry.kiv.com.kiv-foundry.kiv", r.createKey("Software\\Kiv Foundry\\Kiv\\Software\\Kiv Foundry\\Kiv"));
+    EXPECT_EQ("", r.createKey(""));
+    EXPECT_EQ(19u, std::string(KIV_APP_IDENTIFIER).size());
+}
+
+TEST(PreferencesCodec, Base64AndUtf8) {
+    std::string all;
+    for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+    for (size_t n = 0; n < 7; ++n) {
+        std::string in = all.substr(250 - n, n), out;
+        ASSERT_TRUE(PreferencesCodec::base64Decode(PreferencesCodec::base64Encode(in), out));
+        EXPECT_EQ(in, out);
+    }
+    std::string out;
+    EXPECT_TRUE(PreferencesCodec::base64Decode(PreferencesCodec::base64Encode(all), out));
+    EXPECT_EQ(all, out);
+    EXPECT_FALSE(PreferencesCodec::base64Decode("abc", out));
+    EXPECT_FALSE(PreferencesCodec::base64Decode("ab!d", out));
+    EXPECT_FALSE(PreferencesCodec::base64Decode("a=bc", out));
+
+    EXPECT_TRUE(PreferencesCodec::isValidUtf8(std::string("a\0b", 3)));
+    EXPECT_TRUE(PreferencesCodec::isValidUtf8("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"));
+    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xff"));
+    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xc0\xaf"));          // overlong "/"
+    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xed\xa0\x80"));      // surrogate
+    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xf4\x90\x80\x80"));  // above U+10FFFF
+    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xe2\x82"));          // cut short
+}
+
+TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
+    CRegistryImpl r;
+    int i = -5;
+    CStdStr s = "default";
+    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Missing", i));
+    EXPECT_EQ(-5, i);
+
+    for (int v : {0, 7, -1, 2147483647, -2147483647 - 1}) {
+        ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Int", v));
+        ASSERT_TRUE(r.ReadSettingImpl(kKiv, "Int", i));
+        EXPECT_EQ(v, i);
+    }
+    ASSERT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("10.0.0.1")));
+    ASSERT_TRUE(r.ReadSettingImpl(kConfig, "cabDirectory.host", s));
+    EXPECT_EQ("10.0.0.1", s);
+
+    // Types survive: an int is not read as a string and the other way round.
+    CStdStr asString = "unchanged";
+    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Int", asString));
+    EXPECT_EQ("unchanged", asString);
+    int asInt = 99;
+    EXPECT_FALSE(r.ReadSettingImpl(kConfig, "cabDirectory.host", asInt));
+    EXPECT_EQ(99, asInt);
+
+    // Booleans: the reader takes the key path as the domain as given.
+    ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", Preferences::Value::ofBool(true)));
+    bool b = false;
+    EXPECT_TRUE(r.ReadSettingImpl("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", b));
+    EXPECT_TRUE(b);
+    b = false;
+    EXPECT_FALSE(r.ReadSettingImpl(kConfig, "app.fileBrowser.enabled", b));
+    EXPECT_FALSE(b);
+    ASSERT_TRUE(Preferences::Set(kConfig, "flag", Preferences::Value::ofBool(false)));
+    b = true;
+    EXPECT_TRUE(r.ReadSettingImpl(kConfig, "flag", b));  // a domain literally named with backslashes
+    EXPECT_FALSE(b);
+    EXPECT_NE(std::string::npos, kivtest::readFile(folder() + "/com.kiv-foundry.kiv.json").find("\"Int\""));
+}
+
+TEST_F(SettingsTest, OddByteStringsRoundTrip) {
+    CRegistryImpl r;
+    const std::string cases[] = {
+        std::string(),
+        std::string("\0", 1),
+        std::string("a\0b\0", 4),
+        "\xff",
+        "caf\xe9",                  // Latin-1, not UTF-8
+        "\xc3\xa9t\xc3\xa9",        // valid UTF-8
+        "{\"$bytes\": \"AAAA\"}",   // looks like the escape form
+        "line\nbreak\ttab\\slash\"quote",
+        std::string(70000, 'x') + "\x80",
+    };
+    int n = 0;
+    for (const std::string& c : cases) {
+        CStdStr name = CStdStr::Formatted("s%d", n++);
+        ASSERT_TRUE(r.WriteSettingImpl(kKiv, name, CStdStr(c)));
+        CStdStr back = "sentinel";
+        ASSERT_TRUE(r.ReadSettingImpl(kKiv, name, back));
+        EXPECT_EQ(c, static_cast<const std::string&>(back)) << "case " << n - 1;
+    }
+    std::string all;
+    for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
+    ASSERT_TRUE(r.WriteSettingImpl(kKiv, "all", CStdStr(all)));
+    CStdStr back;
+    ASSERT_TRUE(r.ReadSettingImpl(kKiv, "all", back));
+    EXPECT_EQ(all, static_cast<const std::string&>(back));
+    // Key names that are not UTF-8 are refused rather than mangled.
+    EXPECT_FALSE(r.WriteSettingImpl(kKiv, "bad\xff", 1));
+}
+
+TEST_F(SettingsTest, ReadAllDumpsStringsAndLowByteOfInts) {
+    CRegistryImpl r;
+    std::map<CStdStr, CStdStr> values;
+    testing::internal::CaptureStdout();
+    r.ReadAllSettingsImpl(kConfig, values);
+    EXPECT_EQ("no keys for com.kiv-foundry.kiv.config\n", testing::internal::GetCapturedStdout());
+    EXPECT_TRUE(values.empty());
+
+    ASSERT_TRUE(r.WriteSettingImpl(kConfig, "seven", 7));
+    ASSERT_TRUE(r.WriteSettingImpl(kConfig, "letter", 65 + 256));
+    ASSERT_TRUE(r.WriteSettingImpl(kConfig, "name", CStdStr("value")));
+    ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "on", Preferences::Value::ofBool(true)));
+    values["stale"] = "kept";
+    r.ReadAllSettingsImpl(kConfig, values);
+    EXPECT_EQ(std::string(1, '\7'), values["seven"]);
+    EXPECT_EQ("A", values["letter"]);
+    EXPECT_EQ("value", values["name"]);
+    EXPECT_EQ(0u, values.count("on"));
+    EXPECT_EQ("kept", values["stale"]);
+}
+
+TEST_F(SettingsTest, CorruptDomainFailsReadsAndIsMovedAsideByWriter) {
+    CRegistryImpl r;
+    std::string file = folder() + "/com.kiv-foundry.kiv.json";
+    kivtest::writeFile(file, "{\"LogLevel\": 4,");
+    int level = 1;
+    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "LogLevel", level));
+    EXPECT_EQ(1, level);
+    std::map<CStdStr, CStdStr> values;
+    testing::internal::CaptureStdout();
+    r.ReadAllSettingsImpl(kKiv, values);
+    EXPECT_EQ("synchronization failed for com.kiv-foundry.kiv\n", testing::internal::GetCapturedStdout());
+
+    testing::internal::CaptureStderr();
+    ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Version", CStdStr("1.2")));
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(std::string::npos, err.find(".corrupt")) << err;
+    EXPECT_EQ("{\"LogLevel\": 4,", kivtest::readFile(file + ".corrupt"));
+    CStdStr version;
+    EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Version", version));
+    EXPECT_EQ("1.2", version);
+    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "LogLevel", level));
+
+    // A valid JSON document that is not an object is corrupt too.
+    kivtest::writeFile(file, "[1, 2]");
+    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Version", version));
+}
+
+TEST_F(SettingsTest, DomainsDeleteAndHandEditedEntries) {
+    ASSERT_TRUE(Preferences::Set("b.domain", "k", Preferences::Value::ofInt(1)));
+    ASSERT_TRUE(Preferences::Set("a/slash", "k", Preferences::Value::ofInt(2)));
+    ASSERT_TRUE(Preferences::Set(".hidden", "k", Preferences::Value::ofInt(3)));
+    EXPECT_EQ((std::vector<CStdStr>{".hidden", "a/slash", "b.domain"}), Preferences::Domains());
+    Preferences::Value v;
+    ASSERT_TRUE(Preferences::Get("a/slash", "k", v));
+    EXPECT_EQ(2, v.i);
+    EXPECT_FALSE(Preferences::Set("..", "k", Preferences::Value::ofInt(1)));
+    EXPECT_FALSE(Preferences::Set("", "k", Preferences::Value::ofInt(1)));
+
+    bool existed = false;
+    ASSERT_TRUE(Preferences::Remove("b.domain", "k", &existed));
+    EXPECT_TRUE(existed);
+    ASSERT_TRUE(Preferences::Remove("b.domain", "k", &existed));
+    EXPECT_FALSE(existed);
+    ASSERT_TRUE(Preferences::RemoveDomain("a/slash", &existed));
+    EXPECT_TRUE(existed);
+    ASSERT_TRUE(Preferences::RemoveDomain("never", &existed));
+    EXPECT_FALSE(existed);
+    EXPECT_EQ((std::vector<CStdStr>{".hidden", "b.domain"}), Preferences::Domains());
+
+    // Entries of other types survive a rewrite but are not read as values.
+    kivtest::writeFile(folder() + "/hand.json", "{\"f\": 1.5, \"big\": 4294967296, \"arr\": [1]}");
+    ASSERT_TRUE(Preferences::Set("hand", "n", Preferences::Value::ofInt(1)));
+    EXPECT_FALSE(Preferences::Get("hand", "f", v));
+    EXPECT_FALSE(Preferences::Get("hand", "big", v));
+    std::string text = kivtest::readFile(folder() + "/hand.json");
+    EXPECT_NE(std::string::npos, text.find("1.5"));
+    EXPECT_NE(std::string::npos, text.find("4294967296"));
+}
+
+// Two processes write different keys of one domain 500 times each; every
+// key of both survives.
+TEST_F(SettingsTest, ConcurrentWritersFromTwoProcessesLoseNothing) {
+    const int kWrites = 500;
+    pid_t children[2];
+    for (int c = 0; c < 2; ++c) {
+        children[c] = fork();
+        ASSERT_GE(children[c], 0);
+        if (children[c] == 0) {
+            CRegistryImpl r;
+            int failures = 0;
+            for (int i = 0; i < kWrites; ++i) {
+                CStdStr key = CStdStr::Formatted("p%d.k%d", c, i);
+                if (!r.WriteSettingImpl(kConfig, key, i)) ++failures;
+            }
+            _exit(failures == 0 ? 0 : 1);
+        }
+    }
+    for (pid_t child : children) {
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+    Preferences::Domain all;
+    ASSERT_TRUE(Preferences::Load("com.kiv-foundry.kiv.config", all));
+    EXPECT_EQ(static_cast<size_t>(2 * kWrites), all.size());
+    for (int c = 0; c < 2; ++c)
+        for (int i = 0; i < kWrites; ++i) {
+            auto it = all.find(CStdStr::Formatted("p%d.k%d", c, i));
+            ASSERT_NE(all.end(), it) << c << " " << i;
+            EXPECT_EQ(i, it->second.i);
+        }
+}
+
+TEST(CRegistry, OneSharedInstance) {
+    EXPECT_EQ(CRegistry::getInstance().get(), CRegistry::getInstance().get());
+    EXPECT_NE(nullptr, CRegistry::getInstance().get());
+}
+
+}  // namespace
