@@ -44,6 +44,11 @@ void makeFolders(const CStdStr& folder) {
     }
 }
 
+CStdStr parentOf(const CStdStr& path) {
+    size_t slash = path.find_last_of('/');
+    return slash == CStdStr::npos ? CStdStr() : CStdStr(path.substr(0, slash));
+}
+
 bool shouldLog(const boost::shared_ptr<CBBLog>& log, LOGLEVEL level) {
     if (!log) return false;
     LOGLEVEL configured = log->getLogLevel();
@@ -86,6 +91,7 @@ void CBBLog::initialize() {
         m_logFilePath = folder + "/" + m_fileName;
         m_errorLogPath = folder + "/errors.log";
         makeFolders(folder);
+        makeFolders(parentOf(m_logFilePath));  // the file name may hold a folder part
         int fd = -1;
         if (openFile(fd, m_logFilePath, false)) {
             m_logFd = fd;
@@ -200,14 +206,12 @@ void CBBLog::emit(LOGLEVEL level, const CStdStr& message) {
 
 void CBBLog::logLineToFile(const CStdStr& line) {
     PLockGuard guard(m_logFdLock);
+    if (m_logFd != -1) rotateIfNeeded(m_logFd, m_logFilePath);
     if (m_logFd == -1) {
-        // The folder or the file went away and could not be reopened last time.
-        makeFolders(getLogsDirectory());
-        openFile(m_logFd, m_logFilePath, false);
-        if (m_logFd == -1) return;
+        // The folder went away with the file: create both again.
+        makeFolders(parentOf(m_logFilePath));
+        if (!openFile(m_logFd, m_logFilePath, false)) return;
     }
-    rotateIfNeeded(m_logFd, m_logFilePath);
-    if (m_logFd == -1) return;
     ssize_t ignored = write(m_logFd, line.data(), line.size());
     (void)ignored;
 }
@@ -216,12 +220,11 @@ void CBBLog::_FatalError(const CStdStr& line) {
     if (!m_initialized.load(std::memory_order_acquire)) initialize();
     if (!m_errorLogOpen) return;
     PLockGuard guard(m_fileLock);
+    if (m_errorFd != -1) rotateIfNeeded(m_errorFd, m_errorLogPath);
     if (m_errorFd == -1) {
-        openFile(m_errorFd, m_errorLogPath, false);
-        if (m_errorFd == -1) return;
+        makeFolders(parentOf(m_errorLogPath));
+        if (!openFile(m_errorFd, m_errorLogPath, false)) return;
     }
-    rotateIfNeeded(m_errorFd, m_errorLogPath);
-    if (m_errorFd == -1) return;
     ssize_t ignored = write(m_errorFd, line.data(), line.size());
     (void)ignored;
 }

@@ -1,0 +1,47 @@
+// Logger test helpers: each test gets its own KIV_ROOT (so its own logs
+// folder and errors.log) and XDG_CONFIG_HOME (its own LogLevel setting).
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "tests/support/TempDir.h"
+
+class LoggerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_oldRoot = getenv("KIV_ROOT") ? getenv("KIV_ROOT") : "";
+        m_oldConfig = getenv("XDG_CONFIG_HOME") ? getenv("XDG_CONFIG_HOME") : "";
+        m_dir.reset(new kivtest::TempDir("kivlog"));
+        setenv("KIV_ROOT", (m_dir->path() + "/root").c_str(), 1);
+        setenv("XDG_CONFIG_HOME", (m_dir->path() + "/config").c_str(), 1);
+    }
+    void TearDown() override {
+        setenv("KIV_ROOT", m_oldRoot.c_str(), 1);
+        setenv("XDG_CONFIG_HOME", m_oldConfig.c_str(), 1);
+        m_dir.reset();
+    }
+    std::string logs() const { return m_dir->path() + "/root/Library/Logs/KivFoundry"; }
+
+    static std::vector<std::string> lines(const std::string& text) {
+        std::vector<std::string> out;
+        size_t start = 0;
+        while (start < text.size()) {
+            size_t end = text.find('\n', start);
+            if (end == std::string::npos) {
+                out.push_back(text.substr(start));
+                break;
+            }
+            out.push_back(text.substr(start, end - start));
+            start = end + 1;
+        }
+        return out;
+    }
+
+    std::unique_ptr<kivtest::TempDir> m_dir;
+    std::string m_oldRoot, m_oldConfig;
+};

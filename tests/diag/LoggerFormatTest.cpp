@@ -1,0 +1,190 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+
+#include "diag/CBBLog.h"
+#include "host/CRegistry.h"
+#include "tests/diag/LoggerFixture.h"
+
+namespace {
+
+const char* const kStamp = R"(\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
+
+TEST_F(LoggerTest, LinesHaveTheHeaderFormat) {
+    {
+        CBBLog log("KivRequestProxy.log", false, 524288);
+        log.setLogLevel(LOGLEVEL_DEBUG);
+        log.AddLog(LOGLEVEL_FATAL, "boom %d", 42);
+        log.AddLog(LOGLEVEL_ERROR, "err");
+        log.AddLog(LOGLEVEL_WARN, "warn");
+        log.AddLog(LOGLEVEL_INFO, "info");
+        log.AddLog("debug %s", "text");
+        log._AddLog(boost::format("fmt %1%-%2%") % 1 % "two", LOGLEVEL_INFO);
+        log.AddRawLog("raw text without end");
+        log.AddRawLog(nullptr);
+        EXPECT_EQ(logs() + "/KivRequestProxy.log", log.getLogFilePath());
+    }
+    std::vector<std::string> got = lines(kivtest::readFile(logs() + "/KivRequestProxy.log"));
+    ASSERT_EQ(7u, got.size());
+    std::string s = kStamp;
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(s + R"( \[FATAL\] - KivRequestProxy - boom 42)"))) << got[0];
+    EXPECT_TRUE(std::regex_match(got[1], std::regex(s + R"( \[ERROR\] - err)"))) << got[1];
+    EXPECT_TRUE(std::regex_match(got[2], std::regex(s + R"( \[WARN \] - warn)"))) << got[2];
+    EXPECT_TRUE(std::regex_match(got[3], std::regex(s + R"( \[INFO \] - info)"))) << got[3];
+    EXPECT_TRUE(std::regex_match(got[4], std::regex(s + R"( \[DEBUG\] - debug text)"))) << got[4];
+    EXPECT_TRUE(std::regex_match(got[5], std::regex(s + R"( \[INFO \] - fmt 1-two)"))) << got[5];
+    EXPECT_EQ("raw text without end", got[6]);
+
+    // The FATAL line, and only it, is also in errors.log.
+    std::vector<std::string> errors = lines(kivtest::readFile(logs() + "/errors.log"));
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(got[0], errors[0]);
+
+    EXPECT_TRUE(std::regex_match(std::string(CBBLog::getTimeString()), std::regex(s)));
+}
+
+TEST_F(LoggerTest, ProcessIdAndProgramNameAndLongMessages) {
+    {
+        CBBLog log("sub/My.Module.log", true, 524288);
+        log.setLogLevel(LOGLEVEL_INFO);
+        log.AddLog(LOGLEVEL_FATAL, "f");
+        log.AddLog(LOGLEVEL_WARN, "%s", std::string(30000, 'y').c_str());
+    }
+    std::vector<std::string> got = lines(kivtest::readFile(logs() + "/sub/My.Module.log"));
+    ASSERT_EQ(2u, got.size());
+    std::string pid = std::to_string(getpid());
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(std::string(kStamp) + R"( \[FATAL\] )" + pid + " - My - f")))
+        << got[0];
+    // Messages are cut at the 20,480-byte buffer.
+    size_t header = got[1].find(" - ") + 3;
+    EXPECT_EQ(20479u, got[1].size() - header);
+}
+
+TEST_F(LoggerTest, LevelRules) {
+    CRegistryImpl reg;
+    const char* key = "Software\\Kiv Foundry\\Kiv";
+    std::string path = logs() + "/levels.log";
+    auto run = [&](const char* tag) {
+        CBBLog log("levels.log", false, 524288);
+        log.AddLog(LOGLEVEL_FATAL, "%s fatal", tag);
+        log.AddLog(LOGLEVEL_ERROR, "%s error", tag);
+        log.AddLog(LOGLEVEL_WARN, "%s warn", tag);
+        log.AddLog(LOGLEVEL_INFO, "%s info", tag);
+        log.AddLog(LOGLEVEL_DEBUG, "%s debug", tag);
+        return log.getLogLevel();
+    };
+    auto count = [&](const std::string& tag) {
+        std::string text = kivtest::readFile(path);
+        int n = 0;
+        for (std::string l : lines(text)) {
+            l += " ";
+            n += l.find("] - " + tag + " ") != std::string::npos || l.find(" - levels - " + tag + " ") != std::string::npos;
+        }
+        return n;
+    };
+    EXPECT_EQ(LOGLEVEL_ERROR, run("absent"));  // default 1
+    EXPECT_EQ(2, count("absent"));
+    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", 4));
+    EXPECT_EQ(LOGLEVEL_DEBUG, run("four"));
+    EXPECT_EQ(5, count("four"));
+    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", 0));
+    run("zero");
+    EXPECT_EQ(1, count("zero"));
+    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", -2));
+    run("neg");
+    EXPECT_EQ(0, count("neg"));
+
+    // -1 stored: every call reads the setting again.
+    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", -1));
+    {
+        CBBLog log("levels.log", false, 524288);
+        log.AddLog(LOGLEVEL_FATAL, "reread dropped");
+        EXPECT_EQ(LOGLEVEL_UNSET, log.getLogLevel());
+        ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", 3));
+        log.AddLog(LOGLEVEL_INFO, "reread kept");
+        EXPECT_EQ(LOGLEVEL_INFO, log.getLogLevel());
+    }
+    EXPECT_EQ(0, count("reread dropped"));
+    EXPECT_EQ(1, count("reread kept"));
+}
+
+TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
+    std::string path = logs() + "/forms.log";
+    CBBLog::error("no logger: %d", 1);  // must do nothing
+    EXPECT_FALSE(CBBLog::isDebugEnabled());
+    {
+        boost::shared_ptr<CBBLog> log(new CBBLog("forms.log", false, 524288));
+        log->_fatal("member fatal while unset");
+        log->_error("member error while unset");
+        EXPECT_EQ(LOGLEVEL_UNSET, log->getLogLevel());
+
+        CBBLog::setLogger(log);
+        EXPECT_TRUE(CBBLog::isWarnEnabled());
+        EXPECT_TRUE(CBBLog::isDebugEnabled());  // true before the level is read
+        CBBLog::debug("static debug filtered");
+        EXPECT_EQ(LOGLEVEL_ERROR, log->getLogLevel());
+        EXPECT_FALSE(CBBLog::isWarnEnabled());
+        EXPECT_FALSE(CBBLog::isDebugEnabled());
+        CBBLog::error("static error %s", "kept");
+        CBBLog::error(boost::format("static format %1%") % "kept");
+        CBBLog::warn(log, "explicit warn filtered");
+        CBBLog::fatal(log, "explicit fatal kept");
+        log->_error("member error kept");
+        log->_warn("member warn filtered");
+
+        log->setLogLevel(LOGLEVEL_DEBUG);
+        EXPECT_TRUE(CBBLog::isInfoEnabled());
+        log->_debug("member debug kept");
+        CBBLog::info(boost::format("static info kept"));
+        CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+        CBBLog::error("after reset filtered");
+    }
+    std::string text = kivtest::readFile(path);
+    EXPECT_EQ(std::string::npos, text.find("unset")) << text;
+    EXPECT_EQ(std::string::npos, text.find("filtered")) << text;
+    for (const char* s : {"static error kept", "static format kept", "explicit fatal kept", "member error kept",
+                          "member debug kept", "static info kept"})
+        EXPECT_NE(std::string::npos, text.find(s)) << s;
+}
+
+TEST_F(LoggerTest, FatalReachesErrorsLogBeforeExit) {
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Leaked on purpose: the process ends without running destructors.
+        CBBLog* log = new CBBLog("crashing.log", false, 524288);
+        log->setLogLevel(LOGLEVEL_ERROR);
+        log->logFatalNow("last words");
+        _exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    ASSERT_TRUE(WIFEXITED(status));
+    std::string errors = kivtest::readFile(logs() + "/errors.log");
+    EXPECT_TRUE(std::regex_search(errors, std::regex(R"(\[FATAL\] - crashing - last words\n)"))) << errors;
+}
+
+TEST_F(LoggerTest, NoLogsFolderIsReportedAndHarmless) {
+    // KIV_ROOT names a regular file, so the logs folder cannot exist.
+    kivtest::writeFile(m_dir->path() + "/file", "x");
+    setenv("KIV_ROOT", (m_dir->path() + "/file").c_str(), 1);
+    testing::internal::CaptureStdout();
+    {
+        CBBLog log("nowhere.log", false, 524288);
+        log.setLogLevel(LOGLEVEL_DEBUG);
+        log.AddLog(LOGLEVEL_FATAL, "nothing");
+        log.AddLog(LOGLEVEL_ERROR, "nothing either");
+        EXPECT_EQ(-1, log.getFileSize());
+        EXPECT_TRUE(log.flush(10000));
+    }
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("Error: could not open log file '")) << out;
+    EXPECT_NE(std::string::npos, out.find("Error: could not open error log file '")) << out;
+    EXPECT_EQ(std::string::npos, out.find("nothing")) << out;
+}
+
+}  // namespace
