@@ -47,6 +47,7 @@ enum VARENUM : VARTYPE {
 #define DISP_E_BADINDEX ((HRESULT)0x8002000B)
 #define DISP_E_BADVARTYPE ((HRESULT)0x80020008)
 #define DISP_E_ARRAYISLOCKED ((HRESULT)0x8002000D)
+#define E_UNEXPECTED ((HRESULT)0x8000FFFF)
 
 struct SAFEARRAYBOUND {
     uint32_t cElements;
@@ -99,12 +100,21 @@ HRESULT SafeArrayRedim(SAFEARRAY* psa, const SAFEARRAYBOUND* bound);
 HRESULT SafeArrayDestroy(SAFEARRAY* psa);
 HRESULT SafeArrayGetLBound(const SAFEARRAY* psa, uint32_t dim, int32_t* out);
 HRESULT SafeArrayGetUBound(const SAFEARRAY* psa, uint32_t dim, int32_t* out);
+// For a VT_VARIANT array `out` is a tagVARIANT* taken as uninitialised storage
+// (overwritten, not cleared); for a VT_BSTR array a BSTR* that gets a new string.
 HRESULT SafeArrayGetElement(const SAFEARRAY* psa, const int32_t* index, void* out);
 HRESULT SafeArrayPutElement(SAFEARRAY* psa, const int32_t* index, const void* in);
 HRESULT SafeArrayAccessData(SAFEARRAY* psa, void** data);
 HRESULT SafeArrayUnaccessData(SAFEARRAY* psa);
 // Bytes per element of an array element type, 0 when the type is not allowed in arrays.
 uint32_t SafeArrayElementSize(VARTYPE vt);
+// A deep copy of a one-dimensional array into *out (null on failure).
+HRESULT SafeArrayCopy(const SAFEARRAY* psa, SAFEARRAY** out);
+// As SafeArrayCreate with one bound; with zero false the storage of numeric
+// element types is left uninitialised (for callers that fill it at once).
+// String and variant slots always start empty. Null on failure, including
+// requests for more storage than one array may hold.
+SAFEARRAY* SafeArrayCreateEx(VARTYPE vt, const SAFEARRAYBOUND& bound, bool zero);
 
 BSTR SysAllocString(const char* text);                   // copies up to the NUL; null gives null
 BSTR SysAllocStringLen(const char* data, uint32_t len);  // copies len bytes (data may be null: zeros)

@@ -1,0 +1,177 @@
+#include "tests/cab/VariantSamples.h"
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+
+namespace kivtest {
+
+namespace {
+
+const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2, VT_BOOL, VT_I4, VT_UI4,
+                            VT_R4,    VT_I8,   VT_UI8, VT_R8, VT_DATE, VT_BSTR};
+const VARTYPE kElements[] = {VT_I1, VT_UI1, VT_I2,   VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
+                             VT_UI8, VT_R4, VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
+
+std::string randomText(std::mt19937_64& rng) {
+    static const char* samples[] = {"", "a", "hello world", "caf\xc3\xa9", "\xff\xfe raw", "nul\0inside",
+                                    "quote \" and \\ backslash", "{\"$vt\":\"I2\"}", "\xe2\x82\xac euro"};
+    size_t pick = rng() % 10;
+    if (pick < 9) {
+        const char* s = samples[pick];
+        return pick == 5 ? std::string(s, 10) : std::string(s);
+    }
+    std::string s(rng() % 40, '\0');
+    for (auto& c : s) c = char(rng());
+    return s;
+}
+
+double randomDouble(std::mt19937_64& rng) {
+    switch (rng() % 9) {
+    case 0: return 0.0;
+    case 1: return -0.0;
+    case 2: return std::numeric_limits<double>::quiet_NaN();
+    case 3: return -std::numeric_limits<double>::infinity();
+    case 4: return 3.0;  // integral: must not come back as an integer
+    case 5: return 39511.21253472222;  // a date with a time of day
+    case 6: return double(int64_t(rng() % 80000)) + double(rng() % 86400) / 86400.0;
+    case 7: { uint64_t bits = rng(); double d; memcpy(&d, &bits, 8); return d; }
+    default: return std::ldexp(double(int64_t(rng())), -int(rng() % 80));
+    }
+}
+
+void randomValueBits(std::mt19937_64& rng, VARTYPE t, void* out) {
+    uint64_t bits = rng();
+    switch (rng() % 4) {  // bias towards limits
+    case 0: bits = 0; break;
+    case 1: bits = ~uint64_t(0); break;
+    case 2: bits = uint64_t(1) << (rng() % 64); break;
+    default: break;
+    }
+    switch (t) {
+    case VT_I1: case VT_UI1: memcpy(out, &bits, 1); break;
+    case VT_I2: case VT_UI2: memcpy(out, &bits, 2); break;
+    case VT_BOOL: { int16_t b = rng() % 5 ? (rng() % 2 ? -1 : 0) : int16_t(bits); memcpy(out, &b, 2); break; }
+    case VT_I4: case VT_UI4: memcpy(out, &bits, 4); break;
+    case VT_R4: { float f = float(randomDouble(rng)); memcpy(out, &f, 4); break; }
+    case VT_I8: case VT_UI8: memcpy(out, &bits, 8); break;
+    case VT_R8: case VT_DATE: { double d = randomDouble(rng); memcpy(out, &d, 8); break; }
+    default: break;
+    }
+}
+
+}  // namespace
+
+void MakeString(tagVARIANT* v, const std::string& s) {
+    VariantInit(v);
+    v->vt = VT_BSTR;
+    v->bstrVal = SysAllocStringLen(s.data(), uint32_t(s.size()));
+}
+
+void MakeBytes(tagVARIANT* v, const std::string& bytes, int32_t lb) {
+    VariantInit(v);
+    SAFEARRAYBOUND b{uint32_t(bytes.size()), lb};
+    v->vt = VT_ARRAY | VT_UI1;
+    v->parray = SafeArrayCreate(VT_UI1, 1, &b);
+    if (!bytes.empty()) memcpy(v->parray->pvData, bytes.data(), bytes.size());
+}
+
+void MakeVariantArray(tagVARIANT* v, std::vector<tagVARIANT> elements, int32_t lb) {
+    VariantInit(v);
+    SAFEARRAYBOUND b{uint32_t(elements.size()), lb};
+    v->vt = VT_ARRAY | VT_VARIANT;
+    v->parray = SafeArrayCreate(VT_VARIANT, 1, &b);
+    if (!elements.empty()) memcpy(v->parray->pvData, elements.data(), elements.size() * sizeof(tagVARIANT));
+}
+
+void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out) {
+    VariantInit(out);
+    bool array = depth > 0 && rng() % 3 == 0;
+    if (!array) {
+        VARTYPE t = kScalars[rng() % (sizeof kScalars / sizeof kScalars[0])];
+        out->vt = t;
+        if (t == VT_BSTR) {
+            if (rng() % 8) {
+                std::string s = randomText(rng);
+                out->bstrVal = SysAllocStringLen(s.data(), uint32_t(s.size()));
+            }
+        } else {
+            randomValueBits(rng, t, &out->llVal);
+        }
+        return;
+    }
+    VARTYPE et = kElements[rng() % (sizeof kElements / sizeof kElements[0])];
+    uint32_t n = uint32_t(rng() % 6);
+    if (rng() % 10 == 0) n = uint32_t(rng() % 300);
+    int32_t lb = rng() % 5 == 0 ? int32_t(rng() % 7) - 3 : 0;
+    SAFEARRAYBOUND b{n, lb};
+    out->vt = VT_ARRAY | et;
+    out->parray = SafeArrayCreate(et, 1, &b);
+    char* data = static_cast<char*>(out->parray->pvData);
+    for (uint32_t i = 0; i < n; ++i) {
+        if (et == VT_VARIANT) {
+            RandomVariant(rng, depth - 1, reinterpret_cast<tagVARIANT*>(data) + i);
+        } else if (et == VT_BSTR) {
+            if (rng() % 8) {
+                std::string s = randomText(rng);
+                reinterpret_cast<BSTR*>(data)[i] = SysAllocStringLen(s.data(), uint32_t(s.size()));
+            }
+        } else {
+            randomValueBits(rng, et, data + size_t(i) * out->parray->cbElements);
+        }
+    }
+}
+
+bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::string* why) {
+    auto differ = [&](const std::string& what) {
+        if (why) *why = what;
+        return false;
+    };
+    if (a.vt != b.vt) return differ("type " + std::to_string(a.vt) + " vs " + std::to_string(b.vt));
+    if (a.vt & VT_ARRAY) {
+        const SAFEARRAY* x = a.parray;
+        const SAFEARRAY* y = b.parray;
+        if (!x || !y) return x == y ? true : differ("null array");
+        if (x->vt != y->vt || x->rgsabound[0].cElements != y->rgsabound[0].cElements ||
+            x->rgsabound[0].lLbound != y->rgsabound[0].lLbound)
+            return differ("array shape");
+        uint32_t n = x->rgsabound[0].cElements;
+        for (uint32_t i = 0; i < n; ++i) {
+            if (x->vt == VT_VARIANT) {
+                std::string inner;
+                if (!IdenticalVariants(static_cast<tagVARIANT*>(x->pvData)[i], static_cast<tagVARIANT*>(y->pvData)[i],
+                                       &inner))
+                    return differ("[" + std::to_string(i) + "] " + inner);
+            } else if (x->vt == VT_BSTR) {
+                BSTR s = static_cast<BSTR*>(x->pvData)[i];
+                BSTR t = static_cast<BSTR*>(y->pvData)[i];
+                if ((s == nullptr) != (t == nullptr) || SysStringLen(s) != SysStringLen(t) ||
+                    (s && memcmp(s, t, SysStringLen(s))))
+                    return differ("string element " + std::to_string(i));
+            }
+        }
+        if (x->vt != VT_VARIANT && x->vt != VT_BSTR &&
+            memcmp(x->pvData, y->pvData, size_t(n) * x->cbElements))
+            return differ("array data");
+        return true;
+    }
+    if (a.vt == VT_BSTR) {
+        if ((a.bstrVal == nullptr) != (b.bstrVal == nullptr)) return differ("null string");
+        if (SysStringLen(a.bstrVal) != SysStringLen(b.bstrVal) ||
+            (a.bstrVal && memcmp(a.bstrVal, b.bstrVal, SysStringLen(a.bstrVal))))
+            return differ("string");
+        return true;
+    }
+    size_t n = 0;
+    switch (a.vt) {
+    case VT_I1: case VT_UI1: n = 1; break;
+    case VT_I2: case VT_UI2: case VT_BOOL: n = 2; break;
+    case VT_I4: case VT_UI4: case VT_R4: n = 4; break;
+    case VT_I8: case VT_UI8: case VT_R8: case VT_DATE: n = 8; break;
+    default: break;
+    }
+    if (n && memcmp(&a.llVal, &b.llVal, n)) return differ("value bits");
+    return true;
+}
+
+}  // namespace kivtest
