@@ -1,0 +1,134 @@
+// SortFiles: every key, folders first, byte order of names, key parsing, and
+// agreement with the live comparison functors.
+#include <gtest/gtest.h>
+#include <sys/time.h>
+
+#include <algorithm>
+#include <string>
+
+#include "files/CFileTools.h"
+#include "files/FileSortFunctors.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+class SortFixture : public testing::Test {
+protected:
+    void SetUp() override {
+        // name, size, modification time
+        add("b.txt", 30, 300);
+        add("A.mp3", 10, 200);
+        add("c.wav", 20, 100);
+        add("\xc3\xa9t\xc3\xa9.ogg", 5, 400);  // UTF-8 "ete": bytes above 127 sort before ASCII
+        folder("zfolder", 50);
+        folder("Afolder", 60);
+    }
+    void TearDown() override {
+        for (CFileTools* e : entries) delete e;
+    }
+    void add(const std::string& name, size_t size, time_t mtime) {
+        kivtest::writeFile(dir.file(name), std::string(size, 'x'));
+        touch(name, mtime);
+        entries.push_back(new CFileTools(dir.file(name), name));
+    }
+    void folder(const std::string& name, time_t mtime) {
+        kivtest::writeFile(dir.file(name + "/inside"), "");
+        touch(name, mtime);
+        entries.push_back(new CFileTools(dir.file(name), name));
+    }
+    void touch(const std::string& name, time_t t) {
+        struct timeval times[2] = {{t, 0}, {t, 0}};
+        ASSERT_EQ(utimes(dir.file(name).c_str(), times), 0);
+    }
+    std::string order(const char* spec, int expectedResult = 1) {
+        EXPECT_EQ(CFileTools::SortFiles(entries, spec), expectedResult) << spec;
+        std::string out;
+        for (CFileTools* e : entries) out += (out.empty() ? "" : " ") + e->getDisplayName();
+        return out;
+    }
+
+    kivtest::TempDir dir;
+    std::vector<CFileTools*> entries;
+};
+
+const char* kEte = "\xc3\xa9t\xc3\xa9.ogg";
+
+}  // namespace
+
+TEST_F(SortFixture, EveryKeyKeepsFoldersFirst) {
+    EXPECT_EQ(order("title:asc"), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+    EXPECT_EQ(order("path:asc"), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+    EXPECT_EQ(order("title:desc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    EXPECT_EQ(order("path:desc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    // The folders' paths hold no ".", so their extension is the whole path.
+    EXPECT_EQ(order("path.extension:asc"), "Afolder zfolder A.mp3 " + std::string(kEte) + " b.txt c.wav");
+    EXPECT_EQ(order("path.extension:desc"), "zfolder Afolder c.wav b.txt " + std::string(kEte) + " A.mp3");
+    // Folders have no size: their order among themselves is open.
+    EXPECT_EQ(order("size:asc").substr(16), std::string(kEte) + " A.mp3 c.wav b.txt");
+    EXPECT_EQ(order("size:desc").substr(16), std::string("b.txt c.wav A.mp3 ") + kEte);
+    EXPECT_EQ(order("lastModified:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
+    EXPECT_EQ(order("lastModified:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+    EXPECT_EQ(order("creationDate:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
+    EXPECT_EQ(order("creationDate:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+    EXPECT_EQ(order("lastAccessTime:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
+    EXPECT_EQ(order("lastAccessTime:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+}
+
+TEST_F(SortFixture, OnlyTheFirstKeyCountsAndUnknownKeysSortByTitle) {
+    EXPECT_EQ(order("title:desc,size:asc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    EXPECT_EQ(order(",size:asc", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+    order("size:desc");
+    EXPECT_EQ(order("", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+    order("size:desc");
+    EXPECT_EQ(order("Title:asc", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+}
+
+TEST(CompareNames, ClassicLoweringAndSignedBytes) {
+    EXPECT_EQ(CompareNames("abc", "ABC"), 0);
+    EXPECT_LT(CompareNames("ab", "abc"), 0);
+    EXPECT_GT(CompareNames("abc", "ab"), 0);
+    EXPECT_LT(CompareNames("\xff", "a"), 0);
+    EXPECT_LT(CompareNames("\x80", "\x7f"), 0);
+    EXPECT_LT(CompareNames("Z\xc3\x89", "z\xc3\xa9"), 0);  // no lowering above ASCII
+    EXPECT_LT(CompareNames("_", "a"), 0);                  // lowered "A" is after "_"
+    EXPECT_GT(CompareNames("A", "_"), 0);
+}
+
+// The keys read once per sort give the same permutation as the functors that
+// query the disk in every comparison, duplicates included.
+TEST(SortFiles, SameOrderAsLiveFunctors) {
+    kivtest::TempDir dir;
+    std::vector<CFileTools*> cached, live;
+    for (int i = 0; i < 300; ++i) {
+        std::string name = "f" + std::to_string((i * 37) % 101) + (i % 3 ? ".a" : ".B");
+        std::string path = dir.file(std::to_string(i) + "/" + name);
+        if (i % 7 == 0)
+            kivtest::writeFile(path + "/x", "");
+        else
+            kivtest::writeFile(path, std::string((i * 13) % 17, 'x'));
+        struct timeval times[2] = {{1000 + (i * 7) % 11, 0}, {1000 + (i * 7) % 11, 0}};
+        ASSERT_EQ(utimes(path.c_str(), times), 0);
+        cached.push_back(new CFileTools(path));
+        live.push_back(new CFileTools(path));
+    }
+    auto check = [&](const char* spec, auto functor) {
+        std::vector<CFileTools*> a = cached, b = live;
+        CFileTools::SortFiles(a, spec);
+        std::sort(b.begin(), b.end(), functor);
+        for (size_t i = 0; i < a.size(); ++i) ASSERT_EQ(a[i]->getPath(), b[i]->getPath()) << spec << " at " << i;
+    };
+    check("title:asc", SortByTitleAsc());
+    check("title:desc", SortByTitleDesc());
+    check("path.extension:asc", SortByExtensionAsc());
+    check("path.extension:desc", SortByExtensionDesc());
+    check("size:asc", SortBySizeAsc());
+    check("size:desc", SortBySizeDesc());
+    check("creationDate:asc", SortByCreationDateAsc());
+    check("creationDate:desc", SortByCreationDateDesc());
+    check("lastModified:asc", SortByLastModifiedAsc());
+    check("lastModified:desc", SortByLastModifiedDesc());
+    check("lastAccessTime:asc", SortByLastAccessedTimeAsc());
+    check("lastAccessTime:desc", SortByLastAccessedTimeDesc());
+    for (CFileTools* e : cached) delete e;
+    for (CFileTools* e : live) delete e;
+}

@@ -1,0 +1,153 @@
+// Special folders, temporary folders, the data folder, medium ids and path joins.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "files/CFileTools.h"
+#include "files/CStdPath.h"
+#include "host/CRegistry.h"
+#include "host/KivFolders.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+// Sets or clears an environment variable for one scope.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const char* value) : m_name(name) {
+        const char* old = getenv(name);
+        m_had = old != nullptr;
+        if (old) m_old = old;
+        if (value)
+            setenv(name, value, 1);
+        else
+            unsetenv(name);
+    }
+    ~ScopedEnv() {
+        if (m_had)
+            setenv(m_name, m_old.c_str(), 1);
+        else
+            unsetenv(m_name);
+    }
+
+private:
+    const char* m_name;
+    bool m_had = false;
+    std::string m_old;
+};
+
+}  // namespace
+
+TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
+    CStdStr home = CFileTools::GetUserHomeFolder();
+    ASSERT_FALSE(home.empty());
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%mydocuments%"), home + "/Documents");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYDOCUMENTS%/x"), home + "/Documents");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("before%MyMusic%after"), home + "/Music");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%desktop%"), home + "/Desktop");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYPICTURES%"), home + "/Pictures");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYVIDEO%"), home + "/Videos");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYCOMPUTER%"), home + "/");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("%UNKNOWN%"), home);
+    EXPECT_EQ(CFileTools::resolveSpecialPath("/plain/path"), "/plain/path");
+    EXPECT_EQ(CFileTools::resolveSpecialPath("/one%sign"), "/one%sign");
+    EXPECT_EQ(CFileTools::resolveShortcut("/any/path"), "");
+    EXPECT_EQ(CFileTools::GetPathFromCSIDL(5), "");
+}
+
+TEST(TempFolders, TmpdirThenVarTmpThenTmp) {
+    kivtest::TempDir dir;
+    {
+        ScopedEnv env("TMPDIR", dir.path().c_str());
+        EXPECT_EQ(CFileTools::getTmpFolder(), dir.path());
+        // Trailing and leading separators collapse to one, and the subfolder is created.
+        ScopedEnv env2("TMPDIR", (dir.path() + "//").c_str());
+        CStdStr sub = CFileTools::getTmpFolder(CStdStr("//zips"));
+        EXPECT_EQ(sub, dir.path() + "/zips");
+        EXPECT_TRUE(CFileTools(sub).isFolder());
+    }
+    {
+        ScopedEnv env("TMPDIR", (dir.path() + "/missing").c_str());
+        CStdStr expected = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
+        EXPECT_EQ(CFileTools::getTmpFolder(), expected);
+    }
+    {
+        ScopedEnv env("TMPDIR", nullptr);
+        CStdStr expected = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
+        EXPECT_EQ(CFileTools::getTmpFolder(), expected);
+    }
+    CStdStr temp = CFileTools::GenerateTempFilePath();
+    ASSERT_EQ(temp.Left(9), "/tmp/file");
+    EXPECT_EQ(temp.size(), 15u);
+    CFileTools tempFile(temp);
+    EXPECT_TRUE(tempFile.exists());
+    EXPECT_EQ(tempFile.getFileSize(), 0u);
+    EXPECT_TRUE(CFileTools::DeleteFile(temp));
+}
+
+TEST(DataFolder, CreatedWithParentsAndOpenModeUnderRoot) {
+    CStdStr data = CFileTools::GetKivDataFolder();
+    EXPECT_EQ(data, KivFolders::DataFolder());
+    struct stat st;
+    ASSERT_EQ(stat(data.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(CFileTools::GetKivDataFolder(), data);  // existing: unchanged
+
+    CStdStr sub = CFileTools::GetKivDataSubFolder("Crashes");
+    EXPECT_EQ(sub, data + "/Crashes");
+    ASSERT_EQ(stat(sub.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(CFileTools::GetLogsDirectory(), KivFolders::LogsDirectory());
+}
+
+TEST(DataFolder, UncreatableSubfolderThrowsLogicError) {
+    CStdStr data = CFileTools::GetKivDataFolder();
+    try {
+        CFileTools::GetKivDataSubFolder("no/such/parent");
+        FAIL() << "expected std::logic_error";
+    } catch (const std::logic_error& e) {
+        EXPECT_EQ(CStdStr(e.what()).Left(35), "Failed to create Kiv data subfolder");
+    }
+}
+
+TEST(BinFolder, InstallDirSettingElseExecutableFolder) {
+    EXPECT_EQ(CFileTools::getKivBinFolderPath(), KivFolders::ExecutableFolder());
+    EXPECT_EQ(CFileTools::GetProcessBundleFolder(), KivFolders::ExecutableFolder());
+    kivtest::TempDir dir;
+    EXPECT_FALSE(CFileTools::testKivBinPath(dir.path()));
+    kivtest::writeFile(dir.file("KivLauncher"), "");
+    EXPECT_TRUE(CFileTools::testKivBinPath(dir.path()));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir", CStdStr("/opt/kiv")));
+    EXPECT_EQ(CFileTools::getKivBinFolderPath(), "/opt/kiv/bin");
+}
+
+TEST(MediumId, RoundTripAndLossyCharacters) {
+    EXPECT_EQ(CFileTools::PathToFileBrowserMediumId("/Users/a b/c.d+e"), "F*|Users|a*b|c>d<e");
+    EXPECT_EQ(CFileTools::FileBrowserMediumIdToPath("F*|Users|a*b|c>d<e"), "/Users/a b/c.d+e");
+    EXPECT_EQ(CFileTools::FileBrowserMediumIdToPath("X?|tmp"), "/tmp");
+    EXPECT_EQ(CFileTools::FileBrowserMediumIdToPath("F"), "");
+    EXPECT_EQ(CFileTools::FileBrowserMediumIdToPath(""), "");
+    // The replacement characters themselves are not escaped.
+    EXPECT_EQ(CFileTools::FileBrowserMediumIdToPath(CFileTools::PathToFileBrowserMediumId("/a*b|c")), "/a b/c");
+
+    CFileTools entry("/x/y.z");
+    EXPECT_EQ(entry.getMediumId(), "F*|x|y>z");
+    EXPECT_EQ(entry.getFieldValue("mediumId"), "F*|x|y>z");
+    EXPECT_EQ(entry.getFieldValue("kivMediumId"), "F*|x|y>z");
+    CFileTools other("/other");
+    entry = other;  // a copy carries the other entry's cache (empty), then computes its own
+    EXPECT_EQ(entry.getMediumId(), "F*|other");
+}
+
+TEST(StdPath, AppendInsertsOneSeparatorOnlyWhereNeeded) {
+    CStdPath a("/base");
+    EXPECT_EQ(a.AppendPath("x"), "/base/x");
+    CStdPath b("/base/");
+    EXPECT_EQ(b.AppendPath("x"), "/base/x");
+    CStdPath c("/base");
+    EXPECT_EQ(c.AppendPath(""), "/base");
+    CStdPath d("");
+    EXPECT_EQ(d.AppendPath("x"), "x");
+}
