@@ -43,7 +43,7 @@ void CreateArray(tagVARIANT& v, VARTYPE elementType, unsigned long count) {
 
 void RedimArray(tagVARIANT& v, unsigned long count) {
     SAFEARRAYBOUND bound;
-    if (!v.parray || !zeroBased(count, bound) || SafeArrayRedim(v.parray, &bound) != 0)
+    if (!(v.vt & VT_ARRAY) || !v.parray || !zeroBased(count, bound) || SafeArrayRedim(v.parray, &bound) != 0)
         throwInvalid("Could not redimension safe array");
 }
 

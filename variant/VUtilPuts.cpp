@@ -98,7 +98,7 @@ void PutElement(tagVARIANT& v, int index, const char* value) {
 void PutElement(tagVARIANT& v, int index, const CStdStr& value) { PutElement(v, index, value.c_str()); }
 
 void PutElement(tagVARIANT& v, int index, const void* value) {
-    bool isStringArray = v.parray && v.parray->vt == VT_BSTR;
+    bool isStringArray = (v.vt & VT_ARRAY) && v.parray && v.parray->vt == VT_BSTR;
     if (!value && !isStringArray) throwInvalid("SafeArrayPutElement failed");
     if (storeElement(v, index, value) != 0) throwInvalid("SafeArrayPutElement failed");
 }
