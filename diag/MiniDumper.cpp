@@ -1,0 +1,166 @@
+#include "diag/MiniDumper.h"
+
+#include <cxxabi.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <typeinfo>
+
+#include "diag/CBBLog.h"
+#include "diag/MinidumpCrashHandler.h"
+#include "host/KivFolders.h"
+#include "host/PThread.h"
+
+namespace {
+
+// The compiler must not see through the pointer, so the store really happens.
+int* volatile s_nullPointer = nullptr;
+
+__attribute__((noinline)) void storeThroughNull(int value) { *s_nullPointer = value; }
+
+}  // namespace
+
+MiniDumper::MiniDumper(const char* applicationName) : m_applicationName(applicationName ? applicationName : "") {
+    initialize(true, true);
+}
+
+MiniDumper::MiniDumper(const char* applicationName, bool logCrashes, bool launchReporter, bool printCrashes,
+                       bool installHandlers, bool installAltStack)
+    : m_applicationName(applicationName ? applicationName : ""),
+      m_logCrashes(logCrashes),
+      m_launchReporter(launchReporter),
+      m_printCrashes(printCrashes) {
+    initialize(installHandlers, installAltStack);
+}
+
+MiniDumper::MiniDumper(const char* applicationName, const char* reporterArg1, const char* reporterArg2,
+                       const char* dumpDir)
+    : m_applicationName(applicationName ? applicationName : ""),
+      m_reporterArg1(reporterArg1 ? reporterArg1 : ""),
+      m_reporterArg2(reporterArg2 ? reporterArg2 : ""),
+      m_crashReporterPath("./KivCrashReporter"),
+      m_dumpDir(dumpDir ? dumpDir : "") {
+    if (!m_dumpDir.empty() && m_dumpDir.back() != '/') m_dumpDir += "/";
+    initialize(true, true);
+}
+
+MiniDumper::~MiniDumper() { delete m_handler; }
+
+CStdStr MiniDumper::escapeBlanks(const CStdStr& path) {
+    CStdStr out;
+    for (size_t i = 0; i < path.size(); ++i) {
+        if (path[i] == ' ' && (i == 0 || path[i - 1] != '\\')) out += '\\';
+        out += path[i];
+    }
+    return out;
+}
+
+void MiniDumper::initialize(bool installHandlers, bool installAltStack) {
+    if (m_applicationName.empty()) m_applicationName = "Unknown";
+    if (m_dumpDir.empty()) m_dumpDir = "/tmp/";
+    if (m_crashReporterPath.empty()) m_crashReporterPath = KivFolders::BinFolder() + "/KivCrashReporter";
+    m_crashReporterPath = escapeBlanks(m_crashReporterPath);
+
+    if (installAltStack) MinidumpCrashHandler::installAltStackForThisThread();
+    delete m_handler;
+    m_handler = new MinidumpCrashHandler(m_dumpDir.c_str(), _minidumpCallback, this, true);
+
+    if (installHandlers) {
+        struct sigaction sa;
+        memset(&sa, 0, sizeof sa);
+        sigemptyset(&sa.sa_mask);
+        sa.sa_handler = usr1Handler;
+        sigaction(SIGUSR1, &sa, nullptr);
+        std::set_terminate(terminateHandler);
+        // abort() becomes a null store, which the crash handler dumps: one dump, not two.
+        sa.sa_handler = abortHandler;
+        sigaction(SIGABRT, &sa, nullptr);
+    }
+}
+
+void MiniDumper::SetCrashReporterPath(const CStdStr& path) { m_crashReporterPath = escapeBlanks(path); }
+
+void MiniDumper::setAppData(const CStdStr& appData) { m_appData = appData; }
+
+void MiniDumper::setDumpDirectory(const CStdStr& dumpDir) {
+    m_dumpDir = dumpDir.empty() ? CStdStr("/tmp/") : dumpDir;
+    if (m_dumpDir.back() != '/') m_dumpDir += "/";
+    if (m_handler) m_handler->setDumpDirectory(m_dumpDir.c_str());
+}
+
+CStdStr MiniDumper::commandLine(const CStdStr& dumpPath) const {
+    CStdStr cmd;
+    if (!m_reporterArg1.empty()) {
+        cmd.Format("%s \"%s\" \"%s\" \"%s\" \"%s\"", m_crashReporterPath.c_str(), dumpPath.c_str(),
+                   m_applicationName.c_str(), m_reporterArg1.c_str(), m_reporterArg2.c_str());
+    } else {
+        cmd.Format("%s \"%s\" \"%s\"", m_crashReporterPath.c_str(), dumpPath.c_str(), m_applicationName.c_str());
+        if (!m_appData.empty()) cmd.AppendFormat(" -appData \"%s\"", m_appData.c_str());
+    }
+    return cmd;
+}
+
+bool MiniDumper::_minidumpCallback(const char* dumpDir, const char* minidumpId, void* context, bool succeeded) {
+    MiniDumper* self = static_cast<MiniDumper*>(context);
+    return self ? self->minidumpCallback(dumpDir, minidumpId, context, succeeded) : false;
+}
+
+bool MiniDumper::minidumpCallback(const char* dumpDir, const char* minidumpId, void* context, bool succeeded) {
+    m_lastDumpPath = CStdStr(dumpDir) + minidumpId + ".dmp";
+    struct stat st;
+    long long size = stat(m_lastDumpPath.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+    CStdStr cmd = commandLine(m_lastDumpPath);
+    if (m_launchReporter && !m_crashReporterPath.empty()) {
+        int rc = system(cmd.c_str());
+        (void)rc;  // a missing or failing reporter is not our concern here
+    }
+    if (m_logCrashes) {
+        CBBLog::fatal("crash of %s. minidump generated as %s (%dkB)", m_applicationName.c_str(),
+                      m_lastDumpPath.c_str(), static_cast<int>(size / 1024));
+    }
+    if (m_printCrashes && !succeeded) {
+        const char msg[] = "minidump could not be written completely\n";
+        ssize_t w = write(STDERR_FILENO, msg, sizeof msg - 1);
+        (void)w;
+    }
+    _exit(0);
+}
+
+void* generateCrash(void*) {
+    storeThroughNull(1);
+    return nullptr;
+}
+
+void usr1Handler(int) {
+    if (CBBLog::isInfoEnabled()) CBBLog::info("USR1 signal received, generating crash");
+    PThread thread;
+    thread.init(nullptr, new PThreadDelegateFunction(generateCrash), nullptr);
+}
+
+void abortHandler(int) {
+    const char msg[] = "abort() was called";
+    ssize_t w = write(STDOUT_FILENO, msg, sizeof msg - 1);
+    (void)w;
+    storeThroughNull(1);
+}
+
+void terminateHandler() {
+    try {
+        std::exception_ptr current = std::current_exception();
+        if (current) std::rethrow_exception(current);
+        CBBLog::fatal("uncaught unknown c++ exception");
+    } catch (const std::exception& e) {
+        int status = 0;
+        char* name = abi::__cxa_demangle(typeid(e).name(), nullptr, nullptr, &status);
+        CBBLog::fatal("uncaught %s c++ exception: %s", name && status == 0 ? name : typeid(e).name(), e.what());
+        free(name);
+    } catch (...) {
+        CBBLog::fatal("uncaught unknown c++ exception");
+    }
+    storeThroughNull(1);
+}

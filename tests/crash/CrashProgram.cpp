@@ -1,0 +1,101 @@
+// A program that installs the crash handler and then crashes in the way its
+// first argument names. Used by the crash tests as a child process.
+//   crash_program MODE DUMP_DIR REPORTER [appData=TEXT] [arg1=TEXT arg2=TEXT] [name=TEXT]
+// MODE: null, usr1, abort, throw, throw-int, overflow, threads, none.
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <boost/shared_ptr.hpp>
+
+#include "diag/CBBLog.h"
+#include "diag/MiniDumper.h"
+
+namespace {
+
+int* volatile g_null = nullptr;
+
+extern "C" __attribute__((noinline)) void crashWithNullStore(int value) {
+    *g_null = value;
+    __asm__ volatile("" ::: "memory");
+}
+
+__attribute__((noinline)) int recurseForever(int depth) {
+    volatile char frame[512];
+    frame[0] = static_cast<char>(depth);
+    int r = recurseForever(depth + 1) + frame[0];
+    __asm__ volatile("" ::: "memory");
+    return r;
+}
+
+pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t g_cond = PTHREAD_COND_INITIALIZER;
+int g_waiting = 0;  // guarded by g_lock
+
+void* parkedThread(void*) {
+    pthread_mutex_lock(&g_lock);
+    ++g_waiting;
+    pthread_cond_broadcast(&g_cond);
+    for (;;) pthread_cond_wait(&g_cond, &g_lock);
+    return nullptr;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) {
+        fprintf(stderr, "usage: crash_program MODE DUMP_DIR REPORTER [key=value...]\n");
+        return 64;
+    }
+    std::string mode = argv[1];
+    std::string name = "CrashProgram", appData, arg1, arg2;
+    for (int i = 4; i < argc; ++i) {
+        std::string a = argv[i];
+        if (a.rfind("appData=", 0) == 0) appData = a.substr(8);
+        else if (a.rfind("arg1=", 0) == 0) arg1 = a.substr(5);
+        else if (a.rfind("arg2=", 0) == 0) arg2 = a.substr(5);
+        else if (a.rfind("name=", 0) == 0) name = a.substr(5);
+    }
+
+    boost::shared_ptr<CBBLog> log(new CBBLog(name + ".log", false, 524288));
+    log->initialize();
+    CBBLog::setLogger(log);
+
+    MiniDumper* dumper = arg1.empty() ? new MiniDumper(name.c_str())
+                                      : new MiniDumper(name.c_str(), arg1.c_str(), arg2.c_str(), argv[2]);
+    dumper->setDumpDirectory(argv[2]);
+    dumper->SetCrashReporterPath(argv[3]);
+    if (!appData.empty()) dumper->setAppData(appData);
+
+    if (mode == "threads") {
+        pthread_t t[3];
+        for (auto& th : t) pthread_create(&th, nullptr, parkedThread, nullptr);
+        pthread_mutex_lock(&g_lock);
+        while (g_waiting < 3) pthread_cond_wait(&g_cond, &g_lock);
+        pthread_mutex_unlock(&g_lock);
+        crashWithNullStore(7);
+    } else if (mode == "null") {
+        crashWithNullStore(1);
+    } else if (mode == "usr1") {
+        raise(SIGUSR1);
+        for (;;) pause();  // the crash happens on the handler's new thread
+    } else if (mode == "abort") {
+        abort();
+    } else if (mode == "throw") {
+        throw std::runtime_error("nobody catches this");
+    } else if (mode == "throw-int") {
+        throw 42;
+    } else if (mode == "overflow") {
+        return recurseForever(0);
+    } else if (mode == "none") {
+        delete dumper;
+        return 3;
+    }
+    fprintf(stderr, "crash_program: unknown mode %s\n", mode.c_str());
+    return 64;
+}
