@@ -44,7 +44,8 @@ int CheckArrayType(const tagVARIANT& v, VARTYPE elementType, int length, const c
 
 // ---- Byte arrays -----------------------------------------------------------
 
-// Clears *v and makes it a VT_ARRAY|VT_UI1 holding a copy of `len` bytes.
+// Clears *v and makes it a VT_ARRAY|VT_UI1 holding a copy of `len` bytes
+// (zeros when `data` is null).
 void PutBinaryIntoVariant(tagVARIANT* v, const void* data, int len);
 // Element `index` of an array of variants, which must be a byte array, copied
 // into a buffer from malloc (caller frees with free()). Returns the byte count.
@@ -59,7 +60,8 @@ void GetBinaryElement(const tagVARIANT& v, int index, unsigned char*& out, int& 
 
 // ---- Strict readers: exactly one typed array, no conversion ---------------
 
-void GetElement(const tagVARIANT& v, int index, tagVARIANT& out);  // a copy: caller clears
+// `out` is overwritten (not cleared first) with a copy that the caller clears.
+void GetElement(const tagVARIANT& v, int index, tagVARIANT& out);
 void GetElement(const tagVARIANT& v, int index, long& out);        // VT_I4
 void GetElement(const tagVARIANT& v, int index, int& out);         // VT_I4
 void GetElement(const tagVARIANT& v, int index, short& out);       // VT_I2
@@ -126,7 +128,7 @@ void GetPair(const tagVARIANT& v, int index, CStdStr& name, CStdStr& value);
 bool FindPair(const tagVARIANT& v, const CStdStr& name, CStdStr& value);
 // As FindPair, comparing names case-insensitively.
 bool FindPairNoCase(const tagVARIANT& v, const CStdStr& name, CStdStr& value);
-bool FindPairNoCase(const tagVARIANT& v, const CStdStr& name, tagVARIANT& value);  // a copy: caller clears
+bool FindPairNoCase(const tagVARIANT& v, const CStdStr& name, tagVARIANT& value);  // overwritten: caller clears
 bool FindPairNoCase(const tagVARIANT& v, const CStdStr& name, int& value);         // VT_I4, or atoi of VT_BSTR
 // Map of a pair list (later pairs win); keys lower-cased when `lowerKeys`.
 StringMap toStringMap(const tagVARIANT& v, bool lowerKeys = false);
