@@ -1,0 +1,280 @@
+#include "cab/CabConnection.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "cab/CabLog.h"
+#include "cab/CabSatellite.h"
+#include "cab/CabStatus.h"
+
+struct timespec cabDeadline(int64_t ms) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    if (ms < 0) ms = 0;
+    ts.tv_sec += ms / 1000;
+    ts.tv_nsec += (ms % 1000) * 1000000;
+    if (ts.tv_nsec >= 1000000000) {
+        ts.tv_sec += 1;
+        ts.tv_nsec -= 1000000000;
+    }
+    return ts;
+}
+
+// ---- CabMailbox
+
+CabMailbox::~CabMailbox() {
+    for (natsMsg* m : m_msgs) natsMsg_Destroy(m);
+}
+
+void CabMailbox::push(natsMsg* msg) {
+    PLockGuard guard(m_lock);
+    m_msgs.push_back(msg);
+    m_lock.signal();
+}
+
+void CabMailbox::fail(int status) {
+    PLockGuard guard(m_lock);
+    if (!m_failure) m_failure = status;
+    m_lock.broadcast();
+}
+
+natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status) {
+    PLockGuard guard(m_lock);
+    for (;;) {
+        if (!m_msgs.empty()) {
+            natsMsg* m = m_msgs.front();
+            m_msgs.pop_front();
+            return m;
+        }
+        if (m_failure) {
+            *status = m_failure;
+            return nullptr;
+        }
+        if (!m_lock.waitUntil(deadline) && m_msgs.empty() && !m_failure) {
+            *status = CAB_E_TIMEOUT;
+            return nullptr;
+        }
+    }
+}
+
+// ---- CabConnection
+
+int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
+    std::shared_ptr<CabConnection> c(new CabConnection);
+    natsOptions* opts = nullptr;
+    natsStatus s = natsOptions_Create(&opts);
+    if (s == NATS_OK) s = natsOptions_SetURL(opts, o.url.c_str());
+    if (s == NATS_OK && !o.name.empty()) s = natsOptions_SetName(opts, o.name.c_str());
+    if (s == NATS_OK && !o.token.empty()) s = natsOptions_SetToken(opts, o.token.c_str());
+    if (s == NATS_OK) s = natsOptions_SetTimeout(opts, 5000);
+    if (s == NATS_OK) s = natsOptions_SetAllowReconnect(opts, true);
+    if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts, -1);
+    if (s == NATS_OK) s = natsOptions_SetReconnectWait(opts, 100);
+    if (s == NATS_OK) s = natsOptions_SetReconnectJitter(opts, 50, 50);
+    if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts, &CabConnection::onDisconnected, c.get());
+    if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts, &CabConnection::onReconnected, c.get());
+    if (s == NATS_OK) s = natsOptions_SetClosedCB(opts, &CabConnection::onClosed, c.get());
+    if (s == NATS_OK) s = natsConnection_Connect(&c->m_nc, opts);
+    natsOptions_Destroy(opts);
+    if (s != NATS_OK) {
+        c->m_nc = nullptr;
+        c->m_closed = true;
+        return CabFail(CAB_E_CONNECT_FAILED, o.url + ": " + natsStatus_GetText(s));
+    }
+    char* inbox = nullptr;
+    if (natsInbox_Create(&inbox) != NATS_OK) return CabFail(CAB_E_INTERNAL, "no inbox");
+    c->m_inbox = inbox;
+    natsInbox_Destroy(inbox);
+    natsSubscription* sub = nullptr;
+    {
+        PLockGuard guard(c->m_cbLock);
+        ++c->m_liveSubs;
+    }
+    s = natsConnection_Subscribe(&sub, c->m_nc, (c->m_inbox + ".*").c_str(), &CabConnection::onInbox, c.get());
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(sub, -1, -1);
+    if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(sub, &CabConnection::onSubComplete, c.get());
+    if (s != NATS_OK) {
+        if (!sub) {
+            PLockGuard guard(c->m_cbLock);
+            --c->m_liveSubs;
+        }
+        c->m_inboxSub = sub;
+        return CabFail(CAB_E_INTERNAL, std::string("inbox subscription: ") + natsStatus_GetText(s));
+    }
+    c->m_inboxSub = sub;
+    *out = c;
+    return 0;
+}
+
+void CabConnection::close() {
+    setStateListener(nullptr);
+    if (m_nc) natsConnection_Close(m_nc);
+    failAll(CAB_E_NOT_CONNECTED);
+}
+
+CabConnection::~CabConnection() {
+    close();
+    {
+        // Wait until no callback of the connection can run any more.
+        PLockGuard guard(m_cbLock);
+        struct timespec deadline = cabDeadline(10000);
+        while ((m_liveSubs > 0 || !m_closed) && m_nc) {
+            if (!m_cbLock.waitUntil(deadline)) {
+                cablog::log(LOGLEVEL_ERROR, "Connection close: callbacks did not finish; leaking the connection");
+                return;
+            }
+        }
+    }
+    if (m_inboxSub) natsSubscription_Destroy(m_inboxSub);
+    for (auto& r : m_subs)
+        if (r->sub) natsSubscription_Destroy(r->sub);
+    if (m_nc) natsConnection_Destroy(m_nc);
+}
+
+bool CabConnection::connected() const {
+    return m_nc && natsConnection_Status(m_nc) == NATS_CONN_STATUS_CONNECTED;
+}
+
+int64_t CabConnection::maxPayload() const { return m_nc ? natsConnection_GetMaxPayload(m_nc) : 0; }
+
+void CabConnection::setStateListener(StateListener listener) {
+    PLockGuard guard(m_listenerLock);
+    m_listener = std::move(listener);
+}
+
+std::shared_ptr<CabMailbox> CabConnection::openMailbox(std::string* subject, uint64_t* token) {
+    std::shared_ptr<CabMailbox> box = std::make_shared<CabMailbox>();
+    PLockGuard guard(m_mailLock);
+    uint64_t t = m_nextToken++;
+    m_mail[t] = box;
+    *token = t;
+    *subject = m_inbox + "." + std::to_string(t);
+    return box;
+}
+
+void CabConnection::closeMailbox(uint64_t token) {
+    std::shared_ptr<CabMailbox> box;  // released after the lock: it may free messages
+    PLockGuard guard(m_mailLock);
+    auto it = m_mail.find(token);
+    if (it == m_mail.end()) return;
+    box = it->second;
+    m_mail.erase(it);
+}
+
+void CabConnection::failAll(int status) {
+    PLockGuard guard(m_mailLock);
+    for (auto& kv : m_mail) kv.second->fail(status);
+}
+
+natsSubscription* CabConnection::subscribe(const std::string& subject, const std::string& queue, Handler handler) {
+    if (!m_nc) return nullptr;
+    std::unique_ptr<SubRecord> rec(new SubRecord);
+    rec->owner = this;
+    rec->handler = std::move(handler);
+    natsSubscription* sub = nullptr;
+    {
+        PLockGuard guard(m_cbLock);
+        ++m_liveSubs;
+    }
+    natsStatus s;
+    if (queue.empty())
+        s = natsConnection_Subscribe(&sub, m_nc, subject.c_str(), &CabConnection::onMessage, rec.get());
+    else
+        s = natsConnection_QueueSubscribe(&sub, m_nc, subject.c_str(), queue.c_str(), &CabConnection::onMessage,
+                                          rec.get());
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(sub, -1, -1);
+    if (s == NATS_OK) s = natsSubscription_SetOnCompleteCB(sub, &CabConnection::onSubComplete, this);
+    if (s != NATS_OK) {
+        cablog::log(LOGLEVEL_ERROR, "Subscribing to %s failed: %s", subject.c_str(), natsStatus_GetText(s));
+        if (sub) {
+            natsSubscription_Unsubscribe(sub);  // its completion still comes
+            natsSubscription_Destroy(sub);
+        } else {
+            PLockGuard guard(m_cbLock);
+            --m_liveSubs;
+        }
+        // The record may still be referenced by a last callback: keep it.
+        PLockGuard guard(m_subLock);
+        m_subs.push_back(std::move(rec));
+        return nullptr;
+    }
+    rec->sub = sub;
+    PLockGuard guard(m_subLock);
+    m_subs.push_back(std::move(rec));
+    return sub;
+}
+
+void CabConnection::unsubscribe(natsSubscription* sub) {
+    if (sub) natsSubscription_Unsubscribe(sub);
+}
+
+int CabConnection::publish(const std::string& subject, const void* data, size_t len) {
+    natsStatus s = natsConnection_Publish(m_nc, subject.c_str(), data, (int)len);
+    if (s == NATS_OK) return 0;
+    return CabFail(s == NATS_CONNECTION_CLOSED || s == NATS_CONNECTION_DISCONNECTED ? CAB_E_NOT_CONNECTED
+                                                                                     : CAB_E_INTERNAL,
+                   natsStatus_GetText(s));
+}
+
+int CabConnection::publishMsg(natsMsg* msg) {
+    natsStatus s = natsConnection_PublishMsg(m_nc, msg);
+    if (s == NATS_OK) return 0;
+    if (s == NATS_MAX_PAYLOAD) return CabFail(CAB_E_TOO_LARGE, natsStatus_GetText(s));
+    return CabFail(s == NATS_CONNECTION_CLOSED || s == NATS_CONNECTION_DISCONNECTED ? CAB_E_NOT_CONNECTED
+                                                                                     : CAB_E_INTERNAL,
+                   natsStatus_GetText(s));
+}
+
+void CabConnection::onMessage(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+    SubRecord* rec = static_cast<SubRecord*>(closure);
+    rec->handler(msg);
+}
+
+void CabConnection::onInbox(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
+    CabConnection* self = static_cast<CabConnection*>(closure);
+    const char* subject = natsMsg_GetSubject(msg);
+    const char* dot = subject ? strrchr(subject, '.') : nullptr;
+    uint64_t token = dot ? strtoull(dot + 1, nullptr, 10) : 0;
+    std::shared_ptr<CabMailbox> box;
+    {
+        PLockGuard guard(self->m_mailLock);
+        auto it = self->m_mail.find(token);
+        if (it != self->m_mail.end()) box = it->second;
+    }
+    if (box) {
+        box->push(msg);
+    } else {
+        // A late answer to a request that already gave up.
+        natsMsg_Destroy(msg);
+    }
+}
+
+void CabConnection::onSubComplete(void* closure) {
+    CabConnection* self = static_cast<CabConnection*>(closure);
+    PLockGuard guard(self->m_cbLock);
+    --self->m_liveSubs;
+    self->m_cbLock.broadcast();
+}
+
+void CabConnection::notify(int state) {
+    PLockGuard guard(m_listenerLock);
+    if (m_listener) m_listener(state);
+}
+
+void CabConnection::onDisconnected(natsConnection*, void* closure) {
+    CabConnection* self = static_cast<CabConnection*>(closure);
+    self->failAll(CAB_E_CONNECTION_LOST);
+    self->notify(CAB_STATE_DISCONNECTED);
+}
+
+void CabConnection::onReconnected(natsConnection*, void* closure) {
+    static_cast<CabConnection*>(closure)->notify(CAB_STATE_RECONNECTED);
+}
+
+void CabConnection::onClosed(natsConnection*, void* closure) {
+    CabConnection* self = static_cast<CabConnection*>(closure);
+    self->notify(CAB_STATE_CLOSED);
+    PLockGuard guard(self->m_cbLock);
+    self->m_closed = true;
+    self->m_cbLock.broadcast();
+}

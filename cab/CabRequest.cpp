@@ -1,0 +1,233 @@
+// The requesting side: Request (one answer, in parts under credit when it is
+// large), discovery requests and the directory ping.
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "cab/Cab1.h"
+#include "cab/CabLog.h"
+#include "cab/CabSatellite.h"
+#include "cab/CabSatelliteState.h"
+#include "cab/CabWire.h"
+
+namespace {
+
+// Closes a mailbox when the request ends, however it ends.
+struct MailboxGuard {
+    std::shared_ptr<CabConnection> conn;
+    uint64_t token;
+    ~MailboxGuard() { conn->closeMailbox(token); }
+};
+
+void sendControl(const std::shared_ptr<CabConnection>& conn, const std::string& to, const char* key,
+                 const std::string& value) {
+    natsMsg* m = nullptr;
+    if (natsMsg_Create(&m, to.c_str(), nullptr, nullptr, 0) != NATS_OK) return;
+    natsMsgHeader_Set(m, key, value.c_str());
+    conn->publishMsg(m);
+    natsMsg_Destroy(m);
+}
+
+int decodeInto(const char* data, size_t len, tagVARIANT* out) {
+    tagVARIANT tmp;
+    VariantInit(&tmp);
+    std::string err;
+    if (!Cab1Decode(data, len, &tmp, &err)) return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
+    if (out) {
+        VariantClear(out);
+        *out = tmp;  // moves ownership
+    } else {
+        VariantClear(&tmp);
+    }
+    return 0;
+}
+
+// Receives the parts after the first; `first` is consumed.
+int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_ptr<CabMailbox>& box, natsMsg* first,
+                 int timeoutMs, tagVARIANT* out) {
+    int64_t total = 0, parts = 0;
+    std::string creditTo = cabwire::header(first, cabwire::kCreditTo);
+    if (!cabwire::headerInt(first, cabwire::kSize, 1, (int64_t)cabwire::kMaxReply, &total) ||
+        !cabwire::headerInt(first, cabwire::kParts, 1, total, &parts) || creditTo.empty()) {
+        natsMsg_Destroy(first);
+        return CabFail(CAB_E_MALFORMED, "first part without valid Cab-Size, Cab-Parts and Cab-Credit-To");
+    }
+    char* buf = static_cast<char*>(malloc((size_t)total));
+    if (!buf) {
+        natsMsg_Destroy(first);
+        sendControl(conn, creditTo, cabwire::kCancel, "1");
+        return CabFail(CAB_E_TOO_LARGE, "no memory for an answer of " + std::to_string(total) + " bytes");
+    }
+    std::unique_ptr<char, decltype(&free)> hold(buf, &free);
+    int64_t offset = 0;
+    natsMsg* m = first;
+    for (int64_t expect = 0;;) {
+        int64_t index = -1;
+        int len = natsMsg_GetDataLength(m);
+        if (!cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) || index != expect || len > total - offset ||
+            (len == 0 && total > 0)) {
+            natsMsg_Destroy(m);
+            sendControl(conn, creditTo, cabwire::kCancel, "1");
+            return CabFail(CAB_E_MALFORMED, "part " + std::to_string(index) + " where part " + std::to_string(expect) +
+                                                " of " + std::to_string(parts) + " was expected");
+        }
+        memcpy(buf + offset, natsMsg_GetData(m), (size_t)len);
+        offset += len;
+        natsMsg_Destroy(m);
+        ++expect;
+        if (expect == parts) break;
+        sendControl(conn, creditTo, cabwire::kReceived, std::to_string(expect));
+        int st = 0;
+        m = box->wait(cabDeadline(timeoutMs), &st);
+        if (!m) {
+            sendControl(conn, creditTo, cabwire::kCancel, "1");
+            return CabFail(st, "after part " + std::to_string(expect) + " of " + std::to_string(parts));
+        }
+        if (natsMsg_IsNoResponders(m)) {
+            natsMsg_Destroy(m);
+            return CabFail(CAB_E_MALFORMED, "no-responders message inside a transfer");
+        }
+    }
+    if (offset != total)
+        return CabFail(CAB_E_MALFORMED, "parts hold " + std::to_string(offset) + " of " + std::to_string(total) +
+                                            " bytes");
+    return decodeInto(buf, (size_t)total, out);
+}
+
+int requestImpl(CabSatelliteState* state, const char* target, const char* service, const tagVARIANT& in,
+                tagVARIANT* out, CABFLAGS flags) {
+    if (!target || !service) return CabFail(CAB_E_INVALID_ARGUMENT, "null satellite or service name");
+    if (!cabwire::validName(target)) return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + target + "'");
+    if (!cabwire::validName(service)) return CabFail(CAB_E_INVALID_NAME, std::string("service '") + service + "'");
+    std::shared_ptr<CabConnection> conn = state->connection();
+    if (!conn || !conn->connected()) return CabFail(CAB_E_NOT_CONNECTED);
+
+    std::string payload;
+    if (in.vt != VT_EMPTY) {
+        Cab1Encoding enc(in);
+        if (!enc.ok()) return CabFail(CAB_E_INVALID_ARGUMENT, "the input cannot be encoded: " + enc.error());
+        int64_t limit = conn->maxPayload() - (int64_t)cabwire::kHeaderRoom;
+        if ((int64_t)enc.size() > limit)
+            return CabFail(CAB_E_TOO_LARGE, "request of " + std::to_string(enc.size()) +
+                                                " bytes; one request carries at most " + std::to_string(limit));
+        payload = enc.str();
+    }
+    std::string inbox;
+    uint64_t token = 0;
+    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token);
+    MailboxGuard guard{conn, token};
+
+    std::string subject = cabwire::serviceSubject(target, service);
+    natsMsg* m = nullptr;
+    if (natsMsg_Create(&m, subject.c_str(), inbox.c_str(), payload.data(), (int)payload.size()) != NATS_OK)
+        return CabFail(CAB_E_INTERNAL, "message not created");
+    natsMsgHeader_Set(m, cabwire::kProto, cabwire::kProtoVersion);
+    if (flags) natsMsgHeader_Set(m, cabwire::kFlags, std::to_string(flags).c_str());
+    int rc = conn->publishMsg(m);
+    natsMsg_Destroy(m);
+    if (rc != 0) return rc;
+
+    int timeoutMs = state->requestTimeoutMs();
+    int st = 0;
+    natsMsg* r = box->wait(cabDeadline(timeoutMs), &st);
+    if (!r) {
+        if (st == CAB_E_TIMEOUT)
+            return CabFail(st, "no answer from " + subject + " within " + std::to_string(timeoutMs) + " ms");
+        return CabFail(st, subject);
+    }
+    if (natsMsg_IsNoResponders(r)) {
+        natsMsg_Destroy(r);
+        return CabFail(CAB_E_NO_SUCH_SERVICE,
+                       std::string("satellite '") + target + "' with service '" + service + "'");
+    }
+    int64_t status = 0;
+    if (!cabwire::headerInt(r, cabwire::kStatus, INT32_MIN, INT32_MAX, &status)) {
+        natsMsg_Destroy(r);
+        return CabFail(CAB_E_MALFORMED, "answer without a valid Cab-Status header");
+    }
+    std::string error = cabwire::header(r, cabwire::kError);
+    int drc;
+    if (cabwire::header(r, cabwire::kParts).empty()) {
+        drc = decodeInto(natsMsg_GetData(r), (size_t)natsMsg_GetDataLength(r), out);
+        natsMsg_Destroy(r);
+    } else {
+        drc = receiveParts(conn, box, r, timeoutMs, out);
+    }
+    if (drc != 0) return drc;
+    if (!error.empty() || CabIsLibraryStatus((int)status))
+        CabFail((int)status, error.empty() ? subject : subject + ": " + error);
+    return (int)status;
+}
+
+}  // namespace
+
+int CabSatellite::Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
+                          CABFLAGS flags, tagVARIANT* retcodes) {
+    CabSetLastError("");
+    int status = requestImpl(m_state.get(), target, service, in, out, flags);
+    if (status != 0 && CabIsLibraryStatus(status))
+        cablog::log(LOGLEVEL_DEBUG, "Request %s.%s failed: %s", target ? target : "", service ? service : "",
+                    CabGetLastError().c_str());
+    if (retcodes) {
+        VariantClear(retcodes);
+        SAFEARRAYBOUND b{1, 0};
+        SAFEARRAY* sa = SafeArrayCreate(VT_VARIANT, 1, &b);
+        if (sa) {
+            tagVARIANT e;
+            VariantInit(&e);
+            e.vt = VT_I4;
+            e.lVal = status;
+            int32_t index = 0;
+            SafeArrayPutElement(sa, &index, &e);
+            retcodes->vt = VT_ARRAY | VT_VARIANT;
+            retcodes->parray = sa;
+        }
+    }
+    return CabIsLibraryStatus(status) ? status : 0;
+}
+
+int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::vector<std::string>* replies) {
+    CabSetLastError("");
+    if (!verb || (strcmp(verb, "PING") && strcmp(verb, "INFO") && strcmp(verb, "STATS")))
+        return CabFail(CAB_E_INVALID_ARGUMENT, "verb must be PING, INFO or STATS");
+    if (name && *name && !cabwire::validName(name))
+        return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + name + "'");
+    std::shared_ptr<CabConnection> conn = m_state->connection();
+    if (!conn || !conn->connected()) return CabFail(CAB_E_NOT_CONNECTED);
+    std::string inbox;
+    uint64_t token = 0;
+    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token);
+    MailboxGuard guard{conn, token};
+    std::string subject = std::string("$SRV.") + verb + (name && *name ? std::string(".") + name : "");
+    natsStatus s = natsConnection_PublishRequest(conn->nc(), subject.c_str(), inbox.c_str(), nullptr, 0);
+    if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
+    struct timespec end = cabDeadline(waitMs);
+    for (;;) {
+        // After the first answer, stop once the answers pause for 200 ms.
+        struct timespec deadline = end;
+        if (replies && !replies->empty()) {
+            struct timespec quiet = cabDeadline(200);
+            if (quiet.tv_sec < end.tv_sec || (quiet.tv_sec == end.tv_sec && quiet.tv_nsec < end.tv_nsec))
+                deadline = quiet;
+        }
+        int st = 0;
+        natsMsg* m = box->wait(deadline, &st);
+        if (!m) {
+            if (st == CAB_E_TIMEOUT) return 0;
+            return CabFail(st);
+        }
+        if (!natsMsg_IsNoResponders(m) && replies)
+            replies->emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "", (size_t)natsMsg_GetDataLength(m));
+        natsMsg_Destroy(m);
+    }
+}
+
+int CabSatellite::DirectoryPingSatellite(const char*, const char* name, unsigned short, int timeoutMs,
+                                         CABSTATUS* status) {
+    std::vector<std::string> replies;
+    int rc = Discover("PING", name, timeoutMs > 0 ? timeoutMs : 1000, &replies);
+    if (rc == 0 && replies.empty()) rc = CabFail(CAB_E_NO_SUCH_SERVICE, std::string("satellite ") + (name ? name : ""));
+    if (status) *status = rc;
+    return rc;
+}

@@ -1,0 +1,430 @@
+// CabSatellite: connection, service table and registration.
+#include "cab/CabSatellite.h"
+
+#include <cstdio>
+#include <ctime>
+#include <random>
+
+#include "cab/CabLog.h"
+#include "cab/CabSatelliteState.h"
+#include "cab/CabWire.h"
+#include "host/CRegistry.h"
+
+namespace {
+
+const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+
+std::string randomId() {
+    static const char digits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
+    std::random_device rd;
+    std::mt19937_64 gen(((uint64_t)rd() << 32) ^ rd() ^ (uint64_t)time(nullptr));
+    std::string id;
+    for (int i = 0; i < 22; ++i) id += digits[gen() % 62];
+    return id;
+}
+
+std::string nowRfc3339() {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    struct tm tm;
+    gmtime_r(&ts.tv_sec, &tm);
+    char buf[64];
+    snprintf(buf, sizeof buf, "%04d-%02d-%02dT%02d:%02d:%02d.%09ldZ", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+             tm.tm_hour, tm.tm_min, tm.tm_sec, (long)ts.tv_nsec);
+    return buf;
+}
+
+// "host", "host:port" or "nats://..." -> a NATS URL.
+std::string directoryUrl(const char* host) {
+    std::string h = host && *host ? host : "127.0.0.1";
+    if (h.find("://") != std::string::npos) return h;
+    if (h.find(':') != std::string::npos) return "nats://" + h;
+    int port = cabsettings::integer("cabDirectory.port", 4222);
+    return "nats://" + h + ":" + std::to_string(port);
+}
+
+}  // namespace
+
+// ---- settings
+
+int cabsettings::integer(const char* name, int fallback) {
+    int value = fallback;
+    if (!CRegistry::getInstance()->ReadSettingImpl(CStdStr(kConfigKey), CStdStr(name), value)) return fallback;
+    return value;
+}
+
+bool cabsettings::string(const char* name, std::string* value) {
+    CStdStr v;
+    if (!CRegistry::getInstance()->ReadSettingImpl(CStdStr(kConfigKey), CStdStr(name), v)) return false;
+    *value = v;
+    return true;
+}
+
+// ---- state
+
+std::shared_ptr<CabConnection> CabSatelliteState::connection() const {
+    PLockGuard guard(lock);
+    return conn;
+}
+
+int CabSatelliteState::requestTimeoutMs() const {
+    {
+        PLockGuard guard(lock);
+        if (timeoutMs >= 0) return timeoutMs;
+    }
+    int ms = cabsettings::integer("cabDirectory.requestTimeoutMs", 300000);
+    return ms > 0 ? ms : 300000;
+}
+
+std::shared_ptr<CabServiceEntry> CabSatelliteState::findService(const std::string& service) const {
+    PLockGuard guard(lock);
+    for (const auto& e : services)
+        if (e->name == service) return e;
+    return nullptr;
+}
+
+void CabServiceEntry::record(int64_t ns, const std::string* error) {
+    PLockGuard guard(statsLock);
+    ++stats.requests;
+    stats.processingNs += ns;
+    if (error) {
+        ++stats.errors;
+        stats.lastError = *error;
+    }
+}
+
+// ---- CabSatellite
+
+CabSatellite::CabSatellite() : m_state(std::make_shared<CabSatelliteState>()) {
+    m_state->owner = this;
+    m_state->id = randomId();
+}
+
+CabSatellite::~CabSatellite() { Disconnect(); }
+
+void CabSatellite::setLogger(const boost::shared_ptr<CBBLog>& logger) { cablog::setLogger(logger); }
+
+void CabSatellite::setToken(const std::string& token) {
+    PLockGuard guard(m_state->lock);
+    m_state->token = token;
+    m_state->tokenSet = true;
+}
+
+void CabSatellite::setRequestTimeoutMs(int ms) {
+    PLockGuard guard(m_state->lock);
+    m_state->timeoutMs = ms;
+}
+
+void CabSatellite::setMaxHandlers(int count) {
+    PLockGuard guard(m_state->lock);
+    m_state->maxHandlers = count;
+}
+
+bool CabSatellite::isConnected() const {
+    std::shared_ptr<CabConnection> c = m_state->connection();
+    return c && c->connected();
+}
+
+std::string CabSatellite::name() const {
+    PLockGuard guard(m_state->lock);
+    return m_state->name;
+}
+
+std::string CabSatellite::instanceId() const {
+    PLockGuard guard(m_state->lock);
+    return m_state->id;
+}
+
+int CabSatellite::ConnectUser(const char* host, const char* name) { return Connect(host, name); }
+
+int CabSatellite::Connect(const char* host, const char* name) {
+    CabSetLastError("");
+    if (!cabwire::validName(name)) {
+        int rc = CabFail(CAB_E_INVALID_NAME, std::string("satellite name '") + (name ? name : "(null)") + "'");
+        cablog::log(LOGLEVEL_ERROR, "Connect refused: %s", CabGetLastError().c_str());
+        return rc;
+    }
+    Disconnect();
+    CabConnection::Options o;
+    o.url = directoryUrl(host);
+    o.name = name;
+    int maxHandlers;
+    {
+        PLockGuard guard(m_state->lock);
+        if (m_state->tokenSet) o.token = m_state->token;
+        maxHandlers = m_state->maxHandlers;
+    }
+    if (o.token.empty()) cabsettings::string("cabDirectory.token", &o.token);
+    if (maxHandlers <= 0) maxHandlers = cabsettings::integer("cabDirectory.maxHandlers", 256);
+    if (maxHandlers <= 0) maxHandlers = 256;
+
+    std::shared_ptr<CabConnection> conn;
+    int rc = CabConnection::open(o, &conn);
+    if (rc != 0) {
+        cablog::log(LOGLEVEL_ERROR, "Connecting to the directory failed: %s", CabGetLastError().c_str());
+        return rc;
+    }
+    conn->setStateListener([this](int state) { OnStatusChange(state, 0); });
+    {
+        PLockGuard guard(m_state->lock);
+        m_state->name = name;
+        m_state->started = nowRfc3339();
+        m_state->conn = conn;
+        m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
+    }
+    cablog::log(LOGLEVEL_INFO, "Connected to the directory at %s as %s", o.url.c_str(), name);
+    rc = CreateServices();
+    if (rc != 0) {
+        cablog::log(LOGLEVEL_WARN, "CreateServices returned %d", rc);
+    }
+    rc = RegisterServices();
+    if (rc != 0) {
+        std::string why = CabGetLastError();
+        Disconnect();
+        CabSetLastError(why);
+        return rc;
+    }
+    return 0;
+}
+
+int CabSatellite::RegisterServices() {
+    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabWorkerPool> pool;
+    std::vector<std::shared_ptr<CabServiceEntry>> todo;
+    std::string name;
+    bool needSrv;
+    {
+        PLockGuard guard(m_state->lock);
+        conn = m_state->conn;
+        pool = m_state->pool;
+        name = m_state->name;
+        for (auto& e : m_state->services) {
+            if (e->sub) continue;
+            e->subject = cabwire::serviceSubject(m_state->name, e->name);
+            todo.push_back(e);
+        }
+        needSrv = !m_state->services.empty() && m_state->srvSubs.empty();
+    }
+    if (!conn) return 0;  // registered on Connect
+    std::weak_ptr<CabSatelliteState> wstate = m_state;
+    std::weak_ptr<CabConnection> wconn = conn;
+    std::weak_ptr<CabWorkerPool> wpool = pool;
+    int failures = 0;
+    for (auto& e : todo) {
+        std::string subject;
+        {
+            PLockGuard guard(m_state->lock);
+            subject = e->subject;
+        }
+        natsSubscription* sub = conn->subscribe(subject, name, [wstate, wconn, wpool, e](natsMsg* msg) {
+            std::shared_ptr<CabWorkerPool> p = wpool.lock();
+            bool queued = p && p->submit([wstate, wconn, e, msg]() {
+                std::shared_ptr<CabSatelliteState> st = wstate.lock();
+                std::shared_ptr<CabConnection> c = wconn.lock();
+                if (!st || !c) {
+                    natsMsg_Destroy(msg);
+                    return;
+                }
+                cabServe(st.get(), c, e, msg);
+            });
+            if (!queued) {
+                cablog::log(LOGLEVEL_WARN, "Request for %s dropped: the satellite is shutting down", e->name.c_str());
+                natsMsg_Destroy(msg);
+            }
+        });
+        if (!sub) {
+            ++failures;
+            continue;
+        }
+        PLockGuard guard(m_state->lock);
+        e->sub = sub;
+    }
+    if (needSrv) {
+        std::string id = instanceId();
+        std::vector<natsSubscription*> subs;
+        for (const char* verb : {"PING", "INFO", "STATS"}) {
+            std::string base = std::string("$SRV.") + verb;
+            for (const std::string& subj : {base, base + "." + name, base + "." + name + "." + id}) {
+                natsSubscription* sub = conn->subscribe(subj, "", [wstate, wconn](natsMsg* msg) {
+                    std::shared_ptr<CabSatelliteState> st = wstate.lock();
+                    std::shared_ptr<CabConnection> c = wconn.lock();
+                    if (st && c) cabAnswerDiscovery(st.get(), c, msg);
+                    natsMsg_Destroy(msg);
+                });
+                if (sub) subs.push_back(sub);
+                else ++failures;
+            }
+        }
+        PLockGuard guard(m_state->lock);
+        m_state->srvSubs.insert(m_state->srvSubs.end(), subs.begin(), subs.end());
+    }
+    // Make sure the directory knows the subscriptions before anyone is told we are here.
+    natsStatus s = natsConnection_FlushTimeout(conn->nc(), 5000);
+    if (failures) return CabFail(CAB_E_INTERNAL, std::to_string(failures) + " subscriptions failed");
+    if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, std::string("flush: ") + natsStatus_GetText(s));
+    if (!todo.empty())
+        cablog::log(LOGLEVEL_INFO, "Registered %d services of %s", (int)todo.size(), name.c_str());
+    return 0;
+}
+
+int CabSatellite::UnregisterServices(bool forget) {
+    std::shared_ptr<CabConnection> conn;
+    std::vector<natsSubscription*> subs;
+    {
+        PLockGuard guard(m_state->lock);
+        conn = m_state->conn;
+        for (auto& e : m_state->services) {
+            if (e->sub) subs.push_back(e->sub);
+            e->sub = nullptr;
+        }
+        subs.insert(subs.end(), m_state->srvSubs.begin(), m_state->srvSubs.end());
+        m_state->srvSubs.clear();
+        if (forget) m_state->services.clear();
+    }
+    if (conn)
+        for (natsSubscription* s : subs) conn->unsubscribe(s);
+    return 0;
+}
+
+int CabSatellite::Disconnect() {
+    UnregisterServices(false);
+    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabWorkerPool> pool;
+    std::string name;
+    {
+        PLockGuard guard(m_state->lock);
+        conn.swap(m_state->conn);
+        pool.swap(m_state->pool);
+        name = m_state->name;
+    }
+    if (!conn) return 0;
+    if (pool) pool->stop();  // running and queued handlers finish
+    conn->close();
+    cablog::log(LOGLEVEL_INFO, "Disconnected %s from the directory", name.c_str());
+    return 0;
+}
+
+int CabSatellite::AddService(const char* name, const char* description, CabSatelliteDelegateGeneric* handler) {
+    std::unique_ptr<CabSatelliteDelegateGeneric> owned(handler);
+    if (!cabwire::validName(name)) {
+        int rc = CabFail(CAB_E_INVALID_NAME, std::string("service name '") + (name ? name : "(null)") + "'");
+        cablog::log(LOGLEVEL_ERROR, "AddService refused: %s", CabGetLastError().c_str());
+        return rc;
+    }
+    if (!handler) return CabFail(CAB_E_INVALID_ARGUMENT, std::string("no handler for service ") + name);
+    bool connected;
+    {
+        PLockGuard guard(m_state->lock);
+        for (auto& e : m_state->services) {
+            if (e->name == name) {
+                int rc = CabFail(CAB_E_INVALID_ARGUMENT, std::string("service ") + name + " added twice");
+                cablog::log(LOGLEVEL_ERROR, "AddService refused: %s", CabGetLastError().c_str());
+                return rc;
+            }
+        }
+        auto e = std::make_shared<CabServiceEntry>();
+        e->name = name;
+        e->description = description ? description : "";
+        e->delegate = std::move(owned);
+        m_state->services.push_back(e);
+        connected = m_state->conn != nullptr;
+    }
+    // Added after Connect (outside CreateServices): listen at once.
+    return connected ? RegisterServices() : 0;
+}
+
+int CabSatellite::AddService(const char* name, const char* description, CabServiceFunction handler) {
+    if (!handler) return CabFail(CAB_E_INVALID_ARGUMENT, "null handler function");
+    return AddService(name, description, new CabSatelliteDelegateFunction(handler));
+}
+
+int CabSatellite::RemoveService(const char* name) {
+    std::shared_ptr<CabConnection> conn;
+    natsSubscription* sub = nullptr;
+    {
+        PLockGuard guard(m_state->lock);
+        conn = m_state->conn;
+        for (auto it = m_state->services.begin(); it != m_state->services.end(); ++it) {
+            if ((*it)->name == (name ? name : "")) {
+                sub = (*it)->sub;
+                m_state->services.erase(it);
+                break;
+            }
+        }
+    }
+    if (conn && sub) conn->unsubscribe(sub);
+    return 0;
+}
+
+int CabSatellite::CreateServices() { return 0; }
+
+int CabSatellite::OnServiceRequested(int requestId, const char* service, const char* requester, tagVARIANT in,
+                                     tagVARIANT* out, int* status) {
+    std::shared_ptr<CabServiceEntry> e = m_state->findService(service ? service : "");
+    if (!e) return CAB_E_NO_SUCH_SERVICE;
+    *status = e->delegate->Invoke(service, in, out);
+    return 0;
+}
+
+void CabSatellite::OnServiceAvailabilityChanged(const char*, const char*, int) {}
+
+void CabSatellite::OnStatusChange(int state, CABSTATUS) {
+    std::string n = name();
+    switch (state) {
+    case CAB_STATE_DISCONNECTED:
+        cablog::log(LOGLEVEL_WARN, "%s: connection to the directory lost; reconnecting", n.c_str());
+        break;
+    case CAB_STATE_RECONNECTED:
+        cablog::log(LOGLEVEL_INFO, "%s: reconnected to the directory", n.c_str());
+        break;
+    case CAB_STATE_CLOSED:
+        cablog::log(LOGLEVEL_INFO, "%s: connection to the directory closed", n.c_str());
+        break;
+    default:
+        cablog::log(LOGLEVEL_INFO, "%s: connection state %d", n.c_str(), state);
+    }
+}
+
+int CabSatellite::GetSatelliteId(int* id) {
+    std::shared_ptr<CabConnection> c = m_state->connection();
+    uint64_t cid = 0;
+    if (!c || natsConnection_GetClientID(c->nc(), &cid) != NATS_OK) {
+        if (id) *id = -1;
+        return CabFail(CAB_E_NOT_CONNECTED);
+    }
+    if (id) *id = (int)cid;
+    return 0;
+}
+
+int CabSatellite::AddServiceAvailabilityListener(const char*) { return 0; }
+int CabSatellite::RemoveServiceAvailabilityListener(const char*) { return 0; }
+
+int CabRetcode(const tagVARIANT& rc, int fallback) {
+    auto scalar = [&](const tagVARIANT& v, int* out) {
+        switch (v.vt) {
+        case VT_I4: *out = v.lVal; return true;
+        case VT_I2: *out = v.iVal; return true;
+        case VT_I8: *out = (int)v.llVal; return true;
+        case VT_UI4: *out = (int)v.ulVal; return true;
+        default: return false;
+        }
+    };
+    int value = fallback;
+    if (scalar(rc, &value)) return value;
+    if (!(rc.vt & VT_ARRAY) || !rc.parray) return fallback;
+    int32_t ub = -1;
+    if (SafeArrayGetUBound(rc.parray, 1, &ub) != S_OK || ub < 0) return fallback;
+    int32_t index = 0;
+    if (rc.vt == (VT_ARRAY | VT_VARIANT)) {
+        tagVARIANT e;
+        VariantInit(&e);
+        if (SafeArrayGetElement(rc.parray, &index, &e) == S_OK && !scalar(e, &value)) value = fallback;
+        VariantClear(&e);
+        return value;
+    }
+    if (rc.vt == (VT_ARRAY | VT_I4)) {
+        int32_t v = 0;
+        if (SafeArrayGetElement(rc.parray, &index, &v) == S_OK) return v;
+    }
+    return fallback;
+}

@@ -1,0 +1,154 @@
+// CabSatellite: a satellite on the CAB directory (a NATS server).
+//
+// Promises:
+// - Connect(host, name) connects to nats://host:port (port from the setting
+//   "cabDirectory.port", default 4222; "host:port" wins; token from
+//   "cabDirectory.token"), calls CreateServices(), then listens on
+//   "cab.<name>.<service>" in queue group <name> for every added service and
+//   answers the "$SRV" discovery requests. Returns 0 or a negative CabStatus.
+//   A satellite that adds no service is a pure client: it publishes nothing.
+// - Handlers run on the library's worker threads, several at once; the pool
+//   grows on demand up to "cabDirectory.maxHandlers" (default 256) and then
+//   queues. A handler may itself call Request, also on its own satellite.
+//   A throwing handler yields CAB_E_HANDLER_EXCEPTION plus the text to the
+//   requester; the satellite logs it and keeps serving.
+// - Request blocks until the whole answer arrived (replies up to 4 GiB, sent
+//   in parts under flow control) or the time-out ("cabDirectory.requestTimeoutMs",
+//   default 300000) passed. *retcodes becomes VT_ARRAY|VT_VARIANT with one
+//   VT_I4 element: the handler's status or a negative library code. Request
+//   returns 0 when the handler answered (whatever its status), else the
+//   negative library code. CabGetLastError() has the text of a failure.
+// - Any thread may call Request, AddService, Connect and Disconnect.
+// - The library owns the delegates handed to AddService.
+// - Destruction disconnects. A derived class whose handlers use its own
+//   members should call Disconnect() first in its destructor, so that no
+//   handler runs on a half-destroyed object.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <boost/shared_ptr.hpp>
+
+#include "cab/CabStatus.h"
+#include "cab/Variant.h"
+
+class CBBLog;
+
+typedef int CABFLAGS;
+typedef int CABSTATUS;
+
+// Connection states reported through OnStatusChange.
+enum CabConnectionState {
+    CAB_STATE_CONNECTED = 1,
+    CAB_STATE_DISCONNECTED = 2,
+    CAB_STATE_RECONNECTED = 3,
+    CAB_STATE_CLOSED = 4,
+};
+
+typedef int (*CabServiceFunction)(const char* serviceName, const tagVARIANT& in, tagVARIANT* out);
+
+class CabSatelliteDelegateGeneric {
+public:
+    virtual ~CabSatelliteDelegateGeneric() = default;
+    virtual int Invoke(const char* name, const tagVARIANT& in, tagVARIANT* out) = 0;
+};
+
+// Calls a member of T on one object; returns its status unchanged, catches nothing.
+template <class T>
+class CabSatelliteDelegateMember : public CabSatelliteDelegateGeneric {
+public:
+    typedef int (T::*Method)(const char*, const tagVARIANT&, tagVARIANT*);
+    CabSatelliteDelegateMember(T* obj, Method m) : m_obj(obj), m_method(m) {}
+    int Invoke(const char* name, const tagVARIANT& in, tagVARIANT* out) override {
+        return (m_obj->*m_method)(name, in, out);
+    }
+
+private:
+    T* m_obj;
+    Method m_method;
+};
+
+// Calls a plain function; returns its status unchanged, catches nothing.
+class CabSatelliteDelegateFunction : public CabSatelliteDelegateGeneric {
+public:
+    explicit CabSatelliteDelegateFunction(CabServiceFunction f) : m_fn(f) {}
+    int Invoke(const char* name, const tagVARIANT& in, tagVARIANT* out) override { return m_fn(name, in, out); }
+
+private:
+    CabServiceFunction m_fn;
+};
+
+struct CabSatelliteState;  // the library's private state (cab/CabSatelliteState.h)
+
+class CabSatellite {
+public:
+    CabSatellite();
+    virtual ~CabSatellite();
+    CabSatellite(const CabSatellite&) = delete;
+    CabSatellite& operator=(const CabSatellite&) = delete;
+
+    virtual int Connect(const char* host, const char* name);
+    // Same as Connect (the directory has no user accounts; use the token setting).
+    virtual int ConnectUser(const char* host, const char* name);
+    // Stops serving (in-flight handlers finish), fails waiting requests with
+    // CAB_E_NOT_CONNECTED and closes the connection. Safe to call twice.
+    virtual int Disconnect();
+    virtual int Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
+                        CABFLAGS flags, tagVARIANT* retcodes);
+    // Asks the directory at host:port whether satellite `name` answers a
+    // $SRV.PING within timeoutMs; *status gets 0 or a negative code.
+    virtual int DirectoryPingSatellite(const char* host, const char* name, unsigned short port, int timeoutMs,
+                                       CABSTATUS* status);
+    // A number of this process's connection (the NATS client id); -1 when not connected.
+    virtual int GetSatelliteId(int* id);
+    // Availability notifications do not exist on this directory: accepted, never fire.
+    virtual int AddServiceAvailabilityListener(const char* satellite);
+    virtual int RemoveServiceAvailabilityListener(const char* satellite);
+    // Override to add services; called by Connect before registering. Adds none by default.
+    virtual int CreateServices();
+    // Subscribes every added service not yet subscribed (Connect does this).
+    virtual int RegisterServices();
+    // Unsubscribes every service; with `forget` the services are removed too.
+    virtual int UnregisterServices(bool forget);
+    virtual int AddService(const char* name, const char* description, CabSatelliteDelegateGeneric* handler);
+    virtual int AddService(const char* name, const char* description, CabServiceFunction handler);
+    virtual int RemoveService(const char* name);
+    // Dispatch entry, called on a worker thread: invokes the service's delegate.
+    // Returns 0 when dispatched (status in *status), CAB_E_NO_SUCH_SERVICE when
+    // the service is unknown. Exceptions of the handler pass through.
+    virtual int OnServiceRequested(int requestId, const char* service, const char* requester, tagVARIANT in,
+                                   tagVARIANT* out, int* status);
+    virtual void OnServiceAvailabilityChanged(const char* satellite, const char* service, int available);
+    // Connection state changes (CabConnectionState); logs them by default.
+    virtual void OnStatusChange(int state, CABSTATUS status);
+
+    static void setLogger(const boost::shared_ptr<CBBLog>& logger);
+
+    // Set before Connect; they override the settings.
+    void setToken(const std::string& token);
+    void setRequestTimeoutMs(int ms);
+    void setMaxHandlers(int count);
+
+    bool isConnected() const;
+    std::string name() const;
+    // The discovery id of this instance ("$SRV.*.NAME.ID").
+    std::string instanceId() const;
+    // Sends "$SRV.<verb>[.<name>]" (verb PING, INFO or STATS) and collects the
+    // JSON answers of every satellite that answers within waitMs.
+    int Discover(const char* verb, const char* name, int waitMs, std::vector<std::string>* replies);
+
+private:
+    std::shared_ptr<CabSatelliteState> m_state;
+};
+
+// A process that only sends requests: connects without publishing anything.
+class CabClient : public CabSatellite {
+public:
+    int CreateServices() override { return 0; }
+};
+
+// Reads element 0 of a return-code variant, accepting VT_ARRAY|VT_VARIANT and
+// VT_ARRAY|VT_I4 arrays and a plain integer; `fallback` when there is none.
+int CabRetcode(const tagVARIANT& retcodes, int fallback = CAB_E_MALFORMED);

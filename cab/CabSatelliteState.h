@@ -1,0 +1,74 @@
+// The private state behind a CabSatellite: its identity, settings, services
+// with their statistics, connection and worker pool. Shared by the satellite
+// and by the jobs and callbacks that serve it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <nats/nats.h>
+
+#include "cab/CabConnection.h"
+#include "cab/CabSatellite.h"
+#include "cab/CabWorkerPool.h"
+#include "host/PThread.h"
+
+struct CabServiceStats {
+    uint64_t requests = 0;
+    uint64_t errors = 0;
+    int64_t processingNs = 0;
+    std::string lastError;
+};
+
+struct CabServiceEntry {
+    std::string name;
+    std::string description;
+    std::string subject;
+    std::unique_ptr<CabSatelliteDelegateGeneric> delegate;
+    natsSubscription* sub = nullptr;  // CabSatelliteState::lock
+
+    PMutex statsLock;        // guards stats
+    CabServiceStats stats;   // statsLock
+    void record(int64_t ns, const std::string* error);
+};
+
+struct CabSatelliteState {
+    CabSatellite* owner = nullptr;
+
+    mutable PMutex lock;  // guards every field below
+    std::string name;
+    std::string id;
+    std::string started;  // RFC 3339, UTC
+    std::string token;
+    bool tokenSet = false;
+    int timeoutMs = -1;    // -1: from the settings
+    int maxHandlers = -1;  // -1: from the settings
+    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabWorkerPool> pool;
+    std::vector<std::shared_ptr<CabServiceEntry>> services;  // in the order added
+    std::vector<natsSubscription*> srvSubs;                  // discovery subscriptions
+
+    std::atomic<int> nextRequestId{1};
+
+    std::shared_ptr<CabConnection> connection() const;
+    int requestTimeoutMs() const;
+    std::shared_ptr<CabServiceEntry> findService(const std::string& service) const;
+};
+
+// Settings of the directory connection under "Software\Kiv Foundry\Kiv\Config".
+namespace cabsettings {
+int integer(const char* name, int fallback);
+bool string(const char* name, std::string* value);
+}  // namespace cabsettings
+
+// Serves one request message on a worker thread (CabServe.cpp).
+void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
+              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg);
+// Sends an answer, in parts under credit when it is larger than one message (CabReplySender.cpp).
+void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string& replyTo, int status,
+                  const tagVARIANT* out, const std::string& error, int errorCode, int timeoutMs);
+// Answers a "$SRV" discovery request (CabDiscovery.cpp).
+void cabAnswerDiscovery(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn, natsMsg* msg);

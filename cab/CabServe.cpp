@@ -1,0 +1,96 @@
+// Serving one request: check the message, decode the input, run the handler,
+// catch whatever it throws, send the answer and count it.
+#include <chrono>
+#include <exception>
+#include <string>
+
+#include "cab/Cab1.h"
+#include "cab/CabException.h"
+#include "cab/CabLog.h"
+#include "cab/CabSatelliteState.h"
+#include "cab/CabWire.h"
+
+namespace {
+
+int64_t nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+void refuse(const std::shared_ptr<CabConnection>& conn, const std::shared_ptr<CabServiceEntry>& entry,
+            const std::string& replyTo, const std::string& why, int timeoutMs) {
+    cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
+    entry->record(0, &why);
+    cabSendReply(conn, replyTo, CAB_E_MALFORMED, nullptr, why, 0, timeoutMs);
+}
+
+}  // namespace
+
+void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
+              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg) {
+    int64_t start = nowNs();
+    const char* reply = natsMsg_GetReply(msg);
+    if (!reply || !*reply) {
+        std::string why = "request without a reply subject dropped";
+        cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
+        entry->record(0, &why);
+        natsMsg_Destroy(msg);
+        return;
+    }
+    std::string replyTo = reply;
+    int timeoutMs = state->requestTimeoutMs();
+    std::string proto = cabwire::header(msg, cabwire::kProto);
+    int64_t flags = 0;
+    std::string why;
+    if (proto != cabwire::kProtoVersion) {
+        why = proto.empty() ? "missing Cab-Proto header" : "unsupported Cab-Proto '" + proto + "'";
+    } else if (!cabwire::header(msg, cabwire::kFlags).empty() &&
+               !cabwire::headerInt(msg, cabwire::kFlags, INT32_MIN, INT32_MAX, &flags)) {
+        why = "bad Cab-Flags header";
+    }
+    tagVARIANT in;
+    VariantInit(&in);
+    if (why.empty()) {
+        std::string err;
+        if (!Cab1Decode(natsMsg_GetData(msg), (size_t)natsMsg_GetDataLength(msg), &in, &err))
+            why = "request payload: " + err;
+    }
+    natsMsg_Destroy(msg);
+    if (!why.empty()) {
+        refuse(conn, entry, replyTo, why, timeoutMs);
+        return;
+    }
+
+    tagVARIANT out;
+    VariantInit(&out);
+    int status = 0;
+    bool threw = false;
+    std::string error;
+    int errorCode = 0;
+    try {
+        int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), "", in, &out, &status);
+        if (rc != 0) {
+            status = rc;
+            error = "no service " + entry->name;
+        }
+    } catch (const CabException& e) {
+        threw = true;
+        error = e.getMessage();
+        errorCode = e.getCode();
+    } catch (const std::exception& e) {
+        threw = true;
+        error = e.what();
+    } catch (...) {
+        threw = true;
+        error = "unknown exception";
+    }
+    VariantClear(&in);
+    if (threw) {
+        status = CAB_E_HANDLER_EXCEPTION;
+        VariantClear(&out);  // a throwing handler produces no output
+        cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error.c_str());
+    }
+    entry->record(nowNs() - start, threw ? &error : nullptr);
+    cabSendReply(conn, replyTo, status, &out, error, errorCode, timeoutMs);
+    VariantClear(&out);
+}

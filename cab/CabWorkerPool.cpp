@@ -1,0 +1,72 @@
+#include "cab/CabWorkerPool.h"
+
+#include "cab/CabLog.h"
+
+CabWorkerPool::CabWorkerPool(int cap) : m_cap(cap < 1 ? 1 : cap) {}
+
+CabWorkerPool::~CabWorkerPool() { stop(); }
+
+bool CabWorkerPool::submit(std::function<void()> job) {
+    PLockGuard guard(m_lock);
+    if (m_stopping) return false;
+    m_jobs.push_back(std::move(job));
+    if (m_idle > 0) {
+        m_lock.signal();
+        return true;
+    }
+    if ((int)m_threads.size() < m_cap) {
+        std::unique_ptr<PThread> t(new PThread);
+        try {
+            t->init(nullptr, new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run), nullptr);
+            m_threads.push_back(std::move(t));
+        } catch (const std::exception& e) {
+            // The job stays queued; an existing worker picks it up.
+            cablog::log(LOGLEVEL_ERROR, "Worker thread not started (%s); %d running", e.what(),
+                        (int)m_threads.size());
+            if (m_threads.empty()) {
+                m_jobs.pop_back();
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+void* CabWorkerPool::run(void*) {
+    m_lock.lock();
+    for (;;) {
+        while (m_jobs.empty() && !m_stopping) {
+            ++m_idle;
+            m_lock.wait();
+            --m_idle;
+        }
+        if (m_jobs.empty()) break;  // stopping and nothing left
+        std::function<void()> job = std::move(m_jobs.front());
+        m_jobs.pop_front();
+        m_lock.unlock();
+        try {
+            job();
+        } catch (...) {
+            cablog::log(LOGLEVEL_ERROR, "Worker job threw; ignored");
+        }
+        m_lock.lock();
+    }
+    m_lock.unlock();
+    return nullptr;
+}
+
+void CabWorkerPool::stop() {
+    std::vector<std::unique_ptr<PThread>> threads;
+    {
+        PLockGuard guard(m_lock);
+        m_stopping = true;
+        m_lock.broadcast();
+        threads.swap(m_threads);
+    }
+    for (auto& t : threads) t->join();
+}
+
+int CabWorkerPool::threadCount() {
+    PLockGuard guard(m_lock);
+    return (int)m_threads.size();
+}

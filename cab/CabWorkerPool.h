@@ -1,0 +1,35 @@
+// CabWorkerPool: runs jobs on worker threads. A job never waits for a free
+// thread while fewer than `cap` threads exist: the pool starts a new one when
+// none is idle; beyond the cap jobs queue in order. Idle threads stay for
+// reuse. stop() lets running and queued jobs finish, then joins every thread;
+// submit() after stop() refuses the job (returns false).
+#pragma once
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "host/PThread.h"
+
+class CabWorkerPool {
+public:
+    explicit CabWorkerPool(int cap);
+    ~CabWorkerPool();
+    CabWorkerPool(const CabWorkerPool&) = delete;
+    CabWorkerPool& operator=(const CabWorkerPool&) = delete;
+
+    bool submit(std::function<void()> job);
+    void stop();
+    int threadCount();
+
+private:
+    void* run(void*);
+
+    const int m_cap;
+    PCondMutex m_lock;                           // guards everything below
+    std::deque<std::function<void()>> m_jobs;    // m_lock
+    std::vector<std::unique_ptr<PThread>> m_threads;  // m_lock
+    int m_idle = 0;                              // m_lock
+    bool m_stopping = false;                     // m_lock
+};

@@ -1,0 +1,36 @@
+#include "tests/broker/BrokerTestFixture.h"
+
+#include "cab/Cab1.h"
+
+void BrokerTest::SetUp() {
+    ASSERT_TRUE(server.start()) << server.error();
+    echo.reset(new EchoSatellite);
+    ASSERT_EQ(0, echo->Connect(server.hostPort().c_str(), "EchoA")) << CabGetLastError();
+    client.reset(new CabClient);
+    client->setRequestTimeoutMs(60000);
+    ASSERT_EQ(0, client->Connect(server.hostPort().c_str(), "TestClient")) << CabGetLastError();
+}
+
+void BrokerTest::TearDown() {
+    client.reset();
+    echo.reset();
+    server.stop();
+}
+
+int BrokerTest::call(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out, int* rc) {
+    Var codes;
+    int r = client->Request(target, service, in, out, 0, &codes.v);
+    if (rc) *rc = r;
+    return CabRetcode(codes.v, -99999);
+}
+
+std::string encodingOf(const tagVARIANT& v) {
+    Cab1Encoding e(v);
+    return e.ok() ? e.str() : "invalid: " + e.error();
+}
+
+void setI4(tagVARIANT* v, int32_t n) {
+    VariantClear(v);
+    v->vt = VT_I4;
+    v->lVal = n;
+}

@@ -1,0 +1,104 @@
+// Discovery answers and the loss and return of the directory.
+#include <nlohmann/json.hpp>
+
+#include <atomic>
+#include <mutex>
+#include <chrono>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include "tests/broker/BrokerTestFixture.h"
+
+TEST_F(BrokerTest, DiscoveryDescribesTheSatelliteAndCountsRequests) {
+    Var in, out;
+    setI4(&in.v, 1);
+    ASSERT_EQ(0, call("EchoA", "Echo", in.v, &out));
+    ASSERT_EQ(0, call("EchoA", "Echo", in.v, &out));
+    ASSERT_EQ(CAB_E_HANDLER_EXCEPTION, call("EchoA", "Throw", in.v, &out));
+
+    std::vector<std::string> replies;
+    ASSERT_EQ(0, client->Discover("INFO", nullptr, 5000, &replies));
+    ASSERT_EQ(1u, replies.size()) << "only satellites with services answer";
+    auto info = nlohmann::json::parse(replies[0]);
+    EXPECT_EQ("io.nats.micro.v1.info_response", info["type"]);
+    EXPECT_EQ("EchoA", info["name"]);
+    EXPECT_EQ(echo->instanceId(), info["id"]);
+    const auto& eps = info["endpoints"];
+    ASSERT_EQ(8u, eps.size());
+    EXPECT_EQ("Echo", eps[0]["name"]);
+    EXPECT_EQ("cab.EchoA.Echo", eps[0]["subject"]);
+    EXPECT_EQ("EchoA", eps[0]["queue_group"]);
+    EXPECT_EQ("Answers its input", eps[0]["metadata"]["description"]);
+    EXPECT_EQ("Throw", eps[2]["name"]);
+    EXPECT_EQ("", eps[2]["metadata"]["description"]);
+    EXPECT_EQ("Sleep", eps[7]["name"]);
+
+    replies.clear();
+    std::string byId = "EchoA." + echo->instanceId();
+    ASSERT_EQ(0, client->Discover("STATS", "EchoA", 5000, &replies));
+    ASSERT_EQ(1u, replies.size());
+    auto stats = nlohmann::json::parse(replies[0]);
+    EXPECT_EQ("io.nats.micro.v1.stats_response", stats["type"]);
+    EXPECT_FALSE(stats["started"].get<std::string>().empty());
+    EXPECT_EQ(2, stats["endpoints"][0]["num_requests"]);
+    EXPECT_EQ(0, stats["endpoints"][0]["num_errors"]);
+    EXPECT_GT(stats["endpoints"][0]["processing_time"].get<int64_t>(), 0);
+    EXPECT_EQ(1, stats["endpoints"][2]["num_requests"]);
+    EXPECT_EQ(1, stats["endpoints"][2]["num_errors"]);
+    EXPECT_EQ("bad argument from Throw", stats["endpoints"][2]["last_error"]);
+
+    replies.clear();
+    ASSERT_EQ(0, client->Discover("PING", "NoSuch", 300, &replies));
+    EXPECT_TRUE(replies.empty());
+    CABSTATUS st = 0;
+    EXPECT_EQ(0, client->DirectoryPingSatellite(nullptr, "EchoA", 0, 5000, &st));
+    EXPECT_EQ(0, st);
+}
+
+TEST_F(BrokerTest, SatelliteServesAgainAfterTheDirectoryRestarts) {
+    client->setRequestTimeoutMs(10000);
+    std::atomic<bool> stop{false};
+    std::atomic<int> okBefore{0}, wrongFailures{0};
+    std::mutex seenLock;
+    std::set<int> seen;  // seenLock
+    std::vector<std::thread> load;
+    for (int t = 0; t < 4; ++t) {
+        load.emplace_back([&] {
+            while (!stop) {
+                Var in, out;
+                setI4(&in.v, 2);
+                int st = call("EchoA", "Sleep", in.v, &out);
+                if (st == 0) {
+                    ++okBefore;
+                    continue;
+                }
+                {
+                    std::lock_guard<std::mutex> g(seenLock);
+                    seen.insert(st);
+                }
+                // While the directory is away: lost, not connected, or nobody (yet) subscribed again.
+                if (st != CAB_E_CONNECTION_LOST && st != CAB_E_NOT_CONNECTED && st != CAB_E_NO_SUCH_SERVICE)
+                    ++wrongFailures;
+            }
+        });
+    }
+    // Let the load run, then pull the directory away under it.
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (okBefore < 20 && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    ASSERT_TRUE(server.restart()) << server.error();
+    // Serving again: wait (bounded) for a successful answer after the restart.
+    int before = okBefore;
+    bool served = false;
+    until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!served && std::chrono::steady_clock::now() < until) served = okBefore > before + 10;
+    stop = true;
+    for (auto& t : load) t.join();
+    EXPECT_TRUE(served);
+    EXPECT_EQ(0, wrongFailures.load());
+    EXPECT_TRUE(echo->isConnected());
+    Var in, out;
+    setI4(&in.v, 9);
+    EXPECT_EQ(0, call("EchoA", "Echo", in.v, &out));
+    EXPECT_EQ(9, out.v.lVal);
+}

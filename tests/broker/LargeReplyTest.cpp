@@ -1,0 +1,96 @@
+// A 1 GiB answer (256 MiB under sanitizers) from an echo satellite in its own
+// process: it arrives whole, the serving process grows by little more than
+// the answer it holds, and the directory stays small and reports no slow consumer.
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <string>
+
+#include "tests/broker/BrokerTestFixture.h"
+
+namespace {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+const int64_t kSize = 256ll << 20;
+#else
+const int64_t kSize = 1ll << 30;
+#endif
+
+// A /proc/PID/status field in KiB, -1 when absent.
+int64_t statusKiB(pid_t pid, const char* field) {
+    std::ifstream f("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(f, line))
+        if (line.rfind(field, 0) == 0) return atoll(line.c_str() + strlen(field) + 1);
+    return -1;
+}
+
+class EchoProcess {
+public:
+    bool start(const std::string& server, const char* name) {
+        int fds[2];
+        if (pipe(fds) != 0) return false;
+        m_pid = fork();
+        if (m_pid == 0) {
+            dup2(fds[1], 1);
+            close(fds[0]);
+            execl(KIV_CAB_ECHO, KIV_CAB_ECHO, "--server", server.c_str(), "--name", name, (char*)nullptr);
+            _exit(127);
+        }
+        close(fds[1]);
+        FILE* f = fdopen(fds[0], "r");
+        char line[64] = {0};
+        bool ready = fgets(line, sizeof line, f) && std::string(line) == "ready\n";
+        fclose(f);
+        return ready;
+    }
+    ~EchoProcess() {
+        if (m_pid > 0) {
+            kill(m_pid, SIGTERM);
+            int st;
+            waitpid(m_pid, &st, 0);
+        }
+    }
+    pid_t pid() const { return m_pid; }
+
+private:
+    pid_t m_pid = -1;
+};
+
+}  // namespace
+
+TEST_F(BrokerTest, HugeReplyArrivesWholeWithBoundedServingMemory) {
+    EchoProcess proc;
+    ASSERT_TRUE(proc.start(server.hostPort(), "EchoBig"));
+    int64_t baseKiB = statusKiB(proc.pid(), "VmHWM:");
+    int64_t serverBaseKiB = statusKiB(server.pid(), "VmRSS:");
+    ASSERT_GT(baseKiB, 0);
+
+    Var in, out;
+    in.v.vt = VT_I8;
+    in.v.llVal = kSize;
+    ASSERT_EQ(0, call("EchoBig", "Blob", in.v, &out)) << CabGetLastError();
+    ASSERT_EQ(VT_ARRAY | VT_UI1, out.v.vt);
+    int32_t ub = 0;
+    SafeArrayGetUBound(out.v.parray, 1, &ub);
+    ASSERT_EQ(kSize - 1, (int64_t)ub);
+    unsigned char* p = nullptr;
+    SafeArrayAccessData(out.v.parray, (void**)&p);
+    int64_t bad = 0;
+    for (int64_t i = 0; i < kSize; i += 4093) bad += p[i] != echoBlobByte((uint64_t)i);
+    bad += p[kSize - 1] != echoBlobByte((uint64_t)(kSize - 1));
+    SafeArrayUnaccessData(out.v.parray);
+    EXPECT_EQ(0, bad);
+
+    // The server holds the answer itself plus at most a few MiB of the transfer.
+    int64_t grownKiB = statusKiB(proc.pid(), "VmHWM:") - baseKiB;
+    EXPECT_LE(grownKiB, (kSize >> 10) + 64 * 1024) << "serving process grew by " << grownKiB << " KiB";
+    int64_t dirKiB = statusKiB(server.pid(), "VmHWM:");
+    EXPECT_LE(dirKiB - serverBaseKiB, 128 * 1024) << "nats-server peak " << dirKiB << " KiB";
+    std::string log = kivtest::readFile(server.logPath());
+    EXPECT_EQ(std::string::npos, log.find("Slow Consumer")) << log;
+}

@@ -1,0 +1,163 @@
+// Dispatch: throwing handlers, unknown targets, names, concurrency, nesting
+// and messages that do not follow the protocol.
+#include <nats/nats.h>
+
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/broker/BrokerTestFixture.h"
+
+TEST_F(BrokerTest, ThrowingHandlersFailTheRequestAndTheSatelliteKeepsServing) {
+    struct Case {
+        const char* service;
+        const char* text;
+    } cases[] = {{"Throw", "bad argument from Throw"},
+                 {"ThrowStd", "std failure from ThrowStd"},
+                 {"ThrowOther", "unknown exception"}};
+    for (const Case& c : cases) {
+        Var in, out;
+        setI4(&in.v, 1);
+        int rc = 0;
+        EXPECT_EQ(CAB_E_HANDLER_EXCEPTION, call("EchoA", c.service, in.v, &out, &rc)) << c.service;
+        EXPECT_EQ(CAB_E_HANDLER_EXCEPTION, rc);
+        EXPECT_EQ(VT_EMPTY, out.v.vt);
+        EXPECT_NE(std::string::npos, CabGetLastError().find(c.text)) << CabGetLastError();
+    }
+    Var in, out;
+    setI4(&in.v, 5);
+    EXPECT_EQ(0, call("EchoA", "Echo", in.v, &out));
+    EXPECT_EQ(5, out.v.lVal);
+}
+
+TEST_F(BrokerTest, UnknownSatelliteOrServiceFailsAtOnce) {
+    auto start = std::chrono::steady_clock::now();
+    for (auto target : {std::make_pair("NoSuchSatellite", "Echo"), std::make_pair("EchoA", "NoSuchService")}) {
+        Var in, out;
+        int rc = 0;
+        EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, call(target.first, target.second, in.v, &out, &rc));
+        EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, rc);
+        EXPECT_NE(std::string::npos, CabGetLastError().find(target.first));
+    }
+    // The time-out is 60 s: an answer this fast came from the no-responders notice.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
+}
+
+TEST_F(BrokerTest, NamesOutsideTheAlphabetAreRefused) {
+    Var in, out;
+    EXPECT_EQ(CAB_E_INVALID_NAME, call("Echo.A", "Echo", in.v, &out));
+    EXPECT_EQ(CAB_E_INVALID_NAME, call("EchoA", "Echo Space", in.v, &out));
+    EXPECT_EQ(CAB_E_INVALID_NAME, call("", "Echo", in.v, &out));
+    EXPECT_EQ(CAB_E_INVALID_NAME, call(std::string(129, 'a').c_str(), "Echo", in.v, &out));
+    EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, call(std::string(128, 'a').c_str(), "Echo", in.v, &out));
+    EXPECT_EQ(CAB_E_INVALID_NAME, echo->AddService("a.b", "", new CabSatelliteDelegateFunction(nullptr)));
+    EXPECT_NE(std::string::npos, CabGetLastError().find("a.b"));
+    EXPECT_EQ(CAB_E_INVALID_NAME, echo->AddService("*", "", new CabSatelliteDelegateFunction(nullptr)));
+    CabClient other;
+    EXPECT_EQ(CAB_E_INVALID_NAME, other.Connect(server.hostPort().c_str(), "bad.name"));
+    EXPECT_FALSE(other.isConnected());
+}
+
+TEST_F(BrokerTest, ManyThreadsRequestAtOnce) {
+    const int threads = 12, perThread = 60;
+    std::atomic<int> wrong{0};
+    std::vector<std::thread> ts;
+    for (int t = 0; t < threads; ++t) {
+        ts.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                Var in, out, codes;
+                std::string text = "t" + std::to_string(t) + "-" + std::to_string(i);
+                in.v.vt = VT_BSTR;
+                in.v.bstrVal = SysAllocString(text.c_str());
+                int r = client->Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v);
+                if (r != 0 || CabRetcode(codes.v) != 0 || out.v.vt != VT_BSTR || text != out.v.bstrVal) ++wrong;
+            }
+        });
+    }
+    for (auto& t : ts) t.join();
+    EXPECT_EQ(0, wrong.load());
+}
+
+TEST_F(BrokerTest, HandlerRequestsItsOwnSatelliteThreeLevelsDeep) {
+    // Several nested chains at once, so that the levels of different chains interleave.
+    std::vector<std::thread> ts;
+    std::atomic<int> ok{0};
+    for (int t = 0; t < 6; ++t) {
+        ts.emplace_back([&] {
+            Var in, out;
+            setI4(&in.v, 3);
+            if (call("EchoA", "Nest", in.v, &out) == 0 && out.v.vt == VT_I4 && out.v.lVal == 3) ++ok;
+        });
+    }
+    for (auto& t : ts) t.join();
+    EXPECT_EQ(6, ok.load());
+}
+
+TEST_F(BrokerTest, HandlersBeyondTheCapQueueInsteadOfFailing) {
+    EchoSatellite small;
+    small.setMaxHandlers(2);
+    ASSERT_EQ(0, small.Connect(server.hostPort().c_str(), "EchoSmall"));
+    std::vector<std::thread> ts;
+    std::atomic<int> ok{0};
+    for (int t = 0; t < 8; ++t) {
+        ts.emplace_back([&, t] {
+            Var in, out;
+            setI4(&in.v, 20 + t);
+            if (call("EchoSmall", "Sleep", in.v, &out) == 0 && out.v.lVal == 20 + t) ++ok;
+        });
+    }
+    for (auto& t : ts) t.join();
+    EXPECT_EQ(8, ok.load());
+}
+
+namespace {
+
+// A raw NATS request; returns the answer (caller destroys) or null.
+natsMsg* rawRequest(natsConnection* nc, const char* subject, const char* proto, const std::string& payload) {
+    natsMsg* m = nullptr;
+    natsMsg_Create(&m, subject, nullptr, payload.data(), (int)payload.size());
+    if (proto) natsMsgHeader_Set(m, "Cab-Proto", proto);
+    natsMsg* reply = nullptr;
+    natsStatus s = natsConnection_RequestMsg(&reply, nc, m, 10000);
+    natsMsg_Destroy(m);
+    return s == NATS_OK ? reply : nullptr;
+}
+
+std::string hdr(natsMsg* m, const char* key) {
+    const char* v = nullptr;
+    return natsMsgHeader_Get(m, key, &v) == NATS_OK && v ? v : "";
+}
+
+}  // namespace
+
+TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
+    struct Case {
+        const char* proto;
+        std::string payload;
+        const char* text;
+    } cases[] = {
+        {nullptr, "", "missing Cab-Proto"},
+        {"2", "", "unsupported Cab-Proto"},
+        {"1", std::string("\xff\xff\xff\xff garbage", 12), "request payload"},
+    };
+    for (const Case& c : cases) {
+        natsMsg* r = rawRequest(nc, "cab.EchoA.Echo", c.proto, c.payload);
+        ASSERT_NE(nullptr, r) << c.text;
+        EXPECT_EQ(std::to_string(CAB_E_MALFORMED), hdr(r, "Cab-Status")) << c.text;
+        EXPECT_NE(std::string::npos, hdr(r, "Cab-Error").find(c.text)) << hdr(r, "Cab-Error");
+        natsMsg_Destroy(r);
+    }
+    // No reply subject: dropped; the satellite keeps serving.
+    natsConnection_PublishString(nc, "cab.EchoA.Echo", "junk");
+    natsConnection_Flush(nc);
+    natsMsg* r = rawRequest(nc, "cab.EchoA.Echo", "1", "");
+    ASSERT_NE(nullptr, r);
+    EXPECT_EQ("0", hdr(r, "Cab-Status"));
+    EXPECT_EQ(0, natsMsg_GetDataLength(r));  // VT_EMPTY travels as an empty payload
+    natsMsg_Destroy(r);
+    natsConnection_Destroy(nc);
+}
