@@ -1,0 +1,178 @@
+// Each way of crashing the test program leaves exactly one readable dump, runs
+// the reporter with the expected command line, logs the FATAL line and ends
+// with status 0.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "CrashTestSupport.h"
+#include "diag/MinidumpModules.h"
+#include "host/CRegistry.h"
+#include "host/KivFolders.h"
+#include "diag/MinidumpReader.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+class CrashPaths : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dumpDir = tmp.path() + "/dumps/";
+        std::filesystem::create_directories(dumpDir);
+        // A reporter path with blanks: the handler must escape them for the shell.
+        std::string folder = tmp.path() + "/dir with blanks";
+        std::filesystem::create_directories(folder);
+        reporter = folder + "/record reporter.sh";
+        std::filesystem::copy_file(RECORD_REPORTER, reporter);
+        chmod(reporter.c_str(), 0755);
+        recordFile = tmp.path() + "/record.txt";
+        std::filesystem::remove(crashtest::errorsLogPath());
+    }
+
+    // Runs one crash and checks what every path must leave; returns the dump.
+    std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
+                          const std::vector<std::string>& expectedTail) {
+        crashtest::ChildResult r = crashtest::runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
+        EXPECT_TRUE(r.exited) << mode << " ended by signal " << r.status << "\n" << r.output;
+        EXPECT_EQ(0, r.status) << r.output;
+        std::vector<std::string> dumps = crashtest::filesEndingWith(dumpDir, ".dmp");
+        EXPECT_EQ(1u, dumps.size()) << mode;
+        if (dumps.size() != 1) return std::string();
+        std::string dump = dumps[0];
+        std::string id = std::filesystem::path(dump).stem().string();
+        EXPECT_EQ(36u, id.size()) << id;
+        EXPECT_EQ('4', id[14]) << "not a random UUID: " << id;
+
+        std::vector<std::string> expected = {dump, "CrashProgram"};
+        expected.insert(expected.end(), expectedTail.begin(), expectedTail.end());
+        EXPECT_EQ(expected, crashtest::recordedArguments(recordFile)) << r.output;
+
+        struct stat st;
+        EXPECT_EQ(0, stat(dump.c_str(), &st));
+        std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
+                            std::to_string(st.st_size / 1024) + "kB)";
+        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(fatal))
+            << kivtest::readFile(crashtest::errorsLogPath());
+        return dump;
+    }
+
+    // The dump is well formed and shows a null store by the crashing thread.
+    void expectNullStoreDump(const std::string& dump, MinidumpReader& reader) {
+        ASSERT_TRUE(reader.load(dump)) << reader.error();
+        ASSERT_TRUE(reader.hasException());
+        EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
+        EXPECT_EQ(0u, reader.exception().address);
+        ASSERT_TRUE(reader.exception().hasContext);
+        bool crashThreadListed = false;
+        for (const MinidumpReader::ThreadInfo& t : reader.threads()) {
+            EXPECT_TRUE(t.hasContext) << "thread " << t.id;
+            EXPECT_GT(t.stackSize, 0u) << "thread " << t.id;
+            if (t.id == reader.exception().threadId) {
+                crashThreadListed = true;
+                EXPECT_EQ(reader.exception().context.rip, t.context.rip);
+            }
+        }
+        EXPECT_TRUE(crashThreadListed);
+        const MinidumpReader::ModuleInfo* m = reader.moduleAt(reader.crashInstructionPointer());
+        ASSERT_NE(nullptr, m) << "instruction pointer outside every module";
+        EXPECT_NE(std::string::npos, reader.linuxStream(minidump::kLinuxMaps).find(m->name));
+        EXPECT_NE(std::string::npos, reader.linuxStream(minidump::kLinuxCmdLine).find("crash_program"));
+        EXPECT_FALSE(reader.linuxStream(minidump::kLinuxProcStatus).empty());
+        EXPECT_FALSE(reader.linuxStream(minidump::kLinuxAuxv).empty());
+        EXPECT_NE(std::string::npos, reader.linuxStream(minidump::kLinuxEnviron).find("KIV_RECORD_FILE="));
+    }
+
+    kivtest::TempDir tmp{"crashpaths"};
+    std::string dumpDir, reporter, recordFile;
+};
+
+TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildId) {
+    std::string dump = crashOnce("threads", {}, {});
+    MinidumpReader reader;
+    expectNullStoreDump(dump, reader);
+    EXPECT_EQ(5u, reader.threads().size());  // main, three parked threads, the logger's writer
+    const MinidumpReader::ModuleInfo* m = reader.moduleAt(reader.crashInstructionPointer());
+    ASSERT_NE(nullptr, m);
+    EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), m->name);
+    minidump::ModuleInfo file{};
+    ASSERT_TRUE(minidump::identifyElfFile(CRASH_PROGRAM, file));
+    ASSERT_TRUE(file.isBuildId) << "the test program was linked without a build id";
+    EXPECT_TRUE(m->isBuildId);
+    EXPECT_EQ(2 * file.idSize, m->id.size());
+}
+
+TEST_F(CrashPaths, AppDataFormAndFiveArgumentForm) {
+    std::string dump = crashOnce("null", {"appData=some data"}, {"-appData", "some data"});
+    std::filesystem::remove(dump);
+    crashOnce("null", {"arg1=first one", "arg2=second"}, {"first one", "second"});
+}
+
+TEST_F(CrashPaths, Usr1CrashesOnANewThread) {
+    // The INFO line is only written when INFO is enabled.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 3));
+    std::string dump = crashOnce("usr1", {}, {});
+    MinidumpReader reader;
+    expectNullStoreDump(dump, reader);
+    ASSERT_GE(reader.threads().size(), 2u);
+    // The main thread waits in pause(); the crash is on another one.
+    std::string status = reader.linuxStream(minidump::kLinuxProcStatus);
+    size_t tgid = status.find("Tgid:");
+    ASSERT_NE(std::string::npos, tgid);
+    uint32_t mainThread = static_cast<uint32_t>(std::stoul(status.substr(tgid + 5)));
+    EXPECT_NE(mainThread, reader.exception().threadId);
+    bool mainThreadListed = false;
+    for (const MinidumpReader::ThreadInfo& t : reader.threads()) mainThreadListed |= t.id == mainThread;
+    EXPECT_TRUE(mainThreadListed);
+    EXPECT_NE(std::string::npos, kivtest::readFile(KivFolders::LogsDirectory() + "/CrashProgram.log").find("USR1 signal received, generating crash"));
+}
+
+TEST_F(CrashPaths, AbortGivesExactlyOneDump) {
+    std::string dump = crashOnce("abort", {}, {});
+    MinidumpReader reader;
+    expectNullStoreDump(dump, reader);
+}
+
+TEST_F(CrashPaths, UncaughtExceptionsAreLoggedThenDumped) {
+    std::string dump = crashOnce("throw", {}, {});
+    MinidumpReader reader;
+    expectNullStoreDump(dump, reader);
+    EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath())
+                                     .find("uncaught std::runtime_error c++ exception: nobody catches this"));
+    std::filesystem::remove(dump);
+    std::filesystem::remove(crashtest::errorsLogPath());
+    crashOnce("throw-int", {}, {});
+    EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find("uncaught unknown c++ exception"));
+}
+
+TEST_F(CrashPaths, StackOverflowStillDumps) {
+    std::string dump = crashOnce("overflow", {}, {});
+    MinidumpReader reader;
+    ASSERT_TRUE(reader.load(dump)) << reader.error();
+    ASSERT_TRUE(reader.hasException());
+    EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
+    ASSERT_FALSE(reader.threads().empty());
+    EXPECT_GT(reader.threads().front().stackSize, 0u);
+}
+
+TEST_F(CrashPaths, LldbOpensTheDumpAndShowsTheCrashingFunction) {
+    int status = -1;
+    kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);
+    if (status != 0) GTEST_SKIP() << "lldb is not installed";
+    std::string dump = crashOnce("threads", {}, {});
+    MinidumpReader reader;
+    ASSERT_TRUE(reader.load(dump)) << reader.error();
+    std::string out = kivtest::runCommand(std::string("lldb --batch '") + CRASH_PROGRAM + "' -c '" + dump +
+                                          "' -o 'thread list' -o 'bt' 2>&1");
+    size_t listed = 0;
+    for (size_t at = out.find("tid = "); at != std::string::npos; at = out.find("tid = ", at + 1)) ++listed;
+    EXPECT_EQ(reader.threads().size(), listed) << out;
+    EXPECT_NE(std::string::npos, out.find("stop reason = signal SIGSEGV")) << out;
+    EXPECT_NE(std::string::npos, out.find("frame #0: ")) << out;
+    size_t frame0 = out.find("frame #0: ");
+    EXPECT_NE(std::string::npos, out.find("crashWithNullStore", frame0)) << out;
+}
+
+}  // namespace
