@@ -102,7 +102,9 @@ public:
     bool readToBytes(unsigned char** data, unsigned long* size);
     // Reads up to `count` bytes (any size) into `buffer`, starting `offset`
     // bytes from the begin, the current position or the end. `count` becomes
-    // the number of bytes read (0 on failure or past the end).
+    // the number of bytes read (0 on failure or past the end). The offset is
+    // taken as signed, so a position before the end or the current position
+    // is passed as a negative number converted to unsigned.
     bool getData(char* buffer, unsigned long long& count, unsigned long long offset,
                  SeekDirection direction);
     // The whole file in a new[] buffer that the caller delete[]s, or null; `size` gets its size.
