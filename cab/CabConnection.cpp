@@ -67,6 +67,8 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     if (s == NATS_OK && !o.name.empty()) s = natsOptions_SetName(opts, o.name.c_str());
     if (s == NATS_OK && !o.token.empty()) s = natsOptions_SetToken(opts, o.token.c_str());
     if (s == NATS_OK) s = natsOptions_SetTimeout(opts, 5000);
+    // Write every message at once: request/answer latency matters more than batching.
+    if (s == NATS_OK) s = natsOptions_SetSendAsap(opts, true);
     if (s == NATS_OK) s = natsOptions_SetAllowReconnect(opts, true);
     if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts, -1);
     if (s == NATS_OK) s = natsOptions_SetReconnectWait(opts, 100);

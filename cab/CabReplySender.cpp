@@ -73,6 +73,7 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
     }
 
     uint64_t parts = (total + part - 1) / part;
+    part = (size_t)((total + parts - 1) / parts);  // equal parts: no small tail message
     int64_t window = cabwire::windowParts(part);
     std::string creditTo;
     uint64_t token = 0;

@@ -60,6 +60,9 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         return CabFail(CAB_E_TOO_LARGE, "no memory for an answer of " + std::to_string(total) + " bytes");
     }
     std::unique_ptr<char, decltype(&free)> hold(buf, &free);
+    // Credit matters only when the responder cannot send every part ahead of it.
+    int64_t window = 0;
+    bool needCredit = !cabwire::headerInt(first, cabwire::kWindow, 1, INT32_MAX, &window) || window < parts;
     int64_t offset = 0;
     natsMsg* m = first;
     for (int64_t expect = 0;;) {
@@ -77,7 +80,7 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         natsMsg_Destroy(m);
         ++expect;
         if (expect == parts) break;
-        sendControl(conn, creditTo, cabwire::kReceived, std::to_string(expect));
+        if (needCredit) sendControl(conn, creditTo, cabwire::kReceived, std::to_string(expect));
         int st = 0;
         m = box->wait(cabDeadline(timeoutMs), &st);
         if (!m) {

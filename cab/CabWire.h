@@ -25,8 +25,8 @@ extern const char* const kCancel;       // "Cab-Cancel": the requester gave up t
 const char* const kProtoVersion = "1";
 const uint64_t kMaxReply = 4ull << 30;          // 4 GiB
 const size_t kHeaderRoom = 4096;                // kept free for headers in every message
-const size_t kMaxPart = 1u << 20;               // parts are at most 1 MiB
-const size_t kWindowBytes = 4u << 20;           // at most 4 MiB of one transfer in flight
+const size_t kMaxPart = 4u << 20;               // parts are at most 4 MiB
+const size_t kWindowBytes = 8u << 20;           // at most 8 MiB of one transfer in flight
 
 // 1-128 characters of [A-Za-z0-9_-].
 bool validName(const char* name);
