@@ -25,6 +25,12 @@ __attribute__((noinline)) void storeThroughNull(int value) { *s_nullPointer = va
 
 }  // namespace
 
+struct MiniDumper::PreviousHandlers {
+    struct sigaction usr1;
+    struct sigaction abrt;
+    std::terminate_handler terminate;
+};
+
 MiniDumper::MiniDumper(const char* applicationName) : m_applicationName(applicationName ? applicationName : "") {
     initialize(true, true);
 }
@@ -49,7 +55,16 @@ MiniDumper::MiniDumper(const char* applicationName, const char* reporterArg1, co
     initialize(true, true);
 }
 
-MiniDumper::~MiniDumper() { delete m_handler; }
+MiniDumper::~MiniDumper() {
+    // Ours first: SIGABRT goes back to the crash handler, which then restores its predecessor.
+    if (m_previous) {
+        std::set_terminate(m_previous->terminate);
+        sigaction(SIGUSR1, &m_previous->usr1, nullptr);
+        sigaction(SIGABRT, &m_previous->abrt, nullptr);
+        delete m_previous;
+    }
+    delete m_handler;
+}
 
 CStdStr MiniDumper::escapeBlanks(const CStdStr& path) {
     CStdStr out;
@@ -71,15 +86,19 @@ void MiniDumper::initialize(bool installHandlers, bool installAltStack) {
     m_handler = new MinidumpCrashHandler(m_dumpDir.c_str(), _minidumpCallback, this, true);
 
     if (installHandlers) {
+        bool first = !m_previous;
+        if (first) m_previous = new PreviousHandlers();
+        PreviousHandlers ignored;
+        PreviousHandlers& keep = first ? *m_previous : ignored;
         struct sigaction sa;
         memset(&sa, 0, sizeof sa);
         sigemptyset(&sa.sa_mask);
         sa.sa_handler = usr1Handler;
-        sigaction(SIGUSR1, &sa, nullptr);
-        std::set_terminate(terminateHandler);
+        sigaction(SIGUSR1, &sa, &keep.usr1);
+        keep.terminate = std::set_terminate(terminateHandler);
         // abort() becomes a null store, which the crash handler dumps: one dump, not two.
         sa.sa_handler = abortHandler;
-        sigaction(SIGABRT, &sa, nullptr);
+        sigaction(SIGABRT, &sa, &keep.abrt);
     }
 }
 

@@ -7,6 +7,8 @@
 // With installHandlers it also turns SIGUSR1 (crash on a new thread), abort()
 // and an uncaught C++ exception into a store through a null pointer, so each
 // of them leaves exactly one dump as well.
+// Destruction removes the crash handler and puts back the SIGUSR1, SIGABRT
+// and terminate handlers it replaced.
 // Blanks in the reporter path are escaped as "\ " for the shell, both at
 // initialisation and when the path is replaced.
 #pragma once
@@ -62,6 +64,10 @@ private:
     CStdStr m_lastDumpPath;
     CStdStr m_reserved;  // not used
     CStdStr m_appData;
+
+    // What initialize(installHandlers) replaced; put back by the destructor.
+    struct PreviousHandlers;
+    PreviousHandlers* m_previous = nullptr;
 };
 
 // Crash on request: logs at INFO and stores through null on a new thread.

@@ -152,16 +152,24 @@ void MinidumpCrashHandler::install() {
     // Keep the other crash signals deliverable inside the handler: a crash
     // there must end the process, not be held back.
     for (int i = 0; i < 6; ++i) sigaction(kSignals[i], &sa, &m_previous[i]);
-    s_current.store(this);
+    m_below = s_current.exchange(this);
+    if (m_below) m_below->m_above = this;
     m_installed = true;
 }
 
 void MinidumpCrashHandler::uninstall() {
     if (!m_installed) return;
-    MinidumpCrashHandler* self = this;
-    if (s_current.compare_exchange_strong(self, nullptr)) {
+    if (m_above) {
+        // Still covered by a newer handler: unlink, and hand it what we replaced.
+        memcpy(m_above->m_previous, m_previous, sizeof m_previous);
+        m_above->m_below = m_below;
+        if (m_below) m_below->m_above = m_above;
+    } else {
+        s_current.store(m_below);
+        if (m_below) m_below->m_above = nullptr;
         for (int i = 0; i < 6; ++i) sigaction(kSignals[i], &m_previous[i], nullptr);
     }
+    m_below = m_above = nullptr;
     m_installed = false;
 }
 

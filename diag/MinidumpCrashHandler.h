@@ -13,8 +13,10 @@
 // - No heap is touched until the callback: the dump is written by a helper
 //   process (its stack reserved at construction) that stops the threads with
 //   ptrace while the crashed thread waits for it.
-// - At most one handler is active per process; the newest one wins and its
-//   destruction restores the previous signal actions.
+// - At most one handler is active per process: the newest one. Destroying it
+//   makes the one before it active again (and restores the signal actions
+//   from before the first); handlers may be destroyed in any order. Create and
+//   destroy handlers from one thread at a time.
 #pragma once
 
 #include <limits.h>
@@ -63,4 +65,6 @@ private:
     bool m_installed = false;
     void* m_helperStack = nullptr;  // reserved for the dump helper, never touched before a crash
     struct sigaction m_previous[6];
+    MinidumpCrashHandler* m_below = nullptr;  // installed before this one
+    MinidumpCrashHandler* m_above = nullptr;  // installed after this one
 };

@@ -1,5 +1,8 @@
 // The reporter command line and the defaults of MiniDumper, without crashing.
 #include <gtest/gtest.h>
+#include <signal.h>
+
+#include <exception>
 
 #include "diag/MiniDumper.h"
 #include "host/CRegistry.h"
@@ -41,6 +44,36 @@ TEST(MiniDumperCommand, BlanksInTheReporterPathAreEscapedOnce) {
     EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter \"/tmp/i.dmp\" \"App\"", d.commandLine("/tmp/i.dmp"));
     d.SetCrashReporterPath("/x y/KivCrashReporter");
     EXPECT_EQ("/x\\ y/KivCrashReporter", d.getCrashReporterPath());
+}
+
+}  // namespace
+
+namespace {
+
+void (*currentHandler(int sig))(int) {
+    struct sigaction sa;
+    sigaction(sig, nullptr, &sa);
+    return sa.sa_handler;
+}
+
+TEST(MiniDumperHandlers, InstalledByTheNameConstructorAndPutBackOnDestruction) {
+    void (*usr1Before)(int) = currentHandler(SIGUSR1);
+    void (*abrtBefore)(int) = currentHandler(SIGABRT);
+    void (*segvBefore)(int) = currentHandler(SIGSEGV);
+    std::terminate_handler terminateBefore = std::get_terminate();
+    {
+        MiniDumper d("App");
+        EXPECT_EQ(&usr1Handler, currentHandler(SIGUSR1));
+        EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
+        EXPECT_EQ(&terminateHandler, std::get_terminate());
+        EXPECT_NE(segvBefore, currentHandler(SIGSEGV));
+        d.initialize(true, false);  // a second initialisation keeps them in place
+        EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
+    }
+    EXPECT_EQ(usr1Before, currentHandler(SIGUSR1));
+    EXPECT_EQ(abrtBefore, currentHandler(SIGABRT));
+    EXPECT_EQ(segvBefore, currentHandler(SIGSEGV));
+    EXPECT_EQ(terminateBefore, std::get_terminate());
 }
 
 }  // namespace
