@@ -1,0 +1,64 @@
+// kivctl call SATELLITE SERVICE [JSON]: one request, answer printed as JSON.
+#include <cstdio>
+
+#include <nlohmann/json.hpp>
+
+#include "cab/VariantJson.h"
+#include "tools/kivctl/Connection.h"
+
+namespace {
+
+int run(int argc, char** argv);
+
+const char* const kUsageText =
+    "usage: kivctl call [OPTIONS] SATELLITE SERVICE [JSON]\n"
+    "Sends one request (no JSON: VT_EMPTY) and prints {\"status\": N, \"out\": ...}\n"
+    "(plus \"error\" when there is one) in the JSON form of docs/protocol.md.\n"
+    "Exit status: 0 status 0, 1 another handler status, 2 library failure, 64 usage.\n"
+    "Options:\n";
+
+const kivctl::Command kCall{"call", "send one request to a satellite's service", kUsageText, run};
+
+int run(int argc, char** argv) {
+    kivctl::Args args;
+    kivctl::declareConnectionOptions(args);
+    if (!args.parse(argc, argv, 1)) return kivctl::usageError(kCall, args.error());
+    if (args.help()) {
+        printf("%s%s", kUsageText, kivctl::kConnectionUsage);
+        return kivctl::kOk;
+    }
+    const auto& pos = args.positional();
+    if (pos.size() < 2 || pos.size() > 3) return kivctl::usageError(kCall, "needs SATELLITE SERVICE [JSON]");
+    tagVARIANT in, out, codes;
+    VariantInit(&in);
+    VariantInit(&out);
+    VariantInit(&codes);
+    if (pos.size() == 3) {
+        std::string error;
+        if (!VariantFromJson(pos[2], &in, &error)) return kivctl::usageError(kCall, "bad JSON argument: " + error);
+    }
+    CabClient client;
+    int timeoutMs = 0;
+    int rc = kivctl::connect(args, client, &timeoutMs);
+    if (rc != kivctl::kOk) {
+        VariantClear(&in);
+        return rc;
+    }
+    client.Request(pos[0].c_str(), pos[1].c_str(), in, &out, 0, &codes);
+    int status = CabRetcode(codes);
+    nlohmann::json j;
+    j["status"] = status;
+    j["out"] = VariantToJsonValue(out);
+    if (!CabGetLastError().empty()) j["error"] = CabGetLastError();
+    printf("%s\n", j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+    VariantClear(&in);
+    VariantClear(&out);
+    VariantClear(&codes);
+    client.Disconnect();
+    if (status == 0) return kivctl::kOk;
+    return CabIsLibraryStatus(status) ? kivctl::kFailure : kivctl::kStatus;
+}
+
+}  // namespace
+
+KIVCTL_COMMAND("call", "send one request to a satellite's service", kUsageText, run);
