@@ -1,0 +1,87 @@
+// Diagnostic services: the tail of a file, the configuration, the data folder
+// and a deliberate crash.
+#include <cstdint>
+#include <exception>
+#include <map>
+#include <memory>
+#include <new>
+
+#include "diag/CBBLog.h"
+#include "files/CFileTools.h"
+#include "host/CRegistry.h"
+#include "satellite/KivRequestProxySatellite.h"
+#include "variant/CLocalVariant.h"
+#include "variant/VUtil.h"
+
+namespace {
+
+// The most bytes a tail request returns.
+const uint64_t kTailLimit = 5000000;
+
+// A store through a null pointer that the compiler may not remove.
+void crashMemoryAccessViolation(int value) {
+    volatile int* volatile target = nullptr;
+    *target = value;
+}
+
+}  // namespace
+
+int KivRequestProxySatellite::CabServiceTailLog(const char*, const tagVARIANT& in, tagVARIANT* out) {
+    CStdStr path = VUtil::GetStringElement(in, 0);
+    long requested = VUtil::GetLongElement(in, 1);
+    // A negative count, widened with its sign and seen unsigned, is above the limit too.
+    uint64_t count = static_cast<uint64_t>(static_cast<int64_t>(requested));
+    if (count > kTailLimit) count = kTailLimit;
+
+    CFileTools file(path);
+    if (!file.exists()) return 404;
+    uint64_t size = file.getFileSize();
+    if (size < count) count = size;
+
+    std::unique_ptr<char[]> text(new (std::nothrow) char[count + 1]);
+    if (!text) return 0;
+    unsigned long long read = count;
+    if (count > 0 && !file.getData(text.get(), read, count, CFileTools::end)) read = 0;
+    text[read] = '\0';
+
+    VUtil::CreateArray(*out, VT_VARIANT, 3);
+    VUtil::PutElement(*out, 0, static_cast<int>(size));
+    VUtil::PutElement(*out, 1, static_cast<int>(count));
+    VUtil::PutElement(*out, 2, static_cast<const char*>(text.get()));
+    return 0;
+}
+
+int KivRequestProxySatellite::CabServiceGetConfig(const char*, const tagVARIANT&, tagVARIANT* out) {
+    std::map<CStdStr, CStdStr> values;
+    CRegistry::getInstance()->ReadAllSettingsImpl("Software\\Kiv Foundry\\Kiv\\Config", values);
+    VUtil::CreateArray(*out, VT_VARIANT, values.size());
+    int i = 0;
+    for (const auto& entry : values) {
+        CLocalVariant pair;
+        VUtil::CreateArray(pair.get(), VT_BSTR, 2);
+        VUtil::PutElement(pair.get(), 0, entry.first);
+        VUtil::PutElement(pair.get(), 1, entry.second);
+        VUtil::PutElement(*out, i++, pair.get());
+    }
+    return 0;
+}
+
+int KivRequestProxySatellite::CabServiceGetKivDataFolder(const char* name, const tagVARIANT&, tagVARIANT* out) {
+    CStdStr folder;
+    try {
+        folder = CFileTools::GetKivDataFolder();
+    } catch (const std::exception& e) {
+        CBBLog::error("%s: %s", name, e.what());
+        return 1;
+    }
+    VariantClear(out);
+    out->vt = VT_BSTR;
+    out->bstrVal = SysAllocStringLen(folder.data(), static_cast<uint32_t>(folder.size()));
+    return 0;
+}
+
+int KivRequestProxySatellite::CabServiceGenerateCrash(const char*, const tagVARIANT& in, tagVARIANT*) {
+    if (in.vt == VT_I4 && in.lVal != 0) crashMemoryAccessViolation(in.lVal);
+    crashMemoryAccessViolation(0);
+    return 0;  // not reached
+}

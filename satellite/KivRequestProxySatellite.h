@@ -1,0 +1,60 @@
+// KivRequestProxySatellite: the "VorpaMediaProxy" satellite. Register()
+// connects to the CAB directory named by the "cabDirectory.host" setting
+// (default 127.0.0.1) and publishes the eleven services of CreateServices(),
+// in their fixed order with their fixed descriptions. Handlers run on the
+// broker library's threads, several at once; the only state they share is the
+// table of archive jobs, guarded by its own mutex.
+#pragma once
+
+#include <map>
+
+#include "cab/CabSatellite.h"
+#include "common/CStdStr.h"
+#include "host/PThread.h"
+
+struct TCreateZipThreadData;
+
+class KivRequestProxySatellite : public CabSatellite {
+public:
+    KivRequestProxySatellite();
+    ~KivRequestProxySatellite() override;
+
+    // Connects and publishes the services; 0 on success, else the library's status.
+    int Register();
+    int CreateServices() override;
+
+    // Request() with the return codes before the output (kept in this order).
+    int CabRequest(char* target, char* service, tagVARIANT& in, tagVARIANT* retcodes, tagVARIANT* out);
+
+    // Published services.
+    int CabServiceQueryFileSize(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceGetFile(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceGetKivVersion(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceTailLog(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceMultiRequest(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceCreateZipFile(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceDeleteTempFile(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceGetKivDataFolder(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceGetConfig(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceGenerateCrash(const char* name, const tagVARIANT& in, tagVARIANT* out);
+    int CabServiceZipLogs(const char* name, const tagVARIANT& in, tagVARIANT* out);
+
+    // Thread body of one sub-request of "MultiRequest"; `record` is a MultiRequestRecord.
+    void* threadCabRequest(void* record);
+
+    // Version report helpers.
+    CStdStr GetKivInstallVersion();
+    CStdStr GetPerformanceIndex();
+    CStdStr GetPlatform();
+
+private:
+    // Archive jobs whose requester stopped waiting, by zip path. Guarded by its own mutex.
+    PLocker<std::map<CStdStr, TCreateZipThreadData*>> m_zipJobs;
+};
+
+// One sub-request of "MultiRequest" and its answer; written only by its own thread.
+struct MultiRequestRecord {
+    KivRequestProxySatellite* satellite;
+    tagVARIANT request;  // [target, service, input]
+    tagVARIANT answer;   // [return codes, output]
+};

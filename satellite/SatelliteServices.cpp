@@ -1,0 +1,47 @@
+// Registration and the service table of the satellite.
+#include "cab/CabException.h"
+#include "diag/CBBLog.h"
+#include "host/CRegistry.h"
+#include "satellite/KivRequestProxySatellite.h"
+
+namespace {
+const char* kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+typedef CabSatelliteDelegateMember<KivRequestProxySatellite> Delegate;
+}  // namespace
+
+KivRequestProxySatellite::KivRequestProxySatellite() = default;
+
+KivRequestProxySatellite::~KivRequestProxySatellite() {
+    // Stop serving before the members the handlers use go away.
+    Disconnect();
+}
+
+int KivRequestProxySatellite::Register() {
+    CStdStr host;
+    if (!CRegistry::getInstance()->ReadSettingImpl(kConfigKey, "cabDirectory.host", host)) host = "127.0.0.1";
+    CBBLog::info("Connecting to %s", host.c_str());
+    int rc = Connect(host.c_str(), "VorpaMediaProxy");
+    CBBLog::debug("Register returned %d", rc);
+    return rc;
+}
+
+int KivRequestProxySatellite::CreateServices() {
+    AddService("QueryFileSize", "Get file size", new Delegate(this, &KivRequestProxySatellite::CabServiceQueryFileSize));
+    AddService("GetFile", "Download a file", new Delegate(this, &KivRequestProxySatellite::CabServiceGetFile));
+    AddService("my-KIV_GetVersion", "Get Kiv version", new Delegate(this, &KivRequestProxySatellite::CabServiceGetKivVersion));
+    AddService("my-KIV_TailLog", "", new Delegate(this, &KivRequestProxySatellite::CabServiceTailLog));
+    AddService("MultiRequest", "", new Delegate(this, &KivRequestProxySatellite::CabServiceMultiRequest));
+    AddService("CreateZip", "", new Delegate(this, &KivRequestProxySatellite::CabServiceCreateZipFile));
+    AddService("DeleteTempFile", "", new Delegate(this, &KivRequestProxySatellite::CabServiceDeleteTempFile));
+    AddService("GetKivDataFolder", "", new Delegate(this, &KivRequestProxySatellite::CabServiceGetKivDataFolder));
+    AddService("GetKivConfig", "", new Delegate(this, &KivRequestProxySatellite::CabServiceGetConfig));
+    AddService("GenerateCrash", "", new Delegate(this, &KivRequestProxySatellite::CabServiceGenerateCrash));
+    AddService("ZipLogs", "Inparams: none; Outparams = (string)zipPath",
+               new Delegate(this, &KivRequestProxySatellite::CabServiceZipLogs));
+    return 0;
+}
+
+int KivRequestProxySatellite::CabRequest(char* target, char* service, tagVARIANT& in, tagVARIANT* retcodes,
+                                         tagVARIANT* out) {
+    return Request(target, service, in, out, 0, retcodes);
+}

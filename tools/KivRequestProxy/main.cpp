@@ -1,0 +1,36 @@
+// KivRequestProxy: the "VorpaMediaProxy" satellite process.
+#include <cstdio>
+#include <cstring>
+#include <vector>
+
+#include "common/CStdStr.h"
+#include "tools/KivRequestProxy/KivModuleBase.h"
+
+namespace {
+const char* kUsage =
+    "usage: KivRequestProxy [--help]\n"
+    "\n"
+    "Connects to the CAB directory as the satellite \"VorpaMediaProxy\" and serves\n"
+    "its services until SIGINT or SIGTERM; then closes and exits with status 0.\n"
+    "\n"
+    "Settings (kivctl defaults read 'Software\\Kiv Foundry\\Kiv\\Config'):\n"
+    "  cabDirectory.host   directory host (default 127.0.0.1)\n"
+    "  cabDirectory.port   directory port (default 4222)\n"
+    "  cabDirectory.token  directory token (none by default)\n"
+    "Log level: the integer LogLevel under 'Software\\Kiv Foundry\\Kiv' (0-4, default 1).\n"
+    "Logs go to /Library/Logs/KivFoundry/KivRequestProxy.log, under $KIV_ROOT when set.\n";
+}
+
+int main(int argc, char** argv) {
+    for (int i = 1; i < argc; ++i) {
+        if (argv[i] && (!strcmp(argv[i], "--help") || !strcmp(argv[i], "-h"))) {
+            fputs(kUsage, stdout);
+            return 0;
+        }
+    }
+    std::vector<CStdStr> args;
+    args.reserve(static_cast<size_t>(argc));
+    for (int i = 0; i < argc; ++i) args.push_back(CStdStr(argv[i] ? argv[i] : ""));
+    int rc = commonMain(args);
+    return rc;
+}
