@@ -3,7 +3,9 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <cstdio>
 #include <set>
+#include <sstream>
 
 using namespace minidump;
 
@@ -221,7 +223,21 @@ uint64_t MinidumpReader::crashInstructionPointer() const {
 std::vector<std::string> MinidumpReader::crashModules() const {
     std::vector<std::string> names;
     std::set<std::string> seen;
+    // Code ranges from the saved memory map: stack words that point at data are no return addresses.
+    std::vector<std::pair<uint64_t, uint64_t>> code;
+    std::istringstream maps(linuxStream(kLinuxMaps));
+    std::string line;
+    while (std::getline(maps, line)) {
+        unsigned long long from = 0, to = 0;
+        char perms[8] = {};
+        if (sscanf(line.c_str(), "%llx-%llx %7s", &from, &to, perms) == 3 && perms[2] == 'x') code.emplace_back(from, to);
+    }
     auto add = [&](uint64_t address) {
+        if (!code.empty()) {
+            bool inCode = false;
+            for (const auto& r : code) inCode |= address >= r.first && address < r.second;
+            if (!inCode) return;
+        }
         const ModuleInfo* m = moduleAt(address);
         if (m && seen.insert(m->name).second) names.push_back(m->name);
     };
