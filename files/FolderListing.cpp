@@ -1,11 +1,14 @@
 // EnumerateFolder: which entries of a folder become CFileTools objects.
+// Entries come in the order the directory read gives them.
+#include <dirent.h>
+#include <errno.h>
 #include <sys/stat.h>
 
 #include <locale>
 #include <set>
 #include <utility>
 
-#include <boost/filesystem/operations.hpp>
+#include <boost/filesystem/path.hpp>
 
 #include "files/CFileTools.h"
 
@@ -33,44 +36,82 @@ bool extensionWanted(const fs::path& file, const std::vector<CStdStr>& extension
     return false;
 }
 
+enum class EntryKind { File, Folder, Other };
+
+// The kind of a folder entry, following links. The type from the directory
+// read is used when it is definite; only links and unknown types are stat'ed.
+EntryKind kindOf(DIR* dir, const struct dirent* entry) {
+    switch (entry->d_type) {
+        case DT_REG: return EntryKind::File;
+        case DT_DIR: return EntryKind::Folder;
+        case DT_LNK:
+        case DT_UNKNOWN: break;
+        default: return EntryKind::Other;
+    }
+    struct stat st;
+    if (fstatat(dirfd(dir), entry->d_name, &st, 0) != 0) return EntryKind::Other;  // e.g. a dangling link
+    if (S_ISREG(st.st_mode)) return EntryKind::File;
+    if (S_ISDIR(st.st_mode)) return EntryKind::Folder;
+    return EntryKind::Other;
+}
+
+bool isDots(const char* name) { return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')); }
+
+// Closes the folder stream on every way out.
+struct FolderStream {
+    explicit FolderStream(const std::string& path) : dir(opendir(path.c_str())) {}
+    ~FolderStream() {
+        if (dir) closedir(dir);
+    }
+    DIR* dir;
+};
+
 // True when the folder holds at least one folder. A folder that cannot be read
 // counts as holding none; it must not hide its readable siblings.
-bool holdsFolder(const fs::path& folder) {
-    boost::system::error_code ec;
-    fs::directory_iterator it(folder, ec), last;
-    while (!ec && it != last) {
-        if (fs::is_directory(it->status(ec)) && !ec) return true;
-        it.increment(ec);
-    }
+bool holdsFolder(const std::string& folder) {
+    FolderStream stream(folder);
+    if (!stream.dir) return false;
+    while (const struct dirent* entry = readdir(stream.dir))
+        if (!isDots(entry->d_name) && kindOf(stream.dir, entry) == EntryKind::Folder) return true;
     return false;
 }
 
-bool listFolder(const fs::path& folder, std::vector<CFileTools*>& out, bool includeHidden, bool includeFolders,
+bool listFolder(const std::string& folder, std::vector<CFileTools*>& out, bool includeHidden, bool includeFolders,
                 bool includeFiles, bool reserved, const std::vector<CStdStr>& extensions, bool recursive,
                 FolderChain& chain) {
     bool complete = true;
     try {
-        for (fs::directory_iterator it(folder), last; it != last; ++it) {
-            const fs::path& entry = it->path();
-            std::string leaf = entry.filename().string();
-            if (!includeHidden && !leaf.empty() && leaf[0] == '.') continue;
-            fs::file_status st = it->status();
-            if (fs::is_regular_file(st)) {
-                if (includeFiles && extensionWanted(entry, extensions))
-                    out.push_back(new CFileTools(entry.string(), leaf));
-            } else if (fs::is_directory(st)) {
+        FolderStream stream(folder);
+        if (!stream.dir) return false;
+        const std::string prefix = folder.empty() || folder.back() == '/' ? folder : folder + "/";
+        for (;;) {
+            errno = 0;
+            const struct dirent* entry = readdir(stream.dir);
+            if (!entry) {
+                if (errno != 0) return false;
+                break;
+            }
+            const char* leaf = entry->d_name;
+            if (isDots(leaf)) continue;
+            if (!includeHidden && leaf[0] == '.') continue;
+            EntryKind kind = kindOf(stream.dir, entry);
+            if (kind == EntryKind::File) {
+                if (includeFiles && extensionWanted(fs::path(leaf), extensions))
+                    out.push_back(new CFileTools(prefix + leaf, leaf));
+            } else if (kind == EntryKind::Folder) {
+                std::string path = prefix + leaf;
                 if (!recursive) {
                     if (!includeFolders) continue;
-                    CFileTools* item = new CFileTools(entry.string(), leaf);
-                    item->setHasSubfolders(holdsFolder(entry));
+                    CFileTools* item = new CFileTools(path, leaf);
+                    item->setHasSubfolders(holdsFolder(path));
                     out.push_back(item);
                     continue;
                 }
                 struct stat sb;
-                if (::stat(entry.c_str(), &sb) != 0) continue;
+                if (::stat(path.c_str(), &sb) != 0) continue;
                 std::pair<dev_t, ino_t> id(sb.st_dev, sb.st_ino);
                 if (!chain.insert(id).second) continue;  // a link back into a folder being listed
-                if (!listFolder(entry, out, includeHidden, includeFolders, includeFiles, reserved, extensions, true,
+                if (!listFolder(path, out, includeHidden, includeFolders, includeFiles, reserved, extensions, true,
                                 chain))
                     complete = false;
                 chain.erase(id);
@@ -92,6 +133,6 @@ bool CFileTools::EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bo
         struct stat sb;
         if (::stat(path.c_str(), &sb) == 0) chain.insert(std::make_pair(sb.st_dev, sb.st_ino));
     }
-    return listFolder(fs::path(path), out, includeHidden, includeFolders, includeFiles, reserved, extensions,
+    return listFolder(path, out, includeHidden, includeFolders, includeFiles, reserved, extensions,
                       recursive, chain);
 }
