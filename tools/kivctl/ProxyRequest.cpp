@@ -1,0 +1,33 @@
+#include "tools/kivctl/ProxyRequest.h"
+
+#include <cstdio>
+
+#include "tools/kivctl/Connection.h"
+
+namespace kivctl {
+
+const char* const kProxyName = "VorpaMediaProxy";
+
+ProxySession::ProxySession(const Args& args) {
+    int timeoutMs = 0;
+    m_rc = connect(args, m_client, &timeoutMs);
+}
+
+ProxySession::~ProxySession() { m_client.Disconnect(); }
+
+int ProxySession::request(const char* service, const tagVARIANT& in, tagVARIANT* out) {
+    tagVARIANT codes;
+    VariantInit(&codes);
+    m_client.Request(kProxyName, service, in, out, 0, &codes);
+    int status = CabRetcode(codes);
+    VariantClear(&codes);
+    if (CabIsLibraryStatus(status)) fprintf(stderr, "kivctl: %s: %s\n", service, CabGetLastError().c_str());
+    return status;
+}
+
+int exitFor(int status) {
+    if (status == 0) return kOk;
+    return CabIsLibraryStatus(status) ? kFailure : kStatus;
+}
+
+}  // namespace kivctl

@@ -1,0 +1,33 @@
+// One request to the proxy ("VorpaMediaProxy") for the kivctl subcommands
+// that ask it something. Connection options as in Connection.h.
+#pragma once
+
+#include "cab/CabSatellite.h"
+#include "tools/kivctl/Command.h"
+
+namespace kivctl {
+
+// The satellite name of the proxy.
+extern const char* const kProxyName;
+
+// A connected client for repeated requests.
+class ProxySession {
+public:
+    // Connects; ok() tells whether it worked (the reason is already printed).
+    explicit ProxySession(const Args& args);
+    ~ProxySession();
+    bool ok() const { return m_rc == kOk; }
+    int failureExit() const { return m_rc; }
+    // Sends `in` to `service`; returns the service's status or a negative
+    // library code, and prints the library's error text for the latter.
+    int request(const char* service, const tagVARIANT& in, tagVARIANT* out);
+
+private:
+    CabClient m_client;
+    int m_rc;
+};
+
+// The exit status for a request status: 0, kStatus or kFailure.
+int exitFor(int status);
+
+}  // namespace kivctl
