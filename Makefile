@@ -28,7 +28,7 @@ test-asan: deps
 
 test-tsan: deps
 	@cmake -S . -B build-tsan -G Ninja -DKIV_SANITIZE=thread -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
-	@cmake --build build-tsan -j $(JOBS)
+	@cmake --build build-tsan -j $(JOBS) --target kiv_tsan_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  setarch $$(uname -m) -R ctest $(CTEST_FLAGS) -L tsan
 
