@@ -7,9 +7,11 @@
 #pragma once
 
 #include <map>
+#include <vector>
 
 #include "cab/CabSatellite.h"
 #include "common/CStdStr.h"
+#include "files/CKivFileManager.h"
 #include "host/PThread.h"
 
 struct TCreateZipThreadData;
@@ -47,9 +49,27 @@ public:
     CStdStr GetPerformanceIndex();
     CStdStr GetPlatform();
 
+    // Medium items to file paths: file-browser ids locally, others through
+    // the media service "KivMediaV2". 0, 1 for an empty first item, -1 after
+    // an exception, else the lookup's status.
+    int GetMediumListPath(const CStdStr& context, const tagVARIANT& items, std::vector<CStdStr>& paths);
+    // Sends `in` to `method` of satellite `service`, checks its status and
+    // copies element 0 of its answer into `out`.
+    int CabGetMediumInfoFromId(const char* service, const char* method, const tagVARIANT& in, tagVARIANT* out);
+
+    // Thread body that writes one archive; `record` is a TCreateZipThreadData.
+    void* createZipThread(void* record);
+    // When `path` is an archive still being written, waits until it is
+    // complete (at most `timeoutMs`); returns at once otherwise.
+    void waitForPendingArchive(const CStdStr& path, int timeoutMs);
+
+    CKivFileManager& fileManager() { return m_fileManager; }
+
 private:
     // Archive jobs whose requester stopped waiting, by zip path. Guarded by its own mutex.
     PLocker<std::map<CStdStr, TCreateZipThreadData*>> m_zipJobs;
+    // Destroyed before the job table (members go in reverse order).
+    CKivFileManager m_fileManager;
 };
 
 // One sub-request of "MultiRequest" and its answer; written only by its own thread.

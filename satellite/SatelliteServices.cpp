@@ -9,7 +9,7 @@ const char* kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 typedef CabSatelliteDelegateMember<KivRequestProxySatellite> Delegate;
 }  // namespace
 
-KivRequestProxySatellite::KivRequestProxySatellite() = default;
+KivRequestProxySatellite::KivRequestProxySatellite() : m_fileManager(this) {}
 
 KivRequestProxySatellite::~KivRequestProxySatellite() {
     // Stop serving before the members the handlers use go away.

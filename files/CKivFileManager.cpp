@@ -1,0 +1,5 @@
+#include "files/CKivFileManager.h"
+
+CKivFileManager::CKivFileManager(CabSatellite* satellite) : m_satellite(satellite), m_prefix("F") {}
+
+CKivFileManager::~CKivFileManager() = default;
