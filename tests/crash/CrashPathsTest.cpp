@@ -72,7 +72,7 @@ protected:
             EXPECT_GT(t.stackSize, 0u) << "thread " << t.id;
             if (t.id == reader.exception().threadId) {
                 crashThreadListed = true;
-                EXPECT_EQ(reader.exception().context.rip, t.context.rip);
+                EXPECT_EQ(uint64_t{reader.exception().context.rip}, uint64_t{t.context.rip});
             }
         }
         EXPECT_TRUE(crashThreadListed);

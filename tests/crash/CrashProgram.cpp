@@ -20,7 +20,7 @@ namespace {
 
 int* volatile g_null = nullptr;
 
-extern "C" __attribute__((noinline)) void crashWithNullStore(int value) {
+extern "C" __attribute__((noinline, no_sanitize("undefined"))) void crashWithNullStore(int value) {
     *g_null = value;
     __asm__ volatile("" ::: "memory");
 }
