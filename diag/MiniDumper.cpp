@@ -37,12 +37,12 @@ MiniDumper::MiniDumper(const char* applicationName) : m_applicationName(applicat
 }
 
 MiniDumper::MiniDumper(const char* applicationName, bool logCrashes, bool launchReporter, bool printCrashes,
-                       bool installHandlers, bool installAltStack)
+                       bool installHandlers, bool catchCrashes)
     : m_applicationName(applicationName ? applicationName : ""),
       m_logCrashes(logCrashes),
       m_launchReporter(launchReporter),
       m_printCrashes(printCrashes) {
-    initialize(installHandlers, installAltStack);
+    initialize(installHandlers, catchCrashes);
 }
 
 MiniDumper::MiniDumper(const char* applicationName, const char* reporterArg1, const char* reporterArg2,
@@ -76,15 +76,14 @@ CStdStr MiniDumper::escapeBlanks(const CStdStr& path) {
     return out;
 }
 
-void MiniDumper::initialize(bool installHandlers, bool installAltStack) {
+void MiniDumper::initialize(bool installHandlers, bool catchCrashes) {
     if (m_applicationName.empty()) m_applicationName = "Unknown";
     if (m_dumpDir.empty()) m_dumpDir = "/tmp/";
     if (m_crashReporterPath.empty()) m_crashReporterPath = KivFolders::BinFolder() + "/KivCrashReporter";
     m_crashReporterPath = escapeBlanks(m_crashReporterPath);
 
-    if (installAltStack) MinidumpCrashHandler::installAltStackForThisThread();
     delete m_handler;
-    m_handler = new MinidumpCrashHandler(m_dumpDir.c_str(), _minidumpCallback, this, true);
+    m_handler = new MinidumpCrashHandler(m_dumpDir.c_str(), _minidumpCallback, this, catchCrashes);
 
     if (installHandlers) {
         bool first = !m_previous;

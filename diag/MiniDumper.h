@@ -21,10 +21,10 @@ class MiniDumper {
 public:
     explicit MiniDumper(const char* applicationName);
     // printCrashes: say on standard error when the dump could not be written completely.
-    // installAltStack: give the constructing thread an alternate signal stack
-    // (the crash handler always does; false only skips it for this call).
+    // catchCrashes: install the crash signal handler (which also gives the
+    // constructing thread its alternate signal stack); false writes no dumps.
     MiniDumper(const char* applicationName, bool logCrashes, bool launchReporter, bool printCrashes,
-               bool installHandlers, bool installAltStack);
+               bool installHandlers, bool catchCrashes);
     // Reporter "./KivCrashReporter" with two extra arguments, dumps in dumpDir.
     MiniDumper(const char* applicationName, const char* reporterArg1, const char* reporterArg2,
                const char* dumpDir);
@@ -32,7 +32,7 @@ public:
     MiniDumper(const MiniDumper&) = delete;
     MiniDumper& operator=(const MiniDumper&) = delete;
 
-    void initialize(bool installHandlers, bool installAltStack);
+    void initialize(bool installHandlers, bool catchCrashes);
     void SetCrashReporterPath(const CStdStr& path);
     void setAppData(const CStdStr& appData);
     // The folder for new dumps; a missing final "/" is added.

@@ -67,7 +67,7 @@ TEST(MiniDumperHandlers, InstalledByTheNameConstructorAndPutBackOnDestruction) {
         EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
         EXPECT_EQ(&terminateHandler, std::get_terminate());
         EXPECT_NE(segvBefore, currentHandler(SIGSEGV));
-        d.initialize(true, false);  // a second initialisation keeps them in place
+        d.initialize(true, true);  // a second initialisation keeps them in place
         EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
     }
     EXPECT_EQ(usr1Before, currentHandler(SIGUSR1));
