@@ -18,8 +18,9 @@ namespace {
 // The most bytes a tail request returns.
 const uint64_t kTailLimit = 5000000;
 
-// A store through a null pointer that the compiler may not remove.
-void crashMemoryAccessViolation(int value) {
+// A store through a null pointer that the compiler may not remove. The
+// undefined-behaviour checker must let it through to the crash handler.
+__attribute__((noinline, no_sanitize("undefined"))) void crashMemoryAccessViolation(int value) {
     volatile int* volatile target = nullptr;
     *target = value;
 }
