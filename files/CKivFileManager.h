@@ -49,9 +49,14 @@ public:
     void getMediumIdInfo(const CStdStr& id, tagVARIANT& out);
     int isMediumShared(SHARE_STATUS& status);
 
+    // Builds the extension map when CFileTools' map is empty and copies it there.
+    void ensureExtensionMap(const CStdStr& context);
+    // A copy of the manager's own map.
+    std::map<CStdStr, CStdStr> extensionMap();
+
 private:
-    CabSatellite* m_satellite;
+    CabSatellite* m_satellite;                       // set once; its Request is thread-safe
     PMutex m_mapLock;                                // guards m_extensionMap
     std::map<CStdStr, CStdStr> m_extensionMap;       // ".ext" -> media type
-    CStdStr m_prefix;                                // "F": opens file-browser medium ids
+    const CStdStr m_prefix;                          // "F": opens file-browser medium ids (constant)
 };

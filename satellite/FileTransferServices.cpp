@@ -1,24 +1,115 @@
-// "GetFile" and "QueryFileSize", and the medium lookups behind them.
-// Not built yet: each answers a clear failure status and says so in the log.
+// "GetFile" and "QueryFileSize": file contents in chunks and the size of a
+// set of media items.
+#include <cinttypes>
+
+#include "cab/CabException.h"
 #include "diag/CBBLog.h"
+#include "files/CFileTools.h"
+#include "host/CRegistry.h"
 #include "satellite/KivRequestProxySatellite.h"
+#include "variant/CLocalVariant.h"
+#include "variant/VUtil.h"
 
 namespace {
-int notAvailable(const char* name) {
-    CBBLog::error("%s is not available in this build of KivRequestProxy", name ? name : "service");
-    return 501;
+
+// How long a read waits for an archive still being written: the request time-out.
+int pendingArchiveWaitMs() {
+    static const int ms = [] {
+        int value = 0;
+        if (!CRegistry::getInstance()->ReadSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
+                                                       "cabDirectory.requestTimeoutMs", value) ||
+            value <= 0)
+            value = 300000;
+        return value;
+    }();
+    return ms;
 }
+
+// Element `index` of `in` as a byte count: the four integer types, negative as 0.
+bool readCount(const tagVARIANT& in, int index, unsigned long long& value) {
+    CLocalVariant v;
+    VUtil::GetElement(in, index, v.get());
+    switch (v.vt()) {
+        case VT_I4:
+            value = v.get().lVal < 0 ? 0 : static_cast<unsigned long long>(v.get().lVal);
+            return true;
+        case VT_UI4:
+            value = v.get().ulVal;
+            return true;
+        case VT_I8:
+            value = v.get().llVal < 0 ? 0 : static_cast<unsigned long long>(v.get().llVal);
+            return true;
+        case VT_UI8:
+            value = v.get().ullVal;
+            return true;
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
-int KivRequestProxySatellite::CabServiceQueryFileSize(const char* name, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable(name);
+int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIANT& in, tagVARIANT* out) {
+    CStdStr path = VUtil::GetStringElement(in, 0);
+    int elements = VUtil::GetArrayLength(in);
+    unsigned long long offset = 0, maxBytes = 0;
+    if (elements > 1 && !readCount(in, 1, offset)) throw CabInvalidParameterException("Invalid offset type");
+    if (elements > 2 && !readCount(in, 2, maxBytes)) throw CabInvalidParameterException("Invalid maxLength type");
+    CBBLog::info("GetFile %s, offset: %lld, maxBytes: %lld", path.c_str(), static_cast<long long>(offset),
+                 static_cast<long long>(maxBytes));
+
+    waitForPendingArchive(path, pendingArchiveWaitMs());
+    CFileTools file(path);
+    const unsigned long long size = file.getFileSize();
+    const unsigned long long start = offset < size ? offset : size;
+    const unsigned long long remaining = size - start;
+    unsigned long long length = maxBytes == 0 ? remaining : (maxBytes < remaining ? maxBytes : remaining);
+    if (length > 0xFFFFFFFFull) length = 0xFFFFFFFFull;
+
+    // The chunk is read straight into the array that goes out.
+    SAFEARRAYBOUND bound{static_cast<uint32_t>(length), 0};
+    SAFEARRAY* bytes = SafeArrayCreateEx(VT_UI1, bound, false);
+    if (!bytes) {
+        CBBLog::error("Ran out of memory!");
+        return 8;
+    }
+    unsigned long long got = length;
+    if (length > 0) {
+        void* data = nullptr;
+        SafeArrayAccessData(bytes, &data);
+        file.getData(static_cast<char*>(data), got, start, CFileTools::begin);
+        SafeArrayUnaccessData(bytes);
+        if (got < length) {
+            SAFEARRAYBOUND shorter{static_cast<uint32_t>(got), 0};
+            SafeArrayRedim(bytes, &shorter);
+        }
+    }
+    VariantClear(out);
+    out->vt = VT_ARRAY | VT_UI1;
+    out->parray = bytes;
+    return 0;
 }
-int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable(name);
-}
-int KivRequestProxySatellite::GetMediumListPath(const CStdStr&, const tagVARIANT&, std::vector<CStdStr>&) {
-    return notAvailable("GetMediumListPath");
-}
-int KivRequestProxySatellite::CabGetMediumInfoFromId(const char*, const char*, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable("CabGetMediumInfoFromId");
+
+int KivRequestProxySatellite::CabServiceQueryFileSize(const char* name, const tagVARIANT& in, tagVARIANT* out) {
+    VUtil::CheckArrayType(in, VT_VARIANT, 2, true, "QueryFileSize");
+    CLocalVariant medium, items;
+    VUtil::GetElement(in, 0, medium.get());
+    VUtil::CheckType(medium.get(), VT_BSTR, "QueryFileSize medium");
+    VUtil::GetElement(in, 1, items.get());
+    VUtil::CheckArrayType(items.get(), VT_VARIANT, 0, true, "QueryFileSize items");
+    CStdStr mediumId = medium.get().bstrVal ? CStdStr(medium.get().bstrVal) : CStdStr();
+
+    std::vector<CStdStr> paths;
+    int rc = GetMediumListPath(mediumId, items.get(), paths);
+    if (rc != 0) return rc;
+    long long total = 0;
+    for (const CStdStr& path : paths) {
+        waitForPendingArchive(path, pendingArchiveWaitMs());
+        total += static_cast<long long>(CFileTools(path).getFileSize());
+    }
+    VariantClear(out);
+    VUtil::CreateArray(*out, VT_VARIANT, 2);
+    VUtil::PutElement(*out, 0, static_cast<int>(paths.size()));
+    VUtil::PutElement(*out, 1, total);
+    return 0;
 }
