@@ -7,7 +7,8 @@
 #include <ctime>
 #include <limits>
 
-#include "cab/Base64.h"
+#include "common/Base64.h"
+#include "common/Utf8.h"
 
 using json = nlohmann::json;
 
@@ -41,31 +42,6 @@ bool typeFromName(const std::string& name, VARTYPE* vt) {
 }
 
 bool isArrayElementType(VARTYPE t) { return t != VT_EMPTY && t != VT_NULL && SafeArrayElementSize(t) != 0; }
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool validUtf8(const char* s, size_t n) {
-    const uint8_t* p = reinterpret_cast<const uint8_t*>(s);
-    for (size_t i = 0; i < n;) {
-        uint8_t c = p[i];
-        if (c < 0x80) { ++i; continue; }
-        int more;
-        uint32_t cp;
-        if (c >= 0xC2 && c <= 0xDF) { more = 1; cp = c & 0x1F; }
-        else if (c >= 0xE0 && c <= 0xEF) { more = 2; cp = c & 0x0F; }
-        else if (c >= 0xF0 && c <= 0xF4) { more = 3; cp = c & 0x07; }
-        else return false;
-        if (n - i <= size_t(more)) return false;
-        for (int k = 1; k <= more; ++k) {
-            if ((p[i + k] & 0xC0) != 0x80) return false;
-            cp = cp << 6 | (p[i + k] & 0x3F);
-        }
-        if ((more == 2 && cp < 0x800) || (more == 3 && (cp < 0x10000 || cp > 0x10FFFF)) ||
-            (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        i += size_t(more) + 1;
-    }
-    return true;
-}
 
 std::string hexBits(uint64_t bits, int digits) {
     char buf[24];
@@ -145,7 +121,7 @@ json writeVariant(const tagVARIANT& v);
 json writeString(BSTR s) {
     if (!s) return nullptr;
     uint32_t n = SysStringLen(s);
-    if (validUtf8(s, n)) return std::string(s, n);
+    if (IsValidUtf8(s, n)) return std::string(s, n);
     return json{{"base64", Base64Encode(s, n)}};
 }
 
@@ -234,7 +210,7 @@ json writeVariant(const tagVARIANT& v) {
         if (std::isfinite(v.dblVal)) return v.dblVal;  // always printed with a '.' or an exponent
         break;
     case VT_BSTR:
-        if (v.bstrVal && validUtf8(v.bstrVal, SysStringLen(v.bstrVal))) return writeString(v.bstrVal);
+        if (v.bstrVal && IsValidUtf8(v.bstrVal, SysStringLen(v.bstrVal))) return writeString(v.bstrVal);
         break;
     default:
         break;

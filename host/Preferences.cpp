@@ -16,6 +16,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/Utf8.h"
 #include "host/PreferencesCodec.h"
 
 namespace Preferences {
@@ -300,7 +301,7 @@ bool Get(const CStdStr& domain, const CStdStr& key, Value& out) {
 }
 
 bool Set(const CStdStr& domain, const CStdStr& key, const Value& value, CStdStr* error) {
-    if (!PreferencesCodec::isValidUtf8(key)) {
+    if (!IsValidUtf8(key)) {
         if (error) *error = "key names must be valid UTF-8";
         return false;
     }

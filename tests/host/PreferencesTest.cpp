@@ -29,29 +29,6 @@ TEST(CreateKey, MapsKeyPathsToDomains) {
     EXPECT_EQ(19u, std::string(KIV_APP_IDENTIFIER).size());
 }
 
-TEST(PreferencesCodec, Base64AndUtf8) {
-    std::string all;
-    for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
-    for (size_t n = 0; n < 7; ++n) {
-        std::string in = all.substr(250 - n, n), out;
-        ASSERT_TRUE(PreferencesCodec::base64Decode(PreferencesCodec::base64Encode(in), out));
-        EXPECT_EQ(in, out);
-    }
-    std::string out;
-    EXPECT_TRUE(PreferencesCodec::base64Decode(PreferencesCodec::base64Encode(all), out));
-    EXPECT_EQ(all, out);
-    EXPECT_FALSE(PreferencesCodec::base64Decode("abc", out));
-    EXPECT_FALSE(PreferencesCodec::base64Decode("ab!d", out));
-    EXPECT_FALSE(PreferencesCodec::base64Decode("a=bc", out));
-
-    EXPECT_TRUE(PreferencesCodec::isValidUtf8(std::string("a\0b", 3)));
-    EXPECT_TRUE(PreferencesCodec::isValidUtf8("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"));
-    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xff"));
-    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xc0\xaf"));          // overlong "/"
-    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xed\xa0\x80"));      // surrogate
-    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xf4\x90\x80\x80"));  // above U+10FFFF
-    EXPECT_FALSE(PreferencesCodec::isValidUtf8("\xe2\x82"));          // cut short
-}
 
 TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     CRegistryImpl r;

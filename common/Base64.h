@@ -1,8 +1,9 @@
-// Base64 (RFC 4648, standard alphabet, with padding) for byte arrays and raw
-// strings in the JSON form. Decoding is strict: it refuses characters outside
+// Base64 (RFC 4648, standard alphabet, with padding), for bytes that must
+// travel inside JSON (byte arrays, non-UTF-8 strings and settings). Decoding is strict: it refuses characters outside
 // the alphabet, whitespace and wrong padding instead of guessing.
 #pragma once
 
+#include <cstddef>
 #include <string>
 
 std::string Base64Encode(const void* data, size_t len);

@@ -1,4 +1,4 @@
-#include "cab/Base64.h"
+#include "common/Base64.h"
 
 #include <cstdint>
 
