@@ -1,23 +1,242 @@
-// "CreateZip", "ZipLogs" and "DeleteTempFile".
-// Not built yet: each answers a clear failure status and says so in the log.
+// "CreateZip", "ZipLogs" and "DeleteTempFile": archives written by a thread of
+// their own into the temporary folder, and their deletion. Record ownership
+// is described in ArchiveJob.h, the lock order in ArchiveThreads.h.
+#include <sys/time.h>
+
+#include <boost/filesystem.hpp>
+#include <chrono>
+#include <exception>
+#include <vector>
+
+#include "archive/CMyPathTree.h"
 #include "diag/CBBLog.h"
+#include "files/CFileTools.h"
+#include "satellite/ArchiveJob.h"
+#include "satellite/ArchiveTempPath.h"
+#include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
+#include "variant/CLocalVariant.h"
+#include "variant/VUtil.h"
 
 namespace {
-int notAvailable(const char* name) {
-    CBBLog::error("%s is not available in this build of KivRequestProxy", name ? name : "service");
-    return 501;
+
+typedef PThreadDelegateMember<KivRequestProxySatellite> ThreadDelegate;
+
+// How long "CreateZip" waits for its archive before answering the estimate.
+const int kCreateZipWaitSeconds = 5;
+
+long long fileSize(const CStdStr& path) { return static_cast<long long>(CFileTools(path).getFileSize()); }
+
+struct timespec deadlineIn(long long milliseconds) {
+    struct timeval now;
+    gettimeofday(&now, nullptr);
+    long long nsec = static_cast<long long>(now.tv_usec) * 1000 + (milliseconds % 1000) * 1000000;
+    struct timespec deadline;
+    deadline.tv_sec = now.tv_sec + static_cast<time_t>(milliseconds / 1000 + nsec / 1000000000);
+    deadline.tv_nsec = static_cast<long>(nsec % 1000000000);
+    return deadline;
 }
+
 }  // namespace
 
-int KivRequestProxySatellite::CabServiceCreateZipFile(const char* name, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable(name);
+// Starts the building thread on a record that both holders own. On failure
+// the record is freed and false returned.
+static bool startArchiveThread(KivRequestProxySatellite* satellite, TCreateZipThreadData* record) {
+    ArchiveThreads::started(satellite);
+    try {
+        record->thread.init(nullptr, new ThreadDelegate(satellite, &KivRequestProxySatellite::createZipThread), record);
+        return true;
+    } catch (const std::exception& e) {
+        CBBLog::error("Cannot start the thread for %s: %s", record->zipPath.c_str(), e.what());
+        ArchiveThreads::finished(satellite);
+        delete record;
+        return false;
+    }
 }
-int KivRequestProxySatellite::CabServiceDeleteTempFile(const char* name, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable(name);
+
+int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARIANT& in, tagVARIANT* out) {
+    CStdStr context = VUtil::GetStringElement(in, 0);
+    int n = VUtil::GetArrayLength(in);
+    // The items move down by one; the array keeps n slots, so the last stays empty.
+    CLocalVariant items;
+    VUtil::CreateArray(items.get(), VT_VARIANT, n > 0 ? n : 0);
+    for (int i = 1; i < n; ++i) {
+        CLocalVariant item;
+        VUtil::GetElement(in, i, item.get());
+        VUtil::PutElement(items.get(), i - 1, item.get());
+    }
+
+    std::vector<CStdStr> paths;
+    int rc = GetMediumListPath(context, items.get(), paths);
+    if (rc != 0) {
+        CBBLog::info("CreateZip: medium lookup failed with status %d", rc);
+        return rc;
+    }
+
+    CMyPathTree* tree = new CMyPathTree;
+    long long total = 0;
+    for (const CStdStr& path : paths) {
+        tree->AddFile(path);
+        total += fileSize(path);
+    }
+    long long estimate = total + static_cast<long long>(tree->getZipHeaderSize());
+    CBBLog::info("Creating zip of %d files (%lld -> %lld)", static_cast<int>(paths.size()), total, estimate);
+
+    CStdStr zipPath = CFileTools::GenerateTempFilePath();
+    if (zipPath.empty()) {
+        CBBLog::error("CreateZip: cannot create a temporary file for the archive");
+        delete tree;
+        return 1;
+    }
+    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, true);
+    if (!startArchiveThread(this, record)) {
+        CFileTools::DeleteFile(zipPath);
+        return 1;
+    }
+
+    long long size = estimate;
+    {
+        PLockGuard lock(record->completion);
+        const struct timespec deadline = deadlineIn(kCreateZipWaitSeconds * 1000LL);
+        while (!record->done) {
+            if (!record->completion.waitUntil(deadline)) break;
+        }
+        if (record->done) {
+            size = fileSize(zipPath);
+        } else {
+            // Still under `completion`: the thread cannot have finished, so its
+            // later removal of this entry is certain to find it.
+            PLockGuard mapLock(m_zipJobs);
+            m_zipJobs[zipPath] = record;
+        }
+    }
+    releaseArchiveJob(record);
+
+    VUtil::CreateArray(*out, VT_VARIANT, 2);
+    VUtil::PutElement(*out, 0, zipPath);
+    VUtil::PutElement(*out, 1, size);
+    CBBLog::info("zip size %lld.", size);
+    return 0;
 }
-int KivRequestProxySatellite::CabServiceZipLogs(const char* name, const tagVARIANT&, tagVARIANT*) {
-    return notAvailable(name);
+
+void* KivRequestProxySatellite::createZipThread(void* arg) {
+    TCreateZipThreadData* record = static_cast<TCreateZipThreadData*>(arg);
+    const auto start = std::chrono::steady_clock::now();
+
+    // A single file is always compressed; several are stored when asked.
+    bool store = record->store && record->tree->fileNodes().size() > 1;
+    if (ArchiveThreads::Hook hook = ArchiveThreads::beforeWriteHook()) hook(record->zipPath.c_str());
+    try {
+        record->tree->createZip(record->zipPath.c_str(), store);
+    } catch (const std::exception& e) {
+        CBBLog::error("Writing %s failed: %s", record->zipPath.c_str(), e.what());
+    }
+    long long size = fileSize(record->zipPath);
+    {
+        PLockGuard lock(record->completion);
+        record->done = true;
+        record->completion.broadcast();
+    }
+    if (CBBLog::isDebugEnabled()) {
+        long long ms =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        CBBLog::debug("Built %s zip in %ds. Size=%d", record->zipPath.c_str(), static_cast<int>(ms / 1000),
+                      static_cast<int>(size));
+    }
+
+    bool discarded = false;
+    {
+        PLockGuard lock(m_zipJobs);
+        auto it = m_zipJobs.find(record->zipPath);
+        if (it != m_zipJobs.end() && it->second == record)
+            m_zipJobs.erase(it);
+        else
+            discarded = record->discarded;
+    }
+    if (discarded) {
+        // "DeleteTempFile" came while the archive was being written.
+        CBBLog::info("Deleting %s: it was deleted while being written", record->zipPath.c_str());
+        CFileTools::DeleteFile(record->zipPath);
+    }
+    ArchiveThreads::finished(this);
+    // From here on the satellite may be gone: touch only the record.
+    releaseArchiveJob(record);
+    return nullptr;
 }
-void* KivRequestProxySatellite::createZipThread(void*) { return nullptr; }
-void KivRequestProxySatellite::waitForPendingArchive(const CStdStr&, int) {}
+
+void KivRequestProxySatellite::waitForPendingArchive(const CStdStr& path, int timeoutMs) {
+    auto pending = [this, &path]() {
+        PLockGuard lock(m_zipJobs);
+        return m_zipJobs.count(path) != 0;
+    };
+    if (!pending()) return;
+    CBBLog::debug("Waiting for %s to be complete", path.c_str());
+    if (ArchiveThreads::waitWhile(pending, deadlineIn(timeoutMs > 0 ? timeoutMs : 0)))
+        CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
+}
+
+int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, tagVARIANT* out) {
+    CStdStr folder = CFileTools::GetLogsDirectory();
+    std::vector<CFileTools*> files;
+    std::vector<CStdStr> extensions = {"log", "back", ".log", ".back"};
+    if (!CFileTools::EnumerateFolder(folder, files, true, false, true, false, extensions, false))
+        CBBLog::warn("Failed to enumerate log files in %s", folder.c_str());
+
+    CMyPathTree* tree = new CMyPathTree;
+    long long total = 0;
+    for (CFileTools* file : files) {
+        tree->AddFile(file->getPath());
+        total += static_cast<long long>(file->getFileSize());
+        delete file;
+    }
+    if (CBBLog::isDebugEnabled())
+        CBBLog::debug("Creating zip of %d log files (%lld -> %lld)", static_cast<int>(files.size()), total,
+                      total + static_cast<long long>(tree->getZipHeaderSize()));
+
+    CStdStr zipPath = CFileTools::GenerateTempFilePath();
+    if (zipPath.empty()) {
+        CBBLog::error("ZipLogs: cannot create a temporary file for the archive");
+        delete tree;
+        return 1;
+    }
+    // Log archives are always deflated.
+    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, false);
+    if (!startArchiveThread(this, record)) {
+        CFileTools::DeleteFile(zipPath);
+        return 1;
+    }
+    // Joined while still holding the record, so the thread cannot free it first.
+    record->thread.join();
+    releaseArchiveJob(record);
+
+    VariantClear(out);
+    out->vt = VT_BSTR;
+    out->bstrVal = SysAllocString(zipPath.c_str());
+    return 0;
+}
+
+int KivRequestProxySatellite::CabServiceDeleteTempFile(const char*, const tagVARIANT& in, tagVARIANT*) {
+    CStdStr path = VUtil::GetStringElement(in, 0);
+    {
+        PLockGuard lock(m_zipJobs);
+        auto it = m_zipJobs.find(path);
+        if (it != m_zipJobs.end()) {
+            // Its thread deletes whatever it still writes once it is done.
+            it->second->discarded = true;
+            m_zipJobs.erase(it);
+        }
+    }
+    CStdStr resolved;
+    if (!isDeletableTempPath(path, &resolved)) {
+        CBBLog::warn("DeleteTempFile refused %s (resolved: %s): not inside the temporary folder", path.c_str(),
+                     resolved.empty() ? "none" : resolved.c_str());
+        return 403;
+    }
+    try {
+        if (!boost::filesystem::remove(boost::filesystem::path(resolved.c_str())))
+            CBBLog::debug("DeleteTempFile: %s did not exist", resolved.c_str());
+    } catch (const std::exception& e) {
+        CBBLog::info("Exception deleting %s: %s", path.c_str(), e.what());
+    }
+    return 0;
+}

@@ -2,6 +2,7 @@
 #include "cab/CabException.h"
 #include "diag/CBBLog.h"
 #include "host/CRegistry.h"
+#include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
 
 namespace {
@@ -14,6 +15,8 @@ KivRequestProxySatellite::KivRequestProxySatellite() : m_fileManager(this) {}
 KivRequestProxySatellite::~KivRequestProxySatellite() {
     // Stop serving before the members the handlers use go away.
     Disconnect();
+    // Archive threads remove their own pending entries: let them finish first.
+    ArchiveThreads::waitForAll(this);
 }
 
 int KivRequestProxySatellite::Register() {

@@ -1,0 +1,39 @@
+// TCreateZipThreadData: one archive being written by its own thread, and the
+// rules that decide who frees it.
+//
+// Ownership: a record has two holders from the moment it is created, the
+// requester ("CreateZip" or "ZipLogs") and the building thread. Each lets go
+// exactly once, under `completion`, with releaseArchiveJob(); the one that
+// lets go last frees the record (tree included). Neither touches the record
+// after letting go. A requester that wants to join the thread does so while
+// it still holds the record, so `thread` is never used after it was freed.
+//
+// The satellite's pending map (m_zipJobs) may point at a record only while
+// its thread has not yet taken it out; the thread removes its own entry under
+// the map lock before it lets go, so an entry found under that lock is live.
+#pragma once
+
+#include "archive/CMyPathTree.h"
+#include "common/CStdStr.h"
+#include "host/PThread.h"
+
+struct TCreateZipThreadData {
+    TCreateZipThreadData(const CStdStr& path, CMyPathTree* files, bool storeEntries)
+        : zipPath(path), tree(files), store(storeEntries) {}
+    ~TCreateZipThreadData() { delete tree; }
+    TCreateZipThreadData(const TCreateZipThreadData&) = delete;
+    TCreateZipThreadData& operator=(const TCreateZipThreadData&) = delete;
+
+    PThread thread;          // started by the requester; joined only while the requester holds the record
+    PCondMutex completion;   // guards `done` and `holders`
+    bool done = false;       // set by the building thread once the archive is written
+    CStdStr zipPath;         // fixed before the thread starts
+    CMyPathTree* tree;       // owned; only the building thread uses it once started
+    bool store;              // fixed before the thread starts
+    int holders = 2;         // guarded by `completion`: requester + building thread
+    bool discarded = false;  // guarded by the satellite's m_zipJobs lock: deleted while still being written
+};
+
+// Lets go of `record` for one holder; frees it when that was the last one.
+// After this call the caller must not touch the record.
+void releaseArchiveJob(TCreateZipThreadData* record);

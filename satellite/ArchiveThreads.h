@@ -1,0 +1,35 @@
+// Process-wide bookkeeping of archive threads: how many each satellite has
+// running, and one condition broadcast whenever an archive is complete (used
+// by waitForPendingArchive, which re-checks the satellite's pending map after
+// each wake-up instead of touching a record that may already be freed).
+//
+// Lock order: ArchiveThreads' mutex, then a satellite's m_zipJobs lock; a
+// record's `completion` may be held while taking m_zipJobs, never the reverse.
+#pragma once
+
+#include <ctime>
+#include <functional>
+
+class KivRequestProxySatellite;
+
+namespace ArchiveThreads {
+
+// A thread of `owner` is about to start / has stopped touching `owner`.
+void started(const KivRequestProxySatellite* owner);
+void finished(const KivRequestProxySatellite* owner);
+
+// Calls `stillWaiting()` with the bookkeeping mutex held, and waits for the
+// next completion while it returns true, until the absolute CLOCK_REALTIME
+// `deadline`. Returns the last answer of `stillWaiting`.
+bool waitWhile(const std::function<bool()>& stillWaiting, const struct timespec& deadline);
+
+// Blocks until no thread of `owner` is running; for the satellite's destructor.
+void waitForAll(const KivRequestProxySatellite* owner);
+
+// Tests only: when set, each archive thread calls it (with the zip path)
+// before it writes the archive. Null in the product.
+typedef void (*Hook)(const char* zipPath);
+void setBeforeWriteHook(Hook hook);
+Hook beforeWriteHook();
+
+}  // namespace ArchiveThreads
