@@ -74,7 +74,9 @@ ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir,
     return runWithEnv(argv, {"KIV_RECORD_FILE=" + recordFile,
                              "ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
                              "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0",
-                             "UBSAN_OPTIONS=halt_on_error=1"});
+                             "UBSAN_OPTIONS=halt_on_error=1",
+                             // The reporter run after the dump allocates inside the signal handler by design.
+                             "TSAN_OPTIONS=report_signal_unsafe=0"});
 }
 
 ChildResult runProgram(const std::vector<std::string>& argv) { return runWithEnv(argv, {}); }
