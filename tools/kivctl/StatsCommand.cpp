@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/kivctl/Connection.h"
+#include "tools/kivctl/Discovery.h"
 
 namespace {
 
@@ -14,41 +14,16 @@ const char* const kUsageText =
     "usage: kivctl stats [OPTIONS] [SATELLITE]\n"
     "Shows per-service request counts, error counts and processing times\n"
     "(as a table, or with --json the io.nats.micro.v1 stats answers).\n"
-    "Options:\n"
-    "  --json               print JSON\n"
-    "  --wait MS            how long to collect answers (default 1000)\n";
+    "Options:\n";
 
 const kivctl::Command kStats{"stats", "per-service request statistics", kUsageText, run};
 
 int run(int argc, char** argv) {
-    kivctl::Args args;
-    kivctl::declareConnectionOptions(args);
-    args.flag("json");
-    args.value("wait");
-    if (!args.parse(argc, argv, 1)) return kivctl::usageError(kStats, args.error());
-    if (args.help()) {
-        printf("%s%s", kUsageText, kivctl::kConnectionUsage);
-        return kivctl::kOk;
-    }
-    if (args.positional().size() > 1) return kivctl::usageError(kStats, "at most one SATELLITE");
-    int waitMs = atoi(args.get("wait", "1000").c_str());
-    if (waitMs <= 0) return kivctl::usageError(kStats, "--wait needs a positive number of milliseconds");
-    CabClient client;
-    int timeoutMs = 0;
-    int rc = kivctl::connect(args, client, &timeoutMs);
-    if (rc != kivctl::kOk) return rc;
-    std::vector<std::string> replies;
-    const char* name = args.positional().empty() ? nullptr : args.positional()[0].c_str();
-    if (client.Discover("STATS", name, waitMs, &replies) != 0) {
-        fprintf(stderr, "kivctl stats: %s\n", CabGetLastError().c_str());
-        return kivctl::kFailure;
-    }
-    nlohmann::json all = nlohmann::json::array();
-    for (const auto& r : replies) {
-        nlohmann::json j = nlohmann::json::parse(r, nullptr, false);
-        if (!j.is_discarded()) all.push_back(j);
-    }
-    if (args.has("json")) {
+    kivctl::DiscoveryResult found;
+    int rc = kivctl::discover(kStats, "STATS", argc, argv, &found);
+    if (rc >= 0) return rc;
+    const nlohmann::json& all = found.answers;
+    if (found.json) {
         printf("%s\n", all.dump(2).c_str());
         return kivctl::kOk;
     }
