@@ -25,6 +25,8 @@ extern "C" __attribute__((noinline, no_sanitize("undefined"))) void crashWithNul
     __asm__ volatile("" ::: "memory");
 }
 
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Winfinite-recursion"
 __attribute__((noinline)) int recurseForever(int depth) {
     volatile char frame[512];
     frame[0] = static_cast<char>(depth);
@@ -32,6 +34,7 @@ __attribute__((noinline)) int recurseForever(int depth) {
     __asm__ volatile("" ::: "memory");
     return r;
 }
+#pragma GCC diagnostic pop
 
 pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t g_cond = PTHREAD_COND_INITIALIZER;
