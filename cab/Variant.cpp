@@ -13,6 +13,8 @@
 // not against concurrent use.
 #include "cab/Variant.h"
 
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -38,9 +40,27 @@ bool isScalarType(VARTYPE vt) {
     }
 }
 
+// Large storage is first written page by page (a decoded message, a file
+// chunk); asking for huge pages turns 512 page faults into one. Linux only;
+// a no-op elsewhere or when the kernel declines.
+void adviseHugePages(void* p, size_t n) {
+#if defined(__linux__) && defined(MADV_HUGEPAGE)
+    const size_t kHuge = size_t(2) << 20;
+    if (!p || n < 2 * kHuge) return;
+    uintptr_t begin = (reinterpret_cast<uintptr_t>(p) + kHuge - 1) & ~(kHuge - 1);
+    uintptr_t end = (reinterpret_cast<uintptr_t>(p) + n) & ~(kHuge - 1);
+    if (end > begin) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+#else
+    (void)p;
+    (void)n;
+#endif
+}
+
 void* allocStorage(uint64_t bytes, bool zero) {
     size_t n = bytes ? size_t(bytes) : 1;
-    return zero ? calloc(1, n) : malloc(n);
+    void* p = zero ? calloc(1, n) : malloc(n);
+    if (!zero) adviseHugePages(p, n);
+    return p;
 }
 
 void clearElements(SAFEARRAY* psa, uint32_t from, uint32_t to) {
