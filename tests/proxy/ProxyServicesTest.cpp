@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <thread>
 
@@ -144,4 +145,18 @@ TEST_F(ProxyTest, GenerateCrashEndsTheProcessThroughTheCrashHandler) {
     EXPECT_EQ(status, 0) << proxyOutput();
     std::string errors = kivtest::readFile(logsFolder() + "/errors.log");
     EXPECT_NE(errors.find("crash of KivRequestProxy. minidump generated as "), std::string::npos) << errors;
+
+    // The reporter beside the executable filed the dump with a summary.
+    std::string reports = std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry/CrashReports";
+    int dumps = 0, summaries = 0;
+    std::error_code ec;
+    for (const auto& e : std::filesystem::directory_iterator(reports, ec)) {
+        if (e.path().extension() == ".dmp") ++dumps;
+        if (e.path().extension() == ".json") {
+            ++summaries;
+            EXPECT_NE(kivtest::readFile(e.path().string()).find("KivRequestProxy"), std::string::npos);
+        }
+    }
+    EXPECT_EQ(dumps, 1) << reports;
+    EXPECT_EQ(summaries, 1) << reports;
 }
