@@ -1,0 +1,59 @@
+#include "tests/archives/ArchiveTestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <random>
+#include <sstream>
+
+#include "files/CFileTools.h"
+#include "tests/support/TempDir.h"
+#include "variant/VUtil.h"
+
+namespace archivetest {
+
+std::map<std::string, std::string> zipMethods(const std::string& zip) {
+    int status = 0;
+    std::string text = kivtest::runCommand("unzip -v '" + zip + "' 2>&1", &status);
+    std::map<std::string, std::string> out;
+    if (status != 0) return out;
+    std::istringstream lines(text);
+    std::string line;
+    int rulers = 0;
+    while (std::getline(lines, line)) {
+        if (line.compare(0, 8, "--------") == 0) {
+            ++rulers;
+            continue;
+        }
+        if (rulers != 1) continue;
+        std::istringstream fields(line);
+        std::string length, method, size, ratio, date, time, crc, name;
+        fields >> length >> method >> size >> ratio >> date >> time >> crc;
+        std::getline(fields, name);
+        if (!name.empty() && name[0] == ' ') name.erase(0, name.find_first_not_of(' '));
+        out[name] = method;
+    }
+    return out;
+}
+
+bool zipTestsOk(const std::string& zip) {
+    int status = 0;
+    kivtest::runCommand("unzip -tq '" + zip + "' 2>&1", &status);
+    return status == 0;
+}
+
+void writeRandomFile(const std::string& path, size_t size, unsigned seed) {
+    std::mt19937 gen(seed);
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(gen() & 0xFF);
+    kivtest::writeFile(path, data);
+}
+
+void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths) {
+    VUtil::CreateArray(in, VT_VARIANT, paths.size() + 1);
+    VUtil::PutElement(in, 0, "test");
+    for (size_t i = 0; i < paths.size(); ++i)
+        VUtil::PutElement(in, static_cast<int>(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
+}
+
+}  // namespace archivetest

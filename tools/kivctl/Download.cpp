@@ -1,0 +1,65 @@
+#include "tools/kivctl/Download.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "variant/CLocalVariant.h"
+#include "variant/VUtil.h"
+
+namespace kivctl {
+
+int downloadFile(ProxySession& session, const std::string& remotePath, const std::string& localPath,
+                 unsigned long long chunk, unsigned long long* bytes, const char* who) {
+    *bytes = 0;
+    if (chunk == 0) chunk = kDownloadChunk;
+    FILE* file = fopen(localPath.c_str(), "wb");
+    if (!file) {
+        fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
+        return kFailure;
+    }
+    int rc = kOk;
+    for (;;) {
+        CLocalVariant in, out;
+        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+        VUtil::PutElement(in.get(), 0, CStdStr(remotePath));
+        VUtil::PutElement(in.get(), 1, static_cast<long long>(*bytes));
+        VUtil::PutElement(in.get(), 2, static_cast<long long>(chunk));
+        int status = session.request("GetFile", in.get(), out.ptr());
+        if (status != 0) {
+            if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: GetFile answered %d\n", who, status);
+            rc = exitFor(status);
+            break;
+        }
+        if (out.vt() != (VT_ARRAY | VT_UI1) || !out.get().parray) {
+            fprintf(stderr, "%s: unexpected answer to GetFile\n", who);
+            rc = kFailure;
+            break;
+        }
+        unsigned long long got = out.get().parray->rgsabound[0].cElements;
+        if (got > 0 && fwrite(out.get().parray->pvData, 1, got, file) != got) {
+            fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
+            rc = kFailure;
+            break;
+        }
+        *bytes += got;
+        if (got < chunk) break;  // a short chunk is the end of the file
+    }
+    if (fclose(file) != 0 && rc == kOk) {
+        fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
+        rc = kFailure;
+    }
+    return rc;
+}
+
+int deleteRemoteTempFile(ProxySession& session, const std::string& remotePath, const char* who) {
+    CLocalVariant in, out;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+    VUtil::PutElement(in.get(), 0, CStdStr(remotePath));
+    int status = session.request("DeleteTempFile", in.get(), out.ptr());
+    if (status != 0 && !CabIsLibraryStatus(status))
+        fprintf(stderr, "%s: DeleteTempFile of %s answered %d\n", who, remotePath.c_str(), status);
+    return exitFor(status);
+}
+
+}  // namespace kivctl
