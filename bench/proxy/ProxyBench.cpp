@@ -129,8 +129,15 @@ int main(int argc, char** argv) {
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port", server.port());
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
 
-    natsConnection_ConnectTo(&g_rawServe, server.url().c_str());
-    natsConnection_ConnectTo(&g_rawClient, server.url().c_str());
+    // Both sides send each message at once, as the broker library does;
+    // the client's default buffering would add its flush delay to every echo.
+    natsOptions* opts = nullptr;
+    natsOptions_Create(&opts);
+    natsOptions_SetURL(opts, server.url().c_str());
+    natsOptions_SetSendAsap(opts, true);
+    natsConnection_Connect(&g_rawServe, opts);
+    natsConnection_Connect(&g_rawClient, opts);
+    natsOptions_Destroy(opts);
     natsSubscription* sub = nullptr;
     natsConnection_Subscribe(&sub, g_rawServe, "raw.echo", onRawEcho, nullptr);
     natsConnection_Flush(g_rawServe);
