@@ -69,8 +69,8 @@ public:
     static bool EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bool includeHidden,
                                 bool includeFolders, bool includeFiles, bool reserved,
                                 std::vector<CStdStr> extensions, bool recursive);
-    // Sorts by the first key of `spec`; 1 for a known key, 0 otherwise (then title order).
-    static int SortFiles(std::vector<CFileTools*>& files, CStdStr spec);
+    // Sorts by the first key of `sortKeys` (e.g. "size:desc"); 1 for a known key, 0 otherwise (then title order).
+    static int SortFiles(std::vector<CFileTools*>& files, CStdStr sortKeys);
     static CStdStr PathToFileBrowserMediumId(const CStdStr& path);
     static CStdStr FileBrowserMediumIdToPath(const CStdStr& id);
     static CStdStr GetDisplayNameFromPath(const CStdStr& path);

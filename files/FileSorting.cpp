@@ -35,7 +35,7 @@ struct Order {
     bool descending;
 };
 
-bool lookupKey(const CStdStr& spec, Order& order) {
+bool lookupKey(const CStdStr& sortKeys, Order& order) {
     static const struct {
         const char* name;
         Key key;
@@ -50,7 +50,7 @@ bool lookupKey(const CStdStr& spec, Order& order) {
         {"lastAccessTime:asc", Key::Accessed, false}, {"lastAccessTime:desc", Key::Accessed, true},
     };
     for (const auto& row : table) {
-        if (spec == row.name) {
+        if (sortKeys == row.name) {
             order.key = row.key;
             order.descending = row.descending;
             return true;
@@ -77,11 +77,11 @@ SortRecord readRecord(CFileTools* file, Key key) {
 
 }  // namespace
 
-int CFileTools::SortFiles(std::vector<CFileTools*>& files, CStdStr spec) {
-    size_t comma = spec.find(',');
-    if (comma != CStdStr::npos && comma > 0) spec.erase(comma);
+int CFileTools::SortFiles(std::vector<CFileTools*>& files, CStdStr sortKeys) {
+    size_t comma = sortKeys.find(',');
+    if (comma != CStdStr::npos && comma > 0) sortKeys.erase(comma);
     Order order;
-    bool known = lookupKey(spec, order);
+    bool known = lookupKey(sortKeys, order);
 
     std::vector<SortRecord> records;
     records.reserve(files.size());

@@ -40,8 +40,8 @@ protected:
         struct timeval times[2] = {{t, 0}, {t, 0}};
         ASSERT_EQ(utimes(dir.file(name).c_str(), times), 0);
     }
-    std::string order(const char* spec, int expectedResult = 1) {
-        EXPECT_EQ(CFileTools::SortFiles(entries, spec), expectedResult) << spec;
+    std::string order(const char* sortKeys, int expectedResult = 1) {
+        EXPECT_EQ(CFileTools::SortFiles(entries, sortKeys), expectedResult) << sortKeys;
         std::string out;
         for (CFileTools* e : entries) out += (out.empty() ? "" : " ") + e->getDisplayName();
         return out;
@@ -111,11 +111,11 @@ TEST(SortFiles, SameOrderAsLiveFunctors) {
         cached.push_back(new CFileTools(path));
         live.push_back(new CFileTools(path));
     }
-    auto check = [&](const char* spec, auto functor) {
+    auto check = [&](const char* sortKeys, auto functor) {
         std::vector<CFileTools*> a = cached, b = live;
-        CFileTools::SortFiles(a, spec);
+        CFileTools::SortFiles(a, sortKeys);
         std::sort(b.begin(), b.end(), functor);
-        for (size_t i = 0; i < a.size(); ++i) ASSERT_EQ(a[i]->getPath(), b[i]->getPath()) << spec << " at " << i;
+        for (size_t i = 0; i < a.size(); ++i) ASSERT_EQ(a[i]->getPath(), b[i]->getPath()) << sortKeys << " at " << i;
     };
     check("title:asc", SortByTitleAsc());
     check("title:desc", SortByTitleDesc());
