@@ -217,20 +217,29 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
 
 int KivRequestProxySatellite::CabServiceDeleteTempFile(const char*, const tagVARIANT& in, tagVARIANT*) {
     CStdStr path = VUtil::GetStringElement(in, 0);
+    CStdStr resolved;
+    const bool allowed = isDeletableTempPath(path, &resolved);
+    bool stillWritten = false;
     {
         PLockGuard lock(m_zipJobs);
         auto it = m_zipJobs.find(path);
         if (it != m_zipJobs.end()) {
-            // Its thread deletes whatever it still writes once it is done.
-            it->second->discarded = true;
+            // An entry found under the lock is live (ArchiveJob.h). Its thread
+            // deletes the archive once written; until then the file keeps its
+            // name from being handed out again.
+            it->second->discarded = allowed;
+            stillWritten = allowed;
             m_zipJobs.erase(it);
         }
     }
-    CStdStr resolved;
-    if (!isDeletableTempPath(path, &resolved)) {
+    if (!allowed) {
         CBBLog::warn("DeleteTempFile refused %s (resolved: %s): not inside the temporary folder", path.c_str(),
                      resolved.empty() ? "none" : resolved.c_str());
         return 403;
+    }
+    if (stillWritten) {
+        CBBLog::info("DeleteTempFile %s: still being written, deleted when complete", path.c_str());
+        return 0;
     }
     try {
         if (!boost::filesystem::remove(boost::filesystem::path(resolved.c_str())))
