@@ -84,6 +84,9 @@ void MiniDumper::initialize(bool installHandlers, bool catchCrashes) {
 
     delete m_handler;
     m_handler = new MinidumpCrashHandler(m_dumpDir.c_str(), _minidumpCallback, this, catchCrashes);
+    // Every thread started from now on gets its own signal stack, so that a
+    // stack overflow on it is dumped too.
+    if (catchCrashes) PThread::setThreadHooks(&MinidumpCrashHandler::enterThread, &MinidumpCrashHandler::leaveThread);
 
     if (installHandlers) {
         bool first = !m_previous;

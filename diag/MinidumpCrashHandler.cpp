@@ -142,6 +142,37 @@ bool MinidumpCrashHandler::installAltStackForThisThread() {
     return true;
 }
 
+void* MinidumpCrashHandler::enterThread() {
+    stack_t current;
+    if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) && current.ss_size >= kAltStackSize)
+        return nullptr;  // already has one that is not ours to release
+    long page = sysconf(_SC_PAGESIZE);
+    size_t guard = page > 0 ? static_cast<size_t>(page) : 4096;
+    void* p = mmap(nullptr, kAltStackSize + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (p == MAP_FAILED) return nullptr;
+    mprotect(p, guard, PROT_NONE);
+    stack_t ss;
+    memset(&ss, 0, sizeof ss);
+    ss.ss_sp = static_cast<char*>(p) + guard;
+    ss.ss_size = kAltStackSize;
+    if (sigaltstack(&ss, nullptr) != 0) {
+        munmap(p, kAltStackSize + guard);
+        return nullptr;
+    }
+    return p;
+}
+
+void MinidumpCrashHandler::leaveThread(void* token) {
+    if (!token) return;
+    stack_t off;
+    memset(&off, 0, sizeof off);
+    off.ss_flags = SS_DISABLE;
+    sigaltstack(&off, nullptr);
+    long page = sysconf(_SC_PAGESIZE);
+    size_t guard = page > 0 ? static_cast<size_t>(page) : 4096;
+    munmap(token, kAltStackSize + guard);
+}
+
 void MinidumpCrashHandler::install() {
     installAltStackForThisThread();
     struct sigaction sa;

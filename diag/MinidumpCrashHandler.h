@@ -45,6 +45,11 @@ public:
     // Gives the calling thread an alternate signal stack large enough for the
     // handler, unless it already has one. The stack lives as long as the process.
     static bool installAltStackForThisThread();
+    // For threads that come and go: enterThread gives the calling thread its
+    // own alternate signal stack (unless it has one) and returns a token;
+    // leaveThread, on the same thread before it ends, releases that stack.
+    static void* enterThread();
+    static void leaveThread(void* token);
 
     // Writes a dump of the calling process now, without a crash (the calling
     // thread's registers are those of this call). For tools and tests.

@@ -5,6 +5,14 @@
 
 #include "common/CStdStr.h"
 
+std::atomic<PThread::StartHook> PThread::s_startHook{nullptr};
+std::atomic<PThread::EndHook> PThread::s_endHook{nullptr};
+
+void PThread::setThreadHooks(StartHook start, EndHook end) {
+    s_endHook.store(end);
+    s_startHook.store(start);
+}
+
 bool PCondMutex::waitUntil(const struct timespec& deadline) {
     return pthread_cond_timedwait(&m_cond, &m_mutex, &deadline) != ETIMEDOUT;
 }
@@ -36,8 +44,12 @@ void* PThread::startRoutine(void* self) {
     data->signal.broadcast();
     data->signal.unlock();
     // From here on `t` may be gone: use only the record.
+    EndHook end = s_endHook.load();
+    StartHook start = s_startHook.load();
+    void* token = start ? start() : nullptr;
     void* result = data->delegate->Invoke(data->arg);
     data.reset();
+    if (end) end(token);
     return result;
 }
 

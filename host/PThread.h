@@ -11,6 +11,8 @@
 
 #include <pthread.h>
 
+#include <atomic>
+
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
@@ -103,6 +105,14 @@ public:
     // Starts the thread; takes ownership of `delegate` (also when it throws).
     void init(const pthread_attr_t* attr, PThreadDelegateGeneric* delegate, void* arg);
 
+    // Hooks run on every new PThread around its delegate: `start` before it
+    // (its result is handed to `end`), `end` after it. Set them at start-up;
+    // the crash handler uses them to give each thread an alternate signal
+    // stack. Null hooks do nothing.
+    typedef void* (*StartHook)();
+    typedef void (*EndHook)(void* token);
+    static void setThreadHooks(StartHook start, EndHook end);
+
     pthread_t handle() const { return m_handle; }
     // Joins the thread and marks it so the destructor does not detach it.
     // Returns the delegate's result.
@@ -122,6 +132,9 @@ public:
 
 private:
     static void* startRoutine(void* self);
+
+    static std::atomic<StartHook> s_startHook;
+    static std::atomic<EndHook> s_endHook;
 
     pthread_t m_handle{};
     boost::weak_ptr<ThreadData> m_data;

@@ -161,6 +161,15 @@ TEST_F(CrashPaths, StackOverflowStillDumps) {
     EXPECT_GT(reader.threads().front().stackSize, 0u);
 }
 
+TEST_F(CrashPaths, StackOverflowOnAnotherThreadStillDumps) {
+    std::string dump = crashOnce("overflow-thread", {}, {});
+    MinidumpReader reader;
+    ASSERT_TRUE(reader.load(dump)) << reader.error();
+    ASSERT_TRUE(reader.hasException());
+    EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
+    EXPECT_GE(reader.threads().size(), 2u);
+}
+
 TEST_F(CrashPaths, LldbOpensTheDumpAndShowsTheCrashingFunction) {
     int status = -1;
     kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);

@@ -1,7 +1,7 @@
 // A program that installs the crash handler and then crashes in the way its
 // first argument names. Used by the crash tests as a child process.
 //   crash_program MODE DUMP_DIR REPORTER [appData=TEXT] [arg1=TEXT arg2=TEXT] [name=TEXT]
-// MODE: null, usr1, abort, throw, throw-int, overflow, threads, none.
+// MODE: null, usr1, abort, throw, throw-int, overflow, overflow-thread, threads, none.
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -15,6 +15,7 @@
 
 #include "diag/CBBLog.h"
 #include "diag/MiniDumper.h"
+#include "host/PThread.h"
 
 namespace {
 
@@ -95,6 +96,12 @@ int main(int argc, char** argv) {
         throw 42;
     } else if (mode == "overflow") {
         return recurseForever(0);
+    } else if (mode == "overflow-thread") {
+        // A thread started after the crash handler gets its own signal stack.
+        PThread t;
+        t.init(nullptr, new PThreadDelegateFunction([](void*) -> void* { return reinterpret_cast<void*>(recurseForever(0)); }),
+               nullptr);
+        t.join();
     } else if (mode == "none") {
         delete dumper;
         return 3;
