@@ -1,5 +1,9 @@
 // "GetFile" through the real proxy: whole files, chunks with each integer
 // type, negative counts, offsets past the end, missing files and wrong types.
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "tests/fileservices/TransferFixture.h"
 #include "variant/VUtil.h"
 
@@ -63,6 +67,29 @@ TEST_F(GetFileTest, NegativeCountsAreZeroAndOffsetsPastTheEndGiveEmptyBlocks) {
     EXPECT_TRUE(got.empty());
     ASSERT_EQ(getFile(media.path(), &got), 0) << "so is a folder";
     EXPECT_TRUE(got.empty());
+}
+
+TEST_F(GetFileTest, OffsetsBeyondFourGiB) {
+    // A sparse 4 GiB + 64 file with 16 known bytes past the 32-bit range.
+    std::string sparse = media.file("sparse.bin");
+    FILE* f = fopen(sparse.c_str(), "wb");
+    ASSERT_NE(f, nullptr);
+    const long long at = (4ll << 30) + 32;
+    ASSERT_EQ(fseeko(f, at, SEEK_SET), 0);
+    ASSERT_EQ(fwrite("0123456789abcdef", 1, 16, f), 16u);
+    ASSERT_EQ(ftruncate(fileno(f), (4ll << 30) + 64), 0);
+    fclose(f);
+    std::string got;
+    for (VARTYPE vt : {VT_I8, VT_UI8}) {
+        ASSERT_EQ(getFile(sparse, vt, at, 16, &got), 0);
+        EXPECT_EQ(got, "0123456789abcdef");
+        ASSERT_EQ(getFile(sparse, vt, at + 8, 0, &got), 0);
+        EXPECT_EQ(got, std::string("89abcdef") + std::string(16, '\0'));
+    }
+    // A 32-bit offset of the same value wraps to 32: another place entirely.
+    ASSERT_EQ(getFile(sparse, VT_UI4, at, 16, &got), 0);
+    EXPECT_EQ(got, std::string(16, '\0'));
+    remove(sparse.c_str());
 }
 
 TEST_F(GetFileTest, WrongCountTypesFailWithTheirText) {
