@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <mutex>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include "archive/CMyPathTree.h"
@@ -236,7 +237,20 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     fs::remove_all(fs::path(inTmp).parent_path());
 
     // Outside, directly, through "..", and through a link: refused, kept.
-    const std::string outside = std::string(KIV_BINARY_DIR) + "/archives-delete-guard.txt";
+    // A writable folder outside both temporary folders.
+    std::string outsideFolder;
+    const char* candidates[] = {KIV_BINARY_DIR, KIV_SOURCE_DIR, getenv("HOME")};
+    for (const char* candidate : candidates) {
+        if (!candidate || !*candidate) continue;
+        const std::string c = fs::weakly_canonical(candidate).string();
+        if (c.rfind("/tmp/", 0) != 0 && c.rfind("/var/tmp/", 0) != 0 &&
+            c.rfind(fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string(), 0) != 0) {
+            outsideFolder = c;
+            break;
+        }
+    }
+    if (outsideFolder.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
+    const std::string outside = outsideFolder + "/archives-delete-guard-" + std::to_string(getpid()) + ".txt";
     kivtest::writeFile(outside, "keep me");
     const std::string link = dir.file("link-out");
     fs::create_symlink(outside, link);
