@@ -76,6 +76,7 @@ protected:
         VUtil::GetElement(out.get(), 1, sizeValue.get());
         EXPECT_EQ(sizeValue.vt(), VT_I8);
         *size = sizeValue.get().llVal;
+        std::lock_guard<std::mutex> lock(zipsMutex);
         zips.push_back(*zip);
         return rc;
     }
@@ -110,7 +111,8 @@ protected:
 
     KivRequestProxySatellite satellite;
     kivtest::TempDir dir{"archives"};
-    std::vector<std::string> zips;
+    std::mutex zipsMutex;           // guards zips (requests may run on several threads)
+    std::vector<std::string> zips;  // archives removed at the end of each test
 };
 
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
