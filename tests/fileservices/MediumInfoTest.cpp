@@ -91,9 +91,9 @@ TEST_F(MediumInfoTest, ListInfoHasOneElementPerIdAndEmptyForForeignIds) {
     EXPECT_TRUE(VUtil::FindPair(third.get(), "mediaType", path));
     EXPECT_EQ(path, "photo.file");
 
-    CLocalVariant info;
-    twoStrings(in.get(), "ctx", "F*|a>mp3");
-    ASSERT_EQ(manager->CabServiceGetMediumInfoFromId("GetMediumInfoFromId", in.get(), info.ptr()), 0);
+    CLocalVariant infoIn, info;
+    twoStrings(infoIn.get(), "ctx", "F*|a>mp3");
+    ASSERT_EQ(manager->CabServiceGetMediumInfoFromId("GetMediumInfoFromId", infoIn.get(), info.ptr()), 0);
     EXPECT_EQ(VUtil::GetArrayLength(info.get()), 4);
 }
 
