@@ -4,7 +4,6 @@
 // either side buffers more than a few MiB of one transfer.
 #include <algorithm>
 #include <memory>
-#include <vector>
 
 #include "cab/Cab1.h"
 #include "cab/CabLog.h"
@@ -61,9 +60,10 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
     }
     size_t part = cabwire::partSize(conn->maxPayload());
     if (total <= part) {
-        std::vector<char> buf(total);
-        if (total) enc->copy(0, buf.data(), total);
-        natsMsg* m = makeMsg(replyTo, buf.data(), total);
+        // Not zero-filled: every byte is overwritten by the encoding.
+        std::unique_ptr<char[]> buf(new char[total ? total : 1]);
+        if (total) enc->copy(0, buf.get(), total);
+        natsMsg* m = makeMsg(replyTo, buf.get(), total);
         if (!m) return;
         setStatusHeaders(m, status, error, errorCode);
         if (conn->publishMsg(m) != 0)
@@ -78,7 +78,7 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
     std::string creditTo;
     uint64_t token = 0;
     std::shared_ptr<CabMailbox> box = conn->openMailbox(&creditTo, &token);
-    std::vector<char> buf(part);
+    std::unique_ptr<char[]> buf(new char[part]);  // one part at a time, not zero-filled
     uint64_t received = 0;
     for (uint64_t i = 0; i < parts; ++i) {
         while ((int64_t)(i - received) >= window) {
@@ -105,8 +105,8 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
         }
         uint64_t off = i * part;
         size_t len = (size_t)std::min<uint64_t>(part, total - off);
-        enc->copy(off, buf.data(), len);
-        natsMsg* m = makeMsg(replyTo, buf.data(), len);
+        enc->copy(off, buf.get(), len);
+        natsMsg* m = makeMsg(replyTo, buf.get(), len);
         if (!m) break;
         if (i == 0) {
             setStatusHeaders(m, status, error, errorCode);
