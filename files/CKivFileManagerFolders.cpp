@@ -49,7 +49,7 @@ int CKivFileManager::CabServiceGetFolderContent(const char* name, const tagVARIA
         long options = VUtil::GetLongElement(in, 2);
         CStdStr extensionText = VUtil::GetStringElement(in, 3);
         CStdStr fieldText = VUtil::GetStringElement(in, 4);
-        CStdStr sortSpec = VUtil::GetStringElement(in, 5);
+        CStdStr sortKeys = VUtil::GetStringElement(in, 5);
         long first = VUtil::GetLongElement(in, 6);
         long wanted = VUtil::GetLongElement(in, 7);
         CBBLog::info("GetFolderContent of %s", path.c_str());
@@ -70,9 +70,9 @@ int CKivFileManager::CabServiceGetFolderContent(const char* name, const tagVARIA
                                         (options & kIncludeFolders) != 0, (options & kIncludeFiles) != 0,
                                         (options & kReserved) != 0, extensions, (options & kRecursive) != 0);
         }
-        if (sortSpec != "title") {
+        if (sortKeys != "title") {
             CBBLog::debug("SortFiles");
-            CFileTools::SortFiles(entries.items, sortSpec);
+            CFileTools::SortFiles(entries.items, sortKeys);
         }
 
         std::vector<CStdStr> fields;
