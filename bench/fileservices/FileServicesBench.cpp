@@ -6,7 +6,8 @@
 //   in chunks (goal: under 3).
 // - GetFolderContent of a 100,000-file folder sorted by size, one page of
 //   100 per request (in process, the listing and sort are redone each time).
-// KIV_BENCH_GETFILE_MIB sets the file size in MiB (default 1024).
+// KIV_BENCH_GETFILE_MIB sets the file size in MiB (default 1024);
+// KIV_BENCH_GETFILE_CHUNK the bytes per "GetFile" (default 4 MiB).
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <nats/nats.h>
@@ -33,7 +34,8 @@
 
 namespace {
 
-const long long kChunk = 4 << 20;
+const long long kChunk = 4 << 20;  // the raw NATS reply size
+long long g_getChunk = kChunk;     // bytes per "GetFile"
 long long g_fileSize = 1ll << 30;
 std::string g_file;
 std::string g_folder;
@@ -83,15 +85,15 @@ void BM_RawNats4MiB(benchmark::State& state) {
 
 void BM_ProxyGetFile4MiB(benchmark::State& state) {
     for (auto _ : state) {
-        for (long long offset = 0; offset < g_fileSize; offset += kChunk) {
+        for (long long offset = 0; offset < g_fileSize; offset += g_getChunk) {
             CLocalVariant in, out, rc;
             VUtil::CreateArray(in.get(), VT_VARIANT, 3);
             VUtil::PutElement(in.get(), 0, CStdStr(g_file));
             VUtil::PutElement(in.get(), 1, offset);
-            VUtil::PutElement(in.get(), 2, kChunk);
+            VUtil::PutElement(in.get(), 2, g_getChunk);
             if (g_client->Request("VorpaMediaProxy", "GetFile", in.get(), out.ptr(), 0, rc.ptr()) != 0 ||
                 CabRetcode(rc.get()) != 0 || out.vt() != (VT_ARRAY | VT_UI1) ||
-                out.get().parray->rgsabound[0].cElements != (uint32_t)std::min(kChunk, g_fileSize - offset)) {
+                out.get().parray->rgsabound[0].cElements != (uint32_t)std::min(g_getChunk, g_fileSize - offset)) {
                 state.SkipWithError("GetFile failed");
                 return;
             }
@@ -196,6 +198,7 @@ bool startProxy() {
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     if (const char* mib = getenv("KIV_BENCH_GETFILE_MIB")) g_fileSize = atoll(mib) << 20;
+    if (const char* chunk = getenv("KIV_BENCH_GETFILE_CHUNK")) g_getChunk = std::max(1ll, atoll(chunk));
     kivtest::TempDir sandbox("kivbench-files");
     setenv("KIV_ROOT", (sandbox.path() + "/root").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (sandbox.path() + "/config").c_str(), 1);
