@@ -49,6 +49,8 @@ int runCrashes(int argc, char** argv) {
     if (fs::is_directory(folder, ec)) {
         for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
             if (it->path().extension() == ".json") files.emplace_back(fs::last_write_time(it->path(), ec), it->path());
+    } else if (ec == boost::system::errc::no_such_file_or_directory) {
+        ec.clear();  // no crash was ever filed: an empty list
     }
     if (ec) {
         fprintf(stderr, "kivctl crashes: cannot list %s: %s\n", folder.string().c_str(), ec.message().c_str());
