@@ -42,8 +42,8 @@ bool zipTestsOk(const std::string& zip) {
     return status == 0;
 }
 
-void writeRandomFile(const std::string& path, size_t size, unsigned seed) {
-    std::mt19937 gen(seed);
+void writeRandomFile(const std::string& path, size_t size, unsigned pattern) {
+    std::mt19937 gen(pattern);
     std::string data(size, '\0');
     for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(gen() & 0xFF);
     kivtest::writeFile(path, data);

@@ -15,7 +15,7 @@ std::map<std::string, std::string> zipMethods(const std::string& zip);
 // True when `unzip -t` finds no error.
 bool zipTestsOk(const std::string& zip);
 // Writes `size` bytes of pseudo-random (barely compressible) data.
-void writeRandomFile(const std::string& path, size_t size, unsigned seed);
+void writeRandomFile(const std::string& path, size_t size, unsigned pattern);
 // ["ctx", file-browser id of each path] as "CreateZip" takes it.
 void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths);
 
