@@ -9,42 +9,46 @@
 
 namespace kivctl {
 
+int fetchChunks(ProxySession& session, const std::string& remotePath, FILE* file, const std::string& localName,
+                unsigned long long chunk, long long expected, unsigned long long* offset,
+                const std::function<void(unsigned long long)>& onChunk, const char* who) {
+    if (chunk == 0) chunk = kDownloadChunk;
+    while (expected < 0 || *offset < static_cast<unsigned long long>(expected)) {
+        CLocalVariant in, out;
+        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+        VUtil::PutElement(in.get(), 0, CStdStr(remotePath));
+        VUtil::PutElement(in.get(), 1, static_cast<long long>(*offset));
+        VUtil::PutElement(in.get(), 2, static_cast<long long>(chunk));
+        int status = session.request("GetFile", in.get(), out.ptr());
+        if (status != 0) {
+            if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: GetFile answered %d\n", who, status);
+            return exitFor(status);
+        }
+        if (out.vt() != (VT_ARRAY | VT_UI1) || !out.get().parray) {
+            fprintf(stderr, "%s: unexpected answer to GetFile\n", who);
+            return kFailure;
+        }
+        unsigned long long got = out.get().parray->rgsabound[0].cElements;
+        if (got > 0 && fwrite(out.get().parray->pvData, 1, got, file) != got) {
+            fprintf(stderr, "%s: %s: %s\n", who, localName.c_str(), strerror(errno));
+            return kFailure;
+        }
+        *offset += got;
+        if (onChunk) onChunk(*offset);
+        if (got < chunk) break;  // a short chunk is the end of the file
+    }
+    return kOk;
+}
+
 int downloadFile(ProxySession& session, const std::string& remotePath, const std::string& localPath,
                  unsigned long long chunk, unsigned long long* bytes, const char* who) {
     *bytes = 0;
-    if (chunk == 0) chunk = kDownloadChunk;
     FILE* file = fopen(localPath.c_str(), "wb");
     if (!file) {
         fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
         return kFailure;
     }
-    int rc = kOk;
-    for (;;) {
-        CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-        VUtil::PutElement(in.get(), 0, CStdStr(remotePath));
-        VUtil::PutElement(in.get(), 1, static_cast<long long>(*bytes));
-        VUtil::PutElement(in.get(), 2, static_cast<long long>(chunk));
-        int status = session.request("GetFile", in.get(), out.ptr());
-        if (status != 0) {
-            if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: GetFile answered %d\n", who, status);
-            rc = exitFor(status);
-            break;
-        }
-        if (out.vt() != (VT_ARRAY | VT_UI1) || !out.get().parray) {
-            fprintf(stderr, "%s: unexpected answer to GetFile\n", who);
-            rc = kFailure;
-            break;
-        }
-        unsigned long long got = out.get().parray->rgsabound[0].cElements;
-        if (got > 0 && fwrite(out.get().parray->pvData, 1, got, file) != got) {
-            fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
-            rc = kFailure;
-            break;
-        }
-        *bytes += got;
-        if (got < chunk) break;  // a short chunk is the end of the file
-    }
+    int rc = fetchChunks(session, remotePath, file, localPath, chunk, -1, bytes, nullptr, who);
     if (fclose(file) != 0 && rc == kOk) {
         fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
         rc = kFailure;

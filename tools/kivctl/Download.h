@@ -2,6 +2,8 @@
 // again, for the kivctl subcommands that build archives.
 #pragma once
 
+#include <cstdio>
+#include <functional>
 #include <string>
 
 #include "tools/kivctl/ProxyRequest.h"
@@ -10,6 +12,16 @@ namespace kivctl {
 
 // Default size of one "GetFile" chunk.
 const unsigned long long kDownloadChunk = 4ull << 20;
+
+// Appends `remotePath` from byte *offset on to `file` through "GetFile" in
+// chunks of `chunk` bytes, until a short chunk or, when `expected` >= 0, until
+// *offset reaches it. *offset advances by what was written; `onChunk` (may be
+// empty) runs after each chunk with the new offset. Returns an exit code; the
+// reason is already printed, prefixed with `who`; `localName` names the file
+// in messages.
+int fetchChunks(ProxySession& session, const std::string& remotePath, FILE* file, const std::string& localName,
+                unsigned long long chunk, long long expected, unsigned long long* offset,
+                const std::function<void(unsigned long long)>& onChunk, const char* who);
 
 // Copies `remotePath` into the new local file `localPath` through "GetFile"
 // in chunks of `chunk` bytes; *bytes gets the count written. Returns an exit

@@ -12,6 +12,7 @@
 
 #include "files/CFileTools.h"
 #include "tools/kivctl/Connection.h"
+#include "tools/kivctl/Download.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
@@ -171,34 +172,8 @@ int run(int argc, char** argv) {
         return kivctl::kFailure;
     }
     Progress progress(!toStdout && isatty(1) && isatty(2), offset, expected);
-    int rc = kivctl::kOk;
-    while (expected < 0 || offset < static_cast<unsigned long long>(expected)) {
-        CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        VUtil::PutElement(in.get(), 1, static_cast<long long>(offset));
-        VUtil::PutElement(in.get(), 2, static_cast<long long>(chunk));
-        int status = session.request("GetFile", in.get(), out.ptr());
-        if (status != 0) {
-            if (!CabIsLibraryStatus(status)) fprintf(stderr, "kivctl get: GetFile answered %d\n", status);
-            rc = kivctl::exitFor(status);
-            break;
-        }
-        if (out.vt() != (VT_ARRAY | VT_UI1)) {
-            fprintf(stderr, "kivctl get: unexpected answer from the proxy\n");
-            rc = kivctl::kFailure;
-            break;
-        }
-        unsigned long long got = out.get().parray->rgsabound[0].cElements;
-        if (got > 0 && fwrite(out.get().parray->pvData, 1, got, file) != got) {
-            fprintf(stderr, "kivctl get: %s: %s\n", output.c_str(), strerror(errno));
-            rc = kivctl::kFailure;
-            break;
-        }
-        offset += got;
-        progress.update(offset, false);
-        if (got < chunk) break;  // the end of the file
-    }
+    int rc = kivctl::fetchChunks(session, path, file, output, chunk, expected, &offset,
+                                 [&](unsigned long long done) { progress.update(done, false); }, "kivctl get");
     progress.update(offset, true);
     if (toStdout ? fflush(stdout) != 0 : fclose(file) != 0) {
         fprintf(stderr, "kivctl get: %s: %s\n", output.c_str(), strerror(errno));
