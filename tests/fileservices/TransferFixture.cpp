@@ -147,9 +147,9 @@ int TransferTest::queryFileSize(const std::string& medium, const std::vector<std
 
 std::string TransferTest::proxyLog() const { return kivtest::readFile(logsFolder() + "/KivRequestProxy.log"); }
 
-std::string patternBytes(size_t size, unsigned seed) {
+std::string patternBytes(size_t size, unsigned pattern) {
     std::string s(size, '\0');
-    uint64_t x = 0x9E3779B97F4A7C15ull ^ seed;
+    uint64_t x = 0x9E3779B97F4A7C15ull ^ pattern;
     for (size_t i = 0; i < size; ++i) {
         x ^= x << 13;
         x ^= x >> 7;

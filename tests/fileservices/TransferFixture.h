@@ -43,4 +43,4 @@ protected:
 };
 
 // A deterministic pseudo-random byte string.
-std::string patternBytes(size_t size, unsigned seed);
+std::string patternBytes(size_t size, unsigned pattern);
