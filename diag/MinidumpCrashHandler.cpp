@@ -122,30 +122,21 @@ void MinidumpCrashHandler::setDumpDirectory(const char* dumpDir) {
     minidump::safeAppend(m_dumpDir, sizeof m_dumpDir, dumpDir ? dumpDir : "");
 }
 
-bool MinidumpCrashHandler::installAltStackForThisThread() {
+namespace {
+bool hasAltStack() {
     stack_t current;
-    if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) && current.ss_size >= kAltStackSize)
-        return true;
-    long page = sysconf(_SC_PAGESIZE);
-    size_t guard = page > 0 ? static_cast<size_t>(page) : 4096;
-    void* p = mmap(nullptr, kAltStackSize + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (p == MAP_FAILED) return false;
-    mprotect(p, guard, PROT_NONE);  // an overflow of the signal stack faults instead of corrupting
-    stack_t ss;
-    memset(&ss, 0, sizeof ss);
-    ss.ss_sp = static_cast<char*>(p) + guard;
-    ss.ss_size = kAltStackSize;
-    if (sigaltstack(&ss, nullptr) != 0) {
-        munmap(p, kAltStackSize + guard);
-        return false;
-    }
-    return true;
+    return sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) &&
+           current.ss_size >= kAltStackSize;
+}
+}  // namespace
+
+bool MinidumpCrashHandler::installAltStackForThisThread() {
+    // Kept for the life of the process: the token is never released.
+    return hasAltStack() || enterThread() != nullptr;
 }
 
 void* MinidumpCrashHandler::enterThread() {
-    stack_t current;
-    if (sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) && current.ss_size >= kAltStackSize)
-        return nullptr;  // already has one that is not ours to release
+    if (hasAltStack()) return nullptr;  // already has one that is not ours to release
     long page = sysconf(_SC_PAGESIZE);
     size_t guard = page > 0 ? static_cast<size_t>(page) : 4096;
     void* p = mmap(nullptr, kAltStackSize + guard, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
