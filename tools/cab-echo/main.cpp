@@ -6,6 +6,7 @@
 #include <cstring>
 #include <string>
 
+#include "cab/CabProgram.h"
 #include "tools/cab-echo/EchoSatellite.h"
 
 static void usage(FILE* to) {
@@ -41,25 +42,8 @@ int main(int argc, char** argv) {
             return 64;
         }
     }
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // before any thread exists
-    signal(SIGPIPE, SIG_IGN);
-
     EchoSatellite sat;
     if (!token.empty()) sat.setToken(token);
     if (maxHandlers > 0) sat.setMaxHandlers(maxHandlers);
-    int rc = sat.Connect(server.c_str(), name.c_str());
-    if (rc != 0) {
-        fprintf(stderr, "cab-echo: %s\n", CabGetLastError().c_str());
-        return 2;
-    }
-    printf("ready\n");
-    fflush(stdout);
-    int sig = 0;
-    sigwait(&set, &sig);
-    sat.Disconnect();
-    return 0;
+    return CabServeUntilSignal(sat, "cab-echo", server.c_str(), name.c_str());
 }

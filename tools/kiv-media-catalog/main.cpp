@@ -9,6 +9,7 @@
 #include <string>
 
 #include "host/CRegistry.h"
+#include "cab/CabProgram.h"
 #include "tools/kiv-media-catalog/CatalogSatellite.h"
 
 static void usage(FILE* to) {
@@ -74,23 +75,7 @@ int main(int argc, char** argv) {
         server = host;
     }
 
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, SIGINT);
-    sigaddset(&set, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &set, nullptr);  // before any thread exists
-    signal(SIGPIPE, SIG_IGN);
-
     CatalogSatellite sat(catalog);
     if (haveToken) sat.setToken(token);
-    if (sat.Connect(server.c_str(), name.c_str()) != 0) {
-        fprintf(stderr, "kiv-media-catalog: %s\n", CabGetLastError().c_str());
-        return 2;
-    }
-    printf("ready\n");
-    fflush(stdout);
-    int sig = 0;
-    sigwait(&set, &sig);
-    sat.Disconnect();
-    return 0;
+    return CabServeUntilSignal(sat, "kiv-media-catalog", server.c_str(), name.c_str());
 }
