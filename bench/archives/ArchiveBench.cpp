@@ -25,6 +25,7 @@
 #include "files/CFileTools.h"
 #include "host/CRegistry.h"
 #include "tests/support/NatsServer.h"
+#include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
@@ -38,7 +39,7 @@ std::string g_folder;
 std::vector<std::string> g_files;
 std::string g_single;  // the 20 parts in one file
 CabClient* g_client;
-pid_t g_proxy = -1;
+kivtest::ProxyProcess g_proxy;
 
 void createFiles() {
     std::mt19937 rng(42);
@@ -159,25 +160,7 @@ BENCHMARK(BM_ZipMinus0)->Unit(benchmark::kMillisecond)->UseRealTime()->Iteration
 BENCHMARK(BM_ProxyCreateZipOneFile)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 BENCHMARK(BM_ZipMinus9)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1);
 
-bool startProxy() {
-    g_proxy = fork();
-    if (g_proxy == 0) {
-        if (!freopen("/dev/null", "w", stdout)) _exit(126);
-        std::string exe = std::string(KIV_BIN_DIR) + "/KivRequestProxy";
-        execl(exe.c_str(), exe.c_str(), (char*)nullptr);
-        _exit(127);
-    }
-    // The directory answers at once until the proxy has subscribed; the
-    // deadline is only a safety net.
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-        CLocalVariant in, out, rc;
-        g_client->Request("VorpaMediaProxy", "GetKivConfig", in.get(), out.ptr(), 0, rc.ptr());
-        if (CabRetcode(rc.get()) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
+bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client); }
 
 }  // namespace
 
@@ -204,12 +187,11 @@ int main(int argc, char** argv) {
     client.setRequestTimeoutMs(600000);
     if (client.Connect(server.hostPort().c_str(), "ArchiveBench") != 0 || !startProxy()) {
         fprintf(stderr, "bench_archives: the proxy did not start\n");
-        if (g_proxy > 0) kill(g_proxy, SIGKILL);
+        g_proxy.stop(SIGKILL);
         return 1;
     }
     benchmark::RunSpecifiedBenchmarks();
-    kill(g_proxy, SIGTERM);
-    waitpid(g_proxy, nullptr, 0);
+    g_proxy.stop(SIGTERM);
     client.Disconnect();
     benchmark::Shutdown();
     return 0;

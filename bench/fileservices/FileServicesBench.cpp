@@ -27,6 +27,7 @@
 #include "files/CKivFileManager.h"
 #include "host/CRegistry.h"
 #include "tests/support/NatsServer.h"
+#include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
 #include "tools/kiv-media-catalog/CatalogSatellite.h"
 #include "variant/CLocalVariant.h"
@@ -43,7 +44,7 @@ natsConnection* g_rawServe;
 natsConnection* g_rawClient;
 std::string g_blob(kChunk, 'x');
 CabClient* g_client;
-pid_t g_proxy = -1;
+kivtest::ProxyProcess g_proxy;
 long g_idleKiB = 0;
 
 void onRawBlob(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
@@ -100,7 +101,7 @@ void BM_ProxyGetFile4MiB(benchmark::State& state) {
         }
     }
     state.SetBytesProcessed(state.iterations() * g_fileSize);
-    long peak = procStatusKiB(g_proxy, "VmHWM");
+    long peak = procStatusKiB(g_proxy.pid(), "VmHWM");
     state.counters["proxy_idle_MiB"] = g_idleKiB / 1024.0;
     state.counters["proxy_peak_MiB"] = peak / 1024.0;
     state.counters["peak_over_idle_chunks"] = (peak - g_idleKiB) / (double)(kChunk / 1024);
@@ -173,25 +174,7 @@ bool makeFolder(const std::string& path, int files) {
     return true;
 }
 
-bool startProxy() {
-    g_proxy = fork();
-    if (g_proxy == 0) {
-        if (!freopen("/dev/null", "w", stdout)) _exit(126);
-        std::string exe = std::string(KIV_BIN_DIR) + "/KivRequestProxy";
-        execl(exe.c_str(), exe.c_str(), (char*)nullptr);
-        _exit(127);
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-        CLocalVariant in, out, rc;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-        VUtil::PutElement(in.get(), 0, "/nonexistent");
-        g_client->Request("VorpaMediaProxy", "GetFile", in.get(), out.ptr(), 0, rc.ptr());
-        if (CabRetcode(rc.get()) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
+bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client); }
 
 }  // namespace
 
@@ -238,14 +221,13 @@ int main(int argc, char** argv) {
     if (media.Connect(server.hostPort().c_str(), "KivMediaV2") != 0 ||
         client.Connect(server.hostPort().c_str(), "FileServicesBench") != 0 || !startProxy()) {
         fprintf(stderr, "bench_fileservices: the proxy did not start\n");
-        if (g_proxy > 0) kill(g_proxy, SIGKILL);
+        g_proxy.stop(SIGKILL);
         return 1;
     }
-    g_idleKiB = procStatusKiB(g_proxy, "VmHWM");
+    g_idleKiB = procStatusKiB(g_proxy.pid(), "VmHWM");
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    kill(g_proxy, SIGTERM);
-    waitpid(g_proxy, nullptr, 0);
+    g_proxy.stop(SIGTERM);
     client.Disconnect();
     media.Disconnect();
     natsSubscription_Destroy(sub);

@@ -18,6 +18,7 @@
 #include "cab/CabSatellite.h"
 #include "host/CRegistry.h"
 #include "tests/support/NatsServer.h"
+#include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
@@ -28,7 +29,7 @@ kivtest::NatsServer* g_server;
 natsConnection* g_rawServe;
 natsConnection* g_rawClient;
 CabClient* g_client;
-pid_t g_proxy = -1;
+kivtest::ProxyProcess g_proxy;
 
 void onRawEcho(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
@@ -95,23 +96,7 @@ BENCHMARK(BM_RawNatsEcho64)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BM_ProxyGetVersion)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BM_ProxyMultiRequest8)->MinTime(2.0)->UseRealTime();
 
-bool startProxy() {
-    g_proxy = fork();
-    if (g_proxy == 0) {
-        if (!freopen("/dev/null", "w", stdout)) _exit(126);
-        std::string exe = std::string(KIV_BIN_DIR) + "/KivRequestProxy";
-        execl(exe.c_str(), exe.c_str(), (char*)nullptr);
-        _exit(127);
-    }
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (std::chrono::steady_clock::now() < deadline) {
-        CLocalVariant in, out, rc;
-        g_client->Request("VorpaMediaProxy", "GetKivConfig", in.get(), out.ptr(), 0, rc.ptr());
-        if (CabRetcode(rc.get()) == 0) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return false;
-}
+bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client); }
 
 }  // namespace
 
@@ -146,12 +131,11 @@ int main(int argc, char** argv) {
     g_client = &client;
     if (client.Connect(server.hostPort().c_str(), "ProxyBench") != 0 || !startProxy()) {
         fprintf(stderr, "bench_proxy: the proxy did not start\n");
-        if (g_proxy > 0) kill(g_proxy, SIGKILL);
+        g_proxy.stop(SIGKILL);
         return 1;
     }
     benchmark::RunSpecifiedBenchmarks();
-    kill(g_proxy, SIGTERM);
-    waitpid(g_proxy, nullptr, 0);
+    g_proxy.stop(SIGTERM);
     client.Disconnect();
     natsSubscription_Destroy(sub);
     natsConnection_Destroy(g_rawClient);

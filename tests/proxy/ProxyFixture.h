@@ -12,6 +12,7 @@
 
 #include "cab/CabSatellite.h"
 #include "tests/support/NatsServer.h"
+#include "tests/support/ProxyProcess.h"
 #include "tools/cab-echo/EchoSatellite.h"
 #include "variant/CLocalVariant.h"
 
@@ -37,7 +38,7 @@ protected:
     kivtest::NatsServer server{64 * 1024};
     std::unique_ptr<EchoSatellite> echo;
     std::unique_ptr<CabClient> client;
-    pid_t proxy = -1;
+    kivtest::ProxyProcess proxy;
     std::string outputPath;
 };
 
