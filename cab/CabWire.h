@@ -25,11 +25,8 @@ extern const char* const kCancel;       // "Cab-Cancel": the requester gave up t
 const char* const kProtoVersion = "1";
 const uint64_t kMaxReply = 4ull << 30;          // 4 GiB
 const size_t kHeaderRoom = 4096;                // kept free for headers in every message
-// Every message costs the directory a fixed price (a buffer, a flush to the
-// receiver), so answers travel in parts as large as the server allows, up to
-// 8 MiB; a 4 MiB answer on a server with an 8 MiB max payload is one message.
-const size_t kMaxPart = 8u << 20;               // parts are at most 8 MiB
-const size_t kWindowBytes = 16u << 20;          // at most 16 MiB of one transfer in flight
+const size_t kMaxPart = 4u << 20;               // parts are at most 4 MiB
+const size_t kWindowBytes = 8u << 20;           // at most 8 MiB of one transfer in flight
 
 // 1-128 characters of [A-Za-z0-9_-].
 bool validName(const char* name);
