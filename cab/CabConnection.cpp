@@ -210,6 +210,27 @@ void CabConnection::unsubscribe(natsSubscription* sub) {
     if (sub) natsSubscription_Unsubscribe(sub);
 }
 
+void CabConnection::drain(const std::vector<natsSubscription*>& subs, int timeoutMs) {
+    std::vector<natsSubscription*> draining;
+    for (natsSubscription* sub : subs) {
+        if (!sub) continue;
+        natsStatus s = natsSubscription_DrainTimeout(sub, timeoutMs);
+        if (s == NATS_OK) {
+            draining.push_back(sub);
+        } else {
+            cablog::log(LOGLEVEL_WARN, "Drain of %s failed (%s); unsubscribing", natsSubscription_GetSubject(sub),
+                        natsStatus_GetText(s));
+            natsSubscription_Unsubscribe(sub);
+        }
+    }
+    for (natsSubscription* sub : draining) {
+        natsStatus s = natsSubscription_WaitForDrainCompletion(sub, timeoutMs);
+        if (s != NATS_OK)
+            cablog::log(LOGLEVEL_WARN, "Drain of %s did not complete: %s", natsSubscription_GetSubject(sub),
+                        natsStatus_GetText(s));
+    }
+}
+
 int CabConnection::publish(const std::string& subject, const void* data, size_t len) {
     natsStatus s = natsConnection_Publish(m_nc, subject.c_str(), data, (int)len);
     if (s == NATS_OK) return 0;

@@ -69,6 +69,9 @@ public:
     // Async subscription (queue may be empty); null on failure.
     natsSubscription* subscribe(const std::string& subject, const std::string& queue, Handler handler);
     void unsubscribe(natsSubscription* sub);
+    // Stops the directory routing to these subscriptions and waits (at most
+    // timeoutMs) until every message it routed before has reached its handler.
+    void drain(const std::vector<natsSubscription*>& subs, int timeoutMs);
 
     // Publishes a message without headers; 0 or a negative status.
     int publish(const std::string& subject, const void* data, size_t len);

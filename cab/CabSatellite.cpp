@@ -13,6 +13,7 @@
 namespace {
 
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+const int kDrainTimeoutMs = 10000;  // only a safety net: draining takes one round trip
 
 std::string randomId() {
     static const char digits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -173,7 +174,15 @@ int CabSatellite::Connect(const char* host, const char* name) {
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
     }
     cablog::log(LOGLEVEL_INFO, "Connected to the directory at %s as %s", o.url.c_str(), name);
+    {
+        PLockGuard guard(m_state->lock);
+        m_state->creating = true;
+    }
     rc = CreateServices();
+    {
+        PLockGuard guard(m_state->lock);
+        m_state->creating = false;
+    }
     if (rc != 0) {
         cablog::log(LOGLEVEL_WARN, "CreateServices returned %d", rc);
     }
@@ -286,8 +295,30 @@ int CabSatellite::UnregisterServices(bool forget) {
     return 0;
 }
 
+void CabSatellite::DrainServices() {
+    std::shared_ptr<CabConnection> conn;
+    std::vector<natsSubscription*> subs;
+    {
+        PLockGuard guard(m_state->lock);
+        conn = m_state->conn;
+        for (auto& e : m_state->services) {
+            if (e->sub) subs.push_back(e->sub);
+            e->sub = nullptr;
+        }
+        subs.insert(subs.end(), m_state->srvSubs.begin(), m_state->srvSubs.end());
+        m_state->srvSubs.clear();
+    }
+    // A request the directory routed here before it saw us leave is still
+    // served: dropping it would leave its requester waiting for the time-out.
+    if (conn && conn->connected()) {
+        conn->drain(subs, kDrainTimeoutMs);
+    } else if (conn) {
+        for (natsSubscription* s : subs) conn->unsubscribe(s);
+    }
+}
+
 int CabSatellite::Disconnect() {
-    UnregisterServices(false);
+    DrainServices();
     std::shared_ptr<CabConnection> conn;
     std::shared_ptr<CabWorkerPool> pool;
     std::string name;
@@ -327,7 +358,7 @@ int CabSatellite::AddService(const char* name, const char* description, CabSatel
         e->description = description ? description : "";
         e->delegate = std::move(owned);
         m_state->services.push_back(e);
-        connected = m_state->conn != nullptr;
+        connected = m_state->conn != nullptr && !m_state->creating;
     }
     // Added after Connect (outside CreateServices): listen at once.
     return connected ? RegisterServices() : 0;

@@ -140,6 +140,10 @@ public:
     int Discover(const char* verb, const char* name, int waitMs, std::vector<std::string>* replies);
 
 private:
+    // Stops listening for every service; requests already routed here are
+    // still handed to the worker pool (Disconnect then lets them finish).
+    void DrainServices();
+
     std::shared_ptr<CabSatelliteState> m_state;
 };
 

@@ -48,6 +48,7 @@ struct CabSatelliteState {
     int maxHandlers = -1;  // -1: from the settings
     std::shared_ptr<CabConnection> conn;
     std::shared_ptr<CabWorkerPool> pool;
+    bool creating = false;  // inside CreateServices: Connect registers the services afterwards
     std::vector<std::shared_ptr<CabServiceEntry>> services;  // in the order added
     std::vector<natsSubscription*> srvSubs;                  // discovery subscriptions
 

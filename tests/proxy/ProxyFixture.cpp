@@ -23,6 +23,7 @@ void ProxyTest::SetUp() {
     echo.reset(new EchoSatellite);
     ASSERT_EQ(echo->Connect(server.hostPort().c_str(), "EchoA"), 0);
     client.reset(new CabClient);
+    client->setRequestTimeoutMs(60000);  // a lost request fails the test in a minute, not five
     ASSERT_EQ(client->Connect(server.hostPort().c_str(), "ProxyTestClient"), 0);
     std::string root = getenv("KIV_ROOT");
     std::error_code ec;

@@ -50,9 +50,12 @@ bool ProxyProcess::waitUntilServing(CabSatellite& client) {
     while (std::chrono::steady_clock::now() < deadline) {
         CLocalVariant in, out, rc;
         client.Request("VorpaMediaProxy", "GetKivConfig", in.get(), out.ptr(), 0, rc.ptr());
-        if (CabRetcode(rc.get()) != CAB_E_NO_SUCH_SERVICE) return true;
-        int status = 0;
-        if (m_pid > 0 && waitpid(m_pid, &status, WNOHANG) == m_pid) {
+        int status = CabRetcode(rc.get());
+        // A time-out means the request went astray (say, to a proxy that was
+        // leaving): ask again rather than call the proxy serving.
+        if (status != CAB_E_NO_SUCH_SERVICE && status != CAB_E_TIMEOUT) return true;
+        int exitStatus = 0;
+        if (m_pid > 0 && waitpid(m_pid, &exitStatus, WNOHANG) == m_pid) {
             m_pid = -1;
             return false;
         }
