@@ -44,6 +44,22 @@ std::string directoryUrl(const char* host) {
     return "nats://" + h + ":" + std::to_string(port);
 }
 
+// Clears and returns every subscription of the services and of discovery.
+std::vector<natsSubscription*> takeSubscriptions(CabSatelliteState* state, bool forget,
+                                                 std::shared_ptr<CabConnection>* conn) {
+    std::vector<natsSubscription*> subs;
+    PLockGuard guard(state->lock);
+    *conn = state->conn;
+    for (auto& e : state->services) {
+        if (e->sub) subs.push_back(e->sub);
+        e->sub = nullptr;
+    }
+    subs.insert(subs.end(), state->srvSubs.begin(), state->srvSubs.end());
+    state->srvSubs.clear();
+    if (forget) state->services.clear();
+    return subs;
+}
+
 }  // namespace
 
 // ---- settings
@@ -278,18 +294,7 @@ int CabSatellite::RegisterServices() {
 
 int CabSatellite::UnregisterServices(bool forget) {
     std::shared_ptr<CabConnection> conn;
-    std::vector<natsSubscription*> subs;
-    {
-        PLockGuard guard(m_state->lock);
-        conn = m_state->conn;
-        for (auto& e : m_state->services) {
-            if (e->sub) subs.push_back(e->sub);
-            e->sub = nullptr;
-        }
-        subs.insert(subs.end(), m_state->srvSubs.begin(), m_state->srvSubs.end());
-        m_state->srvSubs.clear();
-        if (forget) m_state->services.clear();
-    }
+    std::vector<natsSubscription*> subs = takeSubscriptions(m_state.get(), forget, &conn);
     if (conn)
         for (natsSubscription* s : subs) conn->unsubscribe(s);
     return 0;
@@ -297,17 +302,7 @@ int CabSatellite::UnregisterServices(bool forget) {
 
 void CabSatellite::DrainServices() {
     std::shared_ptr<CabConnection> conn;
-    std::vector<natsSubscription*> subs;
-    {
-        PLockGuard guard(m_state->lock);
-        conn = m_state->conn;
-        for (auto& e : m_state->services) {
-            if (e->sub) subs.push_back(e->sub);
-            e->sub = nullptr;
-        }
-        subs.insert(subs.end(), m_state->srvSubs.begin(), m_state->srvSubs.end());
-        m_state->srvSubs.clear();
-    }
+    std::vector<natsSubscription*> subs = takeSubscriptions(m_state.get(), false, &conn);
     // A request the directory routed here before it saw us leave is still
     // served: dropping it would leave its requester waiting for the time-out.
     if (conn && conn->connected()) {
