@@ -171,6 +171,18 @@ size_t Cab1Encoding::copy(size_t offset, void* dst, size_t len) const {
     return done;
 }
 
+const char* Cab1Encoding::span(size_t offset, size_t len) const {
+    const auto& pieces = m_impl->pieces;
+    if (!len || offset >= m_impl->size || len > m_impl->size - offset) return nullptr;
+    auto it = std::upper_bound(pieces.begin(), pieces.end(), offset,
+                               [](size_t off, const Impl::Piece& p) { return off < p.start; });
+    --it;
+    size_t skip = offset - it->start;
+    if (len > it->len - skip) return nullptr;
+    const char* from = it->ext ? it->ext : m_impl->buffer.data() + it->owned;
+    return from + skip;
+}
+
 std::string Cab1Encoding::str() const {
     std::string s(m_impl->size, '\0');
     if (!s.empty()) copy(0, &s[0], s.size());

@@ -30,6 +30,9 @@ public:
     // Copies bytes [offset, offset + len) of the encoding into dst; returns the
     // number copied (less than len only at the end).
     size_t copy(size_t offset, void* dst, size_t len) const;
+    // Bytes [offset, offset + len) in place when they lie in one stretch of
+    // memory (inside a string or numeric array of the variant), else null.
+    const char* span(size_t offset, size_t len) const;
     // The whole encoding as one string.
     std::string str() const;
 

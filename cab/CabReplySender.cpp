@@ -78,7 +78,7 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
     std::string creditTo;
     uint64_t token = 0;
     std::shared_ptr<CabMailbox> box = conn->openMailbox(&creditTo, &token);
-    std::unique_ptr<char[]> buf(new char[part]);  // one part at a time, not zero-filled
+    std::unique_ptr<char[]> buf;  // for a part that spans several pieces; not zero-filled
     uint64_t received = 0;
     for (uint64_t i = 0; i < parts; ++i) {
         while ((int64_t)(i - received) >= window) {
@@ -105,8 +105,14 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
         }
         uint64_t off = i * part;
         size_t len = (size_t)std::min<uint64_t>(part, total - off);
-        enc->copy(off, buf.get(), len);
-        natsMsg* m = makeMsg(replyTo, buf.get(), len);
+        // A part inside one array goes out from the variant's own memory.
+        const char* data = enc->span(off, len);
+        if (!data) {
+            if (!buf) buf.reset(new char[part]);
+            enc->copy(off, buf.get(), len);
+            data = buf.get();
+        }
+        natsMsg* m = makeMsg(replyTo, data, len);
         if (!m) break;
         if (i == 0) {
             setStatusHeaders(m, status, error, errorCode);

@@ -126,7 +126,17 @@ TEST(Cab1, CopyHandsOutAnyWindow) {
         size_t expect = off >= whole.size() ? 0 : std::min(len, whole.size() - off);
         ASSERT_EQ(got, expect) << off << " " << len;
         ASSERT_EQ(window.substr(0, got), whole.substr(std::min(off, whole.size()), got));
+        // In place or not, span never hands out other bytes than copy.
+        if (const char* in = enc.span(off, len)) {
+            ASSERT_EQ(std::string(in, len), whole.substr(off, len));
+        }
     }
+    // The middle of the big byte array is handed out in place.
+    size_t at = whole.find(big.substr(1000, 64));
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_NE(enc.span(at, 50000), nullptr);
+    EXPECT_EQ(enc.span(0, whole.size()), nullptr);  // spans the headers too
+    EXPECT_EQ(enc.span(whole.size(), 1), nullptr);
     // Windows of a few bytes stitch back into the whole.
     std::string stitched;
     char chunk[997];
