@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "common/CStdStr.h"
+#include "host/MemoryPolicy.h"
 #include "tools/KivRequestProxy/KivModuleBase.h"
 
 namespace {
@@ -28,6 +29,9 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
+    // File chunks and archives pass through in blocks of megabytes: hand each
+    // back when its answer has gone, so the proxy's size stays near idle.
+    ReturnLargeBlocksToSystem(1 << 20);
     std::vector<CStdStr> args;
     args.reserve(static_cast<size_t>(argc));
     for (int i = 0; i < argc; ++i) args.push_back(CStdStr(argv[i] ? argv[i] : ""));
