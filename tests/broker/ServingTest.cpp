@@ -161,3 +161,30 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     natsMsg_Destroy(r);
     natsConnection_Destroy(nc);
 }
+
+TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
+    natsConnection* nc = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
+    natsSubscription* answers = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&answers, nc, "drain.answers"));
+    const int count = 200;
+    for (int i = 0; i < count; ++i) {
+        natsMsg* m = nullptr;
+        natsMsg_Create(&m, "cab.EchoA.Echo", "drain.answers", nullptr, 0);
+        natsMsgHeader_Set(m, "Cab-Proto", "1");
+        ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, m));
+        natsMsg_Destroy(m);
+    }
+    // After the round trip the server has routed every request to the satellite.
+    ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
+    echo->Disconnect();
+    int answered = 0;
+    for (natsMsg* r = nullptr; answered < count; ++answered) {
+        if (natsSubscription_NextMsg(&r, answers, 30000) != NATS_OK) break;
+        EXPECT_EQ("0", hdr(r, "Cab-Status"));
+        natsMsg_Destroy(r);
+    }
+    EXPECT_EQ(count, answered);
+    natsSubscription_Destroy(answers);
+    natsConnection_Destroy(nc);
+}
