@@ -102,3 +102,21 @@ TEST_F(BrokerTest, SatelliteServesAgainAfterTheDirectoryRestarts) {
     EXPECT_EQ(0, call("EchoA", "Echo", in.v, &out));
     EXPECT_EQ(9, out.v.lVal);
 }
+
+TEST_F(BrokerTest, DisconnectWithTheDirectoryGoneStillEnds) {
+    // Nothing to drain towards: Disconnect must neither hang nor crash, and
+    // the satellite can connect again once the directory is back.
+    server.stop();
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(0, echo->Disconnect());
+    auto took = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
+    EXPECT_LT(took, 30);  // a safety net only: the drain is bounded by its own time-out
+    ASSERT_TRUE(server.restart()) << server.error();
+    ASSERT_EQ(0, echo->Connect(server.hostPort().c_str(), "EchoA"));
+    // The client reconnects on its own schedule; wait (bounded) for it.
+    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!client->isConnected() && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    Var in, out;
+    setI4(&in.v, 7);
+    EXPECT_EQ(0, call("EchoA", "Echo", in.v, &out));
+}
