@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -193,9 +194,15 @@ std::string Cab1Encoding::str() const {
 
 namespace {
 
+// Reads the concatenation of one or more byte ranges as one stream; a field
+// that straddles two ranges is gathered, everything else is read in place.
 class Reader {
 public:
-    Reader(const uint8_t* data, size_t len) : m_p(data), m_len(len) {}
+    Reader(const Cab1Piece* pieces, size_t count) : m_pieces(pieces), m_count(count) {
+        for (size_t i = 0; i < count; ++i) m_len += pieces[i].len;
+        m_next = 0;
+        advance();
+    }
 
     size_t pos() const { return m_pos; }
     size_t remaining() const { return m_len - m_pos; }
@@ -211,8 +218,7 @@ public:
             return fail(std::string("truncated ") + what + " (needs " + std::to_string(sizeof(T)) +
                             " bytes, " + std::to_string(remaining()) + " left)",
                         m_pos);
-        memcpy(out, m_p + m_pos, sizeof(T));
-        m_pos += sizeof(T);
+        take(out, sizeof(T));
         return true;
     }
 
@@ -221,8 +227,7 @@ public:
             return fail(std::string("truncated ") + what + " (needs " + std::to_string(n) + " bytes, " +
                             std::to_string(remaining()) + " left)",
                         m_pos);
-        if (n) memcpy(out, m_p + m_pos, n);
-        m_pos += n;
+        take(out, n);
         return true;
     }
 
@@ -235,9 +240,15 @@ public:
             return fail("truncated string (length " + std::to_string(n) + ", " + std::to_string(remaining()) +
                             " bytes left)",
                         at);
-        BSTR s = SysAllocStringLen(reinterpret_cast<const char*>(m_p + m_pos), n);
+        BSTR s;
+        if (n <= m_curLeft) {
+            s = SysAllocStringLen(reinterpret_cast<const char*>(m_cur), n);
+            if (s) skip(n);
+        } else {
+            s = SysAllocStringLen(nullptr, n);
+            if (s) take(s, n);
+        }
         if (!s) return fail("out of memory for a string of " + std::to_string(n) + " bytes", at);
-        m_pos += n;
         *out = s;
         return true;
     }
@@ -297,8 +308,50 @@ private:
         return true;
     }
 
-    const uint8_t* m_p;
-    size_t m_len;
+    // Moves to the next range that is not empty (or to the end).
+    void advance() {
+        m_cur = nullptr;
+        m_curLeft = 0;
+        while (m_next < m_count && m_curLeft == 0) {
+            m_cur = static_cast<const uint8_t*>(m_pieces[m_next].data);
+            m_curLeft = m_pieces[m_next].len;
+            ++m_next;
+        }
+    }
+    // Copies n bytes (the caller checked that they remain) and moves past them.
+    void take(void* out, size_t n) {
+        m_pos += n;
+        if (n <= m_curLeft) {
+            if (n) memcpy(out, m_cur, n);
+            m_cur += n;
+            m_curLeft -= n;
+            if (!m_curLeft) advance();
+            return;
+        }
+        char* dst = static_cast<char*>(out);
+        while (n) {
+            size_t k = std::min(n, m_curLeft);
+            memcpy(dst, m_cur, k);
+            dst += k;
+            n -= k;
+            m_cur += k;
+            m_curLeft -= k;
+            if (!m_curLeft) advance();
+        }
+    }
+    void skip(size_t n) {
+        m_pos += n;
+        m_cur += n;
+        m_curLeft -= n;
+        if (!m_curLeft) advance();
+    }
+
+    const Cab1Piece* m_pieces;
+    size_t m_count;
+    size_t m_next = 0;           // index of the range after the current one
+    const uint8_t* m_cur = nullptr;
+    size_t m_curLeft = 0;        // bytes left in the current range
+    size_t m_len = 0;
     size_t m_pos = 0;
     std::string m_error;
 };
@@ -306,13 +359,53 @@ private:
 }  // namespace
 
 bool Cab1Decode(const void* data, size_t len, tagVARIANT* out, std::string* error) {
-    VariantInit(out);
-    if (len == 0) return true;
-    if (!data) {
+    if (len && !data) {
+        VariantInit(out);
         if (error) *error = "CAB1: no data";
         return false;
     }
-    Reader r(static_cast<const uint8_t*>(data), len);
+    Cab1Piece piece{data, len};
+    return Cab1DecodePieces(&piece, 1, out, error);
+}
+
+bool Cab1DecodeLending(void* data, size_t len, void (*release)(void*), void* owner, tagVARIANT* out, bool* lent,
+                       std::string* error) {
+    *lent = false;
+    const size_t head = 2 + 4 + 4;  // type code, lower bound, count
+    if (data && len >= head + kCab1LendMin) {
+        const char* p = static_cast<const char*>(data);
+        uint16_t vt;
+        SAFEARRAYBOUND bound;
+        memcpy(&vt, p, 2);
+        memcpy(&bound.lLbound, p + 2, 4);
+        memcpy(&bound.cElements, p + 6, 4);
+        VARTYPE et = VARTYPE(vt & ~VT_ARRAY);
+        uint32_t cb = SafeArrayElementSize(et);
+        void* elements = static_cast<char*>(data) + head;
+        if ((vt & VT_ARRAY) && !(vt & VT_BYREF) && isArrayElementType(et) && et != VT_BSTR && et != VT_VARIANT &&
+            uint64_t(bound.cElements) * cb == len - head && reinterpret_cast<uintptr_t>(elements) % cb == 0) {
+            SAFEARRAY* psa = SafeArrayCreateOver(et, bound, elements, release, owner);
+            if (psa) {
+                VariantInit(out);
+                out->vt = vt;
+                out->parray = psa;
+                *lent = true;
+                return true;
+            }
+        }
+    }
+    return Cab1Decode(data, len, out, error);
+}
+
+bool Cab1DecodePieces(const Cab1Piece* pieces, size_t count, tagVARIANT* out, std::string* error) {
+    VariantInit(out);
+    for (size_t i = 0; i < count; ++i)
+        if (pieces[i].len && !pieces[i].data) {
+            if (error) *error = "CAB1: no data";
+            return false;
+        }
+    Reader r(pieces, count);
+    if (r.remaining() == 0) return true;
     tagVARIANT v;
     VariantInit(&v);
     bool good = r.variant(&v, 0);

@@ -45,3 +45,22 @@ private:
 // and owns). An empty input decodes to VT_EMPTY. On failure returns false,
 // leaves `out` VT_EMPTY and sets *error (may be null).
 bool Cab1Decode(const void* data, size_t len, tagVARIANT* out, std::string* error);
+
+// As Cab1Decode, but an encoding that is one numeric array of at least
+// kCab1LendMin bytes, with its elements aligned in `data`, decodes to an
+// array over `data` itself instead of a copy; the array then owns the input
+// and calls release(owner) when it goes. *lent says whether that happened;
+// when it did not, the input stays the caller's.
+const size_t kCab1LendMin = 64 * 1024;
+bool Cab1DecodeLending(void* data, size_t len, void (*release)(void*), void* owner, tagVARIANT* out, bool* lent,
+                       std::string* error);
+
+// One byte range of an encoding that arrived in several.
+struct Cab1Piece {
+    const void* data;
+    size_t len;
+};
+// As Cab1Decode, over the concatenation of `count` ranges, without first
+// gathering them into one buffer. Byte offsets in errors count from the
+// start of the first range.
+bool Cab1DecodePieces(const Cab1Piece* pieces, size_t count, tagVARIANT* out, std::string* error);

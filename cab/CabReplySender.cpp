@@ -1,5 +1,5 @@
-// Sending an answer: one message when it fits, else parts of at most
-// cabwire::partSize() bytes; the responder runs at most a window of parts
+// Sending an answer: one message when it fits in one, else parts of at
+// most cabwire::partSize() bytes; the responder runs at most a window of parts
 // ahead of the credit the requester grants, so neither the directory nor
 // either side buffers more than a few MiB of one transfer.
 #include <algorithm>
@@ -9,6 +9,7 @@
 #include "cab/CabLog.h"
 #include "cab/CabSatelliteState.h"
 #include "cab/CabWire.h"
+#include "cab/ZeroBytes.h"
 
 namespace {
 
@@ -23,6 +24,26 @@ std::string headerSafe(const std::string& s) {
 natsMsg* makeMsg(const std::string& subject, const char* data, size_t len) {
     natsMsg* m = nullptr;
     if (natsMsg_Create(&m, subject.c_str(), nullptr, data, (int)len) != NATS_OK) return nullptr;
+    return m;
+}
+
+// A message carrying bytes [offset, offset + len) of the encoding. A range
+// inside one array goes straight from the variant's memory; any other is
+// written into the new message's own payload, so no buffer of the range is
+// allocated on the side (a fresh multi-MiB block per answer costs more in
+// page faults than the copy itself).
+natsMsg* makeMsg(const std::string& subject, const Cab1Encoding* enc, uint64_t offset, size_t len) {
+    if (!len) return makeMsg(subject, "", 0);
+    if (const char* in = enc->span(offset, len)) return makeMsg(subject, in, len);
+    const char* zeros = cabZeroBytes(len);
+    if (!zeros) {
+        std::unique_ptr<char[]> buf(new char[len]);  // not zero-filled: every byte is overwritten
+        enc->copy(offset, buf.get(), len);
+        return makeMsg(subject, buf.get(), len);
+    }
+    natsMsg* m = makeMsg(subject, zeros, len);
+    // The payload is the message's own block, written before it is published.
+    if (m) enc->copy(offset, const_cast<char*>(natsMsg_GetData(m)), len);
     return m;
 }
 
@@ -58,12 +79,8 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
         enc.reset();
         total = 0;
     }
-    size_t part = cabwire::partSize(conn->maxPayload());
-    if (total <= part) {
-        // Not zero-filled: every byte is overwritten by the encoding.
-        std::unique_ptr<char[]> buf(new char[total ? total : 1]);
-        if (total) enc->copy(0, buf.get(), total);
-        natsMsg* m = makeMsg(replyTo, buf.get(), total);
+    if (total <= cabwire::messageRoom(conn->maxPayload())) {
+        natsMsg* m = makeMsg(replyTo, enc.get(), 0, total);
         if (!m) return;
         setStatusHeaders(m, status, error, errorCode);
         if (conn->publishMsg(m) != 0)
@@ -72,13 +89,13 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
         return;
     }
 
+    size_t part = cabwire::partSize(conn->maxPayload());
     uint64_t parts = (total + part - 1) / part;
     part = (size_t)((total + parts - 1) / parts);  // equal parts: no small tail message
     int64_t window = cabwire::windowParts(part);
     std::string creditTo;
     uint64_t token = 0;
     std::shared_ptr<CabMailbox> box = conn->openMailbox(&creditTo, &token);
-    std::unique_ptr<char[]> buf;  // for a part that spans several pieces; not zero-filled
     uint64_t received = 0;
     for (uint64_t i = 0; i < parts; ++i) {
         while ((int64_t)(i - received) >= window) {
@@ -105,14 +122,7 @@ void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string&
         }
         uint64_t off = i * part;
         size_t len = (size_t)std::min<uint64_t>(part, total - off);
-        // A part inside one array goes out from the variant's own memory.
-        const char* data = enc->span(off, len);
-        if (!data) {
-            if (!buf) buf.reset(new char[part]);
-            enc->copy(off, buf.get(), len);
-            data = buf.get();
-        }
-        natsMsg* m = makeMsg(replyTo, data, len);
+        natsMsg* m = makeMsg(replyTo, enc.get(), off, len);
         if (!m) break;
         if (i == 0) {
             setStatusHeaders(m, status, error, errorCode);

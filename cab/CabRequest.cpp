@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "cab/Cab1.h"
 #include "cab/CabLog.h"
@@ -29,21 +30,57 @@ void sendControl(const std::shared_ptr<CabConnection>& conn, const std::string& 
     natsMsg_Destroy(m);
 }
 
-int decodeInto(const char* data, size_t len, tagVARIANT* out) {
-    tagVARIANT tmp;
-    VariantInit(&tmp);
-    std::string err;
-    if (!Cab1Decode(data, len, &tmp, &err)) return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
+// Hands a decoded answer to the caller (or drops it when nobody wants it).
+int takeDecoded(tagVARIANT* decoded, tagVARIANT* out) {
     if (out) {
         VariantClear(out);
-        *out = tmp;  // moves ownership
+        *out = *decoded;  // moves ownership
     } else {
-        VariantClear(&tmp);
+        VariantClear(decoded);
     }
     return 0;
 }
 
-// Receives the parts after the first; `first` is consumed.
+void destroyMsg(void* m) { natsMsg_Destroy(static_cast<natsMsg*>(m)); }
+
+// Decodes a whole answer; `m` is consumed. A large array answer keeps the
+// message as its storage instead of being copied out of it.
+int decodeMessage(natsMsg* m, tagVARIANT* out) {
+    tagVARIANT tmp;
+    std::string err;
+    bool lent = false;
+    bool good = Cab1DecodeLending(const_cast<char*>(natsMsg_GetData(m)), (size_t)natsMsg_GetDataLength(m),
+                                  &destroyMsg, m, &tmp, &lent, &err);
+    if (!lent) natsMsg_Destroy(m);
+    if (!good) return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
+    return takeDecoded(&tmp, out);
+}
+
+// The parts of one answer, kept as they arrived until they are decoded.
+class PartList {
+public:
+    ~PartList() {
+        for (natsMsg* m : m_msgs) natsMsg_Destroy(m);
+    }
+    void add(natsMsg* m) {
+        m_msgs.push_back(m);
+        m_pieces.push_back({natsMsg_GetData(m), (size_t)natsMsg_GetDataLength(m)});
+    }
+    int decodeInto(tagVARIANT* out) const {
+        tagVARIANT tmp;
+        std::string err;
+        if (!Cab1DecodePieces(m_pieces.data(), m_pieces.size(), &tmp, &err))
+            return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
+        return takeDecoded(&tmp, out);
+    }
+
+private:
+    std::vector<natsMsg*> m_msgs;
+    std::vector<Cab1Piece> m_pieces;
+};
+
+// Receives the parts after the first; `first` is consumed. The parts are
+// decoded where they lie: no buffer of the whole answer is put together.
 int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_ptr<CabMailbox>& box, natsMsg* first,
                  int timeoutMs, tagVARIANT* out) {
     int64_t total = 0, parts = 0;
@@ -53,13 +90,7 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         natsMsg_Destroy(first);
         return CabFail(CAB_E_MALFORMED, "first part without valid Cab-Size, Cab-Parts and Cab-Credit-To");
     }
-    char* buf = static_cast<char*>(malloc((size_t)total));
-    if (!buf) {
-        natsMsg_Destroy(first);
-        sendControl(conn, creditTo, cabwire::kCancel, "1");
-        return CabFail(CAB_E_TOO_LARGE, "no memory for an answer of " + std::to_string(total) + " bytes");
-    }
-    std::unique_ptr<char, decltype(&free)> hold(buf, &free);
+    PartList list;
     // Credit matters only when the responder cannot send every part ahead of it.
     int64_t window = 0;
     bool needCredit = !cabwire::headerInt(first, cabwire::kWindow, 1, INT32_MAX, &window) || window < parts;
@@ -75,9 +106,8 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
             return CabFail(CAB_E_MALFORMED, "part " + std::to_string(index) + " where part " + std::to_string(expect) +
                                                 " of " + std::to_string(parts) + " was expected");
         }
-        memcpy(buf + offset, natsMsg_GetData(m), (size_t)len);
         offset += len;
-        natsMsg_Destroy(m);
+        list.add(m);
         ++expect;
         if (expect == parts) break;
         if (needCredit) sendControl(conn, creditTo, cabwire::kReceived, std::to_string(expect));
@@ -95,7 +125,7 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
     if (offset != total)
         return CabFail(CAB_E_MALFORMED, "parts hold " + std::to_string(offset) + " of " + std::to_string(total) +
                                             " bytes");
-    return decodeInto(buf, (size_t)total, out);
+    return list.decodeInto(out);
 }
 
 int requestImpl(CabSatelliteState* state, const char* target, const char* service, const tagVARIANT& in,
@@ -110,7 +140,7 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     if (in.vt != VT_EMPTY) {
         Cab1Encoding enc(in);
         if (!enc.ok()) return CabFail(CAB_E_INVALID_ARGUMENT, "the input cannot be encoded: " + enc.error());
-        int64_t limit = conn->maxPayload() - (int64_t)cabwire::kHeaderRoom;
+        int64_t limit = (int64_t)cabwire::messageRoom(conn->maxPayload());
         if ((int64_t)enc.size() > limit)
             return CabFail(CAB_E_TOO_LARGE, "request of " + std::to_string(enc.size()) +
                                                 " bytes; one request carries at most " + std::to_string(limit));
@@ -152,8 +182,7 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     std::string error = cabwire::header(r, cabwire::kError);
     int drc;
     if (cabwire::header(r, cabwire::kParts).empty()) {
-        drc = decodeInto(natsMsg_GetData(r), (size_t)natsMsg_GetDataLength(r), out);
-        natsMsg_Destroy(r);
+        drc = decodeMessage(r, out);
     } else {
         drc = receiveParts(conn, box, r, timeoutMs, out);
     }

@@ -53,11 +53,12 @@ bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t*
     return true;
 }
 
-size_t partSize(int64_t maxPayload) {
+size_t messageRoom(int64_t maxPayload) {
     int64_t room = maxPayload - (int64_t)kHeaderRoom;
-    if (room < 1024) room = 1024;
-    return std::min<size_t>((size_t)room, kMaxPart);
+    return room < 1024 ? 1024 : (size_t)room;
 }
+
+size_t partSize(int64_t maxPayload) { return std::min<size_t>(messageRoom(maxPayload), kMaxPart); }
 
 int64_t windowParts(size_t partBytes) {
     return std::max<int64_t>(2, (int64_t)(kWindowBytes / partBytes));

@@ -38,7 +38,10 @@ std::string header(natsMsg* msg, const char* key);
 // Parses a decimal header; false when absent or not a number in [min, max].
 bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t* value);
 
-// Bytes of one part for a server with this max payload.
+// Payload bytes one message may carry on a server with this max payload
+// (room is kept for headers); a request or answer up to this goes whole.
+size_t messageRoom(int64_t maxPayload);
+// Bytes of one part of a larger answer: messageRoom, at most kMaxPart.
 size_t partSize(int64_t maxPayload);
 // Parts sent ahead of credit for this part size.
 int64_t windowParts(size_t partBytes);

@@ -15,6 +15,7 @@
 
 #include <sys/mman.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -61,6 +62,18 @@ void* allocStorage(uint64_t bytes, bool zero) {
     void* p = zero ? calloc(1, n) : malloc(n);
     if (!zero) adviseHugePages(p, n);
     return p;
+}
+
+// Frees the storage, or hands lent storage back to its owner.
+void releaseStorage(SAFEARRAY* psa) {
+    if (psa->pfnRelease) {
+        psa->pfnRelease(psa->pvOwner);
+        psa->pfnRelease = nullptr;
+        psa->pvOwner = nullptr;
+    } else {
+        free(psa->pvData);
+    }
+    psa->pvData = nullptr;
 }
 
 void clearElements(SAFEARRAY* psa, uint32_t from, uint32_t to) {
@@ -148,6 +161,24 @@ SAFEARRAY* SafeArrayCreateEx(VARTYPE vt, const SAFEARRAYBOUND& bound, bool zero)
     return psa;
 }
 
+SAFEARRAY* SafeArrayCreateOver(VARTYPE vt, const SAFEARRAYBOUND& bound, void* data, void (*release)(void*),
+                               void* owner) {
+    uint32_t cb = SafeArrayElementSize(vt);
+    if (!cb || vt == VT_BSTR || vt == VT_VARIANT || !data || !release) return nullptr;
+    if (uint64_t(bound.cElements) * cb > kMaxArrayBytes) return nullptr;
+    SAFEARRAY* psa = static_cast<SAFEARRAY*>(calloc(1, sizeof(SAFEARRAY)));
+    if (!psa) return nullptr;
+    psa->pvData = data;
+    psa->pfnRelease = release;
+    psa->pvOwner = owner;
+    psa->cDims = 1;
+    psa->fFeatures = FADF_HAVEVARTYPE;
+    psa->cbElements = cb;
+    psa->vt = vt;
+    psa->rgsabound[0] = bound;
+    return psa;
+}
+
 SAFEARRAY* SafeArrayCreate(VARTYPE vt, uint32_t dims, const SAFEARRAYBOUND* bounds) {
     if (dims != 1 || !bounds) return nullptr;
     return SafeArrayCreateEx(vt, bounds[0], true);
@@ -157,7 +188,7 @@ HRESULT SafeArrayDestroy(SAFEARRAY* psa) {
     if (!psa) return S_OK;
     if (psa->cLocks) return DISP_E_ARRAYISLOCKED;
     if (psa->cDims == 1) clearElements(psa, 0, psa->rgsabound[0].cElements);
-    free(psa->pvData);
+    releaseStorage(psa);
     free(psa);
     return S_OK;
 }
@@ -173,7 +204,14 @@ HRESULT SafeArrayRedim(SAFEARRAY* psa, const SAFEARRAYBOUND* bound) {
         psa->rgsabound[0].lLbound = bound->lLbound;
         return S_OK;
     }
-    if (newCount > oldCount) {
+    if (psa->pfnRelease) {
+        // Lent storage cannot be resized: move onto storage of our own.
+        void* own = allocStorage(bytes, true);
+        if (!own) return E_OUTOFMEMORY;
+        memcpy(own, psa->pvData, size_t(std::min(oldCount, newCount)) * psa->cbElements);
+        releaseStorage(psa);
+        psa->pvData = own;
+    } else if (newCount > oldCount) {
         void* grown = realloc(psa->pvData, bytes ? size_t(bytes) : 1);
         if (!grown) return E_OUTOFMEMORY;
         psa->pvData = grown;

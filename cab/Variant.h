@@ -62,6 +62,10 @@ struct SAFEARRAY {
     VARTYPE vt;            // element type
     void* pvData;
     SAFEARRAYBOUND rgsabound[1];
+    // Storage lent by someone else (SafeArrayCreateOver): pfnRelease(pvOwner)
+    // is called instead of freeing pvData. Null for ordinary arrays.
+    void (*pfnRelease)(void*);
+    void* pvOwner;
 };
 
 struct tagVARIANT {
@@ -115,6 +119,13 @@ HRESULT SafeArrayCopy(const SAFEARRAY* psa, SAFEARRAY** out);
 // String and variant slots always start empty. Null on failure, including
 // requests for more storage than one array may hold.
 SAFEARRAY* SafeArrayCreateEx(VARTYPE vt, const SAFEARRAYBOUND& bound, bool zero);
+// A numeric array over storage that stays owned elsewhere: `data` must hold
+// the elements, suitably aligned, until release(owner) is called, which
+// happens exactly once: when the array is destroyed or resized onto storage
+// of its own. Null (and release not called) when vt is a string or variant
+// type or no memory is left; the caller then still owns `data`.
+SAFEARRAY* SafeArrayCreateOver(VARTYPE vt, const SAFEARRAYBOUND& bound, void* data, void (*release)(void*),
+                               void* owner);
 
 BSTR SysAllocString(const char* text);                   // copies up to the NUL; null gives null
 BSTR SysAllocStringLen(const char* data, uint32_t len);  // copies len bytes (data may be null: zeros)

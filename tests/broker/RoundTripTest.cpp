@@ -125,6 +125,41 @@ TEST_F(BrokerTest, ReplyLargerThanOneMessageArrivesWhole) {
     }
 }
 
+TEST(BrokerLargeMessages, AnswersUpToOneMessageGoWholeAndStayValid) {
+    // An 8 MiB max payload: answers up to 8 MiB - 4 KiB go as one message (a large
+    // array answer then lives in that message), bigger ones in parts of 4 MiB.
+    kivtest::NatsServer server(8 << 20);
+    ASSERT_TRUE(server.start()) << server.error();
+    EchoSatellite echo;
+    ASSERT_EQ(0, echo.Connect(server.hostPort().c_str(), "EchoBig")) << CabGetLastError();
+    CabClient client;
+    client.setRequestTimeoutMs(60000);
+    ASSERT_EQ(0, client.Connect(server.hostPort().c_str(), "BigClient")) << CabGetLastError();
+    const int32_t sizes[] = {64 * 1024, (5 << 20) + 3, (8 << 20) - 4096 - 10, 9 << 20};
+    // Every answer is held until all have arrived, so each must outlive the traffic after it.
+    Var out[4];
+    for (int i = 0; i < 4; ++i) {
+        Var in, codes;
+        setI4(&in.v, sizes[i]);
+        ASSERT_EQ(0, client.Request("EchoBig", "Blob", in.v, &out[i].v, 0, &codes.v)) << CabGetLastError();
+        ASSERT_EQ(0, CabRetcode(codes.v));
+    }
+    for (int i = 0; i < 4; ++i) {
+        ASSERT_EQ(VT_ARRAY | VT_UI1, out[i].v.vt);
+        ASSERT_EQ((uint32_t)sizes[i], out[i].v.parray->rgsabound[0].cElements);
+        const unsigned char* p = static_cast<const unsigned char*>(out[i].v.parray->pvData);
+        size_t bad = 0;
+        for (int32_t k = 0; k < sizes[i]; ++k) bad += p[k] != echoBlobByte((uint64_t)k);
+        EXPECT_EQ(0u, bad) << sizes[i];
+    }
+    // A lent answer can be resized like any other array.
+    SAFEARRAYBOUND bigger{(uint32_t)sizes[0] + 1, 0};
+    ASSERT_EQ(S_OK, SafeArrayRedim(out[0].v.parray, &bigger));
+    EXPECT_EQ(echoBlobByte(7), static_cast<const unsigned char*>(out[0].v.parray->pvData)[7]);
+    client.Disconnect();
+    echo.Disconnect();
+}
+
 TEST_F(BrokerTest, RequestLargerThanOneMessageIsRefused) {
     Var in, out, codes;
     in.v.vt = VT_ARRAY | VT_UI1;

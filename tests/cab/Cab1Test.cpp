@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <random>
+#include <vector>
 
 #include "cab/Cab1.h"
 #include "tests/cab/VariantSamples.h"
@@ -32,8 +35,29 @@ std::string decodeError(const std::string& bytes) {
     std::string error;
     EXPECT_FALSE(Cab1Decode(bytes.data(), bytes.size(), &v.v, &error)) << hex(bytes);
     EXPECT_EQ(v.v.vt, VT_EMPTY);
+    // Arriving one byte per piece changes nothing, not even the message.
+    std::vector<Cab1Piece> pieces;
+    for (size_t i = 0; i < bytes.size(); ++i) pieces.push_back({bytes.data() + i, 1});
+    OwnedVariant w;
+    std::string piecewise;
+    EXPECT_FALSE(Cab1DecodePieces(pieces.data(), pieces.size(), &w.v, &piecewise)) << hex(bytes);
+    EXPECT_EQ(w.v.vt, VT_EMPTY);
+    EXPECT_EQ(piecewise, error);
     return error;
 }
+
+// Cuts `bytes` into up to five pieces at random places (empty pieces included).
+std::vector<Cab1Piece> randomPieces(std::mt19937_64& rng, const std::string& bytes) {
+    std::vector<size_t> cuts{0, bytes.size()};
+    for (int i = rng() % 5; i > 0; --i) cuts.push_back(bytes.empty() ? 0 : rng() % (bytes.size() + 1));
+    std::sort(cuts.begin(), cuts.end());
+    std::vector<Cab1Piece> pieces;
+    for (size_t i = 0; i + 1 < cuts.size(); ++i) pieces.push_back({bytes.data() + cuts[i], cuts[i + 1] - cuts[i]});
+    return pieces;
+}
+
+int g_released = 0;
+void countRelease(void*) { ++g_released; }
 
 }  // namespace
 
@@ -91,6 +115,11 @@ TEST(Cab1, RoundTripsGeneratedValues) {
         ASSERT_TRUE(Cab1Decode(bytes.data(), bytes.size(), &b.v, &error)) << error;
         std::string why;
         ASSERT_TRUE(IdenticalVariants(a.v, b.v, &why)) << n << ": " << why;
+        // The same bytes arriving in pieces decode to the same value.
+        std::vector<Cab1Piece> pieces = randomPieces(rng, bytes);
+        OwnedVariant d;
+        ASSERT_TRUE(Cab1DecodePieces(pieces.data(), pieces.size(), &d.v, &error)) << n << ": " << error;
+        ASSERT_TRUE(IdenticalVariants(a.v, d.v, &why)) << n << " in " << pieces.size() << " pieces: " << why;
         // Every strict prefix is refused (a prefix of 0 bytes is VT_EMPTY, 2 bytes may be a type alone).
         if (bytes.size() > 2) {
             size_t cut = 1 + rng() % (bytes.size() - 1);
@@ -227,4 +256,83 @@ TEST(Cab1, DecoderRefusesHostileBytes) {
     EXPECT_TRUE(Cab1Decode(b64.data(), b64.size(), &ok.v, &error)) << error;
     EXPECT_NE(decodeError(nested(65)).find("arrays nested deeper than 64 at byte offset 640"), std::string::npos);
     EXPECT_NE(decodeError(nested(1000000)).find("nested deeper"), std::string::npos);
+}
+
+TEST(Cab1, LargeArraysDecodeOverTheirInput) {
+    auto encoded = [](VARTYPE et, uint32_t count, int32_t lb) {
+        OwnedVariant v;
+        SAFEARRAYBOUND b{count, lb};
+        v.v.vt = VARTYPE(VT_ARRAY | et);
+        v.v.parray = SafeArrayCreate(et, 1, &b);
+        void* p = nullptr;
+        SafeArrayAccessData(v.v.parray, &p);
+        for (size_t i = 0; i < size_t(count) * SafeArrayElementSize(et); ++i) static_cast<char*>(p)[i] = char(i * 13);
+        SafeArrayUnaccessData(v.v.parray);
+        return Cab1Encoding(v.v).str();
+    };
+    const size_t head = 10;
+
+    // A large byte array: the array's storage is the input, released once when the array goes.
+    std::string bytes = encoded(VT_UI1, kCab1LendMin, -3);
+    g_released = 0;
+    {
+        OwnedVariant out;
+        bool lent = false;
+        std::string error;
+        ASSERT_TRUE(Cab1DecodeLending(&bytes[0], bytes.size(), &countRelease, nullptr, &out.v, &lent, &error));
+        ASSERT_TRUE(lent);
+        EXPECT_EQ(out.v.vt, VT_ARRAY | VT_UI1);
+        EXPECT_EQ(out.v.parray->pvData, static_cast<void*>(&bytes[head]));
+        EXPECT_EQ(out.v.parray->rgsabound[0].lLbound, -3);
+        EXPECT_EQ(out.v.parray->rgsabound[0].cElements, kCab1LendMin);
+        // A copy owns its own storage.
+        OwnedVariant copy;
+        ASSERT_EQ(VariantCopy(&copy.v, &out.v), S_OK);
+        EXPECT_NE(copy.v.parray->pvData, out.v.parray->pvData);
+        EXPECT_EQ(g_released, 0);
+    }
+    EXPECT_EQ(g_released, 1);
+
+    // Resizing moves the elements onto storage of the array's own and gives the input back.
+    g_released = 0;
+    {
+        OwnedVariant out;
+        bool lent = false;
+        ASSERT_TRUE(Cab1DecodeLending(&bytes[0], bytes.size(), &countRelease, nullptr, &out.v, &lent, nullptr));
+        ASSERT_TRUE(lent);
+        SAFEARRAYBOUND bigger{kCab1LendMin + 5, 0};
+        ASSERT_EQ(SafeArrayRedim(out.v.parray, &bigger), S_OK);
+        EXPECT_EQ(g_released, 1);
+        const unsigned char* p = static_cast<const unsigned char*>(out.v.parray->pvData);
+        EXPECT_EQ(memcmp(p, &bytes[head], kCab1LendMin), 0);
+        EXPECT_EQ(p[kCab1LendMin + 4], 0);
+    }
+    EXPECT_EQ(g_released, 1);
+
+    // Small arrays, misaligned elements, other shapes and damaged inputs are decoded as copies
+    // (or refused) and the input stays the caller's.
+    // Heap blocks start 16-aligned, so the elements of this copy start 3 bytes off.
+    std::string misaligned = std::string(1, 'x') + encoded(VT_I4, kCab1LendMin, 0);
+    std::string truncated = bytes.substr(0, bytes.size() - 1);
+    OwnedVariant nested;
+    std::vector<tagVARIANT> e(1);
+    kivtest::MakeBytes(&e[0], std::string(kCab1LendMin, 'n'));
+    kivtest::MakeVariantArray(&nested.v, e);
+    struct Case { std::string in; size_t skip; bool good; };
+    std::vector<Case> cases = {{encoded(VT_UI1, kCab1LendMin - 1, 0), 0, true},
+                               {misaligned, 1, true},
+                               {Cab1Encoding(nested.v).str(), 0, true},
+                               {truncated, 0, false}};
+    g_released = 0;
+    for (auto& c : cases) {
+        OwnedVariant out;
+        bool lent = true;
+        std::string error;
+        EXPECT_EQ(Cab1DecodeLending(&c.in[c.skip], c.in.size() - c.skip, &countRelease, nullptr, &out.v, &lent,
+                                    &error),
+                  c.good)
+            << error;
+        EXPECT_FALSE(lent);
+    }
+    EXPECT_EQ(g_released, 0);
 }
