@@ -4,13 +4,11 @@
 #include <malloc.h>
 #endif
 
-bool ReturnLargeBlocksToSystem(size_t bytes) {
+bool BoundAllocatorPools(int arenas) {
 #if defined(__GLIBC__)
-    // A fixed threshold also stops glibc from raising it after the first
-    // large free, which would move later chunks into the retained heap.
-    return mallopt(M_MMAP_THRESHOLD, static_cast<int>(bytes)) == 1;
+    return mallopt(M_ARENA_MAX, arenas) == 1;
 #else
-    (void)bytes;
+    (void)arenas;
     return false;
 #endif
 }

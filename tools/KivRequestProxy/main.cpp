@@ -29,9 +29,9 @@ int main(int argc, char** argv) {
             return 0;
         }
     }
-    // File chunks and archives pass through in blocks of megabytes: hand each
-    // back when its answer has gone, so the proxy's size stays near idle.
-    ReturnLargeBlocksToSystem(1 << 20);
+    // File chunks and archives pass through in blocks of megabytes, on many
+    // worker threads: keep few pools of them.
+    BoundAllocatorPools(2);
     std::vector<CStdStr> args;
     args.reserve(static_cast<size_t>(argc));
     for (int i = 0; i < argc; ++i) args.push_back(CStdStr(argv[i] ? argv[i] : ""));
