@@ -200,7 +200,6 @@ class Reader {
 public:
     Reader(const Cab1Piece* pieces, size_t count) : m_pieces(pieces), m_count(count) {
         for (size_t i = 0; i < count; ++i) m_len += pieces[i].len;
-        m_next = 0;
         advance();
     }
 
@@ -359,11 +358,6 @@ private:
 }  // namespace
 
 bool Cab1Decode(const void* data, size_t len, tagVARIANT* out, std::string* error) {
-    if (len && !data) {
-        VariantInit(out);
-        if (error) *error = "CAB1: no data";
-        return false;
-    }
     Cab1Piece piece{data, len};
     return Cab1DecodePieces(&piece, 1, out, error);
 }
