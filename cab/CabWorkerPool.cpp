@@ -10,7 +10,10 @@ bool CabWorkerPool::submit(std::function<void()> job) {
     PLockGuard guard(m_lock);
     if (m_stopping) return false;
     m_jobs.push_back(std::move(job));
-    if (m_idle > 0) {
+    // Each waiting thread takes one queued job when it wakes. A thread that
+    // was signalled but has not woken yet still counts as waiting, so compare
+    // with the queue rather than with the waiting count alone.
+    if (m_jobs.size() <= (size_t)m_idle) {
         m_lock.signal();
         return true;
     }
@@ -64,6 +67,11 @@ void CabWorkerPool::stop() {
         threads.swap(m_threads);
     }
     for (auto& t : threads) t->join();
+}
+
+int CabWorkerPool::idleCount() {
+    PLockGuard guard(m_lock);
+    return m_idle;
 }
 
 int CabWorkerPool::threadCount() {

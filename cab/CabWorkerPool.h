@@ -22,6 +22,8 @@ public:
     bool submit(std::function<void()> job);
     void stop();
     int threadCount();
+    // Threads waiting for work.
+    int idleCount();
 
 private:
     void* run(void*);
