@@ -7,29 +7,32 @@ CabWorkerPool::CabWorkerPool(int cap) : m_cap(cap < 1 ? 1 : cap) {}
 CabWorkerPool::~CabWorkerPool() { stop(); }
 
 bool CabWorkerPool::submit(std::function<void()> job) {
-    PLockGuard guard(m_lock);
-    if (m_stopping) return false;
-    m_jobs.push_back(std::move(job));
-    // Each waiting thread takes one queued job when it wakes. A thread that
-    // was signalled but has not woken yet still counts as waiting, so compare
-    // with the queue rather than with the waiting count alone.
-    if (m_jobs.size() <= (size_t)m_idle) {
-        m_lock.signal();
-        return true;
+    {
+        PLockGuard guard(m_lock);
+        if (m_stopping) return false;
+        m_jobs.push_back(std::move(job));
+        // Each waiting thread takes one queued job when it wakes. A thread that
+        // was signalled but has not woken yet still counts as waiting, so compare
+        // with the queue rather than with the waiting count alone.
+        if (m_jobs.size() > (size_t)m_idle) return startThreadLocked();
     }
-    if ((int)m_threads.size() < m_cap) {
-        std::unique_ptr<PThread> t(new PThread);
-        try {
-            t->init(nullptr, new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run), nullptr);
-            m_threads.push_back(std::move(t));
-        } catch (const std::exception& e) {
-            // The job stays queued; an existing worker picks it up.
-            cablog::log(LOGLEVEL_ERROR, "Worker thread not started (%s); %d running", e.what(),
-                        (int)m_threads.size());
-            if (m_threads.empty()) {
-                m_jobs.pop_back();
-                return false;
-            }
+    // Signalled after unlocking, so the woken thread does not block on the lock at once.
+    m_lock.signal();
+    return true;
+}
+
+bool CabWorkerPool::startThreadLocked() {
+    if ((int)m_threads.size() >= m_cap) return true;  // the job queues
+    std::unique_ptr<PThread> t(new PThread);
+    try {
+        t->init(nullptr, new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run), nullptr);
+        m_threads.push_back(std::move(t));
+    } catch (const std::exception& e) {
+        // The job stays queued; an existing worker picks it up.
+        cablog::log(LOGLEVEL_ERROR, "Worker thread not started (%s); %d running", e.what(), (int)m_threads.size());
+        if (m_threads.empty()) {
+            m_jobs.pop_back();
+            return false;
         }
     }
     return true;

@@ -27,6 +27,9 @@ public:
 
 private:
     void* run(void*);
+    // Starts one more thread unless the cap is reached; false when the job
+    // just queued can never run (no thread at all). Needs m_lock.
+    bool startThreadLocked();
 
     const int m_cap;
     PCondMutex m_lock;                           // guards everything below
