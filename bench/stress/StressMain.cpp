@@ -1,0 +1,271 @@
+// bench_stress: many requesters at once against KivRequestProxy, every answer
+// checked, and the proxy's memory before, at the peak and after. By default
+// it starts a nats-server and a proxy of its own, as the other benchmarks do;
+// with --server it attaches to a running directory and proxy.
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/stress/StressClient.h"
+#include "bench/stress/StressReport.h"
+#include "host/CRegistry.h"
+#include "tests/support/NatsServer.h"
+#include "tests/support/ProxyProcess.h"
+#include "tests/support/TempDir.h"
+#include "tools/kivctl/Command.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+const char* const kUsage =
+    "usage: bench_stress [options]\n"
+    "\n"
+    "Runs requesters at once against KivRequestProxy (\"VorpaMediaProxy\"), each\n"
+    "with its own connection, looping over a mix of requests whose answers are\n"
+    "all checked: \"GetFile\" chunks of a test file at random offsets and lengths\n"
+    "(some large enough to travel in parts), compared byte for byte;\n"
+    "\"QueryFileSize\"; \"my-KIV_GetVersion\"; a \"MultiRequest\" of a few\n"
+    "\"MultiRequest\"s of a few \"my-KIV_GetVersion\" to the proxy itself; and\n"
+    "\"CreateZip\", \"GetFile\" of the whole archive, `unzip -t` on it and\n"
+    "\"DeleteTempFile\".\n"
+    "\n"
+    "It prints per service the requests, failures, p50 and p99 latency; the\n"
+    "total of wrong bytes; and the proxy's resident memory (VmRSS) before the\n"
+    "run, at its peak (sampled every 100 ms) and 5 s after the run.\n"
+    "\n"
+    "By default it starts its own nats-server (1 MiB messages) and proxy in a\n"
+    "temporary folder. With --server it attaches to a running directory and\n"
+    "proxy instead; the proxy must be able to read this machine's temporary\n"
+    "folder (TMPDIR or /tmp), where the test files are written.\n"
+    "\n"
+    "Options:\n"
+    "  --requesters N       requesters at once (default 16)\n"
+    "  --seconds T          how long they send requests (default 30)\n"
+    "  --server URL         attach to the directory at nats://HOST:PORT (or HOST:PORT)\n"
+    "  --pid PID            with --server: the proxy's process id, for its memory\n"
+    "                       figures (without it they show n/a)\n"
+    "  --token TOKEN        directory token (default: setting cabDirectory.token)\n"
+    "  --timeout MS         request time-out in milliseconds (default 60000)\n"
+    "  --file-mib M         size of the test file in MiB (default 32)\n"
+    "  --max-chunk-mib C    largest \"GetFile\" length asked for, in MiB (default 16)\n"
+    "  --keep               keep the temporary folder (with our own proxy: its log)\n"
+    "  --help               this text\n"
+    "\n"
+    "Exit status: 0 when every request succeeded and every byte was right, 1\n"
+    "when not, 2 when the run could not start, 64 for a usage error.\n"
+    "Ctrl-C ends the run early; the report is still printed.\n";
+
+// Set by the signal thread on SIGINT or SIGTERM; read by the requesters.
+std::atomic<bool> g_interrupted{false};
+
+// A positive whole number option, or `fallback` when absent; -1 when malformed.
+long long positive(const kivctl::Args& args, const char* name, long long fallback) {
+    if (!args.has(name)) return fallback;
+    char* end = nullptr;
+    long long v = strtoll(args.get(name).c_str(), &end, 10);
+    return end && !*end && v > 0 ? v : -1;
+}
+
+// Writes `size` bytes of xorshift noise (nothing compresses it) to `path`
+// and keeps them in *bytes.
+bool writeNoise(const std::string& path, long long size, unsigned pattern, std::string* bytes) {
+    bytes->resize((size_t)size);
+    uint64_t x = 0x2545F4914F6CDD1Dull ^ ((uint64_t)pattern << 32);
+    for (long long i = 0; i < size; i += 8) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        for (int b = 0; b < 8 && i + b < size; ++b) (*bytes)[(size_t)(i + b)] = (char)(x >> (8 * b));
+    }
+    FILE* f = fopen(path.c_str(), "wb");
+    if (!f) return false;
+    bool ok = fwrite(bytes->data(), 1, bytes->size(), f) == bytes->size();
+    return fclose(f) == 0 && ok;
+}
+
+// The test files: a large one and four small ones (the last compresses well).
+bool makeData(const std::string& folder, long long fileBytes, stress::StressData* data) {
+    data->file = folder + "/large file.bin";
+    data->localFolder = folder + "/fetched";
+    if (mkdir(data->localFolder.c_str(), 0700) != 0 || !writeNoise(data->file, fileBytes, 1, &data->bytes))
+        return false;
+    const long long sizes[] = {300000, 70000, 1, 500000};
+    for (int i = 0; i < 4; ++i) {
+        std::string path = folder + "/small " + std::to_string(i) + (i == 3 ? ".txt" : ".bin");
+        std::string bytes;
+        if (i == 3) {
+            bytes.assign((size_t)sizes[i], 'k');
+            FILE* f = fopen(path.c_str(), "wb");
+            if (!f || fwrite(bytes.data(), 1, bytes.size(), f) != bytes.size() || fclose(f) != 0) return false;
+        } else if (!writeNoise(path, sizes[i], 2 + i, &bytes)) {
+            return false;
+        }
+        data->zipSources.push_back(path);
+        data->zipSizes.push_back(sizes[i]);
+    }
+    return true;
+}
+
+// A thread that turns SIGINT and SIGTERM (blocked in every other thread) into g_interrupted.
+void watchSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+    std::thread([set] {
+        for (;;) {
+            int sig = 0;
+            if (sigwait(&set, &sig) == 0) {
+                if (g_interrupted.exchange(true)) _exit(130);  // the second one ends us at once
+                fprintf(stderr, "bench_stress: interrupted, finishing the requests under way\n");
+            }
+        }
+    }).detach();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    kivctl::Args args;
+    for (const char* v : {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib"})
+        args.value(v);
+    args.flag("keep");
+    if (!args.parse(argc, argv, 1) || !args.positional().empty()) {
+        fprintf(stderr, "bench_stress: %s\nTry 'bench_stress --help'.\n",
+                args.error().empty() ? "unexpected arguments" : args.error().c_str());
+        return 64;
+    }
+    if (args.help()) {
+        fputs(kUsage, stdout);
+        return 0;
+    }
+    const long long requesters = positive(args, "requesters", 16), seconds = positive(args, "seconds", 30),
+                    pidArg = positive(args, "pid", 0), timeoutMs = positive(args, "timeout", 60000),
+                    fileMiB = positive(args, "file-mib", 32), chunkMiB = positive(args, "max-chunk-mib", 16);
+    for (const char* name : {"requesters", "seconds", "pid", "timeout", "file-mib", "max-chunk-mib"})
+        if (positive(args, name, 1) < 0) {
+            fprintf(stderr, "bench_stress: --%s needs a positive whole number\n", name);
+            return 64;
+        }
+    if (requesters > 4096 || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 || chunkMiB > 4095) {
+        fprintf(stderr, "bench_stress: a value is out of range (requesters <= 4096, file-mib <= 4096,\n"
+                        "max-chunk-mib <= 4095, timeout <= one day)\n");
+        return 64;
+    }
+    const bool attach = args.has("server");
+    if (args.has("pid") && !attach) {
+        fprintf(stderr, "bench_stress: --pid goes with --server (our own proxy's pid is known)\n");
+        return 64;
+    }
+
+    kivtest::TempDir work("kivstress");
+    if (args.has("keep")) work.keep();
+    stress::StressData data;
+    data.maxChunk = std::min(chunkMiB << 20, fileMiB << 20);
+    if (attach) chmod(work.path().c_str(), 0755);  // a proxy of another user reads the test files
+    if (!makeData(work.path(), fileMiB << 20, &data)) {
+        fprintf(stderr, "bench_stress: cannot write the test files in %s\n", work.path().c_str());
+        return 2;
+    }
+
+    stress::StressConnection connection;
+    connection.token = args.get("token");
+    connection.timeoutMs = (int)timeoutMs;
+    std::unique_ptr<kivtest::NatsServer> server;
+    kivtest::ProxyProcess proxy;
+    pid_t proxyPid = (pid_t)pidArg;
+    if (attach) {
+        connection.server = args.get("server");
+        watchSignals();
+    } else {
+        // Our own settings, logs and data folder, inside the work folder.
+        setenv("KIV_ROOT", work.file("root").c_str(), 1);
+        setenv("XDG_CONFIG_HOME", work.file("config").c_str(), 1);
+        server.reset(new kivtest::NatsServer(1 << 20));
+        if (!server->start()) {
+            fprintf(stderr, "bench_stress: nats-server did not start: %s\n", server->error().c_str());
+            return 2;
+        }
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port",
+                                                   server->port());
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
+        connection.server = server->url();
+        watchSignals();  // after nats-server, which must keep SIGTERM unblocked
+        CabClient probe;
+        if (!proxy.start({}, work.file("proxy.out")) || probe.Connect(connection.server.c_str(), "stress-probe") != 0 ||
+            !proxy.waitUntilServing(probe)) {
+            fprintf(stderr, "bench_stress: the proxy did not start; its output: %s\n", work.file("proxy.out").c_str());
+            work.keep();
+            return 2;
+        }
+        proxyPid = proxy.pid();
+    }
+
+    std::vector<std::unique_ptr<stress::StressRequester>> clients;
+    for (int i = 0; i < requesters; ++i) {
+        clients.emplace_back(new stress::StressRequester(i, data, connection));
+        if (!clients.back()->connect()) {
+            fprintf(stderr, "bench_stress: cannot connect to %s: %s\n",
+                    connection.server.empty() ? "the directory of the settings" : connection.server.c_str(),
+                    clients.back()->error().c_str());
+            return 2;
+        }
+    }
+
+    printf("bench_stress: %lld requesters for %lld s against %s proxy %s (test file %lld MiB, chunks up to %lld MiB)\n",
+           requesters, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
+           data.maxChunk >> 20);
+    fflush(stdout);
+    const long rssBefore = proxyPid > 0 ? stress::rssKiB(proxyPid) : -1;
+    stress::RssMonitor monitor(proxyPid);
+    monitor.start();
+    const auto start = Clock::now();
+    const auto until = start + std::chrono::seconds(seconds);
+    std::vector<std::thread> threads;
+    for (auto& c : clients) threads.emplace_back([&c, until] { c->run(until, g_interrupted); });
+    for (auto& t : threads) t.join();
+    const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+    monitor.stop();
+    for (auto& c : clients) c->disconnect();
+
+    stress::StressTally total;
+    for (auto& c : clients) total.merge(c->tally());
+    // The memory a while after the load, once transfers and archives are done with.
+    long rssAfter = -1;
+    if (proxyPid > 0) {
+        std::this_thread::sleep_for(std::chrono::seconds(5));
+        rssAfter = stress::rssKiB(proxyPid);
+    }
+
+    printf("ran %.1f s\n", elapsed);
+    total.print(stdout, elapsed);
+    printf("proxy RSS: before %s, peak %s, 5 s after %s\n", stress::mibText(rssBefore).c_str(),
+           stress::mibText(std::max(rssBefore, monitor.peakKiB())).c_str(), stress::mibText(rssAfter).c_str());
+    if (rssBefore >= 0 && rssAfter >= 0)
+        printf("proxy RSS after - before: %+.1f MiB\n", (rssAfter - rssBefore) / 1024.0);
+
+    const bool clean = total.failures() == 0 && total.wrongBytes() == 0;
+    if (!attach) {
+        auto t0 = Clock::now();
+        int status = proxy.stop(SIGTERM);
+        printf("proxy stopped with exit status %d in %.0f ms\n", status,
+               std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
+        if (!clean) {
+            work.keep();
+            printf("the proxy's log is under %s\n", work.file("root").c_str());
+        }
+    }
+    printf("%s\n", clean ? "PASS: no failures, no wrong bytes" : "FAIL");
+    return clean ? 0 : 1;
+}
