@@ -4,11 +4,14 @@
 // booleans, 32-bit integers or byte strings.
 //
 // Each domain is one JSON file, $XDG_CONFIG_HOME/kivfoundry/<domain>.json (or
-// ~/.config/kivfoundry/...). Every read takes in what other processes wrote;
-// every write is durable and merged under an advisory lock, so two processes
+// ~/.config/kivfoundry/...). Every read takes in what other processes wrote
+// and never blocks; a file that turns unreadable (not a regular file, over
+// 1 MiB, unparsable) leaves the values last read from it. Every write is
+// durable, mode 0600, and merged under an advisory lock, so two processes
 // writing different keys of one domain lose neither. Readers never throw: they
 // return false and leave the output untouched. A domain file that cannot be
-// parsed fails synchronisation; a writer moves it aside to "<file>.corrupt".
+// parsed, and was never read well, fails synchronisation; a writer moves it
+// aside to "<file>.corrupt".
 #pragma once
 
 #include <map>

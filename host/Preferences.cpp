@@ -13,6 +13,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <memory>
+#include <mutex>
 
 #include <nlohmann/json.hpp>
 
@@ -34,7 +36,11 @@ bool Value::operator==(const Value& o) const {
 namespace {
 
 const size_t kMaxDomainName = 200;
-const off_t kMaxFileSize = 16 * 1024 * 1024;
+// A domain file larger than this is refused, by readers and writers alike.
+const off_t kMaxFileSize = 1024 * 1024;
+// Every settings file and folder is private to its user: some hold credentials.
+const mode_t kFileMode = 0600;
+const mode_t kFolderMode = 0700;
 
 CStdStr errnoText(const char* what, const CStdStr& path) {
     return CStdStr::Formatted("%s %s: %s", what, path.c_str(), strerror(errno));
@@ -78,7 +84,7 @@ bool makeFolders(const CStdStr& folder, CStdStr* error) {
     for (size_t pos = 1; pos <= folder.size(); ++pos) {
         if (pos == folder.size() || folder[pos] == '/') {
             CStdStr part = folder.substr(0, pos);
-            if (mkdir(part.c_str(), 0755) != 0 && errno != EEXIST) {
+            if (mkdir(part.c_str(), kFolderMode) != 0 && errno != EEXIST) {
                 if (error) *error = errnoText("cannot create folder", part);
                 return false;
             }
@@ -89,20 +95,23 @@ bool makeFolders(const CStdStr& folder, CStdStr* error) {
 
 enum class ReadResult { Ok, Missing, Corrupt, Error };
 
-// Reads and parses a domain file into a JSON object.
+// Reads and parses a domain file into a JSON object. Never blocks: the file is
+// opened without waiting and without following a link, and anything but a
+// regular file of at most kMaxFileSize bytes is refused.
 ReadResult readJson(const CStdStr& path, nlohmann::json& out, CStdStr* error) {
-    int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         if (errno == ENOENT) {
             out = nlohmann::json::object();
             return ReadResult::Missing;
         }
-        if (error) *error = errnoText("cannot open", path);
+        if (error) *error = errno == ELOOP ? CStdStr::Formatted("%s is a symbolic link", path.c_str())
+                                           : errnoText("cannot open", path);
         return ReadResult::Error;
     }
     struct stat st;
-    if (fstat(fd, &st) != 0 || st.st_size > kMaxFileSize) {
-        if (error) *error = CStdStr::Formatted("cannot read %s: not a readable file of at most 16 MB", path.c_str());
+    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size > kMaxFileSize) {
+        if (error) *error = CStdStr::Formatted("%s is not a regular file of at most 1 MiB", path.c_str());
         close(fd);
         return ReadResult::Error;
     }
@@ -118,7 +127,11 @@ ReadResult readJson(const CStdStr& path, nlohmann::json& out, CStdStr* error) {
         }
         if (n == 0) break;
         text.append(buffer, static_cast<size_t>(n));
-        if (text.size() > static_cast<size_t>(kMaxFileSize)) break;
+        if (text.size() > static_cast<size_t>(kMaxFileSize)) {  // grew since fstat
+            if (error) *error = CStdStr::Formatted("%s is larger than 1 MiB", path.c_str());
+            close(fd);
+            return ReadResult::Error;
+        }
     }
     close(fd);
     nlohmann::json j = nlohmann::json::parse(text, nullptr, false);
@@ -128,6 +141,60 @@ ReadResult readJson(const CStdStr& path, nlohmann::json& out, CStdStr* error) {
     }
     out = std::move(j);
     return ReadResult::Ok;
+}
+
+typedef std::shared_ptr<const nlohmann::json> Contents;
+
+// The last contents each domain file was read with, so that a file that
+// turns unreadable (replaced by a FIFO or a folder, grown too large, spoilt by
+// hand) leaves this process with the values it had. A refusal is reported on
+// standard error once, until the file reads well again. Reasons carry paths
+// only, never values.
+class LastGood {
+public:
+    // Reads `path`; on failure falls back to the last good contents. Null
+    // when the file cannot be read and was never read well before.
+    Contents read(const CStdStr& path, CStdStr* error) {
+        nlohmann::json j;
+        CStdStr reason;
+        ReadResult r = readJson(path, j, &reason);
+        std::lock_guard<std::mutex> hold(m_lock);
+        Entry& e = entry(path);
+        if (r == ReadResult::Ok || r == ReadResult::Missing) {
+            e.contents = std::make_shared<const nlohmann::json>(std::move(j));
+            e.reported = false;
+            return e.contents;
+        }
+        if (!e.reported) {
+            fprintf(stderr, "settings: refused %s; %s\n", reason.c_str(),
+                    e.contents ? "keeping the values last read from it" : "no earlier values to keep");
+            e.reported = true;
+        }
+        if (!e.contents && error) *error = reason;
+        return e.contents;
+    }
+
+private:
+    struct Entry {
+        Contents contents;
+        bool reported = false;
+    };
+    static const size_t kMaxEntries = 64;
+
+    Entry& entry(const CStdStr& path) {
+        auto it = m_byPath.find(path);
+        if (it != m_byPath.end()) return it->second;
+        if (m_byPath.size() >= kMaxEntries) m_byPath.erase(m_byPath.begin());
+        return m_byPath[path];
+    }
+
+    std::mutex m_lock;                      // guards m_byPath
+    std::map<std::string, Entry> m_byPath;  // m_lock
+};
+
+LastGood& lastGood() {
+    static LastGood instance;
+    return instance;
 }
 
 bool writeAll(int fd, const std::string& data) {
@@ -146,14 +213,15 @@ bool replaceFile(const CStdStr& folder, const CStdStr& path, const std::string& 
     CStdStr tmpl = folder + "/.tmp-" + path.Mid(static_cast<int>(folder.size()) + 1) + ".XXXXXX";
     std::vector<char> name(tmpl.begin(), tmpl.end());
     name.push_back('\0');
+    // mkostemp creates the file 0600 whatever the umask; fchmod says so
+    // explicitly before any byte is written.
     int fd = mkostemp(name.data(), O_CLOEXEC);
     if (fd < 0) {
         if (error) *error = errnoText("cannot create a temporary file in", folder);
         return false;
     }
-    bool ok = writeAll(fd, text) && fsync(fd) == 0;
+    bool ok = fchmod(fd, kFileMode) == 0 && writeAll(fd, text) && fsync(fd) == 0;
     if (!ok && error) *error = errnoText("cannot write", CStdStr(name.data()));
-    fchmod(fd, 0644);
     close(fd);
     if (ok && rename(name.data(), path.c_str()) != 0) {
         if (error) *error = errnoText("cannot rename a temporary file to", path);
@@ -175,9 +243,16 @@ bool replaceFile(const CStdStr& folder, const CStdStr& path, const std::string& 
 class DomainLock {
 public:
     DomainLock(const CStdStr& path, CStdStr* error) {
-        m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC, kFileMode);
         if (m_fd < 0) {
             if (error) *error = errnoText("cannot open lock file", path);
+            return;
+        }
+        struct stat st;
+        if (fstat(m_fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+            if (error) *error = CStdStr::Formatted("lock file %s is not a regular file", path.c_str());
+            close(m_fd);
+            m_fd = -1;
             return;
         }
         while (flock(m_fd, LOCK_EX) != 0) {
@@ -223,6 +298,7 @@ bool update(const CStdStr& domain, const std::function<bool(nlohmann::json&)>& c
                 if (error) *error = errnoText("cannot move aside corrupt settings file", path);
                 return false;
             }
+            chmod(aside.c_str(), kFileMode);  // it may hold credentials
             fprintf(stderr, "settings: %s could not be parsed; moved it to %s and started a fresh domain\n",
                     path.c_str(), aside.c_str());
             j = nlohmann::json::object();
@@ -238,6 +314,10 @@ bool update(const CStdStr& domain, const std::function<bool(nlohmann::json&)>& c
         text = j.dump(2) + "\n";
     } catch (const std::exception& e) {
         if (error) *error = CStdStr::Formatted("cannot encode %s: %s", path.c_str(), e.what());
+        return false;
+    }
+    if (text.size() > static_cast<size_t>(kMaxFileSize)) {
+        if (error) *error = CStdStr::Formatted("%s would be larger than 1 MiB", path.c_str());
         return false;
     }
     return replaceFile(folder, path, text, error);
@@ -277,11 +357,10 @@ bool Load(const CStdStr& domain, Domain& out, CStdStr* error) {
         if (error) *error = CStdStr::Formatted("invalid domain name '%s'", domain.c_str());
         return false;
     }
-    nlohmann::json j;
-    ReadResult r = readJson(path, j, error);
-    if (r == ReadResult::Corrupt || r == ReadResult::Error) return false;
+    Contents j = lastGood().read(path, error);
+    if (!j) return false;
     Domain result;
-    for (auto it = j.begin(); it != j.end(); ++it) {
+    for (auto it = j->begin(); it != j->end(); ++it) {
         Value v;
         if (PreferencesCodec::decodeValue(it.value(), v)) result[it.key()] = v;
     }
@@ -292,11 +371,10 @@ bool Load(const CStdStr& domain, Domain& out, CStdStr* error) {
 bool Get(const CStdStr& domain, const CStdStr& key, Value& out) {
     CStdStr path = DomainFile(domain);
     if (path.empty()) return false;
-    nlohmann::json j;
-    ReadResult r = readJson(path, j, nullptr);
-    if (r != ReadResult::Ok) return false;
-    auto it = j.find(static_cast<const std::string&>(key));
-    if (it == j.end()) return false;
+    Contents j = lastGood().read(path, nullptr);
+    if (!j) return false;
+    auto it = j->find(static_cast<const std::string&>(key));
+    if (it == j->end()) return false;
     return PreferencesCodec::decodeValue(*it, out);
 }
 

@@ -5,15 +5,23 @@
 // a key to a boolean, a 32-bit integer or a string.
 //
 // Promises:
-// - Every read takes in what other processes have written (no caching). A
-//   missing domain file is an empty domain, not an error.
+// - Every read takes in what other processes have written. A missing domain
+//   file is an empty domain, not an error.
+// - A read never blocks: a domain file is opened without waiting and without
+//   following a link; anything but a regular file of at most 1 MiB is refused.
+// - A read that fails (refused, unreadable or unparsable file) gives the
+//   values this process last read from that file, and fails only when it never
+//   read it well. The refusal is reported on standard error once, until the
+//   file reads well again; reports name the file, never a value.
 // - Every write is a locked read-modify-write (flock on a hidden lock file
 //   beside the domain file) ending in a durable replace (temporary file in the
 //   same folder, fsync, rename), so concurrent writers of different keys lose
 //   neither key and readers never see a half-written file.
-// - A domain file that cannot be parsed fails every read; a writer never
-//   overwrites it silently: it renames it to "<file>.corrupt", says so on
-//   standard error, then writes a fresh domain.
+// - Every file the store writes is mode 0600 from its creation, whatever the
+//   umask (values may be credentials); folders it creates are 0700.
+// - A domain file that cannot be parsed is never overwritten silently: a
+//   writer renames it to "<file>.corrupt" (0600), says so on standard error,
+//   then writes a fresh domain. A writer refuses a domain file it cannot read.
 // - Strings are byte strings and round-trip exactly. A string that is valid
 //   UTF-8 (NUL included) is stored as a JSON string; any other is stored as
 //   {"$bytes": "<base64 of the bytes>"}. Key names must be valid UTF-8.
@@ -23,8 +31,9 @@
 //   "%", control characters, a leading "."); "", "." and ".." and names longer
 //   than 200 bytes are refused.
 //
-// Thread-safe: no state is kept in the process; the file lock serialises
-// writers in this and other processes.
+// Thread-safe: the last good contents of each file (at most 64 files) belong
+// to one table behind its own mutex; the file lock serialises writers in this
+// and other processes.
 #pragma once
 
 #include <cstdint>

@@ -1,10 +1,17 @@
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
+#include <future>
+#include <map>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "host/CRegistry.h"
 #include "host/Preferences.h"
@@ -121,7 +128,7 @@ TEST_F(SettingsTest, ReadAllDumpsStringsAndLowByteOfInts) {
     EXPECT_EQ("kept", values["stale"]);
 }
 
-TEST_F(SettingsTest, CorruptDomainFailsReadsAndIsMovedAsideByWriter) {
+TEST_F(SettingsTest, CorruptDomainFailsReadsUntilWrittenAndIsMovedAsideByWriter) {
     CRegistryImpl r;
     std::string file = folder() + "/com.kiv-foundry.kiv.json";
     kivtest::writeFile(file, "{\"LogLevel\": 4,");
@@ -138,14 +145,113 @@ TEST_F(SettingsTest, CorruptDomainFailsReadsAndIsMovedAsideByWriter) {
     std::string err = testing::internal::GetCapturedStderr();
     EXPECT_NE(std::string::npos, err.find(".corrupt")) << err;
     EXPECT_EQ("{\"LogLevel\": 4,", kivtest::readFile(file + ".corrupt"));
+    struct stat st;
+    ASSERT_EQ(0, stat((file + ".corrupt").c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);  // it may hold credentials
     CStdStr version;
     EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Version", version));
     EXPECT_EQ("1.2", version);
     EXPECT_FALSE(r.ReadSettingImpl(kKiv, "LogLevel", level));
 
-    // A valid JSON document that is not an object is corrupt too.
+    // A valid JSON document that is not an object is corrupt too: once the
+    // file was read well, reads keep the values last read.
     kivtest::writeFile(file, "[1, 2]");
-    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Version", version));
+    version.clear();
+    EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Version", version));
+    EXPECT_EQ("1.2", version);
+}
+
+// Whatever takes the place of a domain file (a FIFO nobody writes, a folder,
+// a link, a huge file), reads answer at once with the values last read, and
+// the refusal is reported once.
+TEST_F(SettingsTest, UnreadableFilesAreRefusedAtOnceKeepingTheLastGoodValues) {
+    CRegistryImpl r;
+    std::string file = folder() + "/com.kiv-foundry.kiv.json";
+    std::string fifo = folder() + "/com.kiv-foundry.kiv.config.json";
+    ASSERT_TRUE(r.WriteSettingImpl(kKiv, "LogLevel", 4));
+    ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Version", CStdStr("1.2")));
+    int level = 0;
+    ASSERT_TRUE(r.ReadSettingImpl(kKiv, "LogLevel", level));  // read well once
+    kivtest::writeFile(folder() + "/good.json", "{\"LogLevel\": 9}");
+
+    testing::internal::CaptureStderr();
+    auto reads = std::async(std::launch::async, [&] {
+        std::vector<std::string> wrong;
+        auto expectLastGood = [&](const char* what) {
+            int l = 0;
+            CStdStr v;
+            std::map<CStdStr, CStdStr> all;
+            r.ReadAllSettingsImpl(kKiv, all);
+            if (!r.ReadSettingImpl(kKiv, "LogLevel", l) || l != 4 || !r.ReadSettingImpl(kKiv, "Version", v) ||
+                v != "1.2" || all["Version"] != "1.2")
+                wrong.push_back(what);
+        };
+        unlink(file.c_str());
+        mkfifo(file.c_str(), 0600);
+        expectLastGood("fifo");
+        expectLastGood("fifo, again");
+        if (r.WriteSettingImpl(kKiv, "Other", 1)) wrong.push_back("a writer replaced the fifo");
+        unlink(file.c_str());
+        mkdir(file.c_str(), 0700);
+        expectLastGood("folder");
+        rmdir(file.c_str());
+        symlink((folder() + "/good.json").c_str(), file.c_str());
+        expectLastGood("link");
+        unlink(file.c_str());
+        kivtest::writeFile(file, "{\"LogLevel\": 5, \"pad\": \"" + std::string(1024 * 1024, 'x') + "\"}");
+        expectLastGood("over 1 MiB");
+        // Never read well: the read fails, at once.
+        mkfifo(fifo.c_str(), 0600);
+        CStdStr host;
+        if (r.ReadSettingImpl(kConfig, "cabDirectory.host", host)) wrong.push_back("fifo never read well");
+        return wrong;
+    });
+    // A read stuck in open() on a FIFO is let go by opening its other end.
+    bool blocked = false;
+    while (reads.wait_for(std::chrono::seconds(blocked ? 0 : 30)) != std::future_status::ready) {
+        blocked = true;
+        for (const std::string& f : {file, fifo}) {
+            int fd = open(f.c_str(), O_WRONLY | O_NONBLOCK);
+            if (fd >= 0) close(fd);
+        }
+        std::this_thread::yield();
+    }
+    std::vector<std::string> wrong = reads.get();
+    std::string err = testing::internal::GetCapturedStderr();
+    ASSERT_FALSE(blocked) << "a settings read waited on a FIFO";
+    EXPECT_TRUE(wrong.empty()) << testing::PrintToString(wrong);
+    size_t first = err.find("settings: refused " + file);
+    EXPECT_NE(std::string::npos, first) << err;
+    EXPECT_EQ(std::string::npos, err.find("settings: refused " + file, first + 1)) << "reported once: " << err;
+    EXPECT_NE(std::string::npos, err.find("settings: refused " + fifo)) << err;
+
+    // A good file again is read as it is.
+    unlink(file.c_str());
+    ASSERT_TRUE(r.WriteSettingImpl(kKiv, "LogLevel", 2));
+    ASSERT_TRUE(r.ReadSettingImpl(kKiv, "LogLevel", level));
+    EXPECT_EQ(2, level);
+}
+
+// Settings may hold credentials: every file the store writes is 0600 and its
+// folder 0700, whatever the umask, even over a file that was readable by all.
+TEST_F(SettingsTest, WrittenFilesArePrivateWhateverTheUmask) {
+    mode_t oldMask = umask(0);
+    std::string file = folder() + "/com.kiv-foundry.kiv.config.json";
+    CRegistryImpl r;
+    EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.token", CStdStr("secret")));
+    struct stat st;
+    ASSERT_EQ(0, stat(folder().c_str(), &st));
+    EXPECT_EQ(0700u, st.st_mode & 07777);
+    ASSERT_EQ(0, stat(file.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    ASSERT_EQ(0, chmod(file.c_str(), 0644));
+    EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("10.0.0.2")));
+    umask(oldMask);
+    ASSERT_EQ(0, stat(file.c_str(), &st));
+    EXPECT_EQ(0600u, st.st_mode & 07777);
+    // Only the domain and its lock file remain: no temporary file is left.
+    std::string listing = kivtest::runCommand("LC_ALL=C ls -A '" + folder() + "'");
+    EXPECT_EQ(".com.kiv-foundry.kiv.config.json.lock\ncom.kiv-foundry.kiv.config.json\n", listing);
 }
 
 TEST_F(SettingsTest, DomainsDeleteAndHandEditedEntries) {
