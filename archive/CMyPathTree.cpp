@@ -2,8 +2,11 @@
 
 #include <zip.h>
 
+#include <cerrno>
+#include <cstring>
 #include <vector>
 
+#include "archive/ZipEntryTime.h"
 #include "cab/CabException.h"
 #include "files/CFileTools.h"
 
@@ -136,29 +139,66 @@ uint32_t CMyPathTree::getZipHeaderSize() const {
     return total;
 }
 
-void CMyPathTree::createZip(const char* zipPath, bool store) {
-    zipFile zf = zipOpen(zipPath, APPEND_STATUS_CREATE);
-    if (!zf) return;
+namespace {
+
+// The reason of a failed minizip call: the system's error when it set one.
+CStdStr failure(const char* step, int savedErrno) {
+    if (savedErrno != 0) return CStdStr::Formatted("%s: %s", step, strerror(savedErrno));
+    return CStdStr::Formatted("%s failed", step);
+}
+
+}  // namespace
+
+bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
+                            const std::function<bool()>& abandoned) {
+    CStdStr reason;
+    auto fail = [&](const char* step) {
+        if (reason.empty()) reason = failure(step, errno);
+    };
+    errno = 0;
+    zipFile zf = zipOpen64(zipPath, APPEND_STATUS_CREATE);
+    if (!zf) {
+        fail("cannot create the archive");
+        if (error) *error = reason;
+        return false;
+    }
     const int method = store ? 0 : Z_DEFLATED;
     const int level = store ? 0 : 9;
     std::vector<char> buffer(kChunk);
     for (const CMyPathNode* node : m_files) {
         CFileTools file(node->getFullPath());
-        unsigned long long size = file.getFileSize();
-        CStdStr name = node->GetRelativePath();
-        if (size >= 0xffffffffULL)
-            zipOpenNewFileInZip64(zf, name.c_str(), nullptr, nullptr, 0, nullptr, 0, nullptr, method, level, 1);
-        else
-            zipOpenNewFileInZip(zf, name.c_str(), nullptr, nullptr, 0, nullptr, 0, nullptr, method, level);
+        const unsigned long long size = file.getFileSize();
+        const ZipEntryTime date(file.getLastModified());
+        const CStdStr name = node->GetRelativePath();
+        errno = 0;
+        if (zipOpenNewFileInZip64(zf, name.c_str(), &date.info, date.extra, ZipEntryTime::kExtraSize, date.extra,
+                                  ZipEntryTime::kExtraSize, nullptr, method, level, size >= 0xffffffffULL ? 1 : 0) !=
+            ZIP_OK) {
+            fail("write");
+            break;
+        }
         unsigned long long offset = 0;
         while (offset < size) {
+            if (abandoned && abandoned()) {
+                reason = "abandoned";
+                break;
+            }
             unsigned long long count = size - offset < kChunk ? size - offset : kChunk;
             file.getData(buffer.data(), count, offset, CFileTools::begin);
-            if (count == 0) break;  // unreadable, or shorter than it was
-            zipWriteInFileInZip(zf, buffer.data(), static_cast<unsigned>(count));
+            if (count == 0) break;  // unreadable, or shorter than it was: the entry ends here
+            errno = 0;
+            if (zipWriteInFileInZip(zf, buffer.data(), static_cast<unsigned>(count)) != ZIP_OK) {
+                fail("write");
+                break;
+            }
             offset += count;
         }
-        zipCloseFileInZip(zf);
+        errno = 0;
+        if (zipCloseFileInZip(zf) != ZIP_OK) fail("write");
+        if (!reason.empty()) break;
     }
-    zipClose(zf, nullptr);
+    errno = 0;
+    if (zipClose(zf, nullptr) != ZIP_OK) fail("write");
+    if (error) *error = reason;
+    return reason.empty();
 }

@@ -9,13 +9,18 @@
 // - AddFile never throws; the node links never form a cycle.
 // - getZipHeaderSize() estimates the zip's overhead as the sum over files of
 //   102 + 2 * length of the entry name.
-// - createZip writes one entry per file (deflate level 9, or stored), with no
-//   time stamp, extra field or comment; the minizip results are not checked:
-//   callers judge the archive by the file they find.
+// - createZip writes one entry per file (deflate level 9, or stored), dated
+//   with the file's modification time: the DOS date and time in local time,
+//   and the extended timestamp field (0x5455) with the UTC time. Any failed
+//   write ends the archive: createZip returns false with the reason, and the
+//   partial file is left for the caller to remove.
+// - createZip asks `abandoned` before each block of 128 KiB it copies; once
+//   that answers true it stops within that block and returns false.
 // - The tree owns all its nodes. One thread at a time.
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
 #include "archive/CMyPathNode.h"
@@ -30,7 +35,10 @@ public:
 
     void AddFile(const CStdStr& path);
     uint32_t getZipHeaderSize() const;
-    void createZip(const char* zipPath, bool store);
+    // True when the archive was written completely. On false, `error` (when
+    // given) gets the reason, e.g. "No space left on device" or "abandoned".
+    bool createZip(const char* zipPath, bool store, CStdStr* error = nullptr,
+                   const std::function<bool()>& abandoned = std::function<bool()>());
 
     const std::vector<CMyPathNode*>& fileNodes() const { return m_files; }
     const std::vector<CMyPathNode*>& folderNodes() const { return m_folders; }
