@@ -236,17 +236,18 @@ int main(int argc, char** argv) {
     for (auto& c : clients) threads.emplace_back([&c, until] { c->run(until, g_interrupted); });
     for (auto& t : threads) t.join();
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    monitor.stop();
     for (auto& c : clients) c->disconnect();
 
     stress::StressTally total;
     for (auto& c : clients) total.merge(c->tally());
-    // The memory a while after the load, once transfers and archives are done with.
+    // The memory a while after the load, once transfers and archives are done
+    // with; the peak covers that wait too.
     long rssAfter = -1;
     if (proxyPid > 0) {
         std::this_thread::sleep_for(std::chrono::seconds(5));
         rssAfter = stress::rssKiB(proxyPid);
     }
+    monitor.stop();
 
     printf("ran %.1f s\n", elapsed);
     total.print(stdout, elapsed);
