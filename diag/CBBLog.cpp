@@ -31,17 +31,11 @@ PMutex& instanceLock() {
     return lock;
 }
 
-// Creates `folder` and any missing parents with mode 0777; an existing folder is fine.
+// Creates `folder` and any missing parents (KivFolders::CreateFolders: the
+// folder gets the product's folder mode whatever the umask); an existing
+// folder is fine. A failure is reported by the open that follows.
 void makeFolders(const CStdStr& folder) {
-    if (folder.empty()) return;
-    for (size_t pos = 1; pos <= folder.size(); ++pos) {
-        if (pos == folder.size() || folder[pos] == '/') {
-            CStdStr part = folder.substr(0, pos);
-            if (mkdir(part.c_str(), 0777) != 0 && errno != EEXIST) {
-                // Reported by the open that follows.
-            }
-        }
-    }
+    if (!folder.empty()) KivFolders::CreateFolders(folder);
 }
 
 CStdStr parentOf(const CStdStr& path) {
@@ -90,6 +84,7 @@ void CBBLog::initialize() {
     if (!folder.empty()) {
         m_logFilePath = folder + "/" + m_fileName;
         m_errorLogPath = folder + "/errors.log";
+        m_fileMode = KivFolders::LogFileMode();
         makeFolders(folder);
         makeFolders(parentOf(m_logFilePath));  // the file name may hold a folder part
         int fd = -1;
@@ -466,8 +461,10 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) {
 bool CBBLog::openFile(int& fd, const CStdStr& path, bool truncate) {
     int flags = O_RDWR | O_APPEND | O_CREAT;
     if (truncate) flags |= O_TRUNC;
-    fd = open(path.c_str(), flags, 0666);
+    fd = open(path.c_str(), flags, m_fileMode);
     if (fd == -1) return false;
-    fchmod(fd, 0666);
+    // Exact whatever the umask, and a file left looser by an earlier run is
+    // brought back (when this process owns it).
+    fchmod(fd, m_fileMode);
     return true;
 }

@@ -12,10 +12,16 @@
 // The static functions log through the process-wide instance set with
 // setLogger and do nothing when there is none.
 //
+// Files: the logs folder is created with KivFolders::FolderMode() and both
+// files get KivFolders::LogFileMode() (0750 and 0640 unless the setting
+// "app.sharedFileModes" asks for 0777 and 0666), whatever the umask.
+//
 // Threads: any thread may log. The queue and the stop flag belong to
 // m_queueLock; initialisation and the error log descriptor to m_fileLock; the
 // log descriptor to m_logFdLock (held by the writer thread while it writes).
 #pragma once
+
+#include <sys/types.h>
 
 #include <atomic>
 #include <cstdarg>
@@ -130,6 +136,7 @@ protected:
     CStdStr m_logFilePath;
     CStdStr m_errorLogPath;
     CStdStr m_programName;
+    mode_t m_fileMode = 0640;  // of both files: KivFolders::LogFileMode() at initialisation
     PMutex m_fileLock;  // guards initialisation, m_errorFd and the error-log write
     bool m_includeProcessId;
     int64_t m_sizeLimit;

@@ -108,7 +108,7 @@ CStdStr CFileTools::GetKivDataFolder() {
             // Under a test or private root the parents may be missing as well.
             if (!KivFolders::Root().empty()) fs::create_directories(folder.parent_path());
             fs::create_directory(folder);
-            if (chmod(path.c_str(), 0777) != 0)
+            if (chmod(path.c_str(), KivFolders::FolderMode()) != 0)  // 0750 unless shared modes are set
                 throw std::logic_error("Couldn't set access rights on /Library/KivFoundryfolder");
         }
     } catch (const fs::filesystem_error&) {
@@ -124,7 +124,7 @@ CStdStr CFileTools::GetKivDataSubFolder(const CStdStr& name) {
     try {
         if (!fs::exists(fs::path(sub))) {
             fs::create_directory(fs::path(sub));
-            if (chmod(sub.c_str(), 0777) != 0)
+            if (chmod(sub.c_str(), KivFolders::FolderMode()) != 0)
                 throw std::logic_error("Couldn't set access rights on Kiv data folder");
         }
     } catch (const fs::filesystem_error& e) {

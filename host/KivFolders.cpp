@@ -1,10 +1,13 @@
 #include "host/KivFolders.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "host/CRegistry.h"
+#include "host/Preferences.h"
 
 namespace KivFolders {
 
@@ -21,6 +24,44 @@ CStdStr WithRoot(const char* path) { return Root() + path; }
 CStdStr LogsDirectory() { return WithRoot("/Library/Logs/KivFoundry"); }
 
 CStdStr DataFolder() { return WithRoot("/Library/KivFoundry"); }
+
+bool SharedFileModes() {
+    CStdStr domain = CRegistry::getInstance()->createKey("Software\\Kiv Foundry\\Kiv\\Config");
+    Preferences::Value v;
+    if (!Preferences::Get(domain, "app.sharedFileModes", v)) return false;
+    return (v.type == Preferences::Value::Bool && v.b) || (v.type == Preferences::Value::Int && v.i != 0);
+}
+
+mode_t FolderMode() { return SharedFileModes() ? 0777 : 0750; }
+
+mode_t LogFileMode() { return SharedFileModes() ? 0666 : 0640; }
+
+bool CreateFolders(const CStdStr& folder) {
+    CStdStr path = folder;
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    if (path.empty()) {
+        errno = ENOENT;
+        return false;
+    }
+    const mode_t leafMode = FolderMode();
+    for (size_t pos = 1; pos <= path.size(); ++pos) {
+        if (pos < path.size() && path[pos] != '/') continue;
+        CStdStr part = path.substr(0, pos);
+        mode_t mode = pos == path.size() ? leafMode : 0755;
+        if (mkdir(part.c_str(), mode) == 0) {
+            chmod(part.c_str(), mode);  // mkdir took the umask off
+        } else if (errno != EEXIST) {
+            return false;
+        }
+    }
+    struct stat st;
+    if (stat(path.c_str(), &st) != 0) return false;
+    if (!S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return false;
+    }
+    return true;
+}
 
 CStdStr ExecutableFolder() {
     char buf[4096];

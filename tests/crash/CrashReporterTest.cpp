@@ -29,7 +29,10 @@ TEST(CrashReporter, FilesTheDumpWithASummaryAndKivctlListsIt) {
     EXPECT_NE(std::string::npos, r.output.find("crash report of Proxy written to " + summaries[0])) << r.output;
     std::string dump = summaries[0].substr(0, summaries[0].size() - 5) + ".dmp";
     EXPECT_TRUE(std::filesystem::exists(dump));
-    EXPECT_EQ(std::filesystem::perms::all, std::filesystem::status(folder).permissions() & std::filesystem::perms::all);
+    namespace fs = std::filesystem;
+    EXPECT_EQ(fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
+              fs::status(folder).permissions() & fs::perms::all);
+    EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(dump).permissions() & fs::perms::all);
 
     nlohmann::json j = nlohmann::json::parse(kivtest::readFile(summaries[0]));
     EXPECT_EQ("Proxy", j["application"]);

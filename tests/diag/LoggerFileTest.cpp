@@ -76,9 +76,6 @@ TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgain) {
     ASSERT_TRUE(log.flush(60000));
     EXPECT_NE(std::string::npos, kivtest::readFile(path).find("third"));
     EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/errors.log").find("third"));
-    struct stat st;
-    ASSERT_EQ(0, stat(path.c_str(), &st));
-    EXPECT_EQ(0666u, st.st_mode & 0777);
 }
 
 TEST_F(LoggerTest, DestructorDrainsAndThreadsDoNotTearLines) {

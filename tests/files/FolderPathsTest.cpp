@@ -86,19 +86,19 @@ TEST(TempFolders, TmpdirThenVarTmpThenTmp) {
     EXPECT_TRUE(CFileTools::DeleteFile(temp));
 }
 
-TEST(DataFolder, CreatedWithParentsAndOpenModeUnderRoot) {
+TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRoot) {
     CStdStr data = CFileTools::GetKivDataFolder();
     EXPECT_EQ(data, KivFolders::DataFolder());
     struct stat st;
     ASSERT_EQ(stat(data.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
-    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
     EXPECT_EQ(CFileTools::GetKivDataFolder(), data);  // existing: unchanged
 
     CStdStr sub = CFileTools::GetKivDataSubFolder("Crashes");
     EXPECT_EQ(sub, data + "/Crashes");
     ASSERT_EQ(stat(sub.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0777u);
+    EXPECT_EQ(st.st_mode & 07777, 0750u);
     EXPECT_EQ(CFileTools::GetLogsDirectory(), KivFolders::LogsDirectory());
 }
 

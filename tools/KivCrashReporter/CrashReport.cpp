@@ -4,6 +4,7 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <ctime>
 #include <fstream>
 #include <stdexcept>
@@ -68,10 +69,8 @@ std::string crashReportsFolder() {
         // The data folder itself may be missing on a fresh machine: make the whole path.
     }
     std::string folder = KivFolders::DataFolder() + "/CrashReports";
-    boost::system::error_code ec;
-    fs::create_directories(folder, ec);
-    if (ec) throw std::runtime_error("cannot create " + folder + ": " + ec.message());
-    chmod(folder.c_str(), 0777);
+    if (!KivFolders::CreateFolders(KivFolders::DataFolder()) || !KivFolders::CreateFolders(folder))
+        throw std::runtime_error("cannot create " + folder + ": " + strerror(errno));
     return folder;
 }
 

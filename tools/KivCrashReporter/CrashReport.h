@@ -21,7 +21,8 @@ struct CrashReportRequest {
 // The summary of the dump at dumpPath (not moved).
 nlohmann::json summarizeCrash(const CrashReportRequest& request, const std::string& dumpPath);
 
-// "<data folder>/CrashReports", created with mode 0777 when missing. Throws std::runtime_error.
+// "<data folder>/CrashReports", created with KivFolders::FolderMode() (0750
+// unless shared modes are set) when missing. Throws std::runtime_error.
 std::string crashReportsFolder();
 
 // Moves the dump and writes the summary; returns the summary's path.
