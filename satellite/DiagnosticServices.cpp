@@ -9,6 +9,7 @@
 #include "diag/CBBLog.h"
 #include "files/CFileTools.h"
 #include "host/CRegistry.h"
+#include "host/SettingsSecrets.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
@@ -52,6 +53,8 @@ int KivRequestProxySatellite::CabServiceTailLog(const char*, const tagVARIANT& i
     return 0;
 }
 
+// Every value under the configuration key, sorted by name; credentials (see
+// SettingsSecrets) are shown masked.
 int KivRequestProxySatellite::CabServiceGetConfig(const char*, const tagVARIANT&, tagVARIANT* out) {
     std::map<CStdStr, CStdStr> values;
     CRegistry::getInstance()->ReadAllSettingsImpl("Software\\Kiv Foundry\\Kiv\\Config", values);
@@ -61,7 +64,7 @@ int KivRequestProxySatellite::CabServiceGetConfig(const char*, const tagVARIANT&
         CLocalVariant pair;
         VUtil::CreateArray(pair.get(), VT_BSTR, 2);
         VUtil::PutElement(pair.get(), 0, entry.first);
-        VUtil::PutElement(pair.get(), 1, entry.second);
+        VUtil::PutElement(pair.get(), 1, SettingsSecrets::Shown(entry.first, entry.second));
         VUtil::PutElement(*out, i++, pair.get());
     }
     return 0;

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/SettingsSecrets.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/CLocalVariant.h"
@@ -16,7 +17,9 @@ const char* const kUsageText =
     "usage: kivctl config [--json] [OPTIONS]\n"
     "Asks the proxy's \"GetKivConfig\" and prints every configuration value,\n"
     "sorted by name, as NAME = VALUE lines (integers show as one character of\n"
-    "their low 8 bits, as the proxy reports them).\n"
+    "their low 8 bits, as the proxy reports them). Values whose name ends in\n"
+    "token, password or an nkey suffix show as ********, even from a proxy\n"
+    "that sends them.\n"
     "Options:\n"
     "  --json               print one JSON object\n";
 
@@ -46,6 +49,7 @@ int run(int argc, char** argv) {
             CStdStr name, value;
             VUtil::GetElement(pair.get(), 0, name);
             VUtil::GetElement(pair.get(), 1, value);
+            value = SettingsSecrets::Shown(name, value);
             if (args.has("json"))
                 all[name] = value;
             else
