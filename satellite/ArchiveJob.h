@@ -8,10 +8,13 @@
 // after letting go. A requester that wants to join the thread does so while
 // it still holds the record, so `thread` is never used after it was freed.
 //
-// The satellite's pending map (m_zipJobs) may point at a record only while
-// its thread has not yet taken it out; the thread removes its own entry under
-// the map lock before it lets go, so an entry found under that lock is live.
+// The satellite's job table (ArchiveJobTable) may point at a record only while
+// its thread has not yet taken it out; the thread removes its own entries
+// under the table's lock before it lets go, so an entry found under that lock
+// is live.
 #pragma once
+
+#include <atomic>
 
 #include "archive/CMyPathTree.h"
 #include "common/CStdStr.h"
@@ -25,13 +28,14 @@ struct TCreateZipThreadData {
     TCreateZipThreadData& operator=(const TCreateZipThreadData&) = delete;
 
     PThread thread;          // started by the requester; joined only while the requester holds the record
-    PCondMutex completion;   // guards `done` and `holders`
-    bool done = false;       // set by the building thread once the archive is written
+    PCondMutex completion;   // guards `done`, `error` and `holders`
+    bool done = false;       // set by the building thread once the archive is written or has failed
+    CStdStr error;           // guarded by `completion`: why the archive failed; empty when it is complete
     CStdStr zipPath;         // fixed before the thread starts
     CMyPathTree* tree;       // owned; only the building thread uses it once started
     bool store;              // fixed before the thread starts
     int holders = 2;         // guarded by `completion`: requester + building thread
-    bool discarded = false;  // guarded by the satellite's m_zipJobs lock: deleted while still being written
+    std::atomic<bool> abandon{false};  // set by the job table (stop, deletion); the writer stops at its next block
 };
 
 // Lets go of `record` for one holder; frees it when that was the last one.

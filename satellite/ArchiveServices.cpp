@@ -1,17 +1,26 @@
 // "CreateZip", "ZipLogs" and "DeleteTempFile": archives written by a thread of
 // their own into the temporary folder, and their deletion. Record ownership
-// is described in ArchiveJob.h, the lock order in ArchiveThreads.h.
+// is described in ArchiveJob.h, the lock order in ArchiveThreads.h and
+// ArchiveJobTable.h.
+//
+// An archive whose writing fails (a full disk, say) or is abandoned (deleted
+// while written, or the proxy stopping) is removed at once; the request that
+// waits for it, and any later "GetFile" or "QueryFileSize" of its path, fail
+// with a CabException that names the archive and the reason.
 #include <sys/time.h>
+#include <unistd.h>
 
-#include <boost/filesystem.hpp>
+#include <cerrno>
 #include <chrono>
 #include <exception>
 #include <vector>
 
 #include "archive/CMyPathTree.h"
+#include "cab/CabException.h"
 #include "diag/CBBLog.h"
 #include "files/CFileTools.h"
 #include "satellite/ArchiveJob.h"
+#include "satellite/ArchiveLeftovers.h"
 #include "satellite/ArchiveTempPath.h"
 #include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
@@ -40,18 +49,29 @@ struct timespec deadlineIn(long long milliseconds) {
 }  // namespace
 
 // Starts the building thread on a record that both holders own. On failure
-// the record is freed and false returned.
-static bool startArchiveThread(KivRequestProxySatellite* satellite, TCreateZipThreadData* record) {
+// the record is freed, its file removed, and false returned.
+static bool startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTable& jobs,
+                               TCreateZipThreadData* record) {
     ArchiveThreads::started(satellite);
+    ArchiveLeftovers::add(record->zipPath);
+    jobs.add(record);
     try {
         record->thread.init(nullptr, new ThreadDelegate(satellite, &KivRequestProxySatellite::createZipThread), record);
         return true;
     } catch (const std::exception& e) {
         CBBLog::error("Cannot start the thread for %s: %s", record->zipPath.c_str(), e.what());
+        jobs.finish(record, CStdStr());
+        ArchiveLeftovers::remove(record->zipPath);
+        ::unlink(record->zipPath.c_str());
         ArchiveThreads::finished(satellite);
         delete record;
         return false;
     }
+}
+
+static CabException archiveFailed(const char* service, const CStdStr& zipPath, const CStdStr& reason) {
+    return CabException(CStdStr::Formatted("%s: archive %s failed: %s", service, zipPath.c_str(), reason.c_str()).c_str(),
+                        1);
 }
 
 int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARIANT& in, tagVARIANT* out) {
@@ -89,12 +109,10 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
         return 1;
     }
     TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, true);
-    if (!startArchiveThread(this, record)) {
-        CFileTools::DeleteFile(zipPath);
-        return 1;
-    }
+    if (!startArchiveThread(this, m_zipJobs, record)) return 1;
 
     long long size = estimate;
+    CStdStr failed;
     {
         PLockGuard lock(record->completion);
         const struct timespec deadline = deadlineIn(kCreateZipWaitSeconds * 1000LL);
@@ -102,15 +120,16 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
             if (!record->completion.waitUntil(deadline)) break;
         }
         if (record->done) {
+            failed = record->error;
             size = fileSize(zipPath);
         } else {
             // Still under `completion`: the thread cannot have finished, so its
             // later removal of this entry is certain to find it.
-            PLockGuard mapLock(m_zipJobs);
-            m_zipJobs[zipPath] = record;
+            m_zipJobs.makePending(record);
         }
     }
     releaseArchiveJob(record);
+    if (!failed.empty()) throw archiveFailed("CreateZip", zipPath, failed);
 
     VUtil::CreateArray(*out, VT_VARIANT, 2);
     VUtil::PutElement(*out, 0, zipPath);
@@ -126,14 +145,30 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
     // A single file is always compressed; several are stored when asked.
     bool store = record->store && record->tree->fileNodes().size() > 1;
     if (ArchiveThreads::Hook hook = ArchiveThreads::beforeWriteHook()) hook(record->zipPath.c_str());
+    CStdStr error;
     try {
-        record->tree->createZip(record->zipPath.c_str(), store);
+        if (!record->tree->createZip(record->zipPath.c_str(), store, &error,
+                                     [record] { return record->abandon.load(); }) &&
+            error.empty())
+            error = "write failed";
     } catch (const std::exception& e) {
-        CBBLog::error("Writing %s failed: %s", record->zipPath.c_str(), e.what());
+        error = e.what();
     }
-    long long size = fileSize(record->zipPath);
+    // Abandoned (deleted, or the proxy stops) even if the last block made it.
+    if (record->abandon) error = "abandoned";
+    if (!error.empty()) {
+        const bool removed = ::unlink(record->zipPath.c_str()) == 0 || errno == ENOENT;
+        if (record->abandon)
+            CBBLog::info("Archive %s abandoned; %s", record->zipPath.c_str(),
+                         removed ? "its file was removed" : "its file could not be removed");
+        else
+            CBBLog::error("Writing archive %s failed: %s; %s", record->zipPath.c_str(), error.c_str(),
+                          removed ? "the partial file was removed" : "the partial file could not be removed");
+    }
+    long long size = error.empty() ? fileSize(record->zipPath) : 0;
     {
         PLockGuard lock(record->completion);
+        record->error = error;
         record->done = true;
         record->completion.broadcast();
     }
@@ -143,37 +178,30 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
         CBBLog::debug("Built %s zip in %ds. Size=%d", record->zipPath.c_str(), static_cast<int>(ms / 1000),
                       static_cast<int>(size));
     }
-
-    bool discarded = false;
-    {
-        PLockGuard lock(m_zipJobs);
-        auto it = m_zipJobs.find(record->zipPath);
-        if (it != m_zipJobs.end() && it->second == record)
-            m_zipJobs.erase(it);
-        else
-            discarded = record->discarded;
-    }
-    if (discarded) {
-        // "DeleteTempFile" came while the archive was being written.
-        CBBLog::info("Deleting %s: it was deleted while being written", record->zipPath.c_str());
-        CFileTools::DeleteFile(record->zipPath);
-    }
+    m_zipJobs.finish(record, error);
+    ArchiveLeftovers::remove(record->zipPath);
     ArchiveThreads::finished(this);
     // From here on the satellite may be gone: touch only the record.
     releaseArchiveJob(record);
     return nullptr;
 }
 
-void KivRequestProxySatellite::waitForPendingArchive(const CStdStr& path, int timeoutMs) {
-    auto pending = [this, &path]() {
-        PLockGuard lock(m_zipJobs);
-        return m_zipJobs.count(path) != 0;
-    };
-    if (!pending()) return;
-    CBBLog::debug("Waiting for %s to be complete", path.c_str());
-    if (ArchiveThreads::waitWhile(pending, deadlineIn(timeoutMs > 0 ? timeoutMs : 0)))
-        CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
+CStdStr KivRequestProxySatellite::waitForPendingArchive(const CStdStr& path, int timeoutMs) {
+    auto pending = [this, &path]() { return m_zipJobs.pending(path); };
+    if (pending()) {
+        CBBLog::debug("Waiting for %s to be complete", path.c_str());
+        if (ArchiveThreads::waitWhile(pending, deadlineIn(timeoutMs > 0 ? timeoutMs : 0))) {
+            CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
+            return CStdStr::Formatted("archive %s is still being written", path.c_str());
+        }
+    }
+    const CStdStr failed = m_zipJobs.failure(path);
+    if (failed.empty()) return failed;
+    CBBLog::warn("Refused to read %s: the archive failed (%s)", path.c_str(), failed.c_str());
+    return CStdStr::Formatted("archive %s failed: %s", path.c_str(), failed.c_str());
 }
+
+void KivRequestProxySatellite::abandonArchives() { m_zipJobs.abandonAll(); }
 
 int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, tagVARIANT* out) {
     CStdStr folder = CFileTools::GetLogsDirectory();
@@ -201,13 +229,16 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
     }
     // Log archives are always deflated.
     TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, false);
-    if (!startArchiveThread(this, record)) {
-        CFileTools::DeleteFile(zipPath);
-        return 1;
-    }
+    if (!startArchiveThread(this, m_zipJobs, record)) return 1;
     // Joined while still holding the record, so the thread cannot free it first.
     record->thread.join();
+    CStdStr failed;
+    {
+        PLockGuard lock(record->completion);
+        failed = record->error;
+    }
     releaseArchiveJob(record);
+    if (!failed.empty()) throw archiveFailed("ZipLogs", zipPath, failed);
 
     VariantClear(out);
     out->vt = VT_BSTR;
@@ -217,35 +248,26 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
 
 int KivRequestProxySatellite::CabServiceDeleteTempFile(const char*, const tagVARIANT& in, tagVARIANT*) {
     CStdStr path = VUtil::GetStringElement(in, 0);
-    CStdStr resolved;
-    const bool allowed = isDeletableTempPath(path, &resolved);
-    bool stillWritten = false;
-    {
-        PLockGuard lock(m_zipJobs);
-        auto it = m_zipJobs.find(path);
-        if (it != m_zipJobs.end()) {
-            // An entry found under the lock is live (ArchiveJob.h). Its thread
-            // deletes the archive once written; until then the file keeps its
-            // name from being handed out again.
-            it->second->discarded = allowed;
-            stillWritten = allowed;
-            m_zipJobs.erase(it);
-        }
-    }
-    if (!allowed) {
-        CBBLog::warn("DeleteTempFile refused %s (resolved: %s): not inside the temporary folder", path.c_str(),
-                     resolved.empty() ? "none" : resolved.c_str());
-        return 403;
-    }
-    if (stillWritten) {
-        CBBLog::info("DeleteTempFile %s: still being written, deleted when complete", path.c_str());
+    if (m_zipJobs.discard(path)) {
+        CBBLog::info("DeleteTempFile %s: still being written, abandoned and removed by its writer", path.c_str());
         return 0;
     }
-    try {
-        if (!boost::filesystem::remove(boost::filesystem::path(resolved.c_str())))
-            CBBLog::debug("DeleteTempFile: %s did not exist", resolved.c_str());
-    } catch (const std::exception& e) {
-        CBBLog::info("Exception deleting %s: %s", path.c_str(), e.what());
+    CStdStr detail;
+    switch (deleteTempEntry(path, nullptr, &detail)) {
+        case TempDeletion::Deleted:
+            return 0;
+        case TempDeletion::Missing:
+            CBBLog::debug("DeleteTempFile: %s did not exist", path.c_str());
+            return 0;
+        case TempDeletion::Folder:
+            CBBLog::warn("DeleteTempFile refused %s: it is a folder", path.c_str());
+            return 403;
+        case TempDeletion::Failed:
+            CBBLog::info("Exception deleting %s: %s", path.c_str(), detail.c_str());
+            return 1;
+        default:
+            CBBLog::warn("DeleteTempFile refused %s (in %s): not inside the temporary folder", path.c_str(),
+                         detail.c_str());
+            return 403;
     }
-    return 0;
 }

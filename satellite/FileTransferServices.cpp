@@ -58,7 +58,8 @@ int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIA
     CBBLog::info("GetFile %s, offset: %lld, maxBytes: %lld", path.c_str(), static_cast<long long>(offset),
                  static_cast<long long>(maxBytes));
 
-    waitForPendingArchive(path, pendingArchiveWaitMs());
+    if (CStdStr refused = waitForPendingArchive(path, pendingArchiveWaitMs()); !refused.empty())
+        throw CabException(refused.c_str(), 1);
     CFileTools file(path);
     const unsigned long long size = file.getFileSize();
     const unsigned long long start = offset < size ? offset : size;
@@ -104,7 +105,8 @@ int KivRequestProxySatellite::CabServiceQueryFileSize(const char* name, const ta
     if (rc != 0) return rc;
     long long total = 0;
     for (const CStdStr& path : paths) {
-        waitForPendingArchive(path, pendingArchiveWaitMs());
+        if (CStdStr refused = waitForPendingArchive(path, pendingArchiveWaitMs()); !refused.empty())
+            throw CabException(refused.c_str(), 1);
         total += static_cast<long long>(CFileTools(path).getFileSize());
     }
     VariantClear(out);

@@ -13,6 +13,7 @@
 #include "common/CStdStr.h"
 #include "files/CKivFileManager.h"
 #include "host/PThread.h"
+#include "satellite/ArchiveJobTable.h"
 
 struct TCreateZipThreadData;
 
@@ -60,14 +61,18 @@ public:
     // Thread body that writes one archive; `record` is a TCreateZipThreadData.
     void* createZipThread(void* record);
     // When `path` is an archive still being written, waits until it is
-    // complete (at most `timeoutMs`); returns at once otherwise.
-    void waitForPendingArchive(const CStdStr& path, int timeoutMs);
+    // complete (at most `timeoutMs`); returns at once otherwise. Returns ""
+    // when the file may be read, else why not (the archive failed, or is
+    // still being written at the deadline).
+    CStdStr waitForPendingArchive(const CStdStr& path, int timeoutMs);
+    // Stop: archives still being written are abandoned and their files removed.
+    void abandonArchives();
 
     CKivFileManager& fileManager() { return m_fileManager; }
 
 private:
-    // Archive jobs whose requester stopped waiting, by zip path. Guarded by its own mutex.
-    PLocker<std::map<CStdStr, TCreateZipThreadData*>> m_zipJobs;
+    // Archives being written, pending and failed; guarded by its own lock.
+    ArchiveJobTable m_zipJobs;
     // Destroyed before the job table (members go in reverse order).
     CKivFileManager m_fileManager;
 };

@@ -13,6 +13,8 @@ typedef CabSatelliteDelegateMember<KivRequestProxySatellite> Delegate;
 KivRequestProxySatellite::KivRequestProxySatellite() : m_fileManager(this) {}
 
 KivRequestProxySatellite::~KivRequestProxySatellite() {
+    // Archives still being written stop at their next block and are removed.
+    abandonArchives();
     // Stop serving before the members the handlers use go away.
     Disconnect();
     // Archive threads remove their own pending entries: let them finish first.

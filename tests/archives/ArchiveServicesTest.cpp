@@ -254,18 +254,34 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     if (outsideFolder.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
     const std::string outside = outsideFolder + "/archives-delete-guard-" + std::to_string(getpid()) + ".txt";
     kivtest::writeFile(outside, "keep me");
-    const std::string link = dir.file("link-out");
-    fs::create_symlink(outside, link);
     EXPECT_EQ(deleteTemp(outside), 403);
     EXPECT_EQ(deleteTemp("/tmp/.." + outside), 403);
     EXPECT_EQ(deleteTemp("/tmp/no-such-folder/../.." + outside), 403);
-    EXPECT_EQ(deleteTemp(link), 403);
     EXPECT_EQ(deleteTemp("/tmp"), 403);
     EXPECT_EQ(deleteTemp(""), 403);
     EXPECT_EQ(deleteTemp("/tmpfoo/x.zip"), 403);
     EXPECT_EQ(deleteTemp("/var/tmpfoo/x.zip"), 403);
     EXPECT_TRUE(fs::exists(outside));
+
+    // A link inside is deleted as a link: its target stays. A link to a
+    // folder outside does not lead there.
+    const std::string link = dir.file("link-out");
+    fs::create_symlink(outside, link);
+    EXPECT_EQ(deleteTemp(link), 0);
+    EXPECT_FALSE(fs::is_symlink(link));
+    EXPECT_EQ(kivtest::readFile(outside), "keep me");
+    fs::create_symlink(outsideFolder, link);
+    EXPECT_EQ(deleteTemp(link + "/" + fs::path(outside).filename().string()), 403);
+    EXPECT_TRUE(fs::exists(outside));
     fs::remove(outside);
+
+    // A folder, empty or not, is refused and kept.
+    kivtest::writeFile(dir.file("full/x"), "x");
+    fs::create_directories(dir.file("empty"));
+    EXPECT_EQ(deleteTemp(dir.file("full")), 403);
+    EXPECT_EQ(deleteTemp(dir.file("empty")), 403);
+    EXPECT_TRUE(fs::exists(dir.file("full/x")));
+    EXPECT_TRUE(fs::is_directory(dir.file("empty")));
 
     // A path not there: nothing to do, not an error.
     EXPECT_EQ(deleteTemp("/tmp/archives-test-no-such-file"), 0);
