@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <thread>
 
@@ -86,34 +87,41 @@ TEST_F(ProxyTest, TailReturnsTheLastBytesCappedAndMissingFilesAre404) {
     EXPECT_EQ(stopProxy(SIGTERM), 0);
 }
 
-TEST_F(ProxyTest, ConfigIsSortedByNameAndDataFolderIsUnderTheRoot) {
+TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRoot) {
     const char* key = "Software\\Kiv Foundry\\Kiv\\Config";
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "zeta", CStdStr("last")));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "alpha", CStdStr("first")));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "app.fileBrowser.enabled", CStdStr("true")));
+    // Credentials by the end of their name, in any case; near misses are shown.
+    const std::map<std::string, std::string> secrets = {{"mail.apiToken", "Secret-1"},
+                                                        {"mail.ADMINPASSWORD", "Secret-2"},
+                                                        {"backup.nkeySeed", "Secret-3"},
+                                                        {"backup.nkeyseedfile", "Secret-4"}};
+    for (const auto& s : secrets) ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, s.first, CStdStr(s.second)));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "mail.tokenLimit", CStdStr("7x")));
     startProxy();
     ASSERT_TRUE(waitUntilServing()) << proxyOutput();
     CLocalVariant out;
     ASSERT_EQ(call("GetKivConfig", "null", out.ptr()), 0);
     int n = VUtil::GetArrayLength(out.get());
-    ASSERT_GE(n, 5);  // the three above plus cabDirectory.host and .port
+    ASSERT_GE(n, 10);  // the eight above plus cabDirectory.host and .port
     CStdStr previous;
+    std::map<std::string, std::string> shown;
     for (int i = 0; i < n; ++i) {
         CLocalVariant pair;
         VUtil::GetElement(out.get(), i, pair.get());
         ASSERT_EQ(pair.vt(), VT_ARRAY | VT_BSTR);
-        CStdStr name;
+        CStdStr name, value;
         VUtil::GetElement(pair.get(), 0, name);
+        VUtil::GetElement(pair.get(), 1, value);
         EXPECT_LT(previous, name);
         previous = name;
+        shown[name] = value;
     }
-    CLocalVariant firstPair;
-    VUtil::GetElement(out.get(), 0, firstPair.get());
-    CStdStr name, value;
-    VUtil::GetElement(firstPair.get(), 0, name);
-    VUtil::GetElement(firstPair.get(), 1, value);
-    EXPECT_EQ(name, "alpha");
-    EXPECT_EQ(value, "first");
+    EXPECT_EQ(shown.begin()->first, "alpha");
+    EXPECT_EQ(shown.begin()->second, "first");
+    EXPECT_EQ(shown["mail.tokenLimit"], "7x");
+    for (const auto& s : secrets) EXPECT_EQ(shown[s.first], "********") << s.first;
 
     CLocalVariant folder;
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
@@ -124,6 +132,9 @@ TEST_F(ProxyTest, ConfigIsSortedByNameAndDataFolderIsUnderTheRoot) {
     ASSERT_EQ(stat(expected.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
     EXPECT_EQ(stopProxy(SIGTERM), 0);
+    // No credential reached the proxy's output or its log.
+    std::string logged = proxyOutput() + kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
+    for (const auto& s : secrets) EXPECT_EQ(logged.find(s.second), std::string::npos) << s.first;
 }
 
 TEST_F(ProxyTest, GenerateCrashEndsTheProcessThroughTheCrashHandler) {
