@@ -15,6 +15,7 @@
 #include "files/CFileTools.h"
 #include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
+#include "tests/archives/ArchiveServicesFixture.h"
 #include "tests/archives/ArchiveTestSupport.h"
 #include "tests/support/TempDir.h"
 #include "variant/CLocalVariant.h"
@@ -26,94 +27,8 @@ using archivetest::zipMethods;
 
 namespace {
 
-// Holds every archive thread before it writes, until the test opens it.
-struct Gate {
-    std::mutex mutex;  // guards open and waiting
-    std::condition_variable changed;
-    bool open = true;
-    int waiting = 0;
-};
-Gate g_gate;
-
-void heldAtGate(const char*) {
-    std::unique_lock<std::mutex> lock(g_gate.mutex);
-    ++g_gate.waiting;
-    g_gate.changed.notify_all();
-    g_gate.changed.wait(lock, [] { return g_gate.open; });
-    --g_gate.waiting;
-}
-
-void closeGate() {
-    std::lock_guard<std::mutex> lock(g_gate.mutex);
-    g_gate.open = false;
-}
-
-void openGate() {
-    std::lock_guard<std::mutex> lock(g_gate.mutex);
-    g_gate.open = true;
-    g_gate.changed.notify_all();
-}
-
-class ArchiveServicesTest : public testing::Test {
-protected:
-    void SetUp() override { ArchiveThreads::setBeforeWriteHook(&heldAtGate); }
-    void TearDown() override {
-        openGate();
-        ArchiveThreads::waitForAll(&satellite);
-        ArchiveThreads::setBeforeWriteHook(nullptr);
-        for (const std::string& zip : zips) fs::remove(zip);
-    }
-
-    // "CreateZip" of the files; returns the status, the zip path and the size answered.
-    int createZip(const std::vector<std::string>& paths, std::string* zip, long long* size) {
-        CLocalVariant in, out;
-        createZipInput(in.get(), paths);
-        int rc = satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr());
-        if (rc != 0) return rc;
-        EXPECT_EQ(VUtil::GetArrayLength(out.get()), 2);
-        *zip = VUtil::GetStringElement(out.get(), 0);
-        CLocalVariant sizeValue;
-        VUtil::GetElement(out.get(), 1, sizeValue.get());
-        EXPECT_EQ(sizeValue.vt(), VT_I8);
-        *size = sizeValue.get().llVal;
-        std::lock_guard<std::mutex> lock(zipsMutex);
-        zips.push_back(*zip);
-        return rc;
-    }
-
-    int deleteTemp(const std::string& path) {
-        CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        return satellite.CabServiceDeleteTempFile("DeleteTempFile", in.get(), out.ptr());
-    }
-
-    // The whole file through "GetFile", as a client would fetch it.
-    std::string getFile(const std::string& path) {
-        CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        EXPECT_EQ(satellite.CabServiceGetFile("GetFile", in.get(), out.ptr()), 0);
-        if (out.vt() != (VT_ARRAY | VT_UI1)) return std::string();
-        return std::string(static_cast<const char*>(out.get().parray->pvData),
-                           out.get().parray->rgsabound[0].cElements);
-    }
-
-    static long long estimate(const std::vector<std::string>& paths) {
-        CMyPathTree tree;
-        long long total = 0;
-        for (const std::string& p : paths) {
-            tree.AddFile(CStdStr(p));
-            total += static_cast<long long>(fs::file_size(p));
-        }
-        return total + tree.getZipHeaderSize();
-    }
-
-    KivRequestProxySatellite satellite;
-    kivtest::TempDir dir{"archives"};
-    std::mutex zipsMutex;           // guards zips (requests may run on several threads)
-    std::vector<std::string> zips;  // archives removed at the end of each test
-};
+using archivetest::closeGate;
+using archivetest::openGate;
 
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     const std::string a = dir.file("media/a.txt"), b = dir.file("media/b.txt");
