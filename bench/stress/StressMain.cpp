@@ -44,15 +44,19 @@ const char* const kUsage =
     "run, at its peak (sampled every 100 ms) and 5 s after the run.\n"
     "\n"
     "By default it starts its own nats-server (1 MiB messages) and proxy in a\n"
-    "temporary folder. With --server it attaches to a running directory and\n"
-    "proxy instead; the proxy must be able to read this machine's temporary\n"
-    "folder (TMPDIR or /tmp), where the test files are written.\n"
+    "temporary folder. With --server or --attach it uses a running directory\n"
+    "and proxy instead; the proxy must be able to read this machine's temporary\n"
+    "folder (TMPDIR or /tmp), where the test files are written. Credentials come\n"
+    "from the settings, as for kivctl; against `make run`:\n"
+    "  XDG_CONFIG_HOME=var/settings/kivctl bench_stress --attach --pid PID\n"
     "\n"
     "Options:\n"
     "  --requesters N       requesters at once (default 16)\n"
     "  --seconds T          how long they send requests (default 30)\n"
     "  --server URL         attach to the directory at nats://HOST:PORT (or HOST:PORT)\n"
-    "  --pid PID            with --server: the proxy's process id, for its memory\n"
+    "  --attach             attach to the directory of the settings\n"
+    "                       (cabDirectory.host and .port)\n"
+    "  --pid PID            when attached: the proxy's process id, for its memory\n"
     "                       figures (without it they show n/a)\n"
     "  --token TOKEN        directory token (default: setting cabDirectory.token)\n"
     "  --timeout MS         request time-out in milliseconds (default 60000)\n"
@@ -141,6 +145,7 @@ int main(int argc, char** argv) {
     for (const char* v : {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib"})
         args.value(v);
     args.flag("keep");
+    args.flag("attach");
     if (!args.parse(argc, argv, 1) || !args.positional().empty()) {
         fprintf(stderr, "bench_stress: %s\nTry 'bench_stress --help'.\n",
                 args.error().empty() ? "unexpected arguments" : args.error().c_str());
@@ -163,9 +168,9 @@ int main(int argc, char** argv) {
                         "max-chunk-mib <= 4095, timeout <= one day)\n");
         return 64;
     }
-    const bool attach = args.has("server");
+    const bool attach = args.has("server") || args.has("attach");
     if (args.has("pid") && !attach) {
-        fprintf(stderr, "bench_stress: --pid goes with --server (our own proxy's pid is known)\n");
+        fprintf(stderr, "bench_stress: --pid goes with --server or --attach (our own proxy's pid is known)\n");
         return 64;
     }
 
@@ -187,6 +192,13 @@ int main(int argc, char** argv) {
     pid_t proxyPid = (pid_t)pidArg;
     if (attach) {
         connection.server = args.get("server");
+        if (connection.server.empty()) {
+            // As kivctl does; Connect adds the port of the settings.
+            CStdStr host;
+            bool set = CRegistry::getInstance()->ReadSettingImpl(CStdStr("Software\\Kiv Foundry\\Kiv\\Config"),
+                                                                 CStdStr("cabDirectory.host"), host);
+            connection.server = set && !host.empty() ? std::string(host.c_str()) : "127.0.0.1";
+        }
         watchSignals();
     } else {
         // Our own settings, logs and data folder, inside the work folder.
@@ -223,7 +235,7 @@ int main(int argc, char** argv) {
         }
     }
 
-    printf("bench_stress: %lld requesters for %lld s against %s proxy %s (test file %lld MiB, chunks up to %lld MiB)\n",
+    printf("bench_stress: %lld requesters for %lld s against %s proxy, directory %s (test file %lld MiB, chunks up to %lld MiB)\n",
            requesters, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
            data.maxChunk >> 20);
     fflush(stdout);
@@ -254,7 +266,7 @@ int main(int argc, char** argv) {
     printf("proxy RSS: before %s, peak %s, 5 s after %s\n", stress::mibText(rssBefore).c_str(),
            stress::mibText(std::max(rssBefore, monitor.peakKiB())).c_str(), stress::mibText(rssAfter).c_str());
     if (rssBefore >= 0 && rssAfter >= 0)
-        printf("proxy RSS after - before: %+.1f MiB\n", (rssAfter - rssBefore) / 1024.0);
+        printf("proxy RSS after - before: %+.1f MiB (goal: at most +64 MiB)\n", (rssAfter - rssBefore) / 1024.0);
 
     const bool clean = total.failures() == 0 && total.wrongBytes() == 0;
     if (!attach) {
