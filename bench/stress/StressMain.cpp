@@ -235,7 +235,8 @@ int main(int argc, char** argv) {
         }
     }
 
-    printf("bench_stress: %lld requesters for %lld s against %s proxy, directory %s (test file %lld MiB, chunks up to %lld MiB)\n",
+    printf("bench_stress: %lld requesters for %lld s against %s proxy, directory %s\n"
+           "test file %lld MiB, \"GetFile\" lengths up to %lld MiB\n",
            requesters, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
            data.maxChunk >> 20);
     fflush(stdout);
