@@ -158,20 +158,28 @@ public:
         nlohmann::json j;
         CStdStr reason;
         ReadResult r = readJson(path, j, &reason);
-        std::lock_guard<std::mutex> hold(m_lock);
-        Entry& e = entry(path);
         if (r == ReadResult::Ok || r == ReadResult::Missing) {
-            e.contents = std::make_shared<const nlohmann::json>(std::move(j));
+            Contents fresh = std::make_shared<const nlohmann::json>(std::move(j));
+            std::lock_guard<std::mutex> hold(m_lock);
+            Entry& e = entry(path);
+            e.contents = fresh;
             e.reported = false;
-            return e.contents;
+            return fresh;
         }
-        if (!e.reported) {
-            fprintf(stderr, "settings: refused %s; %s\n", reason.c_str(),
-                    e.contents ? "keeping the values last read from it" : "no earlier values to keep");
+        Contents kept;
+        bool report = false;
+        {
+            std::lock_guard<std::mutex> hold(m_lock);
+            Entry& e = entry(path);
+            kept = e.contents;
+            report = !e.reported;
             e.reported = true;
         }
-        if (!e.contents && error) *error = reason;
-        return e.contents;
+        if (report)  // outside the lock: standard error may be slow
+            fprintf(stderr, "settings: %s; refused, %s\n", reason.c_str(),
+                    kept ? "keeping the values last read from it" : "no earlier values to keep");
+        if (!kept && error) *error = reason;
+        return kept;
     }
 
 private:
