@@ -75,8 +75,9 @@ std::atomic<bool> g_interrupted{false};
 // A positive whole number option, or `fallback` when absent; -1 when malformed.
 long long positive(const kivctl::Args& args, const char* name, long long fallback) {
     if (!args.has(name)) return fallback;
+    const std::string text = args.get(name);
     char* end = nullptr;
-    long long v = strtoll(args.get(name).c_str(), &end, 10);
+    long long v = strtoll(text.c_str(), &end, 10);
     return end && !*end && v > 0 ? v : -1;
 }
 
