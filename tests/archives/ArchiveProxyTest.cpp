@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <signal.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -82,6 +84,26 @@ TEST_F(ArchiveProxyTest, CreateZipFetchAndDelete) {
     std::string log = kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
     EXPECT_NE(log.find("DeleteTempFile refused /tmp/../etc/passwd"), std::string::npos) << "the refusal is logged";
     EXPECT_NE(log.find("Creating zip of 2 files (300011 -> "), std::string::npos);
+}
+
+// SIGTERM while an archive is still being written: the proxy stops at once
+// and the unfinished archive is removed.
+TEST_F(ArchiveProxyTest, StopAbandonsAnArchiveBeingWritten) {
+    const std::string huge = dir.file("huge.bin");  // 8 GiB of zeros, sparse: minutes of deflating
+    kivtest::writeFile(huge, "");
+    ASSERT_EQ(truncate(huge.c_str(), 8LL << 30), 0);
+    CLocalVariant in, out;
+    archivetest::createZipInput(in.get(), {huge});
+    ASSERT_EQ(call("CreateZip", in.get(), out.ptr()), 0) << proxyOutput();
+    const std::string zip = VUtil::GetStringElement(out.get(), 0);
+    EXPECT_TRUE(fs::exists(zip)) << "still being written after the 5 s wait";
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(7));
+    EXPECT_FALSE(fs::exists(zip));
+    std::string log = kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
+    EXPECT_NE(log.find("Archive " + zip + " abandoned; its file was removed"), std::string::npos) << log;
 }
 
 TEST_F(ArchiveProxyTest, KivctlZipAndLogs) {
