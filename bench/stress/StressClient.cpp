@@ -162,7 +162,7 @@ void StressRequester::getFileChunk() {
         VUtil::PutElement(in.get(), 1, (int)offset);
     else
         VUtil::PutElement(in.get(), 1, offset);
-    if (pick(0, 1))
+    if (pick(0, 1) && max <= 0x7FFFFFFF)
         VUtil::PutElement(in.get(), 2, (int)max);
     else
         VUtil::PutElement(in.get(), 2, max);

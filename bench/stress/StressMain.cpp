@@ -164,7 +164,8 @@ int main(int argc, char** argv) {
             fprintf(stderr, "bench_stress: --%s needs a positive whole number\n", name);
             return 64;
         }
-    if (requesters > 4096 || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 || chunkMiB > 4095) {
+    if (requesters > 4096 || pidArg > 0x7FFFFFFF || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 ||
+        chunkMiB > 4095) {
         fprintf(stderr, "bench_stress: a value is out of range (requesters <= 4096, file-mib <= 4096,\n"
                         "max-chunk-mib <= 4095, timeout <= one day)\n");
         return 64;
@@ -276,10 +277,10 @@ int main(int argc, char** argv) {
         int status = proxy.stop(SIGTERM);
         printf("proxy stopped with exit status %d in %.0f ms\n", status,
                std::chrono::duration<double, std::milli>(Clock::now() - t0).count());
-        if (!clean) {
-            work.keep();
-            printf("the proxy's log is under %s\n", work.file("root").c_str());
-        }
+    }
+    if (args.has("keep") || (!clean && !attach)) {
+        work.keep();
+        printf("kept %s%s\n", work.path().c_str(), attach ? "" : " (the proxy's log is under root/)");
     }
     printf("%s\n", clean ? "PASS: no failures, no wrong bytes" : "FAIL");
     return clean ? 0 : 1;
