@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "cab/CabLog.h"
+#include "cab/CabRandom.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabStatus.h"
 
@@ -27,18 +28,27 @@ CabMailbox::~CabMailbox() {
 }
 
 void CabMailbox::push(natsMsg* msg) {
+    if (m_handler) {
+        m_handler(msg, 0);
+        return;
+    }
     PLockGuard guard(m_lock);
     m_msgs.push_back(msg);
     m_lock.signal();
 }
 
-void CabMailbox::fail(int status) {
-    PLockGuard guard(m_lock);
-    if (!m_failure) m_failure = status;
-    m_lock.broadcast();
+void CabMailbox::fail(int status, const std::string& text) {
+    {
+        PLockGuard guard(m_lock);
+        if (m_failure) return;
+        m_failure = status;
+        m_failureText = text;
+        m_lock.broadcast();
+    }
+    if (m_handler) m_handler(nullptr, status);
 }
 
-natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status) {
+natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status, std::string* text) {
     PLockGuard guard(m_lock);
     for (;;) {
         if (!m_msgs.empty()) {
@@ -48,6 +58,7 @@ natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status) {
         }
         if (m_failure) {
             *status = m_failure;
+            if (text) *text = m_failureText;
             return nullptr;
         }
         if (!m_lock.waitUntil(deadline) && m_msgs.empty() && !m_failure) {
@@ -65,7 +76,26 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     natsStatus s = natsOptions_Create(&opts);
     if (s == NATS_OK) s = natsOptions_SetURL(opts, o.url.c_str());
     if (s == NATS_OK && !o.name.empty()) s = natsOptions_SetName(opts, o.name.c_str());
-    if (s == NATS_OK && !o.token.empty()) s = natsOptions_SetToken(opts, o.token.c_str());
+    if (s == NATS_OK && !o.nkey.empty() && !o.nkeyFile.empty()) {
+        s = natsOptions_SetNKeyFromSeed(opts, o.nkey.c_str(), o.nkeyFile.c_str());
+    } else if (s == NATS_OK && !o.user.empty()) {
+        s = natsOptions_SetUserInfo(opts, o.user.c_str(), o.password.c_str());
+    } else if (s == NATS_OK && !o.token.empty()) {
+        s = natsOptions_SetToken(opts, o.token.c_str());
+    }
+    bool tls = o.url.compare(0, 6, "tls://") == 0 || !o.tlsCa.empty() || !o.tlsCert.empty() || !o.tlsKey.empty();
+    if (s == NATS_OK && tls) s = natsOptions_SetSecure(opts, true);
+    if (s == NATS_OK && !o.tlsCa.empty()) s = natsOptions_LoadCATrustedCertificates(opts, o.tlsCa.c_str());
+    if (s == NATS_OK && (!o.tlsCert.empty() || !o.tlsKey.empty()))
+        s = natsOptions_LoadCertificatesChain(opts, o.tlsCert.c_str(), o.tlsKey.c_str());
+    if (s != NATS_OK && tls) {
+        // Name the file that could not be used, not just "SSL error".
+        std::string why = nats_GetLastError(nullptr) ? nats_GetLastError(nullptr) : natsStatus_GetText(s);
+        natsOptions_Destroy(opts);
+        c->m_closed = true;
+        return CabFail(CAB_E_CONNECT_FAILED, o.url + ": TLS set-up: " + why);
+    }
+    if (s == NATS_OK) s = natsOptions_SetErrorHandler(opts, &CabConnection::onError, c.get());
     if (s == NATS_OK) s = natsOptions_SetTimeout(opts, 5000);
     // Write every message at once: request/answer latency matters more than batching.
     if (s == NATS_OK) s = natsOptions_SetSendAsap(opts, true);
@@ -85,7 +115,8 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     }
     char* inbox = nullptr;
     if (natsInbox_Create(&inbox) != NATS_OK) return CabFail(CAB_E_INTERNAL, "no inbox");
-    c->m_inbox = inbox;
+    // A user reads only its own inbox prefix: "_INBOX_<user>.<nuid>".
+    c->m_inbox = o.user.empty() ? std::string(inbox) : "_INBOX_" + o.user + (inbox + strlen("_INBOX"));
     natsInbox_Destroy(inbox);
     natsSubscription* sub = nullptr;
     {
@@ -144,13 +175,18 @@ void CabConnection::setStateListener(StateListener listener) {
     m_listener = std::move(listener);
 }
 
-std::shared_ptr<CabMailbox> CabConnection::openMailbox(std::string* subject, uint64_t* token) {
-    std::shared_ptr<CabMailbox> box = std::make_shared<CabMailbox>();
+std::shared_ptr<CabMailbox> CabConnection::openMailbox(std::string* subject, uint64_t* token,
+                                                      const std::string& requestSubject,
+                                                      CabMailbox::Handler handler) {
+    std::shared_ptr<CabMailbox> box =
+        handler ? std::make_shared<CabMailbox>(std::move(handler)) : std::make_shared<CabMailbox>();
+    std::string key = cabRandomHex(16);
     PLockGuard guard(m_mailLock);
     uint64_t t = m_nextToken++;
-    m_mail[t] = box;
+    m_mail[t] = MailEntry{box, key, requestSubject};
+    m_mailByKey[key] = t;
     *token = t;
-    *subject = m_inbox + "." + std::to_string(t);
+    *subject = m_inbox + "." + key;
     return box;
 }
 
@@ -159,13 +195,29 @@ void CabConnection::closeMailbox(uint64_t token) {
     PLockGuard guard(m_mailLock);
     auto it = m_mail.find(token);
     if (it == m_mail.end()) return;
-    box = it->second;
+    box = it->second.box;
+    m_mailByKey.erase(it->second.key);
     m_mail.erase(it);
 }
 
 void CabConnection::failAll(int status) {
-    PLockGuard guard(m_mailLock);
-    for (auto& kv : m_mail) kv.second->fail(status);
+    std::vector<std::shared_ptr<CabMailbox>> boxes;
+    {
+        PLockGuard guard(m_mailLock);
+        for (auto& kv : m_mail) boxes.push_back(kv.second.box);
+    }
+    // Outside the lock: a handler mailbox may close itself.
+    for (auto& b : boxes) b->fail(status);
+}
+
+void CabConnection::failRequestsTo(const std::string& subject, int status, const std::string& text) {
+    std::vector<std::shared_ptr<CabMailbox>> boxes;
+    {
+        PLockGuard guard(m_mailLock);
+        for (auto& kv : m_mail)
+            if (!subject.empty() && kv.second.requestSubject == subject) boxes.push_back(kv.second.box);
+    }
+    for (auto& b : boxes) b->fail(status, text);
 }
 
 natsSubscription* CabConnection::subscribe(const std::string& subject, const std::string& queue, Handler handler) {
@@ -257,17 +309,19 @@ void CabConnection::onInbox(natsConnection*, natsSubscription*, natsMsg* msg, vo
     CabConnection* self = static_cast<CabConnection*>(closure);
     const char* subject = natsMsg_GetSubject(msg);
     const char* dot = subject ? strrchr(subject, '.') : nullptr;
-    uint64_t token = dot ? strtoull(dot + 1, nullptr, 10) : 0;
     std::shared_ptr<CabMailbox> box;
-    {
+    if (dot) {
         PLockGuard guard(self->m_mailLock);
-        auto it = self->m_mail.find(token);
-        if (it != self->m_mail.end()) box = it->second;
+        auto k = self->m_mailByKey.find(dot + 1);
+        if (k != self->m_mailByKey.end()) {
+            auto it = self->m_mail.find(k->second);
+            if (it != self->m_mail.end()) box = it->second.box;
+        }
     }
     if (box) {
         box->push(msg);
     } else {
-        // A late answer to a request that already gave up.
+        // A late answer to a request that already gave up, or a guess.
         natsMsg_Destroy(msg);
     }
 }
@@ -300,4 +354,66 @@ void CabConnection::onClosed(natsConnection*, void* closure) {
     PLockGuard guard(self->m_cbLock);
     self->m_closed = true;
     self->m_cbLock.broadcast();
+}
+
+namespace {
+
+// The subject inside `text` after `what` ("Publish to", "Subscription to"),
+// from a directory error like: Permissions Violation for Publish to "cab.X.Y".
+bool violationSubject(const std::string& text, const char* what, std::string* subject) {
+    if (text.find("Permissions Violation") == std::string::npos) return false;
+    size_t at = text.find(what);
+    if (at == std::string::npos) return false;
+    size_t open = text.find('"', at);
+    size_t close = open == std::string::npos ? open : text.find('"', open + 1);
+    if (close == std::string::npos) return false;
+    *subject = text.substr(open + 1, close - open - 1);
+    return true;
+}
+
+}  // namespace
+
+void CabConnection::onError(natsConnection*, natsSubscription* sub, natsStatus err, void* closure) {
+    CabConnection* self = static_cast<CabConnection*>(closure);
+    if (err != NATS_NOT_PERMITTED) {
+        cablog::log(LOGLEVEL_WARN, "Directory error on %s: %s", sub ? natsSubscription_GetSubject(sub) : "connection",
+                    natsStatus_GetText(err));
+        return;
+    }
+    // The client library hands each error callback the server's text as the
+    // thread's own last error; the connection's last error is shared with the
+    // reading thread, which may be writing the next one.
+    natsStatus status = NATS_OK;
+    const char* last = nats_GetLastError(&status);
+    std::string text = status == NATS_NOT_PERMITTED && last ? last : "permissions violation";
+    std::string subject;
+    if (violationSubject(text, "Publish to", &subject)) {
+        cablog::log(LOGLEVEL_WARN, "The directory refused a publish: %s", text.c_str());
+        self->failRequestsTo(subject, CAB_E_PERMISSION_DENIED, text);
+    } else if (violationSubject(text, "Subscription to", &subject)) {
+        {
+            PLockGuard guard(self->m_deniedLock);
+            if (!self->m_denied.emplace(subject, text).second) return;
+        }
+        cablog::log(LOGLEVEL_ERROR, "The directory refused a subscription: %s", text.c_str());
+    } else {
+        cablog::log(LOGLEVEL_WARN, "The directory refused an operation: %s", text.c_str());
+    }
+}
+
+std::string CabConnection::subscriptionDenied(const std::vector<std::string>& subjects) const {
+    // The error callback runs later on its own thread, but the client library
+    // records the text before it reads the flush's answer: look at both. (No
+    // error can be written meanwhile but one caused by another thread.)
+    std::string last, subject;
+    const char* text = nullptr;
+    if (m_nc && natsConnection_GetLastError(m_nc, &text) == NATS_NOT_PERMITTED && text) last = text;
+    bool lastIsSub = violationSubject(last, "Subscription to", &subject);
+    PLockGuard guard(m_deniedLock);
+    for (const std::string& s : subjects) {
+        if (lastIsSub && s == subject) return last;
+        auto it = m_denied.find(s);
+        if (it != m_denied.end()) return it->second;
+    }
+    return std::string();
 }

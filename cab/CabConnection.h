@@ -4,7 +4,9 @@
 //   requests, credit for our transfers);
 // - message subscriptions whose handlers get ownership of each message;
 // - reconnection forever after a loss; on a loss every open mailbox fails with
-//   CAB_E_CONNECTION_LOST, and the state listener hears of every change.
+//   CAB_E_CONNECTION_LOST, and the state listener hears of every change;
+// - a publish the directory refuses to our user fails the requests sent to
+//   that subject at once with CAB_E_PERMISSION_DENIED and the server's text.
 // Destruction closes the connection and returns only when no callback of it
 // can run any more. All members are thread-safe.
 #pragma once
@@ -16,34 +18,57 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include <nats/nats.h>
 
 #include "host/PThread.h"
 
-// Messages for one receiver. wait() hands out each message once (the caller
-// destroys it), or reports the failure set by fail().
+// Messages for one receiver. A queue mailbox hands out each message once
+// through wait() (the caller destroys it) or reports the failure set by
+// fail(). A handler mailbox passes each message (and a failure, as a null
+// message) to its handler on the connection's delivery thread instead.
 class CabMailbox {
 public:
+    // Owns the message; (nullptr, status) reports a failure.
+    typedef std::function<void(natsMsg* msg, int failure)> Handler;
+    CabMailbox() = default;
+    explicit CabMailbox(Handler handler) : m_handler(std::move(handler)) {}
     ~CabMailbox();
     void push(natsMsg* msg);
-    void fail(int status);
-    // Null on time-out (*status = CAB_E_TIMEOUT) or failure (*status = the failure).
-    natsMsg* wait(const struct timespec& deadline, int* status);
+    void fail(int status, const std::string& text = std::string());
+    // Null on time-out (*status = CAB_E_TIMEOUT) or failure (*status = the
+    // failure, *text = what the directory said when it said anything).
+    natsMsg* wait(const struct timespec& deadline, int* status, std::string* text = nullptr);
 
 private:
-    PCondMutex m_lock;             // guards the two below
+    const Handler m_handler;       // fixed at construction
+    PCondMutex m_lock;             // guards the three below
     std::deque<natsMsg*> m_msgs;   // m_lock
     int m_failure = 0;             // m_lock
+    std::string m_failureText;     // m_lock
 };
 
 class CabConnection {
 public:
     struct Options {
-        std::string url;
+        std::string url;       // nats://host:port or tls://host:port
         std::string name;
-        std::string token;
+        // A NATS user: `user` with `password`, or an nkey (its public key
+        // "U..." and the file holding its private key). The user also names
+        // the inbox prefix "_INBOX_<user>", the only one the directory lets
+        // it read.
+        std::string user;
+        std::string password;
+        std::string nkey;
+        std::string nkeyFile;
+        std::string token;     // the single shared token; only when no user is set
+        // PEM files. A tls:// URL or any of them turns TLS on; the CA file
+        // replaces the system's trusted roots.
+        std::string tlsCa;
+        std::string tlsCert;
+        std::string tlsKey;
     };
     typedef std::function<void(natsMsg*)> Handler;  // owns the message
     typedef std::function<void(int state)> StateListener;
@@ -62,9 +87,21 @@ public:
     int64_t maxPayload() const;
     void setStateListener(StateListener listener);
 
-    // A new mailbox and the subject that reaches it.
-    std::shared_ptr<CabMailbox> openMailbox(std::string* subject, uint64_t* token);
+    // A new mailbox and the subject that reaches it: "<inbox>.<128 random
+    // bits>", so nobody can guess it. `requestSubject` names where the request
+    // answered here went (see failRequestsTo). With a handler, messages go to
+    // it instead of a queue.
+    std::shared_ptr<CabMailbox> openMailbox(std::string* subject, uint64_t* token,
+                                            const std::string& requestSubject = std::string(),
+                                            CabMailbox::Handler handler = nullptr);
     void closeMailbox(uint64_t token);
+    // Fails every mailbox waiting for an answer from `subject` (the directory
+    // refused the request, for one).
+    void failRequestsTo(const std::string& subject, int status, const std::string& text);
+
+    // After a flush: the directory's text when it refused one of `subjects`
+    // to this connection's user (a permission violation), else "".
+    std::string subscriptionDenied(const std::vector<std::string>& subjects) const;
 
     // Async subscription (queue may be empty); null on failure.
     natsSubscription* subscribe(const std::string& subject, const std::string& queue, Handler handler);
@@ -90,17 +127,29 @@ private:
     static void onDisconnected(natsConnection*, void* closure);
     static void onReconnected(natsConnection*, void* closure);
     static void onClosed(natsConnection*, void* closure);
+    // The directory's asynchronous errors: a refused publish fails the
+    // requests sent to that subject, a refused subscription is remembered.
+    static void onError(natsConnection*, natsSubscription*, natsStatus err, void* closure);
     void notify(int state);
     void failAll(int status);
     natsSubscription* track(natsSubscription* sub);
 
     natsConnection* m_nc = nullptr;  // set in open(), destroyed in the destructor
-    std::string m_inbox;             // "_INBOX.<nuid>", fixed after open()
+    std::string m_inbox;             // "_INBOX[_<user>].<nuid>", fixed after open()
     natsSubscription* m_inboxSub = nullptr;
 
-    PMutex m_mailLock;                                        // guards the two below
-    std::map<uint64_t, std::shared_ptr<CabMailbox>> m_mail;   // m_mailLock
-    uint64_t m_nextToken = 1;                                 // m_mailLock
+    struct MailEntry {
+        std::shared_ptr<CabMailbox> box;
+        std::string key;             // the random last token of its subject
+        std::string requestSubject;  // where the request went, or ""
+    };
+    PMutex m_mailLock;                                  // guards the three below
+    std::map<uint64_t, MailEntry> m_mail;               // m_mailLock
+    std::unordered_map<std::string, uint64_t> m_mailByKey;  // m_mailLock
+    uint64_t m_nextToken = 1;                           // m_mailLock
+
+    mutable PMutex m_deniedLock;                              // guards m_denied
+    std::map<std::string, std::string> m_denied;              // m_deniedLock: refused subscription -> text
 
     PMutex m_subLock;                                         // guards m_subs
     std::vector<std::unique_ptr<SubRecord>> m_subs;           // m_subLock

@@ -1,5 +1,7 @@
 // The requesting side: Request (one answer, in parts under credit when it is
-// large), discovery requests and the directory ping.
+// large; inline when a satellite asks one of its own services), discovery
+// requests and the directory ping.
+#include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -7,12 +9,17 @@
 #include <vector>
 
 #include "cab/Cab1.h"
+#include "cab/CabException.h"
+#include "cab/CabInline.h"
 #include "cab/CabLog.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabSatelliteState.h"
 #include "cab/CabWire.h"
 
 namespace {
+
+// Inline calls the current thread is inside of; owned by that thread alone.
+thread_local int t_inlineDepth = 0;
 
 // Closes a mailbox when the request ends, however it ends.
 struct MailboxGuard {
@@ -128,11 +135,85 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
     return list.decodeInto(out);
 }
 
+// The service entry when `target` is this satellite itself, connected, and
+// `service` one of its services that is listening; null otherwise.
+std::shared_ptr<CabServiceEntry> ownService(CabSatelliteState* state, const char* target, const char* service) {
+    {
+        PLockGuard guard(state->lock);
+        if (!state->conn || state->name != target) return nullptr;
+    }
+    std::shared_ptr<CabServiceEntry> entry = state->findService(service);
+    if (!entry) return nullptr;
+    PLockGuard guard(state->lock);
+    return entry->sub ? entry : nullptr;  // not listening (leaving): the directory decides
+}
+
+int64_t nowNs() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Runs one of the satellite's own services on the calling thread, with the
+// outcome a request through the directory would have: a thrown exception
+// becomes CAB_E_HANDLER_EXCEPTION with its text and no output, a library
+// status of the handler is a failure, the output moves into `out`, and the
+// service's statistics count the call.
+int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntry>& entry, const char* target,
+                  const tagVARIANT& in, tagVARIANT* out) {
+    std::string subject = cabwire::serviceSubject(target, entry->name);
+    if (t_inlineDepth >= kCabMaxInlineDepth) {
+        std::string why = subject + ": a request to the satellite's own service nested more than " +
+                          std::to_string(kCabMaxInlineDepth) + " deep";
+        cablog::log(LOGLEVEL_WARN, "Refused request %s", why.c_str());
+        return CabFail(CAB_E_TOO_LARGE, why);
+    }
+    int64_t start = nowNs();
+    tagVARIANT result;
+    VariantInit(&result);
+    int status = 0;
+    bool threw = false;
+    std::string error;
+    {
+        CabInlineDepthScope depth(t_inlineDepth + 1);
+        CabServeContextScope noContext(nullptr);  // the caller's answer is not this handler's
+        try {
+            int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), target,
+                                                      in, &result, &status);
+            if (rc != 0) {
+                status = rc;
+                error = "no service " + entry->name;
+            }
+        } catch (const CabException& e) {
+            threw = true;
+            error = e.getMessage();
+        } catch (const std::exception& e) {
+            threw = true;
+            error = e.what();
+        } catch (...) {
+            threw = true;
+            error = "unknown exception";
+        }
+    }
+    if (threw) {
+        status = CAB_E_HANDLER_EXCEPTION;
+        VariantClear(&result);  // a throwing handler produces no output
+        cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error.c_str());
+    }
+    entry->record(nowNs() - start, threw ? &error : nullptr);
+    takeDecoded(&result, out);
+    CabSetLastError("");  // the handler's own requests leave theirs behind
+    if (!error.empty() || CabIsLibraryStatus(status))
+        CabFail(status, error.empty() ? subject : subject + ": " + error);
+    return status;
+}
+
 int requestImpl(CabSatelliteState* state, const char* target, const char* service, const tagVARIANT& in,
                 tagVARIANT* out, CABFLAGS flags) {
     if (!target || !service) return CabFail(CAB_E_INVALID_ARGUMENT, "null satellite or service name");
     if (!cabwire::validName(target)) return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + target + "'");
     if (!cabwire::validName(service)) return CabFail(CAB_E_INVALID_NAME, std::string("service '") + service + "'");
+    if (std::shared_ptr<CabServiceEntry> own = false ? ownService(state, target, service) : nullptr)
+        return requestInline(state, own, target, in, out);
     std::shared_ptr<CabConnection> conn = state->connection();
     if (!conn || !conn->connected()) return CabFail(CAB_E_NOT_CONNECTED);
 
@@ -146,12 +227,12 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
                                                 " bytes; one request carries at most " + std::to_string(limit));
         payload = enc.str();
     }
+    std::string subject = cabwire::serviceSubject(target, service);
     std::string inbox;
     uint64_t token = 0;
-    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token);
+    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token, subject);
     MailboxGuard guard{conn, token};
 
-    std::string subject = cabwire::serviceSubject(target, service);
     natsMsg* m = nullptr;
     if (natsMsg_Create(&m, subject.c_str(), inbox.c_str(), payload.data(), (int)payload.size()) != NATS_OK)
         return CabFail(CAB_E_INTERNAL, "message not created");
@@ -163,11 +244,12 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
 
     int timeoutMs = state->requestTimeoutMs();
     int st = 0;
-    natsMsg* r = box->wait(cabDeadline(timeoutMs), &st);
+    std::string why;
+    natsMsg* r = box->wait(cabDeadline(timeoutMs), &st, &why);
     if (!r) {
         if (st == CAB_E_TIMEOUT)
             return CabFail(st, "no answer from " + subject + " within " + std::to_string(timeoutMs) + " ms");
-        return CabFail(st, subject);
+        return CabFail(st, why.empty() ? subject : subject + ": " + why);
     }
     if (natsMsg_IsNoResponders(r)) {
         natsMsg_Destroy(r);
@@ -193,6 +275,12 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
 }
 
 }  // namespace
+
+int CabInlineDepth() { return t_inlineDepth; }
+
+CabInlineDepthScope::CabInlineDepthScope(int depth) : m_saved(t_inlineDepth) { t_inlineDepth = depth; }
+
+CabInlineDepthScope::~CabInlineDepthScope() { t_inlineDepth = m_saved; }
 
 int CabSatellite::Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
                           CABFLAGS flags, tagVARIANT* retcodes) {

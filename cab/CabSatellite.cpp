@@ -44,6 +44,24 @@ std::string directoryUrl(const char* host) {
     return "nats://" + h + ":" + std::to_string(port);
 }
 
+// Who we are on the directory: a user with a password or an nkey; the shared
+// token only when no user is configured. setUser and setToken win over the
+// settings. Plus the TLS files.
+void readCredentials(CabConnection::Options* o) {
+    if (o->user.empty() && o->token.empty()) {
+        cabsettings::string("cabDirectory.user", &o->user);
+        cabsettings::string("cabDirectory.password", &o->password);
+        cabsettings::string("cabDirectory.nkey", &o->nkey);
+        cabsettings::string("cabDirectory.nkeySeedFile", &o->nkeyFile);
+    }
+    if (o->user.empty() && o->nkey.empty() && o->token.empty())
+        cabsettings::string("cabDirectory.token", &o->token);
+    if (!o->user.empty() || !o->nkey.empty()) o->token.clear();
+    cabsettings::string("cabDirectory.tls.ca", &o->tlsCa);
+    cabsettings::string("cabDirectory.tls.cert", &o->tlsCert);
+    cabsettings::string("cabDirectory.tls.key", &o->tlsKey);
+}
+
 // Clears and returns every subscription of the services and of discovery.
 std::vector<natsSubscription*> takeSubscriptions(CabSatelliteState* state, bool forget,
                                                  std::shared_ptr<CabConnection>* conn) {
@@ -82,6 +100,11 @@ bool cabsettings::string(const char* name, std::string* value) {
 std::shared_ptr<CabConnection> CabSatelliteState::connection() const {
     PLockGuard guard(lock);
     return conn;
+}
+
+std::shared_ptr<CabTransfers> CabSatelliteState::transferTable() const {
+    PLockGuard guard(lock);
+    return transfers;
 }
 
 int CabSatelliteState::requestTimeoutMs() const {
@@ -127,6 +150,12 @@ void CabSatellite::setToken(const std::string& token) {
     m_state->tokenSet = true;
 }
 
+void CabSatellite::setUser(const std::string& user, const std::string& password) {
+    PLockGuard guard(m_state->lock);
+    m_state->user = user;
+    m_state->password = password;
+}
+
 void CabSatellite::setRequestTimeoutMs(int ms) {
     PLockGuard guard(m_state->lock);
     m_state->timeoutMs = ms;
@@ -169,9 +198,11 @@ int CabSatellite::Connect(const char* host, const char* name) {
     {
         PLockGuard guard(m_state->lock);
         if (m_state->tokenSet) o.token = m_state->token;
+        o.user = m_state->user;
+        o.password = m_state->password;
         maxHandlers = m_state->maxHandlers;
     }
-    if (o.token.empty()) cabsettings::string("cabDirectory.token", &o.token);
+    readCredentials(&o);
     if (maxHandlers <= 0) maxHandlers = cabsettings::integer("cabDirectory.maxHandlers", 256);
     if (maxHandlers <= 0) maxHandlers = 256;
 
@@ -182,12 +213,16 @@ int CabSatellite::Connect(const char* host, const char* name) {
         return rc;
     }
     conn->setStateListener([this](int state) { OnStatusChange(state, 0); });
+    int creditTimeoutMs = cabsettings::integer("cabDirectory.creditTimeoutMs", 30000);
+    int maxAnswerBytes = cabsettings::integer("cabDirectory.maxAnswerBytes", 1 << 30);
     {
         PLockGuard guard(m_state->lock);
         m_state->name = name;
         m_state->started = nowRfc3339();
         m_state->conn = conn;
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
+        m_state->transfers = std::make_shared<CabTransfers>(conn, m_state->pool, creditTimeoutMs,
+                                                            (uint64_t)(maxAnswerBytes > 0 ? maxAnswerBytes : 1 << 30));
     }
     cablog::log(LOGLEVEL_INFO, "Connected to the directory at %s as %s", o.url.c_str(), name);
     {
@@ -235,12 +270,14 @@ int CabSatellite::RegisterServices() {
     std::weak_ptr<CabConnection> wconn = conn;
     std::weak_ptr<CabWorkerPool> wpool = pool;
     int failures = 0;
+    std::vector<std::string> subjects;
     for (auto& e : todo) {
         std::string subject;
         {
             PLockGuard guard(m_state->lock);
             subject = e->subject;
         }
+        subjects.push_back(subject);
         natsSubscription* sub = conn->subscribe(subject, name, [wstate, wconn, wpool, e](natsMsg* msg) {
             std::shared_ptr<CabWorkerPool> p = wpool.lock();
             bool queued = p && p->submit([wstate, wconn, e, msg]() {
@@ -270,6 +307,7 @@ int CabSatellite::RegisterServices() {
         for (const char* verb : {"PING", "INFO", "STATS"}) {
             std::string base = std::string("$SRV.") + verb;
             for (const std::string& subj : {base, base + "." + name, base + "." + name + "." + id}) {
+                subjects.push_back(subj);
                 natsSubscription* sub = conn->subscribe(subj, "", [wstate, wconn](natsMsg* msg) {
                     std::shared_ptr<CabSatelliteState> st = wstate.lock();
                     std::shared_ptr<CabConnection> c = wconn.lock();
@@ -287,6 +325,13 @@ int CabSatellite::RegisterServices() {
     natsStatus s = natsConnection_FlushTimeout(conn->nc(), 5000);
     if (failures) return CabFail(CAB_E_INTERNAL, std::to_string(failures) + " subscriptions failed");
     if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, std::string("flush: ") + natsStatus_GetText(s));
+    // The directory answers a refused subscription before the flush's PONG.
+    std::string denied = conn->subscriptionDenied(subjects);
+    if (!denied.empty()) {
+        int rc = CabFail(CAB_E_PERMISSION_DENIED, denied);
+        cablog::log(LOGLEVEL_ERROR, "Registering the services of %s failed: %s", name.c_str(), denied.c_str());
+        return rc;
+    }
     if (!todo.empty())
         cablog::log(LOGLEVEL_INFO, "Registered %d services of %s", (int)todo.size(), name.c_str());
     return 0;
@@ -325,6 +370,12 @@ int CabSatellite::Disconnect() {
     }
     if (!conn) return 0;
     if (pool) pool->stop();  // running and queued handlers finish
+    std::shared_ptr<CabTransfers> transfers;
+    {
+        PLockGuard guard(m_state->lock);
+        transfers.swap(m_state->transfers);
+    }
+    if (transfers) transfers->abandonAll("the satellite is leaving");
     conn->close();
     cablog::log(LOGLEVEL_INFO, "Disconnected %s from the directory", name.c_str());
     return 0;

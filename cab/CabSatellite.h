@@ -2,16 +2,25 @@
 //
 // Promises:
 // - Connect(host, name) connects to nats://host:port (port from the setting
-//   "cabDirectory.port", default 4222; "host:port" wins; token from
-//   "cabDirectory.token"), calls CreateServices(), then listens on
+//   "cabDirectory.port", default 4222; "host:port" wins; "tls://host:port"
+//   or a cabDirectory.tls.* setting asks for TLS) as the NATS user
+//   "cabDirectory.user" with "cabDirectory.password" (or an nkey; the shared
+//   "cabDirectory.token" only when no user is set), calls CreateServices(), then listens on
 //   "cab.<name>.<service>" in queue group <name> for every added service and
-//   answers the "$SRV" discovery requests. Returns 0 or a negative CabStatus.
+//   answers the "$SRV" discovery requests. Returns 0 or a negative CabStatus;
+//   CAB_E_PERMISSION_DENIED when the directory does not let this user serve
+//   that name. A request the directory refuses fails with the same code at once.
 //   A satellite that adds no service is a pure client: it publishes nothing.
 // - Handlers run on the library's worker threads, several at once; the pool
 //   grows on demand up to "cabDirectory.maxHandlers" (default 256) and then
 //   queues. A handler may itself call Request, also on its own satellite.
 //   A throwing handler yields CAB_E_HANDLER_EXCEPTION plus the text to the
 //   requester; the satellite logs it and keeps serving.
+// - An answer larger than one message waits for its requester's credit
+//   without holding a worker; one that gets no credit for
+//   "cabDirectory.creditTimeoutMs" (default 30000) is abandoned, and answers
+//   waiting for credit hold at most "cabDirectory.maxAnswerBytes" (default
+//   1 GiB) together: past it a new one is refused with CAB_E_BUSY.
 // - Request blocks until the whole answer arrived (replies up to 4 GiB, sent
 //   in parts under flow control) or the time-out ("cabDirectory.requestTimeoutMs",
 //   default 300000) passed. *retcodes becomes VT_ARRAY|VT_VARIANT with one
@@ -90,7 +99,7 @@ public:
     CabSatellite& operator=(const CabSatellite&) = delete;
 
     virtual int Connect(const char* host, const char* name);
-    // Same as Connect (the directory has no user accounts; use the token setting).
+    // Same as Connect (the user comes from setUser or the settings).
     virtual int ConnectUser(const char* host, const char* name);
     // Stops serving (in-flight handlers finish), fails waiting requests with
     // CAB_E_NOT_CONNECTED and closes the connection. Safe to call twice.
@@ -126,8 +135,20 @@ public:
 
     static void setLogger(const boost::shared_ptr<CBBLog>& logger);
 
+    // Called by a handler instead of filling its output: the answer is bytes
+    // [offset, offset + length) of the open file `fd`, sent as a VT_ARRAY|VT_UI1
+    // and read part by part as the requester takes them, so the satellite's
+    // memory does not grow with `length` (at most 0xFFFFFFFF). Takes the
+    // descriptor (closed when the answer is done) and returns true. Returns
+    // false, leaving `fd` to the caller, when the calling thread is not serving
+    // a request from the directory (a handler called directly or inline); the
+    // handler then fills its output as usual.
+    static bool AnswerWithFileRange(int fd, uint64_t offset, uint64_t length);
+
     // Set before Connect; they override the settings.
     void setToken(const std::string& token);
+    // Connect as this NATS user (instead of cabDirectory.user/.password).
+    void setUser(const std::string& user, const std::string& password);
     void setRequestTimeoutMs(int ms);
     void setMaxHandlers(int count);
 

@@ -11,8 +11,10 @@
 
 #include <nats/nats.h>
 
+#include "cab/CabAnswerSource.h"
 #include "cab/CabConnection.h"
 #include "cab/CabSatellite.h"
+#include "cab/CabTransfers.h"
 #include "cab/CabWorkerPool.h"
 #include "host/PThread.h"
 
@@ -44,10 +46,13 @@ struct CabSatelliteState {
     std::string started;  // RFC 3339, UTC
     std::string token;
     bool tokenSet = false;
+    std::string user;      // set by setUser: wins over the settings
+    std::string password;
     int timeoutMs = -1;    // -1: from the settings
     int maxHandlers = -1;  // -1: from the settings
     std::shared_ptr<CabConnection> conn;
     std::shared_ptr<CabWorkerPool> pool;
+    std::shared_ptr<CabTransfers> transfers;  // answers waiting for their requesters
     bool creating = false;  // inside CreateServices: Connect registers the services afterwards
     std::vector<std::shared_ptr<CabServiceEntry>> services;  // in the order added
     std::vector<natsSubscription*> srvSubs;                  // discovery subscriptions
@@ -55,6 +60,7 @@ struct CabSatelliteState {
     std::atomic<int> nextRequestId{1};
 
     std::shared_ptr<CabConnection> connection() const;
+    std::shared_ptr<CabTransfers> transferTable() const;
     int requestTimeoutMs() const;
     std::shared_ptr<CabServiceEntry> findService(const std::string& service) const;
 };
@@ -65,11 +71,28 @@ int integer(const char* name, int fallback);
 bool string(const char* name, std::string* value);
 }  // namespace cabsettings
 
+// What the handler running on a thread hands the library besides its
+// output: an answer read from a file while it is sent.
+struct CabServeContext {
+    std::unique_ptr<CabAnswerSource> fileAnswer;
+};
+// Makes `context` (may be null: none) the calling thread's serving context
+// for the scope's lifetime, then restores the one before. A handler called
+// inline (not for a request from the directory) runs with none.
+class CabServeContextScope {
+public:
+    explicit CabServeContextScope(CabServeContext* context);
+    ~CabServeContextScope();
+    CabServeContextScope(const CabServeContextScope&) = delete;
+    CabServeContextScope& operator=(const CabServeContextScope&) = delete;
+
+private:
+    CabServeContext* m_previous;
+};
+CabServeContext* cabCurrentServeContext();
+
 // Serves one request message on a worker thread (CabServe.cpp).
 void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
               const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg);
-// Sends an answer, in parts under credit when it is larger than one message (CabReplySender.cpp).
-void cabSendReply(const std::shared_ptr<CabConnection>& conn, const std::string& replyTo, int status,
-                  const tagVARIANT* out, const std::string& error, int errorCode, int timeoutMs);
 // Answers a "$SRV" discovery request (CabDiscovery.cpp).
 void cabAnswerDiscovery(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn, natsMsg* msg);

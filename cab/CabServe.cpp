@@ -17,16 +17,30 @@ int64_t nowNs() {
         .count();
 }
 
-void refuse(const std::shared_ptr<CabConnection>& conn, const std::shared_ptr<CabServiceEntry>& entry,
-            const std::string& replyTo, const std::string& why, int timeoutMs) {
+void refuse(CabTransfers* transfers, const std::shared_ptr<CabServiceEntry>& entry, const std::string& replyTo,
+            const std::string& why) {
     cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
     entry->record(0, &why);
-    cabSendReply(conn, replyTo, CAB_E_MALFORMED, nullptr, why, 0, timeoutMs);
+    transfers->send(replyTo, CAB_E_MALFORMED, why, 0, nullptr);
 }
+
+// The serving context of the calling thread; owned by that thread alone.
+thread_local CabServeContext* t_context = nullptr;
 
 }  // namespace
 
-void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
+CabServeContextScope::CabServeContextScope(CabServeContext* context) : m_previous(t_context) { t_context = context; }
+CabServeContextScope::~CabServeContextScope() { t_context = m_previous; }
+CabServeContext* cabCurrentServeContext() { return t_context; }
+
+bool CabSatellite::AnswerWithFileRange(int fd, uint64_t offset, uint64_t length) {
+    CabServeContext* c = t_context;
+    if (!c || fd < 0 || length > 0xFFFFFFFFull) return false;
+    c->fileAnswer = cabFileAnswer(fd, offset, (uint32_t)length, cabwire::kWindowBytes);
+    return true;
+}
+
+void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
               const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg) {
     int64_t start = nowNs();
     const char* reply = natsMsg_GetReply(msg);
@@ -38,7 +52,11 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& co
         return;
     }
     std::string replyTo = reply;
-    int timeoutMs = state->requestTimeoutMs();
+    std::shared_ptr<CabTransfers> transfers = state->transferTable();
+    if (!transfers) {  // the satellite left while this request waited for a worker
+        natsMsg_Destroy(msg);
+        return;
+    }
     std::string proto = cabwire::header(msg, cabwire::kProto);
     int64_t flags = 0;
     std::string why;
@@ -57,7 +75,7 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& co
     }
     natsMsg_Destroy(msg);
     if (!why.empty()) {
-        refuse(conn, entry, replyTo, why, timeoutMs);
+        refuse(transfers.get(), entry, replyTo, why);
         return;
     }
 
@@ -67,7 +85,9 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& co
     bool threw = false;
     std::string error;
     int errorCode = 0;
+    CabServeContext context;
     try {
+        CabServeContextScope scope(&context);
         int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), "", in, &out, &status);
         if (rc != 0) {
             status = rc;
@@ -91,6 +111,18 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& co
         cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error.c_str());
     }
     entry->record(nowNs() - start, threw ? &error : nullptr);
-    cabSendReply(conn, replyTo, status, &out, error, errorCode, timeoutMs);
+    std::unique_ptr<CabAnswerSource> answer;
+    if (context.fileAnswer && !threw && out.vt == VT_EMPTY) {
+        answer = std::move(context.fileAnswer);
+    } else if (out.vt != VT_EMPTY) {
+        std::string why;
+        answer = cabVariantAnswer(&out, &why);
+        if (!answer) {
+            status = CAB_E_MALFORMED;
+            error = "the answer cannot be encoded: " + why;
+            cablog::log(LOGLEVEL_ERROR, "Answer to %s refused: %s", replyTo.c_str(), error.c_str());
+        }
+    }
     VariantClear(&out);
+    transfers->send(replyTo, status, error, errorCode, std::move(answer));
 }

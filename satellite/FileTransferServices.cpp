@@ -1,5 +1,10 @@
 // "GetFile" and "QueryFileSize": file contents in chunks and the size of a
 // set of media items.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cinttypes>
 
 #include "cab/CabException.h"
@@ -60,31 +65,45 @@ int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIA
 
     if (CStdStr refused = waitForPendingArchive(path, pendingArchiveWaitMs()); !refused.empty())
         throw CabException(refused.c_str(), 1);
-    CFileTools file(path);
-    const unsigned long long size = file.getFileSize();
+    // Size and bytes come from one open descriptor, so they describe the same file.
+    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    struct stat st;
+    const unsigned long long size =
+        fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<unsigned long long>(st.st_size) : 0;
     const unsigned long long start = offset < size ? offset : size;
     const unsigned long long remaining = size - start;
     unsigned long long length = maxBytes == 0 ? remaining : (maxBytes < remaining ? maxBytes : remaining);
     if (length > 0xFFFFFFFFull) length = 0xFFFFFFFFull;
 
-    // The chunk is read straight into the array that goes out.
+    // Served to the directory, the chunk is read from the file part by part
+    // while it is sent: however long it is, it never sits in memory whole.
+    if (length > 0 && CabSatellite::AnswerWithFileRange(fd, start, length)) return 0;
+
+    // Otherwise the chunk is read straight into the array that goes out.
     SAFEARRAYBOUND bound{static_cast<uint32_t>(length), 0};
     SAFEARRAY* bytes = SafeArrayCreateEx(VT_UI1, bound, false);
     if (!bytes) {
+        if (fd >= 0) ::close(fd);
         CBBLog::error("Ran out of memory!");
         return 8;
     }
-    unsigned long long got = length;
+    unsigned long long got = 0;
     if (length > 0) {
         void* data = nullptr;
         SafeArrayAccessData(bytes, &data);
-        file.getData(static_cast<char*>(data), got, start, CFileTools::begin);
+        while (got < length) {
+            ssize_t n = ::pread(fd, static_cast<char*>(data) + got, length - got, static_cast<off_t>(start + got));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) break;
+            got += static_cast<unsigned long long>(n);
+        }
         SafeArrayUnaccessData(bytes);
         if (got < length) {
             SAFEARRAYBOUND shorter{static_cast<uint32_t>(got), 0};
             SafeArrayRedim(bytes, &shorter);
         }
     }
+    if (fd >= 0) ::close(fd);
     VariantClear(out);
     out->vt = VT_ARRAY | VT_UI1;
     out->parray = bytes;

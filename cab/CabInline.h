@@ -1,0 +1,28 @@
+// Requests a satellite sends to itself run inline: CabSatellite::Request with
+// the satellite's own name and one of its registered services calls the
+// handler on the calling thread, without the directory and without a worker.
+// A handler that waits on its own satellite therefore never needs a free
+// worker. Such calls nest at most kCabMaxInlineDepth deep per thread; a call
+// past that is refused with CAB_E_TOO_LARGE.
+//
+// A thread that works for a handler (as the helpers of a grouped request do)
+// takes over the handler thread's depth with CabInlineDepthScope, so the bound
+// holds across those helpers too.
+#pragma once
+
+constexpr int kCabMaxInlineDepth = 16;
+
+// Inline calls the calling thread is inside of now (0 on a plain worker).
+int CabInlineDepth();
+
+// Sets the calling thread's inline depth for the scope's lifetime.
+class CabInlineDepthScope {
+public:
+    explicit CabInlineDepthScope(int depth);
+    ~CabInlineDepthScope();
+    CabInlineDepthScope(const CabInlineDepthScope&) = delete;
+    CabInlineDepthScope& operator=(const CabInlineDepthScope&) = delete;
+
+private:
+    int m_saved;
+};

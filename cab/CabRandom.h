@@ -1,0 +1,8 @@
+// Random identifiers that nobody else can guess: subjects of mailboxes and
+// transfers. Drawn from the kernel's random source; thread-safe.
+#pragma once
+
+#include <string>
+
+// `bytes` random bytes as 2*bytes lowercase hex digits.
+std::string cabRandomHex(size_t bytes);

@@ -1,0 +1,63 @@
+// CabTransfers: sends the answers of one satellite. An answer that fits in one
+// message goes at once. A larger one goes in parts under credit: the first
+// window of parts is sent by the caller, the rest by a worker job each time
+// the requester grants credit, so no thread waits for a slow or vanished
+// requester. Promises:
+// - a transfer with no credit for `creditTimeoutMs` is abandoned and its
+//   memory (the answer, or the open file) freed; so is one whose requester
+//   cancels it or whose connection is lost;
+// - the memory held by all transfers waiting for credit stays within
+//   `maxBytes`: a new answer that would pass it is refused with CAB_E_BUSY
+//   (an answer is never refused while it would be the only one);
+// - abandonAll() (and the destructor) ends every transfer at once.
+// Held by a shared pointer (its callbacks keep weak ones). All members are
+// thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "cab/CabAnswerSource.h"
+#include "cab/CabConnection.h"
+#include "cab/CabWorkerPool.h"
+#include "host/PThread.h"
+
+class CabTransfers : public std::enable_shared_from_this<CabTransfers> {
+public:
+    CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool, int creditTimeoutMs,
+                 uint64_t maxBytes);
+    ~CabTransfers();
+    CabTransfers(const CabTransfers&) = delete;
+    CabTransfers& operator=(const CabTransfers&) = delete;
+
+    // Sends an answer to `replyTo`; `answer` may be null (no output).
+    void send(const std::string& replyTo, int status, const std::string& error, int errorCode,
+              std::unique_ptr<CabAnswerSource> answer);
+    // Ends every transfer still waiting for credit; logs `why` for each.
+    void abandonAll(const char* why);
+
+    // Transfers waiting for credit, and the memory they hold.
+    size_t active();
+    uint64_t heldBytes();
+
+private:
+    struct Transfer;
+    void pump(const std::shared_ptr<Transfer>& t);
+    void onCredit(const std::shared_ptr<Transfer>& t, natsMsg* msg, int failure);
+    // Removes t from the table (once) and frees what it holds.
+    void finish(const std::shared_ptr<Transfer>& t, const std::string& why);
+    void* sweep(void*);
+
+    const std::shared_ptr<CabConnection> m_conn;
+    const std::weak_ptr<CabWorkerPool> m_pool;
+    const int m_creditTimeoutMs;
+    const uint64_t m_maxBytes;
+
+    PCondMutex m_lock;                                        // guards the four below
+    std::map<uint64_t, std::shared_ptr<Transfer>> m_active;   // m_lock: by mailbox token
+    uint64_t m_held = 0;                                      // m_lock
+    bool m_stopping = false;                                  // m_lock
+    std::unique_ptr<PThread> m_sweeper;                       // m_lock: started with the first transfer
+};
