@@ -32,6 +32,8 @@ test-tsan: deps
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  setarch $$(uname -m) -R ctest $(CTEST_FLAGS) -L tsan
 
+# make run [KIV_PORT=N] [KIV_VAR=DIR] [KIV_AUTH=token]: a directory of its
+# own on a free (or the given) loopback port; see scripts/run-local.
 run: build
 	@scripts/run-local
 

@@ -17,7 +17,9 @@ const char* kUsage =
     "Settings (kivctl defaults read 'Software\\Kiv Foundry\\Kiv\\Config'):\n"
     "  cabDirectory.host   directory host (default 127.0.0.1)\n"
     "  cabDirectory.port   directory port (default 4222)\n"
-    "  cabDirectory.token  directory token (none by default)\n"
+    "  cabDirectory.user, cabDirectory.password  its directory user (VorpaMediaProxy)\n"
+    "  cabDirectory.tls.ca, .cert, .key           TLS files (with a tls:// host)\n"
+    "  cabDirectory.token  shared token, only for a directory without users\n"
     "Log level: the integer LogLevel under 'Software\\Kiv Foundry\\Kiv' (0-4, default 1).\n"
     "Logs go to /Library/Logs/KivFoundry/KivRequestProxy.log, under $KIV_ROOT when set.\n";
 }

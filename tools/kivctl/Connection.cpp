@@ -7,16 +7,38 @@
 
 #include "host/CRegistry.h"
 
+namespace {
+
+bool readFirstLine(const std::string& path, std::string* line) {
+    FILE* f = fopen(path.c_str(), "r");
+    if (!f) return false;
+    char buf[1024];
+    bool ok = fgets(buf, sizeof buf, f) != nullptr;
+    fclose(f);
+    if (!ok) return false;
+    *line = buf;
+    while (!line->empty() && (line->back() == '\n' || line->back() == '\r')) line->pop_back();
+    return true;
+}
+
+}  // namespace
+
 namespace kivctl {
 
 const char* const kConnectionUsage =
     "  --server HOST:PORT   the CAB directory (default: settings cabDirectory.host/.port)\n"
-    "  --token TOKEN        directory token (default: setting cabDirectory.token)\n"
+    "  --user USER          directory user (default: setting cabDirectory.user)\n"
+    "  --password-file FILE the user's password, the first line of FILE\n"
+    "                       (default: setting cabDirectory.password)\n"
+    "  --token TOKEN        shared directory token, when the directory has no users\n"
+    "                       (default: setting cabDirectory.token)\n"
     "  --timeout MS         request time-out in milliseconds (default: cabDirectory.requestTimeoutMs)\n";
 
 void declareConnectionOptions(Args& args) {
     args.value("server");
     args.value("token");
+    args.value("user");
+    args.value("password-file");
     args.value("timeout");
 }
 
@@ -30,6 +52,19 @@ int connect(const Args& args, CabClient& client, int* timeoutMs) {
         server = host;
     }
     if (args.has("token")) client.setToken(args.get("token"));
+    if (args.has("password-file") && !args.has("user")) {
+        fprintf(stderr, "kivctl: --password-file needs --user\n");
+        return kUsage;
+    }
+    if (args.has("user")) {
+        // Never on the command line, where every local user can read it.
+        std::string password;
+        if (args.has("password-file") && !readFirstLine(args.get("password-file"), &password)) {
+            fprintf(stderr, "kivctl: cannot read the password from %s\n", args.get("password-file").c_str());
+            return kFailure;
+        }
+        client.setUser(args.get("user"), password);
+    }
     *timeoutMs = 0;
     if (args.has("timeout")) {
         char* end = nullptr;

@@ -1,7 +1,8 @@
 // The directory options shared by the kivctl subcommands that talk to the
-// CAB directory: --server HOST:PORT, --token TOKEN, --timeout MS. Without
-// them the proxy's own settings apply (cabDirectory.host / .port / .token /
-// .requestTimeoutMs). connect() joins as a pure client named "kivctl-<pid>".
+// CAB directory: --server HOST:PORT, --user USER, --password-file FILE,
+// --token TOKEN, --timeout MS. Without them the settings apply
+// (cabDirectory.host / .port / .user / .password / .token / .requestTimeoutMs).
+// connect() joins as a pure client named "kivctl-<pid>".
 #pragma once
 
 #include <string>
@@ -11,9 +12,9 @@
 
 namespace kivctl {
 
-// Declares the three options on `args`.
+// Declares the options on `args`.
 void declareConnectionOptions(Args& args);
-// The usage lines of the three options, for --help texts.
+// The usage lines of the options, for --help texts.
 extern const char* const kConnectionUsage;
 
 // Connects `client`; on failure prints the reason and returns kFailure,

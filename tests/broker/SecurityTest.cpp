@@ -1,0 +1,216 @@
+// Identities on the directory: the users and permissions that make run
+// writes (scripts/cab-directory-users), TLS, and make run's own directory.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <string>
+
+#include <nats/nats.h>
+
+#include "host/CRegistry.h"
+#include "tests/broker/BrokerTestFixture.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+
+// The authorization block make run would write for these identities.
+std::string authorization() {
+    kivtest::TempDir dir("kivauth");
+    kivtest::writeFile(dir.file("users"),
+                       "satellite EchoA echoPassword0123456\n"
+                       "satellite Other otherPassword012345\n"
+                       "client cli cliPassword012345678\n"
+                       "client snoop snoopPassword0123456\n");
+    int status = -1;
+    std::string conf = kivtest::runCommand(std::string("bash '") + KIV_SOURCE_DIR + "/scripts/cab-directory-users' < '" +
+                                               dir.file("users") + "'",
+                                           &status);
+    EXPECT_EQ(0, status) << conf;
+    // A user allowed to send requests to EchoA only: its other requests are refused.
+    size_t end = conf.rfind("  ]");
+    conf.insert(end, "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
+                     "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
+                     "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
+    return conf;
+}
+
+int64_t msSince(Clock::time_point t0) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+class SecurityTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(server.start()) << server.error();
+        echo.setUser("EchoA", "echoPassword0123456");
+        ASSERT_EQ(0, echo.Connect(server.hostPort().c_str(), "EchoA")) << CabGetLastError();
+    }
+
+    kivtest::NatsServer server{64 * 1024, authorization()};
+    EchoSatellite echo;
+};
+
+// A raw NATS connection as `user`; null when the directory refuses it.
+natsConnection* rawConnection(const std::string& url, const char* user, const char* password) {
+    natsOptions* o = nullptr;
+    natsConnection* nc = nullptr;
+    natsOptions_Create(&o);
+    natsOptions_SetURL(o, url.c_str());
+    natsOptions_SetUserInfo(o, user, password);
+    if (natsConnection_Connect(&nc, o) != NATS_OK) nc = nullptr;
+    natsOptions_Destroy(o);
+    return nc;
+}
+
+// The directory's answer to a subscription of `nc`: "" when accepted.
+std::string refusal(natsConnection* nc, natsSubscription** sub, const char* subject, const char* queue) {
+    if (queue)
+        natsConnection_QueueSubscribeSync(sub, nc, subject, queue);
+    else
+        natsConnection_SubscribeSync(sub, nc, subject);
+    natsConnection_FlushTimeout(nc, 5000);
+    const char* text = nullptr;
+    if (natsConnection_GetLastError(nc, &text) != NATS_NOT_PERMITTED || !text) return "";
+    return text;
+}
+
+}  // namespace
+
+TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
+    CabClient client;
+    client.setUser("cli", "cliPassword012345678");
+    client.setRequestTimeoutMs(60000);
+    ASSERT_EQ(0, client.Connect(server.hostPort().c_str(), "TestClient")) << CabGetLastError();
+
+    // An answer in more parts than the window: the client's credit reaches
+    // the satellite's inbox, the parts reach the client's.
+    Var in, out, codes;
+    setI4(&in.v, 10 << 20);
+    ASSERT_EQ(0, client.Request("EchoA", "Blob", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    EXPECT_EQ(0, CabRetcode(codes.v, -1));
+    EXPECT_EQ((uint32_t)(10 << 20), out.v.parray ? out.v.parray->rgsabound[0].cElements : 0);
+
+    // The client's user cannot serve as EchoA: refused at once, not a time-out.
+    EchoSatellite fake, fake2;
+    fake.setUser("cli", "cliPassword012345678");
+    auto t0 = Clock::now();
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake.Connect(server.hostPort().c_str(), "EchoA"));
+    EXPECT_NE(std::string::npos, CabGetLastError().find("Permissions Violation for Subscription")) << CabGetLastError();
+    EXPECT_LT(msSince(t0), 5000);
+    // Nor can another satellite's user, in any queue group.
+    fake2.setUser("Other", "otherPassword012345");
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake2.Connect(server.hostPort().c_str(), "EchoA"));
+
+    natsConnection* snoop = rawConnection(server.url(), "snoop", "snoopPassword0123456");
+    ASSERT_NE(nullptr, snoop);
+    natsSubscription *a = nullptr, *b = nullptr, *c = nullptr;
+    EXPECT_NE("", refusal(snoop, &a, "cab.EchoA.>", "EchoA"));
+    EXPECT_NE("", refusal(snoop, &b, "_INBOX_cli.>", nullptr));
+    EXPECT_NE("", refusal(snoop, &c, ">", nullptr));
+    // While the refused subscriptions stand, the client's traffic reaches none of them.
+    setI4(&in.v, 7);
+    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    natsConnection_FlushTimeout(snoop, 5000);
+    for (natsSubscription* s : {a, b, c}) {
+        int pending = -1;
+        natsSubscription_GetPending(s, &pending, nullptr);
+        EXPECT_EQ(0, pending);
+        natsSubscription_Destroy(s);
+    }
+    natsConnection_Destroy(snoop);
+    EXPECT_FALSE(rawConnection(server.url(), "cli", "wrong-password-xxxx"));
+}
+
+TEST_F(SecurityTest, ARefusedRequestFailsAtOnceWithTheDirectorysText) {
+    CabClient client;
+    client.setUser("narrow", "narrowPassword0123");
+    client.setRequestTimeoutMs(60000);
+    ASSERT_EQ(0, client.Connect(server.hostPort().c_str(), "Narrow")) << CabGetLastError();
+    Var in, out, codes;
+    setI4(&in.v, 1);
+    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    auto t0 = Clock::now();
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, client.Request("Other", "Echo", in.v, &out.v, 0, &codes.v));
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, CabRetcode(codes.v, -1));
+    EXPECT_NE(std::string::npos, CabGetLastError().find("cab.Other.Echo")) << CabGetLastError();
+    EXPECT_LT(msSince(t0), 5000);
+    // The connection stays usable.
+    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+}
+
+TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
+    kivtest::TempDir dir("kivtls");
+    std::string d = dir.path();
+    // A CA, a server certificate for 127.0.0.1 and a client certificate, all signed by the CA.
+    std::string script =
+        "set -e; cd '" + d + "'\n"
+        "gen() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key "
+        "-out $1.csr -subj /CN=$1 2>/dev/null; }\n"
+        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ca.key -out ca.pem "
+        "-days 2 -subj /CN=kiv-test-ca 2>/dev/null\n"
+        "gen server; gen client\n"
+        "echo subjectAltName=IP:127.0.0.1 > server.ext\n"
+        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile server.ext "
+        "-out server.pem 2>/dev/null\n"
+        "openssl x509 -req -in client.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out client.pem "
+        "2>/dev/null\n";
+    int status = -1;
+    std::string log = kivtest::runCommand(script, &status);
+    ASSERT_EQ(0, status) << log;
+    kivtest::NatsServer server(64 * 1024, "tls {\n  cert_file: \"" + d + "/server.pem\"\n  key_file: \"" + d +
+                                              "/server.key\"\n  ca_file: \"" + d + "/ca.pem\"\n  verify: true\n}\n");
+    ASSERT_TRUE(server.start()) << server.error();
+    std::string url = "tls://" + server.hostPort();
+    auto registry = CRegistry::getInstance();
+
+    // Without the CA the server's certificate is not trusted.
+    CabClient client;
+    client.setRequestTimeoutMs(60000);
+    EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient"));
+
+    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.ca", CStdStr(d + "/ca.pem"));
+    EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient")) << "the server wants a client certificate";
+
+    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.cert", CStdStr(d + "/client.pem"));
+    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.key", CStdStr(d + "/client.key"));
+    EchoSatellite echo;
+    ASSERT_EQ(0, echo.Connect(url.c_str(), "EchoA")) << CabGetLastError();
+    ASSERT_EQ(0, client.Connect(url.c_str(), "TlsClient")) << CabGetLastError();
+    Var in, out, codes;
+    setI4(&in.v, 42);
+    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    EXPECT_EQ(0, CabRetcode(codes.v, -1));
+    EXPECT_EQ(42, out.v.lVal);
+    for (const char* k : {"cabDirectory.tls.ca", "cabDirectory.tls.cert", "cabDirectory.tls.key"})
+        registry->WriteSettingImpl(kConfigKey, k, CStdStr(""));
+}
+
+TEST(SecurityRunLocal, RefusesATakenPortAndNeverUsesTheServerOnIt) {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_EQ(0, bind(fd, (sockaddr*)&a, sizeof a));
+    ASSERT_EQ(0, listen(fd, 4));
+    ASSERT_EQ(0, getsockname(fd, (sockaddr*)&a, &len));
+    int port = ntohs(a.sin_port);
+
+    kivtest::TempDir var("kivrun");
+    int status = -1;
+    // No build folder: the script must refuse before it needs any program of ours.
+    std::string out = kivtest::runCommand("KIV_PORT=" + std::to_string(port) + " KIV_VAR='" + var.path() +
+                                              "' KIV_BIN=/nonexistent bash '" + KIV_SOURCE_DIR +
+                                              "/scripts/run-local' 2>&1",
+                                          &status);
+    close(fd);
+    EXPECT_NE(0, status) << out;
+    EXPECT_NE(std::string::npos, out.find("port " + std::to_string(port) + " is taken")) << out;
+    EXPECT_EQ("", kivtest::readFile(var.path() + "/directory/nats-server.pid"));
+}
