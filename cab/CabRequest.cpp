@@ -212,7 +212,7 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     if (!target || !service) return CabFail(CAB_E_INVALID_ARGUMENT, "null satellite or service name");
     if (!cabwire::validName(target)) return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + target + "'");
     if (!cabwire::validName(service)) return CabFail(CAB_E_INVALID_NAME, std::string("service '") + service + "'");
-    if (std::shared_ptr<CabServiceEntry> own = false ? ownService(state, target, service) : nullptr)
+    if (std::shared_ptr<CabServiceEntry> own = ownService(state, target, service))
         return requestInline(state, own, target, in, out);
     std::shared_ptr<CabConnection> conn = state->connection();
     if (!conn || !conn->connected()) return CabFail(CAB_E_NOT_CONNECTED);
