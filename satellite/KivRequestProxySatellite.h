@@ -42,8 +42,19 @@ public:
     int CabServiceGenerateCrash(const char* name, const tagVARIANT& in, tagVARIANT* out);
     int CabServiceZipLogs(const char* name, const tagVARIANT& in, tagVARIANT* out);
 
-    // Thread body of one sub-request of "MultiRequest"; `record` is a MultiRequestRecord.
+    // Runs one sub-request of "MultiRequest"; `record` is a MultiRequestRecord.
     void* threadCabRequest(void* record);
+
+    // "MultiRequest" runs its sub-requests on the handler's own thread plus at
+    // most kMultiRequestThreadsPerGroup - 1 helper threads, drawn from a budget
+    // of kMultiRequestThreadBudget helpers for the whole process. A group that
+    // gets no helper (budget used up, thread creation failed) runs every
+    // sub-request itself, in order. A group of more than
+    // kMultiRequestMaxSubRequests is refused (a CabException, code 403)
+    // before anything is sent.
+    static constexpr int kMultiRequestThreadsPerGroup = 64;
+    static constexpr int kMultiRequestThreadBudget = 1024;
+    static constexpr int kMultiRequestMaxSubRequests = 10000;
 
     // Version report helpers.
     CStdStr GetKivInstallVersion();
@@ -77,7 +88,8 @@ private:
     CKivFileManager m_fileManager;
 };
 
-// One sub-request of "MultiRequest" and its answer; written only by its own thread.
+// One sub-request of "MultiRequest" and its answer; written only by the one
+// thread of the group that took it.
 struct MultiRequestRecord {
     KivRequestProxySatellite* satellite;
     tagVARIANT request;  // [target, service, input]

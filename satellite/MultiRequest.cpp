@@ -1,10 +1,14 @@
 // "MultiRequest": several requests to any satellites' services, forwarded in
-// parallel (one thread each) and answered together, in the order asked.
+// parallel on a bounded set of threads and answered together, in the order
+// asked.
+#include <algorithm>
+#include <atomic>
 #include <exception>
 #include <memory>
 #include <vector>
 
 #include "cab/CabException.h"
+#include "cab/CabInline.h"
 #include "diag/CBBLog.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "variant/CLocalVariant.h"
@@ -12,21 +16,105 @@
 
 namespace {
 
-// Joins every started thread (so their records may be freed) and deletes them.
-void joinAll(std::vector<PThread*>& threads) {
-    for (PThread*& t : threads) {
-        if (!t) continue;
-        t->join();
-        delete t;
-        t = nullptr;
+// Helper threads of all groups now running; lock-free, changed only through
+// takeHelperSlot and releaseHelperSlot.
+std::atomic<int> g_helperThreads{0};
+
+bool takeHelperSlot() {
+    int used = g_helperThreads.load();
+    while (used < KivRequestProxySatellite::kMultiRequestThreadBudget)
+        if (g_helperThreads.compare_exchange_weak(used, used + 1)) return true;
+    return false;
+}
+
+void releaseHelperSlot() { g_helperThreads.fetch_sub(1); }
+
+// One grouped request in progress. The handler's thread and its helpers take
+// the sub-requests one by one in input order until none is left; each writes
+// only the records it took.
+struct MultiRequestGroup {
+    KivRequestProxySatellite* satellite;
+    std::vector<MultiRequestRecord>* records;
+    std::atomic<size_t> next{0};  // the next sub-request to take; lock-free
+    int inlineDepth;              // the handler thread's, carried over to the helpers
+};
+
+void runSubRequests(MultiRequestGroup& group) {
+    for (;;) {
+        size_t i = group.next.fetch_add(1);
+        if (i >= group.records->size()) return;
+        MultiRequestRecord& record = (*group.records)[i];
+        try {
+            group.satellite->threadCabRequest(&record);
+        } catch (...) {
+            // threadCabRequest lets only exotic exceptions through; the answer
+            // keeps its two empty values.
+            CBBLog::warn("threadCabRequest exception");
+        }
+        VariantClear(&record.request);  // done with it: free the copy early
     }
 }
 
-void clearRecords(std::vector<MultiRequestRecord>& records) {
-    for (MultiRequestRecord& r : records) {
-        VariantClear(&r.request);
-        VariantClear(&r.answer);
+void* helperThread(void* p) {
+    MultiRequestGroup& group = *static_cast<MultiRequestGroup*>(p);
+    CabInlineDepthScope depth(group.inlineDepth);
+    runSubRequests(group);
+    return nullptr;
+}
+
+// The helper threads of one group; the destructor joins them (so that the
+// records may go) and returns their slots to the process-wide budget.
+class HelperThreads {
+public:
+    ~HelperThreads() {
+        for (std::unique_ptr<PThread>& t : m_threads) {
+            t->join();
+            releaseHelperSlot();
+        }
     }
+
+    // Starts up to `count` helpers; fewer when the budget is used up or a
+    // thread cannot be created. The group then simply has fewer hands.
+    void start(MultiRequestGroup& group, int count) {
+        for (int i = 0; i < count && takeHelperSlot(); ++i) {
+            std::unique_ptr<PThread> t(new PThread);
+            try {
+                t->init(nullptr, new PThreadDelegateFunction(&helperThread), &group);
+            } catch (const std::exception& e) {
+                releaseHelperSlot();
+                CBBLog::warn("MultiRequest runs with %d of %d helper threads: %s", i, count, e.what());
+                return;
+            }
+            m_threads.push_back(std::move(t));
+        }
+    }
+
+private:
+    std::vector<std::unique_ptr<PThread>> m_threads;
+};
+
+// Frees the records' variants however the handler ends.
+struct RecordsGuard {
+    std::vector<MultiRequestRecord>& records;
+    ~RecordsGuard() {
+        for (MultiRequestRecord& r : records) {
+            VariantClear(&r.request);
+            VariantClear(&r.answer);
+        }
+    }
+};
+
+// Moves each record's answer into `out` (an array of as many variants).
+void moveAnswers(std::vector<MultiRequestRecord>& records, tagVARIANT& out) {
+    tagVARIANT* slots = nullptr;
+    if (SafeArrayAccessData(out.parray, reinterpret_cast<void**>(&slots)) != S_OK || !slots)
+        throw CabException("MultiRequest: the answer array cannot be filled", 8);
+    for (size_t i = 0; i < records.size(); ++i) {
+        VariantClear(&slots[i]);
+        slots[i] = records[i].answer;
+        VariantInit(&records[i].answer);
+    }
+    SafeArrayUnaccessData(out.parray);
 }
 
 }  // namespace
@@ -34,6 +122,12 @@ void clearRecords(std::vector<MultiRequestRecord>& records) {
 int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIANT& in, tagVARIANT* out) {
     int n = VUtil::GetArrayLength(in);
     if (n < 1) return -1;
+    if (n > kMultiRequestMaxSubRequests) {
+        CStdStr why;
+        why.Format("MultiRequest of %d sub-requests refused: at most %d", n, kMultiRequestMaxSubRequests);
+        CBBLog::warn("%s", why.c_str());
+        throw CabException(why.c_str(), 403);
+    }
     CBBLog::debug("Multirequest (%d)", n);
 
     std::vector<MultiRequestRecord> records(static_cast<size_t>(n));
@@ -42,39 +136,30 @@ int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIA
         VariantInit(&r.request);
         VariantInit(&r.answer);
     }
-    std::vector<PThread*> threads(static_cast<size_t>(n), nullptr);
+    RecordsGuard recordsGuard{records};
     try {
         VUtil::CreateArray(*out, VT_VARIANT, static_cast<unsigned long>(n));
-        for (int i = 0; i < n; ++i) {
-            VUtil::GetElement(in, i, records[i].request);
-            threads[i] = new PThread;
-            threads[i]->init(nullptr,
-                             new PThreadDelegateMember<KivRequestProxySatellite>(
-                                 this, &KivRequestProxySatellite::threadCabRequest),
-                             &records[i]);
+        for (int i = 0; i < n; ++i) VUtil::GetElement(in, i, records[i].request);
+
+        MultiRequestGroup group;
+        group.satellite = this;
+        group.records = &records;
+        group.inlineDepth = CabInlineDepth();
+        {
+            HelperThreads helpers;  // joined before the group goes
+            helpers.start(group, std::min(n, kMultiRequestThreadsPerGroup) - 1);
+            CBBLog::debug("Waiting for requests");
+            runSubRequests(group);  // this thread works too, so the group always moves on
         }
-        CBBLog::debug("Waiting for requests");
-        joinAll(threads);
         CBBLog::debug("Building multirequest outparams");
-        for (int i = 0; i < n; ++i) VUtil::PutElement(*out, i, records[i].answer);
-        clearRecords(records);
+        moveAnswers(records, *out);
         return 0;
     } catch (char* text) {
-        joinAll(threads);
-        clearRecords(records);
         CBBLog::warn("MakeGroupedRequest exception: %s", text ? text : "");
         return 1;
     } catch (const char* text) {
-        joinAll(threads);
-        clearRecords(records);
         CBBLog::warn("MakeGroupedRequest exception: %s", text ? text : "");
         return 1;
-    } catch (...) {
-        // Threads already started still use their records: let them finish
-        // before the records go, then let the failure leave the handler.
-        joinAll(threads);
-        clearRecords(records);
-        throw;
     }
 }
 
