@@ -8,6 +8,10 @@
 #include "cab/CabSatellite.h"
 #include "cab/CabStatus.h"
 
+namespace {
+const int kCloseFlushMs = 2000;  // a safety net: the round trip takes a millisecond
+}  // namespace
+
 struct timespec cabDeadline(int64_t ms) {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
@@ -141,6 +145,10 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
 
 void CabConnection::close() {
     setStateListener(nullptr);
+    // A round trip first: the directory then holds every answer we published.
+    // Closing a socket that still has unread input resets it, and whatever of
+    // ours the kernel had not yet sent would be lost.
+    if (connected()) natsConnection_FlushTimeout(m_nc, kCloseFlushMs);
     if (m_nc) natsConnection_Close(m_nc);
     failAll(CAB_E_NOT_CONNECTED);
 }
