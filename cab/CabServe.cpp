@@ -57,7 +57,11 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
         natsMsg_Destroy(msg);
         return;
     }
-    std::string proto = cabwire::header(msg, cabwire::kProto);
+    // Exactly "1": read raw, before the client library trims the value.
+    std::string proto;
+    bool present = false;
+    if (!cabwire::rawHeader(msg, cabwire::kProto, &proto, &present)) proto = cabwire::header(msg, cabwire::kProto);
+    else if (!present) proto.clear();
     int64_t flags = 0;
     std::string why;
     if (proto != cabwire::kProtoVersion) {

@@ -42,6 +42,53 @@ std::string header(natsMsg* msg, const char* key) {
     return v;
 }
 
+namespace {
+
+// The front of the NATS C client's message record (3.x), used only to find
+// the raw header block. Every field that can be checked against the public
+// accessors is checked before the block is read.
+struct NatsMsgFront {
+    void* gcNext;
+    void* gcFree;
+    const char* subject;
+    const char* reply;
+    const char* hdr;
+    void* headers;
+    const char* data;
+    int dataLen;
+    int hdrLen;
+};
+
+}  // namespace
+
+bool rawHeader(natsMsg* msg, const char* key, std::string* value, bool* present) {
+    const NatsMsgFront* f = reinterpret_cast<const NatsMsgFront*>(msg);
+    *present = false;
+    if (f->subject != natsMsg_GetSubject(msg) || f->reply != natsMsg_GetReply(msg) ||
+        f->data != natsMsg_GetData(msg) || f->dataLen != natsMsg_GetDataLength(msg))
+        return false;
+    if (!f->hdr || f->hdrLen <= 0) return f->headers == nullptr;  // no headers at all
+    // The block lies just before the payload (after its terminating NUL) and is not lifted yet.
+    if (f->headers != nullptr || (f->hdr + f->hdrLen != f->data && f->hdr + f->hdrLen + 1 != f->data)) return false;
+    std::string block(f->hdr, (size_t)f->hdrLen);
+    if (block.compare(0, 8, "NATS/1.0") != 0) return false;
+    size_t keyLen = strlen(key);
+    for (size_t at = block.find("\r\n"); at != std::string::npos && at + 2 < block.size();) {
+        size_t line = at + 2;
+        size_t end = block.find("\r\n", line);
+        if (end == std::string::npos) break;
+        if (end - line > keyLen && block.compare(line, keyLen, key) == 0 && block[line + keyLen] == ':') {
+            size_t v = line + keyLen + 1;
+            if (v < end && block[v] == ' ') ++v;  // the one blank that separates key and value
+            if (*present) return false;           // given twice: let header() decide
+            *present = true;
+            *value = block.substr(v, end - v);
+        }
+        at = end;
+    }
+    return true;
+}
+
 bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t* value) {
     const char* v = nullptr;
     if (natsMsgHeader_Get(msg, key, &v) != NATS_OK || !v || !*v) return false;

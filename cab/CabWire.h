@@ -35,6 +35,11 @@ std::string serviceSubject(const std::string& satellite, const std::string& serv
 
 // Header value or "" when absent.
 std::string header(natsMsg* msg, const char* key);
+// The value of `key` exactly as it came over the wire (the client library
+// trims blanks from what header() returns). Call it before any other header
+// access on a received message: that access rewrites the raw block. False
+// when the raw block cannot be read; then only header() can tell.
+bool rawHeader(natsMsg* msg, const char* key, std::string* value, bool* present);
 // Parses a decimal header; false when absent or not a number in [min, max].
 bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t* value);
 

@@ -142,6 +142,8 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     } cases[] = {
         {nullptr, "", "missing Cab-Proto"},
         {"2", "", "unsupported Cab-Proto"},
+        {"1 ", "", "unsupported Cab-Proto"},
+        {" 1", "", "unsupported Cab-Proto"},
         {"1", std::string("\xff\xff\xff\xff garbage", 12), "request payload"},
     };
     for (const Case& c : cases) {
