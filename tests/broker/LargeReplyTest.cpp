@@ -12,6 +12,7 @@
 #include <string>
 
 #include "tests/broker/BrokerTestFixture.h"
+#include "tests/support/ProcStatus.h"
 
 namespace {
 
@@ -22,13 +23,7 @@ const int64_t kSize = 1ll << 30;
 #endif
 
 // A /proc/PID/status field in KiB, -1 when absent.
-int64_t statusKiB(pid_t pid, const char* field) {
-    std::ifstream f("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(f, line))
-        if (line.rfind(field, 0) == 0) return atoll(line.c_str() + strlen(field) + 1);
-    return -1;
-}
+using kivtest::statusKiB;
 
 class EchoProcess {
 public:
