@@ -1,5 +1,6 @@
 #include "host/KivFolders.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -49,7 +50,13 @@ bool CreateFolders(const CStdStr& folder) {
         CStdStr part = path.substr(0, pos);
         mode_t mode = pos == path.size() ? leafMode : 0755;
         if (mkdir(part.c_str(), mode) == 0) {
-            chmod(part.c_str(), mode);  // mkdir took the umask off
+            // mkdir took the umask off. Set the mode through a descriptor of
+            // the folder itself, so a link swapped in meanwhile is not followed.
+            int fd = open(part.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (fd >= 0) {
+                fchmod(fd, mode);
+                close(fd);
+            }
         } else if (errno != EEXIST) {
             return false;
         }
