@@ -86,24 +86,36 @@ TEST_F(ArchiveProxyTest, CreateZipFetchAndDelete) {
     EXPECT_NE(log.find("Creating zip of 2 files (300011 -> "), std::string::npos);
 }
 
-// SIGTERM while an archive is still being written: the proxy stops at once
-// and the unfinished archive is removed.
-TEST_F(ArchiveProxyTest, StopAbandonsAnArchiveBeingWritten) {
+// An archive still being written when the proxy ends: SIGTERM stops the
+// proxy at once and removes it; after SIGKILL the next start removes it.
+TEST_F(ArchiveProxyTest, ArchivesBeingWrittenAreRemovedAtStopAndAfterAKill) {
     const std::string huge = dir.file("huge.bin");  // 8 GiB of zeros, sparse: minutes of deflating
     kivtest::writeFile(huge, "");
     ASSERT_EQ(truncate(huge.c_str(), 8LL << 30), 0);
-    CLocalVariant in, out;
-    archivetest::createZipInput(in.get(), {huge});
-    ASSERT_EQ(call("CreateZip", in.get(), out.ptr()), 0) << proxyOutput();
-    const std::string zip = VUtil::GetStringElement(out.get(), 0);
-    EXPECT_TRUE(fs::exists(zip)) << "still being written after the 5 s wait";
+    auto startArchive = [&]() {
+        CLocalVariant in, out;
+        archivetest::createZipInput(in.get(), {huge});
+        EXPECT_EQ(call("CreateZip", in.get(), out.ptr()), 0) << proxyOutput();
+        const std::string zip = VUtil::GetStringElement(out.get(), 0);
+        EXPECT_TRUE(fs::exists(zip)) << "still being written after the 5 s wait";
+        return zip;
+    };
 
+    const std::string killed = startArchive();
+    EXPECT_EQ(stopProxy(SIGKILL), -1);
+    EXPECT_TRUE(fs::exists(killed));
+    startProxy();
+    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
+    EXPECT_FALSE(fs::exists(killed)) << "removed at start, before serving";
+
+    const std::string stopped = startArchive();
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(stopProxy(SIGTERM), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(7));
-    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_FALSE(fs::exists(stopped));
     std::string log = kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
-    EXPECT_NE(log.find("Archive " + zip + " abandoned; its file was removed"), std::string::npos) << log;
+    EXPECT_NE(log.find("Archive " + stopped + " abandoned; its file was removed"), std::string::npos);
+    EXPECT_NE(log.find("Removed " + killed + ", an archive left unfinished by an earlier run"), std::string::npos);
 }
 
 TEST_F(ArchiveProxyTest, KivctlZipAndLogs) {
