@@ -1,10 +1,10 @@
 // Process-wide bookkeeping of archive threads: how many each satellite has
 // running, and one condition broadcast whenever an archive is complete (used
-// by waitForPendingArchive, which re-checks the satellite's pending map after
+// by waitForPendingArchive, which re-checks the satellite's job table after
 // each wake-up instead of touching a record that may already be freed).
 //
-// Lock order: ArchiveThreads' mutex, then a satellite's m_zipJobs lock; a
-// record's `completion` may be held while taking m_zipJobs, never the reverse.
+// Lock order: ArchiveThreads' mutex, then a satellite's job table lock; a
+// record's `completion` may be held while taking the table's, never the reverse.
 #pragma once
 
 #include <ctime>
