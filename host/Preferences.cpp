@@ -172,8 +172,9 @@ public:
             std::lock_guard<std::mutex> hold(m_lock);
             Entry& e = entry(path);
             kept = e.contents;
-            report = !e.reported;
-            e.reported = true;
+            // A caller that takes the reason and gets no values reports it itself.
+            report = !e.reported && (kept || !error);
+            if (report) e.reported = true;
         }
         if (report)  // outside the lock: standard error may be slow
             fprintf(stderr, "settings: %s; refused, %s\n", reason.c_str(),
