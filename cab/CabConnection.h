@@ -98,6 +98,8 @@ public:
     // Fails every mailbox waiting for an answer from `subject` (the directory
     // refused the request, for one).
     void failRequestsTo(const std::string& subject, int status, const std::string& text);
+    // Fails every open mailbox with `status`.
+    void failAll(int status);
 
     // After a flush: the directory's text when it refused one of `subjects`
     // to this connection's user (a permission violation), else "".
@@ -131,7 +133,6 @@ private:
     // requests sent to that subject, a refused subscription is remembered.
     static void onError(natsConnection*, natsSubscription*, natsStatus err, void* closure);
     void notify(int state);
-    void failAll(int status);
     natsSubscription* track(natsSubscription* sub);
 
     natsConnection* m_nc = nullptr;  // set in open(), destroyed in the destructor

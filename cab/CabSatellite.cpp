@@ -1,6 +1,7 @@
 // CabSatellite: connection, service table and registration.
 #include "cab/CabSatellite.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <ctime>
 #include <random>
@@ -14,6 +15,7 @@ namespace {
 
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 const int kDrainTimeoutMs = 10000;  // only a safety net: draining takes one round trip
+const int kDefaultGraceMs = 5000;   // handlers get this long to finish when the satellite leaves
 
 std::string randomId() {
     static const char digits[] = "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
@@ -78,6 +80,15 @@ std::vector<natsSubscription*> takeSubscriptions(CabSatelliteState* state, bool 
     return subs;
 }
 
+// Keeps a worker pool whose threads outlived Disconnect for as long as the
+// process: they still use it when their handlers end.
+void keepForever(const std::shared_ptr<CabWorkerPool>& pool) {
+    static PMutex* lock = new PMutex;  // guards *kept
+    static auto* kept = new std::vector<std::shared_ptr<CabWorkerPool>>;
+    PLockGuard guard(*lock);
+    kept->push_back(pool);
+}
+
 }  // namespace
 
 // ---- settings
@@ -121,6 +132,28 @@ std::shared_ptr<CabServiceEntry> CabSatelliteState::findService(const std::strin
     for (const auto& e : services)
         if (e->name == service) return e;
     return nullptr;
+}
+
+uint64_t CabSatelliteState::admit(const std::string& replyTo) {
+    if (replyTo.empty()) return 0;
+    PLockGuard guard(inflightLock);
+    uint64_t serial = nextServe++;
+    inflight[serial] = replyTo;
+    return serial;
+}
+
+bool CabSatelliteState::claim(uint64_t serial) {
+    if (!serial) return true;
+    PLockGuard guard(inflightLock);
+    return inflight.erase(serial) == 1;
+}
+
+std::vector<std::string> CabSatelliteState::claimAll() {
+    std::vector<std::string> replies;
+    PLockGuard guard(inflightLock);
+    for (auto& kv : inflight) replies.push_back(kv.second);
+    inflight.clear();
+    return replies;
 }
 
 void CabServiceEntry::record(int64_t ns, const std::string* error) {
@@ -280,15 +313,19 @@ int CabSatellite::RegisterServices() {
         subjects.push_back(subject);
         natsSubscription* sub = conn->subscribe(subject, name, [wstate, wconn, wpool, e](natsMsg* msg) {
             std::shared_ptr<CabWorkerPool> p = wpool.lock();
-            bool queued = p && p->submit([wstate, wconn, e, msg]() {
+            std::shared_ptr<CabSatelliteState> admitting = wstate.lock();
+            const char* reply = natsMsg_GetReply(msg);
+            uint64_t serial = admitting && reply ? admitting->admit(reply) : 0;
+            bool queued = p && p->submit([wstate, wconn, e, msg, serial]() {
                 std::shared_ptr<CabSatelliteState> st = wstate.lock();
                 std::shared_ptr<CabConnection> c = wconn.lock();
                 if (!st || !c) {
                     natsMsg_Destroy(msg);
                     return;
                 }
-                cabServe(st.get(), c, e, msg);
+                cabServe(st.get(), c, e, msg, serial);
             });
+            if (!queued && admitting) admitting->claim(serial);
             if (!queued) {
                 cablog::log(LOGLEVEL_WARN, "Request for %s dropped: the satellite is shutting down", e->name.c_str());
                 natsMsg_Destroy(msg);
@@ -345,20 +382,23 @@ int CabSatellite::UnregisterServices(bool forget) {
     return 0;
 }
 
-void CabSatellite::DrainServices() {
+void CabSatellite::DrainServices(int timeoutMs) {
     std::shared_ptr<CabConnection> conn;
     std::vector<natsSubscription*> subs = takeSubscriptions(m_state.get(), false, &conn);
     // A request the directory routed here before it saw us leave is still
     // served: dropping it would leave its requester waiting for the time-out.
     if (conn && conn->connected()) {
-        conn->drain(subs, kDrainTimeoutMs);
+        conn->drain(subs, timeoutMs);
     } else if (conn) {
         for (natsSubscription* s : subs) conn->unsubscribe(s);
     }
 }
 
 int CabSatellite::Disconnect() {
-    DrainServices();
+    int graceMs = cabsettings::integer("cabDirectory.shutdownGraceMs", kDefaultGraceMs);
+    if (graceMs < 0) graceMs = kDefaultGraceMs;
+    struct timespec deadline = cabDeadline(graceMs);
+    DrainServices(std::min(graceMs, kDrainTimeoutMs));
     std::shared_ptr<CabConnection> conn;
     std::shared_ptr<CabWorkerPool> pool;
     std::string name;
@@ -369,16 +409,38 @@ int CabSatellite::Disconnect() {
         name = m_state->name;
     }
     if (!conn) return 0;
-    if (pool) pool->stop();  // running and queued handlers finish
+    // Running and queued handlers finish, within the grace.
+    bool finished = !pool || pool->stopUntil(deadline);
     std::shared_ptr<CabTransfers> transfers;
     {
         PLockGuard guard(m_state->lock);
         transfers.swap(m_state->transfers);
     }
+    if (!finished) {
+        // Requests a handler still waits for end now, and whoever is still
+        // waiting for us hears that we are leaving instead of timing out.
+        conn->failAll(CAB_E_CANCELLED);
+        std::vector<std::string> replies = m_state->claimAll();
+        for (const std::string& r : replies)
+            if (transfers) transfers->send(r, CAB_E_CANCELLED, "the satellite is shutting down", 0, nullptr);
+        int stuck = pool->liveCount();
+        {
+            PLockGuard guard(m_state->inflightLock);
+            m_state->stuckHandlers = stuck;
+        }
+        cablog::log(LOGLEVEL_WARN, "%s: %d handlers still running after %d ms; %d requests answered with %s",
+                    name.c_str(), stuck, graceMs, (int)replies.size(), CabStatusName(CAB_E_CANCELLED));
+        keepForever(pool);
+    }
     if (transfers) transfers->abandonAll("the satellite is leaving");
     conn->close();
     cablog::log(LOGLEVEL_INFO, "Disconnected %s from the directory", name.c_str());
     return 0;
+}
+
+int CabSatellite::handlersStillRunning() const {
+    PLockGuard guard(m_state->inflightLock);
+    return m_state->stuckHandlers;
 }
 
 int CabSatellite::AddService(const char* name, const char* description, CabSatelliteDelegateGeneric* handler) {

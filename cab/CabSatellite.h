@@ -101,9 +101,16 @@ public:
     virtual int Connect(const char* host, const char* name);
     // Same as Connect (the user comes from setUser or the settings).
     virtual int ConnectUser(const char* host, const char* name);
-    // Stops serving (in-flight handlers finish), fails waiting requests with
-    // CAB_E_NOT_CONNECTED and closes the connection. Safe to call twice.
+    // Stops serving and closes the connection. Handlers running or queued get
+    // "cabDirectory.shutdownGraceMs" (default 5000) to finish; at that point
+    // every request not yet answered is answered with CAB_E_CANCELLED,
+    // requests the handlers wait for fail with CAB_E_CANCELLED, and handlers
+    // still running are left to end on their own (see handlersStillRunning).
+    // Waiting requests of this client fail with CAB_E_NOT_CONNECTED. Safe to call twice.
     virtual int Disconnect();
+    // Handlers the last Disconnect left running: until they end, the object
+    // they run on must not be destroyed (a process exits instead).
+    int handlersStillRunning() const;
     virtual int Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
                         CABFLAGS flags, tagVARIANT* retcodes);
     // Asks the directory at host:port whether satellite `name` answers a
@@ -163,7 +170,7 @@ public:
 private:
     // Stops listening for every service; requests already routed here are
     // still handed to the worker pool (Disconnect then lets them finish).
-    void DrainServices();
+    void DrainServices(int timeoutMs);
 
     std::shared_ptr<CabSatelliteState> m_state;
 };

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,6 +60,19 @@ struct CabSatelliteState {
 
     std::atomic<int> nextRequestId{1};
 
+    // Requests accepted and not yet answered, so that a satellite leaving
+    // before its handlers end can still answer each of them exactly once.
+    PMutex inflightLock;                           // guards the three below
+    std::map<uint64_t, std::string> inflight;      // inflightLock: reply subjects by serial
+    uint64_t nextServe = 1;                        // inflightLock
+    int stuckHandlers = 0;                         // inflightLock: still running when Disconnect gave up on them
+    // A serial for a request answering to `replyTo`; 0 when it has none.
+    uint64_t admit(const std::string& replyTo);
+    // True exactly once per serial: the caller answers the request.
+    bool claim(uint64_t serial);
+    // Claims every request still unanswered; their reply subjects.
+    std::vector<std::string> claimAll();
+
     std::shared_ptr<CabConnection> connection() const;
     std::shared_ptr<CabTransfers> transferTable() const;
     int requestTimeoutMs() const;
@@ -91,8 +105,9 @@ private:
 };
 CabServeContext* cabCurrentServeContext();
 
-// Serves one request message on a worker thread (CabServe.cpp).
+// Serves one request message on a worker thread (CabServe.cpp); `serial`
+// is what admit() gave it.
 void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
-              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg);
+              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg, uint64_t serial);
 // Answers a "$SRV" discovery request (CabDiscovery.cpp).
 void cabAnswerDiscovery(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn, natsMsg* msg);

@@ -41,7 +41,7 @@ bool CabSatellite::AnswerWithFileRange(int fd, uint64_t offset, uint64_t length)
 }
 
 void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
-              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg) {
+              const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg, uint64_t serial) {
     int64_t start = nowNs();
     const char* reply = natsMsg_GetReply(msg);
     if (!reply || !*reply) {
@@ -53,7 +53,7 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
     }
     std::string replyTo = reply;
     std::shared_ptr<CabTransfers> transfers = state->transferTable();
-    if (!transfers) {  // the satellite left while this request waited for a worker
+    if (!transfers) {  // the satellite left while this request waited for a worker (and answered it)
         natsMsg_Destroy(msg);
         return;
     }
@@ -79,7 +79,7 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
     }
     natsMsg_Destroy(msg);
     if (!why.empty()) {
-        refuse(transfers.get(), entry, replyTo, why);
+        if (state->claim(serial)) refuse(transfers.get(), entry, replyTo, why);
         return;
     }
 
@@ -128,5 +128,10 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
         }
     }
     VariantClear(&out);
+    if (!state->claim(serial)) {
+        cablog::log(LOGLEVEL_WARN, "Answer of %s dropped: the request was already answered with %s at shutdown",
+                    entry->name.c_str(), CabStatusName(CAB_E_CANCELLED));
+        return;
+    }
     transfers->send(replyTo, status, error, errorCode, std::move(answer));
 }

@@ -25,9 +25,11 @@ bool CabWorkerPool::startThreadLocked() {
     if ((int)m_threads.size() >= m_cap) return true;  // the job queues
     std::unique_ptr<PThread> t(new PThread);
     try {
+        ++m_live;  // before the thread can run (and end)
         t->init(nullptr, new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run), nullptr);
         m_threads.push_back(std::move(t));
     } catch (const std::exception& e) {
+        --m_live;
         // The job stays queued; an existing worker picks it up.
         cablog::log(LOGLEVEL_ERROR, "Worker thread not started (%s); %d running", e.what(), (int)m_threads.size());
         if (m_threads.empty()) {
@@ -57,19 +59,43 @@ void* CabWorkerPool::run(void*) {
         }
         m_lock.lock();
     }
+    --m_live;
+    m_lock.broadcast();  // stopUntil waits for the last one
     m_lock.unlock();
     return nullptr;
 }
 
 void CabWorkerPool::stop() {
+    struct timespec never = {0, 0};
+    stopUntil(never);
+}
+
+bool CabWorkerPool::stopUntil(const struct timespec& deadline) {
+    bool forever = deadline.tv_sec == 0 && deadline.tv_nsec == 0;
     std::vector<std::unique_ptr<PThread>> threads;
     {
         PLockGuard guard(m_lock);
         m_stopping = true;
         m_lock.broadcast();
+        while (m_live > 0) {
+            if (forever) m_lock.wait();
+            else if (!m_lock.waitUntil(deadline)) break;
+        }
+        if (m_live > 0) {
+            // The busy ones finish on their own: a PThread destroyed unjoined
+            // detaches its thread.
+            m_threads.clear();
+            return false;
+        }
         threads.swap(m_threads);
     }
     for (auto& t : threads) t->join();
+    return true;
+}
+
+int CabWorkerPool::liveCount() {
+    PLockGuard guard(m_lock);
+    return m_live;
 }
 
 int CabWorkerPool::idleCount() {

@@ -2,7 +2,9 @@
 // thread while fewer than `cap` threads exist: the pool starts a new one when
 // none is idle; beyond the cap jobs queue in order. Idle threads stay for
 // reuse. stop() lets running and queued jobs finish, then joins every thread;
-// submit() after stop() refuses the job (returns false).
+// stopUntil() does the same but gives up at a deadline, leaving the threads
+// still busy to finish on their own (the pool must then outlive them);
+// submit() after either refuses the job (returns false).
 #pragma once
 
 #include <deque>
@@ -21,6 +23,11 @@ public:
 
     bool submit(std::function<void()> job);
     void stop();
+    // True when every thread ended before `deadline` (CLOCK_REALTIME), and
+    // then joined them; false when some were still busy.
+    bool stopUntil(const struct timespec& deadline);
+    // Threads still running (busy or idle).
+    int liveCount();
     int threadCount();
     // Threads waiting for work.
     int idleCount();
@@ -36,5 +43,6 @@ private:
     std::deque<std::function<void()>> m_jobs;    // m_lock
     std::vector<std::unique_ptr<PThread>> m_threads;  // m_lock
     int m_idle = 0;                              // m_lock
+    int m_live = 0;                              // m_lock: threads whose run() has not returned
     bool m_stopping = false;                     // m_lock
 };

@@ -127,7 +127,9 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     natsSubscription_Destroy(inbox);
     natsConnection_Destroy(nc);
     for (int i = 0; i <= kTransfers; ++i)
-        if (!creditTo[i].empty()) ASSERT_TRUE(waitForLog("greedy.inbox." + std::to_string(i) + " abandoned")) << proxyLog();
+        if (!creditTo[i].empty()) {
+            ASSERT_TRUE(waitForLog("greedy.inbox." + std::to_string(i) + " abandoned")) << proxyLog();
+        }
     EXPECT_NE(proxyLog().find("no credit for 1500 ms"), std::string::npos);
 #ifndef KIV_SANITIZED
     int64_t after = kivtest::statusKiB(proxy.pid(), "VmRSS:");

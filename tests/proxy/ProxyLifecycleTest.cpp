@@ -1,6 +1,9 @@
 // Start and stop of the real process, and the service table it publishes.
 #include <signal.h>
 
+#include <chrono>
+#include <thread>
+
 #include <nlohmann/json.hpp>
 
 #include "host/CRegistry.h"
@@ -61,4 +64,26 @@ TEST_F(ProxyTest, PublishesTheElevenServicesInOrderWithTheirDescriptions) {
         EXPECT_EQ(endpoints[i]["subject"], "cab.VorpaMediaProxy." + expected[i].first) << i;
     }
     EXPECT_EQ(stopProxy(SIGTERM), 0);
+}
+
+TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
+                                                           "cabDirectory.shutdownGraceMs", 1000));
+    startProxy();
+    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
+    int status = 0;
+    std::thread requester([&] {
+        CLocalVariant out;
+        status = call("MultiRequest", R"([["EchoA", "Sleep", 20000]])", out.ptr());
+    });
+    // The sub-request is on its way once the proxy logs it.
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (proxyOutput().find("Request Sleep...") == std::string::npos && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    requester.join();
+    EXPECT_LT(seconds, 3.0) << "the grace is 1 s, and the process has 2 s more";
+    EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
 }

@@ -1,6 +1,8 @@
 // KivRequestProxyModule: the module "KivRequestProxy". init() starts the
 // "VorpaMediaProxy" satellite and succeeds when it registered; close() (and
-// the destructor) delete it. Calling close() twice is harmless.
+// the destructor) stop it within the satellite's shutdown grace and delete it,
+// or end the process with status 0 when handlers outlive the grace. Calling
+// close() twice is harmless.
 #pragma once
 
 #include "satellite/KivRequestProxySatellite.h"
