@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "cab/CabStatus.h"
 #include "tests/archives/ArchiveTestSupport.h"
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/TempDir.h"
@@ -104,6 +105,14 @@ TEST_F(ArchiveProxyTest, ArchivesBeingWrittenAreRemovedAtStopAndAfterAKill) {
     const std::string killed = startArchive();
     EXPECT_EQ(stopProxy(SIGKILL), -1);
     EXPECT_TRUE(fs::exists(killed));
+    // Until the directory has seen the killed proxy's connection close, a
+    // request may still be routed to it and wait out its time-out.
+    client->setRequestTimeoutMs(1000);
+    const auto forgotten = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    CLocalVariant none, ignored;
+    while (call("GetKivConfig", none.get(), ignored.ptr()) != CAB_E_NO_SUCH_SERVICE)
+        ASSERT_LT(std::chrono::steady_clock::now(), forgotten);
+    client->setRequestTimeoutMs(60000);
     startProxy();
     ASSERT_TRUE(waitUntilServing()) << proxyOutput();
     EXPECT_FALSE(fs::exists(killed)) << "removed at start, before serving";
