@@ -106,6 +106,16 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
     for (int64_t expect = 0;;) {
         int64_t index = -1;
         int len = natsMsg_GetDataLength(m);
+        int64_t stopped = 0;
+        if (len == 0 && total > 0 && cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) &&
+            index == expect && cabwire::headerInt(m, cabwire::kStatus, INT32_MIN, INT32_MAX, &stopped)) {
+            // The responder could not go on and says why.
+            std::string why = cabwire::header(m, cabwire::kError);
+            natsMsg_Destroy(m);
+            return CabFail(stopped ? (int)stopped : CAB_E_MALFORMED,
+                           "the answer stopped at part " + std::to_string(expect) + " of " + std::to_string(parts) +
+                               (why.empty() ? std::string() : ": " + why));
+        }
         if (!cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) || index != expect || len > total - offset ||
             (len == 0 && total > 0)) {
             natsMsg_Destroy(m);

@@ -2,7 +2,8 @@
 // credit and then go away. The proxy holds only each answer's window, keeps
 // its workers free, cannot be cancelled by a guessed credit subject, and frees
 // everything once the credit time-out has passed. Past the bytes that answers
-// may hold together, a further answer is refused with CAB_E_BUSY.
+// may hold together, a further answer is refused with CAB_E_BUSY; a file that
+// shrinks while it is sent ends its transfer at once.
 #include <fcntl.h>
 #include <nats/nats.h>
 #include <unistd.h>
@@ -135,6 +136,42 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     int64_t after = kivtest::statusKiB(proxy.pid(), "VmRSS:");
     EXPECT_LT(after - idle, 64 * kMiB) << "idle " << idle << " KiB, after " << after << " KiB";
 #endif
+
+    // A file that shrinks while it is sent ends its transfer with an empty part
+    // that says why, instead of leaving the requester to time out.
+    std::string shrinking = media.file("shrinking.bin");
+    kivtest::writeFile(shrinking, std::string(12 << 20, 'x'));
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
+    natsSubscription* shrinkInbox = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&shrinkInbox, nc, "shrink.inbox"));
+    CLocalVariant shrinkIn;
+    VUtil::CreateArray(shrinkIn.get(), VT_VARIANT, 1);
+    VUtil::PutElement(shrinkIn.get(), 0, CStdStr(shrinking));
+    std::string shrinkPayload = Cab1Encoding(shrinkIn.get()).str();
+    natsMsg* request = nullptr;
+    natsMsg_Create(&request, "cab.VorpaMediaProxy.GetFile", "shrink.inbox", shrinkPayload.data(),
+                   (int)shrinkPayload.size());
+    natsMsgHeader_Set(request, "Cab-Proto", "1");
+    ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, request));
+    natsMsg_Destroy(request);
+    std::string shrinkCredit;
+    for (int i = 0; i < 8; ++i) {
+        natsMsg* m = nullptr;
+        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&m, shrinkInbox, 60000));
+        if (i == 0) shrinkCredit = header(m, "Cab-Credit-To");
+        natsMsg_Destroy(m);
+    }
+    ASSERT_EQ(0, truncate(shrinking.c_str(), 0));
+    publishControl(nc, shrinkCredit, "Cab-Received", "8");
+    natsMsg* stop = nullptr;
+    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&stop, shrinkInbox, 60000));
+    EXPECT_EQ("8", header(stop, "Cab-Part"));
+    EXPECT_EQ(0, natsMsg_GetDataLength(stop));
+    EXPECT_EQ("1", header(stop, "Cab-Status"));
+    EXPECT_NE(std::string::npos, header(stop, "Cab-Error").find("shrank")) << header(stop, "Cab-Error");
+    natsMsg_Destroy(stop);
+    natsSubscription_Destroy(shrinkInbox);
+    natsConnection_Destroy(nc);
 }
 
 }  // namespace
