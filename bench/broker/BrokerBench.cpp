@@ -2,15 +2,23 @@
 // 64-byte echo round trips (one requester and eight), and 256 MiB fetched as
 // 64 answers of 4 MiB (and, by the library alone, as 8 answers of 32 MiB). The server allows 8 MiB messages so that bare NATS
 // carries each 4 MiB answer in one message.
+// The BM_Paired* benchmarks run the library and bare NATS alternately, at
+// least 7 pairs, and report the median, min and max of the pairwise ratios
+// (bench/files/PairedRuns.h); KIV_BENCH_PAIRS sets the number of pairs.
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
+#include "bench/files/PairedRuns.h"
 #include "tests/support/NatsServer.h"
 #include "tools/cab-echo/EchoSatellite.h"
 
@@ -25,6 +33,7 @@ std::string g_blob(4u << 20, 'x');
 
 const int64_t kBlob = 4 << 20;
 const int kBlobsPerRound = 64;  // 256 MiB
+int g_pairs = 9;
 
 void onRawEcho(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
@@ -127,6 +136,135 @@ void BM_CabBlobParts256MiB(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * big * count);
 }
 
+// ---- paired runs: bare NATS (A) and the library (B) alternately
+
+bool rawEcho(const std::string& payload) {
+    natsMsg* r = nullptr;
+    if (natsConnection_Request(&r, g_rawClient, "raw.echo", payload.data(), (int)payload.size(), 10000) != NATS_OK)
+        return false;
+    natsMsg_Destroy(r);
+    return true;
+}
+
+// A 64-byte request payload for the library: 8 bytes of CAB1 header + 56.
+struct CabEchoInput {
+    tagVARIANT in;
+    CabEchoInput() {
+        VariantInit(&in);
+        in.vt = VT_ARRAY | VT_UI1;
+        SAFEARRAYBOUND b{64 - 8, 0};
+        in.parray = SafeArrayCreate(VT_UI1, 1, &b);
+    }
+    ~CabEchoInput() { VariantClear(&in); }
+};
+
+bool cabEcho(const CabEchoInput& input) {
+    tagVARIANT out, rc;
+    VariantInit(&out);
+    VariantInit(&rc);
+    bool ok = g_client->Request("BenchEcho", "Echo", input.in, &out, 0, &rc) == 0 && CabRetcode(rc) == 0;
+    VariantClear(&out);
+    VariantClear(&rc);
+    return ok;
+}
+
+// 64-byte echo, one requester: 2000 round trips per side and pair. Also the
+// p50 and p99 of every round trip of each side.
+void BM_PairedEcho64(benchmark::State& state) {
+    const int perRun = 2000;
+    std::string payload(64, 'p');
+    CabEchoInput input;
+    std::vector<double> rawUs, cabUs;
+    auto timedLoop = [&](std::vector<double>* us, const std::function<bool()>& once) {
+        for (int i = 0; i < perRun; ++i) {
+            auto t0 = std::chrono::steady_clock::now();
+            if (!once()) return false;
+            us->push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - t0).count());
+        }
+        return true;
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, [&] { return timedLoop(&rawUs, [&] { return rawEcho(payload); }); },
+                         [&] { return timedLoop(&cabUs, [&] { return cabEcho(input); }); }, &t))
+            return;
+        paired::report(state, t, "cab_over_raw", false, "raw", "cab", "us", 1e6 / perRun);
+    }
+    state.counters["raw_p50_us"] = paired::percentile(rawUs, 50);
+    state.counters["cab_p50_us"] = paired::percentile(cabUs, 50);
+    state.counters["raw_p99_us"] = paired::percentile(rawUs, 99);
+    state.counters["cab_p99_us"] = paired::percentile(cabUs, 99);
+    state.counters["p99_cab_over_raw"] = paired::percentile(cabUs, 99) / paired::percentile(rawUs, 99);
+}
+
+// 64-byte echo, 8 requesters at once on one connection each side: 500 round
+// trips each per run; the time is per request (wall time / 4000).
+void BM_PairedEcho64x8(benchmark::State& state) {
+    const int threads = 8, perThread = 500;
+    std::string payload(64, 'p');
+    CabEchoInput input;
+    auto concurrently = [&](const std::function<bool()>& once) {
+        std::vector<std::thread> ts;
+        std::vector<char> ok(threads, 1);
+        for (int t = 0; t < threads; ++t)
+            ts.emplace_back([&, t] {
+                for (int i = 0; i < perThread && ok[t]; ++i) ok[t] = once();
+            });
+        for (auto& t : ts) t.join();
+        return std::all_of(ok.begin(), ok.end(), [](char c) { return c != 0; });
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, [&] { return concurrently([&] { return rawEcho(payload); }); },
+                         [&] { return concurrently([&] { return cabEcho(input); }); }, &t))
+            return;
+        paired::report(state, t, "cab_over_raw", false, "raw", "cab", "us_per_request",
+                       1e6 / (threads * perThread));
+    }
+}
+
+// 256 MiB: bare NATS as 64 answers of 4 MiB against the library as 8
+// answers of 32 MiB, each sent in parts under credit.
+void BM_PairedBlobParts256MiB(benchmark::State& state) {
+    const int64_t big = 32 << 20;
+    const int count = (int)((kBlob * kBlobsPerRound) / big);
+    auto rawSide = [&] {
+        for (int i = 0; i < kBlobsPerRound; ++i) {
+            natsMsg* r = nullptr;
+            if (natsConnection_RequestString(&r, g_rawClient, "raw.blob", "", 10000) != NATS_OK) return false;
+            bool ok = natsMsg_GetDataLength(r) == kBlob;
+            natsMsg_Destroy(r);
+            if (!ok) return false;
+        }
+        return true;
+    };
+    auto cabSide = [&] {
+        tagVARIANT in, out, rc;
+        VariantInit(&in);
+        VariantInit(&out);
+        VariantInit(&rc);
+        in.vt = VT_I8;
+        in.llVal = big;
+        bool ok = true;
+        for (int i = 0; i < count && ok; ++i) {
+            ok = g_client->Request("BenchEcho", "Blob", in, &out, 0, &rc) == 0 && CabRetcode(rc) == 0 &&
+                 out.vt == (VT_ARRAY | VT_UI1) && out.parray->rgsabound[0].cElements == (uint32_t)big;
+            VariantClear(&out);
+            VariantClear(&rc);
+        }
+        return ok;
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, rawSide, cabSide, &t)) return;
+        paired::report(state, t, "cab_speed_vs_raw", true, "raw", "cab", "ms", 1e3);
+    }
+}
+
+BENCHMARK(BM_PairedEcho64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PairedEcho64x8)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PairedBlobParts256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
 BENCHMARK(BM_RawEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CabEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_RawEcho64)->Threads(8)->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
@@ -142,6 +280,7 @@ BENCHMARK(BM_CabBlobParts256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
+    if (const char* pairs = getenv("KIV_BENCH_PAIRS")) g_pairs = std::max(7, atoi(pairs));
     kivtest::NatsServer server(8 << 20);
     if (!server.start()) {
         fprintf(stderr, "nats-server: %s\n", server.error().c_str());

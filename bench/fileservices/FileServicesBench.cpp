@@ -4,6 +4,10 @@
 //   request/reply of 4 MiB answers (the same 1 GiB in 256 replies);
 //   the proxy's peak memory during the transfer (VmHWM) over its idle size,
 //   in chunks (goal: under 3).
+// - BM_PairedGetFile: the same two transfers alternately, bare NATS then
+//   the proxy, at least 7 pairs (KIV_BENCH_PAIRS), with the median, min and
+//   max of the pairwise speed ratios, and the proxy's peak memory over idle
+//   in every one of its runs (the peak is reset before each run).
 // - GetFolderContent of a 100,000-file folder sorted by size, one page of
 //   100 per request (in process, the listing and sort are redone each time).
 // KIV_BENCH_GETFILE_MIB sets the file size in MiB (default 1024);
@@ -22,6 +26,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/files/PairedRuns.h"
 #include "cab/CabSatellite.h"
 #include "files/CFileTools.h"
 #include "files/CKivFileManager.h"
@@ -46,6 +51,7 @@ std::string g_blob(kChunk, 'x');
 CabClient* g_client;
 kivtest::ProxyProcess g_proxy;
 long g_idleKiB = 0;
+int g_pairs = 9;
 
 void onRawBlob(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), g_blob.data(), (int)g_blob.size());
@@ -61,6 +67,15 @@ long procStatusKiB(pid_t pid, const std::string& field) {
     return -1;
 }
 
+// Starts a new peak (VmHWM) for `pid` at its current size; false when the
+// kernel refuses.
+bool resetPeak(pid_t pid) {
+    FILE* f = fopen(("/proc/" + std::to_string(pid) + "/clear_refs").c_str(), "w");
+    if (!f) return false;
+    bool ok = fputs("5", f) >= 0;
+    return fclose(f) == 0 && ok;
+}
+
 void BM_CatFile(benchmark::State& state) {
     std::string cmd = "cat '" + g_file + "' > /dev/null";
     for (auto _ : state)
@@ -68,36 +83,50 @@ void BM_CatFile(benchmark::State& state) {
     state.SetBytesProcessed(state.iterations() * g_fileSize);
 }
 
-void BM_RawNats4MiB(benchmark::State& state) {
+// The file's size in 4 MiB bare NATS replies.
+bool rawTransfer() {
     const long long replies = g_fileSize / kChunk;
+    for (long long i = 0; i < replies; ++i) {
+        natsMsg* r = nullptr;
+        if (natsConnection_RequestString(&r, g_rawClient, "raw.blob", "", 30000) != NATS_OK) return false;
+        bool ok = natsMsg_GetDataLength(r) == kChunk;
+        natsMsg_Destroy(r);
+        if (!ok) return false;
+    }
+    return true;
+}
+
+// The whole file through the proxy's "GetFile", g_getChunk bytes at a time.
+bool proxyTransfer() {
+    for (long long offset = 0; offset < g_fileSize; offset += g_getChunk) {
+        CLocalVariant in, out, rc;
+        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+        VUtil::PutElement(in.get(), 0, CStdStr(g_file));
+        VUtil::PutElement(in.get(), 1, offset);
+        VUtil::PutElement(in.get(), 2, g_getChunk);
+        if (g_client->Request("VorpaMediaProxy", "GetFile", in.get(), out.ptr(), 0, rc.ptr()) != 0 ||
+            CabRetcode(rc.get()) != 0 || out.vt() != (VT_ARRAY | VT_UI1) ||
+            out.get().parray->rgsabound[0].cElements != (uint32_t)std::min(g_getChunk, g_fileSize - offset))
+            return false;
+    }
+    return true;
+}
+
+void BM_RawNats4MiB(benchmark::State& state) {
     for (auto _ : state) {
-        for (long long i = 0; i < replies; ++i) {
-            natsMsg* r = nullptr;
-            if (natsConnection_RequestString(&r, g_rawClient, "raw.blob", "", 30000) != NATS_OK ||
-                natsMsg_GetDataLength(r) != kChunk) {
-                state.SkipWithError("raw request failed");
-                return;
-            }
-            natsMsg_Destroy(r);
+        if (!rawTransfer()) {
+            state.SkipWithError("raw request failed");
+            return;
         }
     }
-    state.SetBytesProcessed(state.iterations() * replies * kChunk);
+    state.SetBytesProcessed(state.iterations() * (g_fileSize / kChunk) * kChunk);
 }
 
 void BM_ProxyGetFile4MiB(benchmark::State& state) {
     for (auto _ : state) {
-        for (long long offset = 0; offset < g_fileSize; offset += g_getChunk) {
-            CLocalVariant in, out, rc;
-            VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-            VUtil::PutElement(in.get(), 0, CStdStr(g_file));
-            VUtil::PutElement(in.get(), 1, offset);
-            VUtil::PutElement(in.get(), 2, g_getChunk);
-            if (g_client->Request("VorpaMediaProxy", "GetFile", in.get(), out.ptr(), 0, rc.ptr()) != 0 ||
-                CabRetcode(rc.get()) != 0 || out.vt() != (VT_ARRAY | VT_UI1) ||
-                out.get().parray->rgsabound[0].cElements != (uint32_t)std::min(g_getChunk, g_fileSize - offset)) {
-                state.SkipWithError("GetFile failed");
-                return;
-            }
+        if (!proxyTransfer()) {
+            state.SkipWithError("GetFile failed");
+            return;
         }
     }
     state.SetBytesProcessed(state.iterations() * g_fileSize);
@@ -105,6 +134,32 @@ void BM_ProxyGetFile4MiB(benchmark::State& state) {
     state.counters["proxy_idle_MiB"] = g_idleKiB / 1024.0;
     state.counters["proxy_peak_MiB"] = peak / 1024.0;
     state.counters["peak_over_idle_chunks"] = (peak - g_idleKiB) / (double)(kChunk / 1024);
+}
+
+// Bare NATS (A) and the proxy (B) alternately. The proxy's peak memory is
+// reset before each of its runs and read after it.
+void BM_PairedGetFile(benchmark::State& state) {
+    std::vector<double> peaks;  // chunks over idle, one per proxy run
+    bool peakReset = true;
+    auto proxySide = [&] {
+        peakReset = resetPeak(g_proxy.pid()) && peakReset;
+        bool ok = proxyTransfer();
+        peaks.push_back((procStatusKiB(g_proxy.pid(), "VmHWM") - g_idleKiB) / (double)(kChunk / 1024));
+        return ok;
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, rawTransfer, proxySide, &t)) return;
+        paired::report(state, t, "getfile_speed_vs_raw", true, "raw", "getfile", "ms", 1e3);
+    }
+    state.counters["proxy_idle_MiB"] = g_idleKiB / 1024.0;
+    if (!peakReset || peaks.empty()) {
+        state.counters["peak_over_idle_chunks_max"] = -1;  // no per-run peak: the kernel refused the reset
+        return;
+    }
+    peaks.erase(peaks.begin());  // the warm-up run
+    state.counters["peak_over_idle_chunks_median"] = paired::median(peaks);
+    state.counters["peak_over_idle_chunks_max"] = *std::max_element(peaks.begin(), peaks.end());
 }
 
 void BM_FolderContent100kBySize(benchmark::State& state) {
@@ -135,6 +190,7 @@ BENCHMARK(BM_ProxyGetFile4MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->It
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_RawNats4MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)
     ->ReportAggregatesOnly(true);
+BENCHMARK(BM_PairedGetFile)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_FolderContent100kBySize)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(5.0);
 
 bool writeFile(const std::string& path, long long size) {
@@ -180,6 +236,7 @@ bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
+    if (const char* pairs = getenv("KIV_BENCH_PAIRS")) g_pairs = std::max(7, atoi(pairs));
     if (const char* mib = getenv("KIV_BENCH_GETFILE_MIB")) g_fileSize = atoll(mib) << 20;
     if (const char* chunk = getenv("KIV_BENCH_GETFILE_CHUNK")) g_getChunk = std::max(1ll, atoll(chunk));
     kivtest::TempDir sandbox("kivbench-files");

@@ -2,6 +2,9 @@
 // client, on one nats-server in one run: a 64-byte raw echo, the proxy's
 // "my-KIV_GetVersion", and a "MultiRequest" of eight "my-KIV_GetVersion".
 // Reports the median (p50_us) and 99th percentile (p99_us) of each.
+// BM_PairedGetVersion runs the raw echo and "my-KIV_GetVersion" alternately
+// (at least 7 pairs, KIV_BENCH_PAIRS) and reports the median, min and max of
+// the pairwise time ratios.
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
 #include <signal.h>
@@ -15,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/files/PairedRuns.h"
 #include "cab/CabSatellite.h"
 #include "host/CRegistry.h"
 #include "tests/support/NatsServer.h"
@@ -30,6 +34,7 @@ natsConnection* g_rawServe;
 natsConnection* g_rawClient;
 CabClient* g_client;
 kivtest::ProxyProcess g_proxy;
+int g_pairs = 9;
 
 void onRawEcho(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
@@ -92,9 +97,38 @@ void BM_ProxyMultiRequest8(benchmark::State& state) {
     });
 }
 
+// 1000 round trips per side and pair.
+void BM_PairedGetVersion(benchmark::State& state) {
+    const int perRun = 1000;
+    std::string payload(64, 'p');
+    auto raw = [&] {
+        for (int i = 0; i < perRun; ++i) {
+            natsMsg* r = nullptr;
+            if (natsConnection_Request(&r, g_rawClient, "raw.echo", payload.data(), 64, 10000) != NATS_OK)
+                return false;
+            natsMsg_Destroy(r);
+        }
+        return true;
+    };
+    auto version = [&] {
+        for (int i = 0; i < perRun; ++i) {
+            CLocalVariant in, out, rc;
+            g_client->Request("VorpaMediaProxy", "my-KIV_GetVersion", in.get(), out.ptr(), 0, rc.ptr());
+            if (CabRetcode(rc.get()) != 0) return false;
+        }
+        return true;
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, raw, version, &t)) return;
+        paired::report(state, t, "proxy_over_raw", false, "raw", "proxy", "us", 1e6 / perRun);
+    }
+}
+
 BENCHMARK(BM_RawNatsEcho64)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BM_ProxyGetVersion)->MinTime(2.0)->UseRealTime();
 BENCHMARK(BM_ProxyMultiRequest8)->MinTime(2.0)->UseRealTime();
+BENCHMARK(BM_PairedGetVersion)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client); }
 
@@ -102,6 +136,7 @@ bool startProxy() { return g_proxy.start() && g_proxy.waitUntilServing(*g_client
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
+    if (const char* pairs = getenv("KIV_BENCH_PAIRS")) g_pairs = std::max(7, atoi(pairs));
     kivtest::TempDir sandbox("kivbench");
     setenv("KIV_ROOT", (sandbox.path() + "/root").c_str(), 1);
     setenv("XDG_CONFIG_HOME", (sandbox.path() + "/config").c_str(), 1);
