@@ -1,8 +1,55 @@
 #include "host/CRegistry.h"
 
+#include <charconv>
 #include <cstdio>
+#include <mutex>
+#include <set>
 
 #include "host/Preferences.h"
+
+namespace {
+
+// A decimal 32-bit number, optionally signed and between blanks: how a number
+// stored as text ("kivctl defaults write" stores text unless told) is read.
+bool numberFromText(const std::string& text, int32_t& out) {
+    size_t first = text.find_first_not_of(" \t");
+    size_t last = text.find_last_not_of(" \t");
+    if (first == std::string::npos) return false;
+    if (text[first] == '+' && first < last) {
+        ++first;
+        if (text[first] == '-') return false;
+    }
+    const char* end = text.data() + last + 1;
+    int32_t value = 0;
+    std::from_chars_result r = std::from_chars(text.data() + first, end, value);
+    if (r.ec != std::errc() || r.ptr != end) return false;
+    out = value;
+    return true;
+}
+
+// Integer settings found holding something else, so each is reported once
+// until it reads well again; owned by the integer reader, guarded by
+// g_notNumbersLock. Bounded: a full set starts afresh.
+std::mutex g_notNumbersLock;
+std::set<std::string> g_notNumbers;
+
+void reportNotANumber(const CStdStr& domain, const CStdStr& name, bool isNumber) {
+    const std::string key = domain + "\n" + name;
+    {
+        std::lock_guard<std::mutex> hold(g_notNumbersLock);
+        if (isNumber) {
+            g_notNumbers.erase(key);
+            return;
+        }
+        if (g_notNumbers.size() >= 64) g_notNumbers.clear();
+        if (!g_notNumbers.insert(key).second) return;
+    }
+    // Outside the lock; the value is not shown (it may be a credential).
+    fprintf(stderr, "settings: warning: %s in %s is neither a number nor a text of one; the default applies\n",
+            name.c_str(), domain.c_str());
+}
+
+}  // namespace
 
 CStdStr CRegistryImpl::createKey(const CStdStr& keyPath) {
     CStdStr key = keyPath;
@@ -21,9 +68,15 @@ bool CRegistryImpl::ReadSettingImpl(const CStdStr& keyPath, const CStdStr& value
 }
 
 bool CRegistryImpl::ReadSettingImpl(const CStdStr& keyPath, const CStdStr& valueName, int& value) {
+    const CStdStr domain = createKey(keyPath);
     Preferences::Value v;
-    if (!Preferences::Get(createKey(keyPath), valueName, v) || v.type != Preferences::Value::Int) return false;
-    value = v.i;
+    if (!Preferences::Get(domain, valueName, v)) return false;
+    int32_t number = v.i;
+    bool isNumber = v.type == Preferences::Value::Int ||
+                    (v.type == Preferences::Value::String && numberFromText(v.s, number));
+    reportNotANumber(domain, valueName, isNumber);
+    if (!isNumber) return false;
+    value = number;
     return true;
 }
 

@@ -9,7 +9,10 @@
 // 1 MiB, unparsable) leaves the values last read from it. Every write is
 // durable, mode 0600, and merged under an advisory lock, so two processes
 // writing different keys of one domain lose neither. Readers never throw: they
-// return false and leave the output untouched. A domain file that cannot be
+// return false and leave the output untouched. The integer reader also reads
+// a text that holds a decimal 32-bit number (blanks and a sign allowed), as
+// "kivctl defaults write" stores one by default; any other value (a boolean,
+// other text) it reports once on standard error and reads as missing. A domain file that cannot be
 // parsed, and was never read well, fails synchronisation; a writer moves it
 // aside to "<file>.corrupt".
 #pragma once

@@ -58,9 +58,34 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     CStdStr asString = "unchanged";
     EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Int", asString));
     EXPECT_EQ("unchanged", asString);
-    int asInt = 99;
-    EXPECT_FALSE(r.ReadSettingImpl(kConfig, "cabDirectory.host", asInt));
-    EXPECT_EQ(99, asInt);
+    // ...except that a text holding a decimal number reads as that number; any
+    // other text, or a boolean, is refused with one warning per setting.
+    const std::vector<std::pair<std::string, int>> numbers = {
+        {"37715", 37715}, {" -12 ", -12}, {"+5", 5}, {"-2147483648", -2147483647 - 1}};
+    for (const auto& n : numbers) {
+        ASSERT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.port", CStdStr(n.first)));
+        int port = 4222;
+        EXPECT_TRUE(r.ReadSettingImpl(kConfig, "cabDirectory.port", port)) << n.first;
+        EXPECT_EQ(n.second, port) << n.first;
+    }
+    ASSERT_TRUE(Preferences::Set(r.createKey(kConfig), "flagged", Preferences::Value::ofBool(true)));
+    for (const char* name : {"cabDirectory.host", "flagged"}) {
+        testing::internal::CaptureStderr();
+        int asInt = 99;
+        EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt)) << name;
+        EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt)) << name;
+        EXPECT_EQ(99, asInt) << name;
+        std::string warned = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(warned, std::string("settings: warning: ") + name +
+                              " in com.kiv-foundry.kiv.config is neither a number nor a text of one; the "
+                              "default applies\n");
+    }
+    for (const char* text : {"", "+", "+-1", "12abc", "0x10", "2147483648", "1 2"}) {
+        ASSERT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.port", CStdStr(text)));
+        int port = 4222;
+        EXPECT_FALSE(r.ReadSettingImpl(kConfig, "cabDirectory.port", port)) << text;
+        EXPECT_EQ(4222, port) << text;
+    }
 
     // Booleans: the reader takes the key path as the domain as given.
     ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", Preferences::Value::ofBool(true)));
