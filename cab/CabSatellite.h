@@ -7,13 +7,22 @@
 //   "cabDirectory.user" with "cabDirectory.password" (or an nkey; the shared
 //   "cabDirectory.token" only when no user is set), calls CreateServices(), then listens on
 //   "cab.<name>.<service>" in queue group <name> for every added service and
-//   answers the "$SRV" discovery requests. Returns 0 or a negative CabStatus;
+//   answers the "$SRV" discovery requests. A plain host gives way to the
+//   setting "cabDirectory.servers" (comma-separated URLs of a cluster); a URL
+//   or a list given to Connect is used as it is. After a server is lost the
+//   connection moves to another one and listens again. With the setting
+//   "cabDirectory.hostScope" each service also listens, in the same queue
+//   group, on "cab.<name>@<host>.<service>" (host: KIV_HOSTNAME, else the
+//   host name to its first dot, in lower case); Request accepts such a
+//   "<name>@<host>" target. Returns 0 or a negative CabStatus;
 //   CAB_E_PERMISSION_DENIED when the directory does not let this user serve
 //   that name. A request the directory refuses fails with the same code at once.
 //   A satellite that adds no service is a pure client: it publishes nothing.
 // - Handlers run on the library's worker threads, several at once; the pool
 //   grows on demand up to "cabDirectory.maxHandlers" (default 256) and then
-//   queues. A handler may itself call Request, also on its own satellite.
+//   queues. A handler may itself call Request, also on its own satellite: a
+//   request to the satellite's own service runs inline on the calling thread,
+//   at most 16 deep (cab/CabInline.h), so it never waits for a worker.
 //   A throwing handler yields CAB_E_HANDLER_EXCEPTION plus the text to the
 //   requester; the satellite logs it and keeps serving.
 // - An answer larger than one message waits for its requester's credit
