@@ -5,16 +5,22 @@
 // The BM_Paired* benchmarks run the library and bare NATS alternately, at
 // least 7 pairs, and report the median, min and max of the pairwise ratios
 // (bench/files/PairedRuns.h); KIV_BENCH_PAIRS sets the number of pairs.
+// BM_PairedRawHandoff64 and BM_PairedRawLeaderFollower64 show what the
+// dispatch costs: bare NATS answering through one hop to a worker thread (as
+// the library does) and by leader/follower on a sync subscription.
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <deque>
 #include <thread>
 #include <vector>
 
@@ -44,6 +50,108 @@ void onRawBlob(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), g_blob.data(), (int)g_blob.size());
     natsMsg_Destroy(m);
 }
+
+void answerEcho(natsConnection* nc, natsMsg* m) {
+    natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
+    natsMsg_Destroy(m);
+}
+
+// Bare NATS served the way the library dispatches today: the subscription's
+// delivery thread hands each message to a worker thread, which answers.
+class HandoffServer {
+public:
+    void start(natsConnection* nc, const char* subject) {
+        m_nc = nc;
+        m_worker = std::thread([this] {
+            std::unique_lock<std::mutex> lk(m_lock);
+            for (;;) {
+                m_cv.wait(lk, [this] { return m_stop || !m_msgs.empty(); });
+                if (m_msgs.empty()) return;
+                natsMsg* m = m_msgs.front();
+                m_msgs.pop_front();
+                lk.unlock();
+                answerEcho(m_nc, m);
+                lk.lock();
+            }
+        });
+        natsConnection_QueueSubscribe(&m_sub, nc, subject, "raw", &HandoffServer::onMsg, this);
+    }
+    void stop() {
+        natsSubscription_Unsubscribe(m_sub);
+        {
+            std::lock_guard<std::mutex> lk(m_lock);
+            m_stop = true;
+        }
+        m_cv.notify_all();
+        m_worker.join();
+        natsSubscription_Destroy(m_sub);
+    }
+
+private:
+    static void onMsg(natsConnection*, natsSubscription*, natsMsg* m, void* closure) {
+        HandoffServer* self = static_cast<HandoffServer*>(closure);
+        {
+            std::lock_guard<std::mutex> lk(self->m_lock);
+            self->m_msgs.push_back(m);
+        }
+        self->m_cv.notify_one();
+    }
+    natsConnection* m_nc = nullptr;
+    natsSubscription* m_sub = nullptr;
+    std::thread m_worker;
+    std::mutex m_lock;              // guards the two below
+    std::condition_variable m_cv;
+    std::deque<natsMsg*> m_msgs;    // m_lock
+    bool m_stop = false;            // m_lock
+};
+
+// Bare NATS served by leader/follower: two threads take turns waiting in
+// natsSubscription_NextMsg on a sync subscription; the one that receives a
+// message hands the waiting role to the other, then answers it itself.
+class LeaderFollowerServer {
+public:
+    void start(natsConnection* nc, const char* subject) {
+        m_nc = nc;
+        natsConnection_QueueSubscribeSync(&m_sub, nc, subject, "raw");
+        natsSubscription_SetPendingLimits(m_sub, -1, -1);
+        for (int i = 0; i < 2; ++i) m_threads.emplace_back([this, i] { run(i); });
+    }
+    void stop() {
+        {
+            std::lock_guard<std::mutex> lk(m_lock);
+            m_stop = true;
+        }
+        m_cv.notify_all();
+        for (auto& t : m_threads) t.join();
+        natsSubscription_Destroy(m_sub);
+    }
+
+private:
+    void run(int me) {
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lk(m_lock);
+                m_cv.wait(lk, [&] { return m_stop || m_leader == me; });
+                if (m_stop) return;
+            }
+            natsMsg* m = nullptr;
+            if (natsSubscription_NextMsg(&m, m_sub, 100) != NATS_OK) continue;  // still the leader
+            {
+                std::lock_guard<std::mutex> lk(m_lock);
+                m_leader = 1 - me;
+            }
+            m_cv.notify_all();
+            answerEcho(m_nc, m);
+        }
+    }
+    natsConnection* m_nc = nullptr;
+    natsSubscription* m_sub = nullptr;
+    std::vector<std::thread> m_threads;
+    std::mutex m_lock;  // guards the two below
+    std::condition_variable m_cv;
+    int m_leader = 0;     // m_lock: the thread waiting for the next message
+    bool m_stop = false;  // m_lock
+};
 
 void BM_RawEcho64(benchmark::State& state) {
     std::string payload(64, 'p');
@@ -265,6 +373,32 @@ BENCHMARK(BM_PairedEcho64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterat
 BENCHMARK(BM_PairedEcho64x8)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_PairedBlobParts256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
+// Where the library's echo time goes: bare NATS answered on the delivery
+// thread (A) against bare NATS served another way (B): "raw.handoff" (one
+// hop to a worker, as the library dispatches), "raw.lf" (leader/follower).
+void pairedRawVariant(benchmark::State& state, const char* subject) {
+    const int perRun = 2000;
+    std::string payload(64, 'p');
+    auto loop = [&](const char* subj) {
+        for (int i = 0; i < perRun; ++i) {
+            natsMsg* r = nullptr;
+            if (natsConnection_Request(&r, g_rawClient, subj, payload.data(), 64, 10000) != NATS_OK) return false;
+            natsMsg_Destroy(r);
+        }
+        return true;
+    };
+    for (auto _ : state) {
+        paired::Times t;
+        if (!paired::run(state, g_pairs, [&] { return loop("raw.echo"); }, [&] { return loop(subject); }, &t))
+            return;
+        paired::report(state, t, "variant_over_raw", false, "raw", "variant", "us", 1e6 / perRun);
+    }
+}
+void BM_PairedRawHandoff64(benchmark::State& state) { pairedRawVariant(state, "raw.handoff"); }
+void BM_PairedRawLeaderFollower64(benchmark::State& state) { pairedRawVariant(state, "raw.lf"); }
+BENCHMARK(BM_PairedRawHandoff64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PairedRawLeaderFollower64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+
 BENCHMARK(BM_RawEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CabEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_RawEcho64)->Threads(8)->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
@@ -309,11 +443,17 @@ int main(int argc, char** argv) {
     natsOptions_Destroy(opts);
     natsConnection_QueueSubscribe(&s1, g_rawServe, "raw.echo", "raw", onRawEcho, nullptr);
     natsConnection_QueueSubscribe(&s2, g_rawServe, "raw.blob", "raw", onRawBlob, nullptr);
+    HandoffServer handoff;
+    handoff.start(g_rawServe, "raw.handoff");
+    LeaderFollowerServer leaderFollower;
+    leaderFollower.start(g_rawServe, "raw.lf");
     natsConnection_Flush(g_rawServe);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     natsSubscription_Destroy(s1);
     natsSubscription_Destroy(s2);
+    handoff.stop();
+    leaderFollower.stop();
     natsConnection_Destroy(g_rawClient);
     natsConnection_Destroy(g_rawServe);
     client.Disconnect();
