@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: deps build test test-sanitize test-asan test-tsan run bench clean
+.PHONY: deps build test test-sanitize test-asan test-tsan run bench clean deb test-package
 
 deps:
 	@scripts/install-deps
@@ -37,8 +37,24 @@ test-tsan: deps
 run: build
 	@scripts/run-local
 
+# make deb: kivfoundry_<version>_<arch>.deb in the checkout, from a Release
+# build of the packaged programs only (in DEB_BUILD); see cmake/KivPackaging.cmake.
+DEB_BUILD ?= build-deb
+deb: deps
+	@cmake -S . -B $(DEB_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(DEB_BUILD) -j $(JOBS) --target kiv_package_contents
+	@rm -f $(DEB_BUILD)/kivfoundry_*.deb
+	@cd $(DEB_BUILD) && cpack -G DEB >cpack.log 2>&1 || { cat cpack.log; exit 1; }
+	@deb=$$(cd $(DEB_BUILD) && ls kivfoundry_*.deb) && cp $(DEB_BUILD)/$$deb . && \
+	  echo "$(CURDIR)/$$deb" > $(DEB_BUILD)/deb-file && echo "deb: $$deb"
+
+# Checks the package, and as root installs, upgrades, removes and purges it in
+# a throw-away overlay of this machine; see tests/package/test-package.sh.
+test-package: deb
+	tests/package/test-package.sh "$$(cat $(DEB_BUILD)/deb-file)"
+
 bench: build
 	@for b in build/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-deb

@@ -1,0 +1,275 @@
+#!/usr/bin/env bash
+# make test-package: checks the kivfoundry package that make deb built.
+#   1. its control fields, conffiles, maintainer scripts and contents (dpkg-deb);
+#   2. as root, a whole life of the package in a throw-away copy of this
+#      machine: an overlay of / in mount, pid and network namespaces of its
+#      own, with an empty /run (so no systemd runs there) and a private /tmp.
+#      dpkg -i; what the postinst made, with which modes; systemd-analyze
+#      verify of the installed units; the directory and the proxy started as
+#      the units start them; a request from kivctl with the installed
+#      credential; a crash filed by the crash reporter beside the proxy; a
+#      reinstall after a port change, which keeps the passwords and the edited
+#      conffile; dpkg -r; dpkg -P. Nothing of this machine changes.
+# Usage: test-package.sh PACKAGE.deb       (the inner part: --inside PACKAGE.deb)
+set -euo pipefail
+
+fail() { echo "test-package: FAIL: $*" >&2; exit 1; }
+note() { echo "test-package: $*"; }
+# mode_is PATH MODE OWNER:GROUP
+mode_is() {
+    local got
+    got=$(stat -c '%a %U:%G' "$1") || fail "$1 is missing"
+    [ "$got" = "$2 $3" ] || fail "$1 is $got, want $2 $3"
+}
+# Polls a command for up to $1 seconds.
+wait_for() {
+    local limit=$(($1 * 10)) i
+    shift
+    for ((i = 0; i < limit; i++)); do
+        "$@" >/dev/null 2>&1 && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
+# ---- 1. the package file -------------------------------------------------
+check_package() {
+    local deb=$1 f
+    [ -f "$deb" ] || fail "no package $deb"
+    local name arch version
+    name=$(dpkg-deb -f "$deb" Package) version=$(dpkg-deb -f "$deb" Version) arch=$(dpkg-deb -f "$deb" Architecture)
+    [ "$name" = kivfoundry ] || fail "Package is '$name'"
+    [ "$arch" = "$(dpkg --print-architecture)" ] || fail "Architecture is '$arch'"
+    [ "$(basename "$deb")" = "kivfoundry_${version}_${arch}.deb" ] || fail "file name $(basename "$deb")"
+    local depends
+    depends=$(dpkg-deb -f "$deb" Depends)
+    for d in nats-server adduser libc6 'libnats3\.4' libssl3 libminizip1 'libboost-filesystem'; do
+        grep -Eq "(^|, )$d" <<<"$depends" || fail "Depends lacks $d (from dpkg-shlibdeps or the package): $depends"
+    done
+
+    local control
+    control=$(mktemp -d)
+    trap 'rm -rf "$control"' RETURN
+    dpkg-deb -e "$deb" "$control"
+    [ "$(cat "$control/conffiles")" = /etc/kivfoundry/cab-directory.conf ] || fail "conffiles: $(cat "$control/conffiles")"
+    for f in postinst prerm postrm; do
+        [ -x "$control/$f" ] || fail "no executable $f"
+        sh -n "$control/$f" || fail "$f is not valid sh"
+    done
+
+    # Every path with its mode and owner, as dpkg-deb lists them.
+    local listing
+    listing=$(dpkg-deb -c "$deb" | awk '{ sub(/^\./, "", $6); print $1, $2, $6 }')
+    while read -r mode path; do
+        grep -qxF -e "$mode root/root $path" <<<"$listing" || fail "the package lacks $mode $path"
+    done <<'EOF'
+-rwxr-xr-x /usr/lib/kivfoundry/KivRequestProxy
+-rwxr-xr-x /usr/lib/kivfoundry/KivCrashReporter
+-rwxr-xr-x /usr/bin/kivctl
+-rw-r--r-- /lib/systemd/system/kiv-cab-directory.service
+-rw-r--r-- /lib/systemd/system/kiv-request-proxy.service
+-rw-r--r-- /etc/kivfoundry/cab-directory.conf
+-rwxr-xr-x /usr/share/kivfoundry/scripts/install-identities
+-rwxr-xr-x /usr/share/kivfoundry/scripts/cab-directory-users
+-rw-r--r-- /usr/share/man/man1/kivctl.1.gz
+-rw-r--r-- /usr/share/doc/kivfoundry/README.md
+-rw-r--r-- /usr/share/doc/kivfoundry/docs/protocol.md
+EOF
+    # Nothing that only the tests or make run use, nothing owned by a builder.
+    if grep -E 'cab-echo|kiv-media-catalog|/opt/|/usr/local/|_test$' <<<"$listing"; then fail "unexpected files"; fi
+    if awk '$2 != "root/root"' <<<"$listing" | grep .; then fail "files not owned by root"; fi
+    # The binaries are stripped.
+    local x
+    x=$(mktemp -d)
+    dpkg-deb -x "$deb" "$x"
+    for f in usr/lib/kivfoundry/KivRequestProxy usr/lib/kivfoundry/KivCrashReporter usr/bin/kivctl; do
+        readelf -S "$x/$f" | grep -q '\.symtab' && { rm -rf "$x"; fail "$f is not stripped"; }
+    done
+    zcat "$x/usr/share/man/man1/kivctl.1.gz" | grep -q '^\.SS defaults$' || { rm -rf "$x"; fail "man page lacks the commands"; }
+    rm -rf "$x"
+    note "package: $(basename "$deb"), Depends: $depends"
+}
+
+# ---- 2. inside the throw-away root ---------------------------------------
+users_conf=/etc/kivfoundry/cab-directory-users.conf
+config='Software\Kiv Foundry\Kiv\Config'
+# A command as the kiv user with its HOME, as the units run it: setpriv and
+# env exec it, so the pid of `as_kiv ... &` (an array, not a function, which
+# would fork a subshell) is the program's own.
+as_kiv=(setpriv --reuid=kiv --regid=kiv --init-groups env -u XDG_CONFIG_HOME -u KIV_ROOT)
+setting() { "${as_kiv[@]}" HOME="$kiv_home" /usr/bin/kivctl defaults read "$config" "$1"; }
+
+check_installed() {
+    [ "$(dpkg-query -W -f='${Status}' kivfoundry)" = "install ok installed" ] || fail "kivfoundry is not installed"
+    local pw
+    pw=$(getent passwd kiv) || fail "no user kiv"
+    kiv_home=$(cut -d: -f6 <<<"$pw")
+    [ "$kiv_home" = /var/lib/kivfoundry ] || fail "kiv's home is $kiv_home"
+    [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] || fail "kiv has a login shell"
+    [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] || fail "kiv is not a system user"
+    mode_is "$kiv_home" 700 kiv:kiv
+    mode_is "$users_conf" 640 root:kiv
+    mode_is /etc/kivfoundry/kivctl.password 600 root:root
+    mode_is /etc/kivfoundry/admin.password 600 root:root
+    mode_is /etc/kivfoundry/cab-directory.conf 644 root:root
+    mode_is /Library/Logs/KivFoundry 750 kiv:kiv
+    mode_is /Library/KivFoundry 750 kiv:kiv
+    local f
+    for f in "$kiv_home"/.config/kivfoundry/*.json; do mode_is "$f" 600 kiv:kiv; done
+    grep -q 'user: "VorpaMediaProxy"' "$users_conf" || fail "no VorpaMediaProxy user in $users_conf"
+    grep -q CHANGE-ME "$users_conf" && fail "placeholder passwords in $users_conf"
+    [ "$(setting cabDirectory.user)" = VorpaMediaProxy ] || fail "the proxy's cabDirectory.user is not VorpaMediaProxy"
+    [ "$(setting cabDirectory.password)" = "$(grep -o 'user: "VorpaMediaProxy", password: "[^"]*"' "$users_conf" | cut -d'"' -f4)" ] ||
+        fail "the proxy's password is not the directory's"
+    [ "$(setting cabDirectory.host)" = 127.0.0.1 ] || fail "cabDirectory.host is $(setting cabDirectory.host)"
+    for u in kiv-cab-directory kiv-request-proxy; do
+        [ -L "/etc/systemd/system/multi-user.target.wants/$u.service" ] || fail "$u is not enabled"
+    done
+}
+
+# The directory and the proxy as the units start them (user kiv, its HOME,
+# the unit's ExecStart); kivctl asks with the installed "kivctl" credential;
+# SIGUSR1 makes the proxy crash: it must exit 0 and its crash reporter, found
+# beside it in /usr/lib/kivfoundry, must file a report in the data folder.
+run_services() {
+    local port=$1 nats proxy status=0
+    if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
+        note "SKIPPED the services run: port $port is taken (no network namespace of our own)"
+        return 0
+    fi
+    "${as_kiv[@]}" HOME="$kiv_home" /usr/sbin/nats-server -c /etc/kivfoundry/cab-directory.conf >/tmp/directory.log 2>&1 &
+    nats=$!
+    # The proxy starts once the directory listens (its unit's ExecStartPost).
+    wait_for 20 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" || { cat /tmp/directory.log >&2; fail "the directory does not listen"; }
+    "${as_kiv[@]}" HOME="$kiv_home" /usr/lib/kivfoundry/KivRequestProxy >/tmp/proxy.log 2>&1 &
+    proxy=$!
+    ask() {
+        /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl \
+            --password-file /etc/kivfoundry/kivctl.password --timeout 2000
+    }
+    if ! wait_for 60 ask; then
+        kill "$proxy" "$nats" 2>/dev/null || true
+        cat /tmp/directory.log /tmp/proxy.log >&2
+        fail "kivctl version got no answer from the installed proxy on port $port"
+    fi
+    ask | head -n 3
+    # Another user's password is refused.
+    printf 'not-the-password-0123456789\n' >/tmp/wrong.password
+    if /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl --password-file /tmp/wrong.password \
+        --timeout 2000 >/dev/null 2>&1; then
+        fail "a wrong password was accepted"
+    fi
+    kill -USR1 "$proxy"
+    wait "$proxy" || status=$?
+    [ "$status" = 0 ] || fail "the crashed proxy exited with $status (the unit relies on Restart=always)"
+    local reports=/Library/KivFoundry/CrashReports
+    wait_for 30 sh -c "ls $reports/*.json" || { cat /tmp/proxy.log >&2; fail "no crash report in $reports"; }
+    mode_is "$reports" 750 kiv:kiv
+    local f
+    for f in /Library/Logs/KivFoundry/*; do mode_is "$f" 640 kiv:kiv; done
+    [ -e /Library/Logs/KivFoundry/errors.log ] || fail "the crash left no line in errors.log"
+    kill -TERM "$nats"
+    wait "$nats" || true
+    note "services: answered on 127.0.0.1:$port, a crash exited 0 and was filed in $reports"
+}
+
+inside() {
+    local deb=$1 out
+    [ -d /run/systemd/system ] && fail "systemd runs in the throw-away root"
+    note "dpkg -i"
+    dpkg -i "$deb"
+    check_installed
+    [ "$(setting cabDirectory.port)" = 4223 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4223"
+    grep -q '^listen: 127.0.0.1:4223$' /etc/kivfoundry/cab-directory.conf || fail "the directory does not listen on 4223"
+
+    if command -v systemd-analyze >/dev/null; then
+        out=$(systemd-analyze verify /lib/systemd/system/kiv-cab-directory.service \
+            /lib/systemd/system/kiv-request-proxy.service 2>&1) || fail "systemd-analyze verify: $out"
+        [ -z "$out" ] || fail "systemd-analyze verify: $out"
+        note "systemd-analyze verify: both units pass"
+    else
+        note "SKIPPED systemd-analyze verify: not installed"
+    fi
+    if command -v man >/dev/null; then man -w kivctl >/dev/null || fail "man kivctl finds no page"; fi
+
+    run_services 4223
+
+    # A changed port in the conffile survives a reinstall and reaches the
+    # proxy's settings; the passwords stay.
+    local before
+    before=$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)
+    sed -i 's/^listen: 127.0.0.1:4223$/listen: 127.0.0.1:4333/' /etc/kivfoundry/cab-directory.conf
+    note "dpkg -i again, after a port change"
+    dpkg -i "$deb"
+    check_installed
+    [ "$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)" = "$before" ] || fail "a reinstall changed the passwords"
+    grep -q '^listen: 127.0.0.1:4333$' /etc/kivfoundry/cab-directory.conf || fail "a reinstall replaced the edited conffile"
+    [ "$(setting cabDirectory.port)" = 4333 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4333"
+
+    note "dpkg -r"
+    dpkg -r kivfoundry
+    [ ! -e /usr/lib/kivfoundry/KivRequestProxy ] || fail "remove left the programs"
+    for u in kiv-cab-directory kiv-request-proxy; do
+        [ ! -e "/etc/systemd/system/multi-user.target.wants/$u.service" ] || fail "remove left $u enabled"
+    done
+    [ -f "$users_conf" ] && [ -f /etc/kivfoundry/cab-directory.conf ] || fail "remove deleted the configuration"
+    [ -d /Library/KivFoundry ] && [ -d "$kiv_home" ] || fail "remove deleted the data"
+
+    note "dpkg -P"
+    dpkg -P kivfoundry
+    for p in /etc/kivfoundry "$kiv_home" /Library; do
+        [ ! -e "$p" ] || fail "purge left $p"
+    done
+    if dpkg-query -W -f='${Status}' kivfoundry 2>/dev/null | grep -q installed; then fail "kivfoundry is still known to dpkg"; fi
+    note "install, reinstall, remove and purge: all maintainer scripts passed"
+}
+
+# Sets up the throw-away root and runs this script inside it.
+throwaway_root() {
+    local deb=$1 self top rc=0
+    self=$(readlink -f "$0")
+    top=$(mktemp -d /tmp/kiv-package-root.XXXXXX)
+    local net=()
+    command -v ip >/dev/null && net=(--net)
+    # shellcheck disable=SC2016  # the inner script expands its own arguments
+    # A pid namespace of its own: whatever the test started ends with it.
+    unshare --mount --propagation private --pid --fork "${net[@]}" bash -euo pipefail -c '
+        deb=$1 self=$2 top=$3
+        mount -t tmpfs kiv-package "$top"
+        mkdir "$top/upper" "$top/work" "$top/root"
+        mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
+        root=$top/root
+        mount -t proc proc "$root/proc"
+        for d in dev sys; do mount --rbind "/$d" "$root/$d"; done
+        mount -t tmpfs run "$root/run"
+        # /tmp as PrivateTmp makes it: a folder of the root file system bound
+        # over /tmp (so a rename from /tmp to the data folder crosses mounts).
+        mkdir -p "$root/var/tmp/kiv-package-tmp"
+        chmod 1777 "$root/var/tmp/kiv-package-tmp"
+        mount --bind "$root/var/tmp/kiv-package-tmp" "$root/tmp"
+        command -v ip >/dev/null && ip link set lo up 2>/dev/null || true
+        cp "$deb" "$root/tmp/$(basename "$deb")"
+        cp "$self" "$root/tmp/test-package.sh"
+        chroot "$root" env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LANG=C.UTF-8 \
+            bash /tmp/test-package.sh --inside "/tmp/$(basename "$deb")"
+    ' throwaway "$(readlink -f "$deb")" "$self" "$top" || rc=$?
+    rmdir "$top"
+    return "$rc"
+}
+
+if [ "${1:-}" = --inside ]; then
+    inside "$2"
+    exit 0
+fi
+deb=${1:?usage: test-package.sh PACKAGE.deb}
+check_package "$deb"
+if [ "$(id -u)" != 0 ]; then
+    note "SKIPPED the install test: it needs root (a throw-away root is an overlay mount)"
+    exit 0
+fi
+if ! unshare --mount true 2>/dev/null; then
+    note "SKIPPED the install test: no mount namespaces here"
+    exit 0
+fi
+throwaway_root "$deb"
+note "PASS"
