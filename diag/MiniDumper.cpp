@@ -105,7 +105,7 @@ void MiniDumper::initialize(bool installHandlers, bool catchCrashes) {
     }
 }
 
-void MiniDumper::SetCrashReporterPath(const CStdStr& path) { m_crashReporterPath = escapeBlanks(path); }
+void MiniDumper::SetCrashReporterPath(const CStdStr& path) { m_crashReporterPath = path; }
 
 void MiniDumper::setAppData(const CStdStr& appData) { m_appData = appData; }
 

@@ -9,8 +9,9 @@
 // of them leaves exactly one dump as well.
 // Destruction removes the crash handler and puts back the SIGUSR1, SIGABRT
 // and terminate handlers it replaced.
-// Blanks in the reporter path are escaped as "\ " for the shell, both at
-// initialisation and when the path is replaced.
+// Blanks in the reporter path are escaped as "\ " for the shell by
+// initialize(); SetCrashReporterPath takes its path as given, so a path set
+// after initialisation must already be a shell word.
 #pragma once
 
 #include "common/CStdStr.h"

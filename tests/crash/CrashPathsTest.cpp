@@ -26,7 +26,7 @@ protected:
 #endif
         dumpDir = tmp.path() + "/dumps/";
         std::filesystem::create_directories(dumpDir);
-        // A reporter path with blanks: the handler must escape them for the shell.
+        // A reporter path with blanks, which must reach the shell escaped.
         std::string folder = tmp.path() + "/dir with blanks";
         std::filesystem::create_directories(folder);
         reporter = folder + "/record reporter.sh";

@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
     MiniDumper* dumper = arg1.empty() ? new MiniDumper(name.c_str())
                                       : new MiniDumper(name.c_str(), arg1.c_str(), arg2.c_str(), argv[2]);
     dumper->setDumpDirectory(argv[2]);
-    dumper->SetCrashReporterPath(argv[3]);
+    dumper->SetCrashReporterPath(MiniDumper::escapeBlanks(argv[3]));  // taken as given: a shell word
     if (!appData.empty()) dumper->setAppData(appData);
 
     if (mode == "threads") {

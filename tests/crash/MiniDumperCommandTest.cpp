@@ -42,7 +42,9 @@ TEST(MiniDumperCommand, BlanksInTheReporterPathAreEscapedOnce) {
     MiniDumper d("App", true, true, true, false, false);
     EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter", d.getCrashReporterPath());
     EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter \"/tmp/i.dmp\" \"App\"", d.commandLine("/tmp/i.dmp"));
-    d.SetCrashReporterPath("/x y/KivCrashReporter");
+    d.SetCrashReporterPath("/x y/KivCrashReporter");  // as given; the next initialisation escapes it
+    EXPECT_EQ("/x y/KivCrashReporter", d.getCrashReporterPath());
+    d.initialize(false, false);
     EXPECT_EQ("/x\\ y/KivCrashReporter", d.getCrashReporterPath());
 }
 
