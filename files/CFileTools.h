@@ -100,12 +100,12 @@ public:
     // ---- contents -------------------------------------------------------
     // The whole file in a new[] buffer that the caller delete[]s; false on failure.
     bool readToBytes(unsigned char** data, unsigned long* size);
-    // Reads up to `count` bytes (any size) into `buffer`, starting `offset`
-    // bytes from the begin, the current position or the end (from the end the
-    // offset counts backwards: offset N starts N bytes before the end). `count` becomes
-    // the number of bytes read (0 on failure or past the end). The offset is
-    // taken as signed, so a position before the end or the current position
-    // is passed as a negative number converted to unsigned.
+    // Reads up to `count` bytes (any size) into `buffer`, starting at `offset`
+    // counted from the begin, the current position or the end, as `direction`
+    // says. The offset is taken as signed, so a position before the end or the
+    // current position is a negative number converted to unsigned: the last N
+    // bytes start at offset -N from the end. `count` becomes the number of
+    // bytes read (0 on failure, before the start or past the end).
     bool getData(char* buffer, unsigned long long& count, unsigned long long offset,
                  SeekDirection direction);
     // The whole file in a new[] buffer that the caller delete[]s, or null; `size` gets its size.

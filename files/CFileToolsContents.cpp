@@ -67,9 +67,8 @@ bool CFileTools::getData(char* buffer, unsigned long long& count, unsigned long 
     int fd = openForReading();
     if (fd < 0) return false;
     int whence = direction == current ? SEEK_CUR : direction == end ? SEEK_END : SEEK_SET;
-    // From the end the offset counts backwards: offset N reads the last N bytes.
-    off_t where = direction == end ? -static_cast<off_t>(offset) : static_cast<off_t>(offset);
-    if (::lseek(fd, where, whence) < 0) return false;
+    // Signed in every direction: before the end or the current position is negative.
+    if (::lseek(fd, static_cast<off_t>(offset), whence) < 0) return false;
     count = readFully(fd, buffer, wanted);
     return count > 0 || wanted == 0;
 }

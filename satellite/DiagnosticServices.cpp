@@ -1,12 +1,10 @@
 // Diagnostic services: the tail of a file, the configuration, the data folder
 // and a deliberate crash.
 #include <cstdint>
-#include <exception>
 #include <map>
 #include <memory>
 #include <new>
 
-#include "diag/CBBLog.h"
 #include "files/CFileTools.h"
 #include "host/CRegistry.h"
 #include "host/SettingsSecrets.h"
@@ -43,7 +41,8 @@ int KivRequestProxySatellite::CabServiceTailLog(const char*, const tagVARIANT& i
     std::unique_ptr<char[]> text(new (std::nothrow) char[count + 1]);
     if (!text) return 0;
     unsigned long long read = count;
-    if (count > 0 && !file.getData(text.get(), read, count, CFileTools::end)) read = 0;
+    const unsigned long long lastBytes = static_cast<unsigned long long>(-static_cast<long long>(count));
+    if (count > 0 && !file.getData(text.get(), read, lastBytes, CFileTools::end)) read = 0;
     text[read] = '\0';
 
     VUtil::CreateArray(*out, VT_VARIANT, 3);
@@ -70,14 +69,10 @@ int KivRequestProxySatellite::CabServiceGetConfig(const char*, const tagVARIANT&
     return 0;
 }
 
-int KivRequestProxySatellite::CabServiceGetKivDataFolder(const char* name, const tagVARIANT&, tagVARIANT* out) {
-    CStdStr folder;
-    try {
-        folder = CFileTools::GetKivDataFolder();
-    } catch (const std::exception& e) {
-        CBBLog::error("%s: %s", name, e.what());
-        return 1;
-    }
+// A data folder that cannot be made throws std::logic_error out of the handler:
+// the library answers CAB_E_HANDLER_EXCEPTION with its text.
+int KivRequestProxySatellite::CabServiceGetKivDataFolder(const char*, const tagVARIANT&, tagVARIANT* out) {
+    CStdStr folder = CFileTools::GetKivDataFolder();
     VariantClear(out);
     out->vt = VT_BSTR;
     out->bstrVal = SysAllocStringLen(folder.data(), static_cast<uint32_t>(folder.size()));

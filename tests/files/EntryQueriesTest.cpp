@@ -46,11 +46,17 @@ TEST(EntryContents, GetDataFromBeginCurrentAndEnd) {
     count = 2;
     EXPECT_TRUE(file.getData(buf, count, 1, CFileTools::current));  // position was 6
     EXPECT_EQ(std::string(buf, 2), "78");
+    const unsigned long long minus3 = static_cast<unsigned long long>(-3LL);
     count = 3;
-    EXPECT_TRUE(file.getData(buf, count, 3, CFileTools::end));  // the last three bytes
+    EXPECT_TRUE(file.getData(buf, count, minus3, CFileTools::end));  // the last three bytes
     EXPECT_EQ(std::string(buf, 3), "789");
-    count = 20;  // more than the file holds, counted from the end: refused
-    EXPECT_FALSE(file.getData(buf, count, 20, CFileTools::end));
+    count = 2;
+    EXPECT_TRUE(file.getData(buf, count, minus3, CFileTools::current));  // position was 10
+    EXPECT_EQ(std::string(buf, 2), "78");
+    count = 3;  // a positive offset from the end is past it
+    EXPECT_FALSE(file.getData(buf, count, 3, CFileTools::end));
+    count = 20;  // before the start of the file: refused
+    EXPECT_FALSE(file.getData(buf, count, static_cast<unsigned long long>(-20LL), CFileTools::end));
     count = 100;  // asks past the end: only what is there
     EXPECT_TRUE(file.getData(buf, count, 8, CFileTools::begin));
     EXPECT_EQ(count, 2u);

@@ -87,7 +87,7 @@ TEST_F(ProxyTest, TailReturnsTheLastBytesCappedAndMissingFilesAre404) {
     EXPECT_EQ(stopProxy(SIGTERM), 0);
 }
 
-TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRoot) {
+TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThrows) {
     const char* key = "Software\\Kiv Foundry\\Kiv\\Config";
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "zeta", CStdStr("last")));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "alpha", CStdStr("first")));
@@ -131,6 +131,12 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRoot) {
     struct stat st;
     ASSERT_EQ(stat(expected.c_str(), &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
+    // A data folder that cannot be made reaches the caller as the handler's exception, with its text.
+    std::filesystem::rename(expected, expected + ".away");
+    std::filesystem::create_symlink(expected + ".nowhere/x", expected);
+    CLocalVariant none;
+    EXPECT_EQ(call("GetKivDataFolder", "null", none.ptr()), CAB_E_HANDLER_EXCEPTION);
+    EXPECT_NE(CabGetLastError().find("Failed to create Kiv data folder"), std::string::npos) << CabGetLastError();
     EXPECT_EQ(stopProxy(SIGTERM), 0);
     // No credential reached the proxy's output or its log.
     std::string logged = proxyOutput() + kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
