@@ -40,6 +40,8 @@ public:
     int CabServiceGetMediumListInfoFromId(const char* name, tagVARIANT in, tagVARIANT* out);
     int CabServiceIsMediumShared(const char* name, tagVARIANT in, tagVARIANT* out);
 
+    // 0, or the request's negative result when it was not answered; an
+    // answer that refused (404) or has the wrong shape throws CabException.
     int getKivMediaExtension(const CStdStr& context, const CStdStr& mediaType, std::vector<CStdStr>& out);
     void buildExtensionMap(const CStdStr& context);
     void GetDocumentType(const CStdStr& path, CStdStr& mimeType, CStdStr& mediaType);

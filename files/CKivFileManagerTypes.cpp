@@ -22,13 +22,9 @@ int CKivFileManager::getKivMediaExtension(const CStdStr& context, const CStdStr&
         CBBLog::warn("GetExtensions(%s) failed: %d", mediaType.c_str(), rc);
         return rc;
     }
+    // A failure throws; a positive status (404) leaves no answer, and reading
+    // its element 0 throws as well: the folder request then answers 1.
     VUtil::CheckSingleRetcode(retcodes.get(), "GetExtensions");
-    long status = VUtil::GetSingleRetcode(retcodes.get());
-    if (status != 0) {
-        // The media service answered but refused: there is no list to read.
-        CBBLog::warn("GetExtensions(%s) answered %ld", mediaType.c_str(), status);
-        return static_cast<int>(status);
-    }
     CLocalVariant list;
     VUtil::GetElement(answer.get(), 0, list.get());
     int count = VUtil::CheckArrayType(list.get(), VT_VARIANT, 0, true, "GetExtensions");

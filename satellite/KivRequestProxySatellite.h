@@ -63,10 +63,11 @@ public:
 
     // Medium items to file paths: file-browser ids locally, others through
     // the media service "KivMediaV2". 0, 1 for an empty first item, -1 after
-    // an exception, else the lookup's status.
+    // an exception (a refused lookup included), else the lookup's status.
     int GetMediumListPath(const CStdStr& context, const tagVARIANT& items, std::vector<CStdStr>& paths);
-    // Sends `in` to `method` of satellite `service`, checks its status and
-    // copies element 0 of its answer into `out`.
+    // Sends `in` to `method` of satellite `service` and copies element 0 of
+    // its answer into `out`; returns 0. A negative status, or an answer
+    // without element 0 (a refusal such as 404), throws CabException.
     int CabGetMediumInfoFromId(const char* service, const char* method, const tagVARIANT& in, tagVARIANT* out);
 
     // Thread body that writes one archive; `record` is a TCreateZipThreadData.

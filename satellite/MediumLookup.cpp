@@ -16,13 +16,9 @@ int KivRequestProxySatellite::CabGetMediumInfoFromId(const char* service, const 
     int elapsed = static_cast<int>(
         std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count());
     CBBLog::debug("Request GetMediumFromId returned in %dms", elapsed);
+    // A failure throws; a positive status (404) leaves no answer, and reading
+    // its element 0 throws as well.
     VUtil::CheckSingleRetcode(retcodes.get(), method);
-    long status = VUtil::GetSingleRetcode(retcodes.get());
-    if (status != 0) {
-        // Answered with a refusal: there is no answer to copy.
-        CBBLog::warn("%s of %s answered %ld", method, service, status);
-        return static_cast<int>(status);
-    }
     CLocalVariant first;
     VUtil::GetElement(answer.get(), 0, first.get());
     VariantClear(out);

@@ -1,4 +1,6 @@
 // The extension map from "KivMediaV2", document types and StrSplit.
+#include <atomic>
+
 #include "files/CFileTools.h"
 #include "tests/fileservices/ManagerFixture.h"
 #include "variant/VUtil.h"
@@ -65,20 +67,27 @@ TEST_F(ExtensionMapTest, NoMediaServiceLeavesTheMapEmptyAndListingsWork) {
     EXPECT_TRUE(manager->extensionMap().empty());
 }
 
-// A media service whose answer has the wrong shape.
-int badExtensions(const char*, const tagVARIANT&, tagVARIANT* out) {
+// A media service whose answer cannot be read: the wrong shape, or a refusal
+// (a positive status leaves no answer).
+std::atomic<bool> refuseExtensions{false};
+int unreadableExtensions(const char*, const tagVARIANT&, tagVARIANT* out) {
+    if (refuseExtensions) return 404;
     VUtil::CreateArray(*out, VT_VARIANT, 1);
     VUtil::PutElement(*out, 0, 42);
     return 0;
 }
 
-TEST_F(ExtensionMapTest, MalformedAnswerEndsTheFolderRequestWithStatusOne) {
+TEST_F(ExtensionMapTest, UnreadableAnswerEndsTheFolderRequestWithStatusOne) {
     media.reset();
     CabSatellite bad;
-    bad.AddService("GetExtensions", "", badExtensions);
+    bad.AddService("GetExtensions", "", unreadableExtensions);
     ASSERT_EQ(bad.Connect(server.hostPort().c_str(), "KivMediaV2"), 0);
-    CLocalVariant out;
-    EXPECT_EQ(folder(dir.path(), 3, "", "title", "title", 0, 0, out.ptr()), 1);
+    for (bool refuse : {false, true}) {
+        refuseExtensions = refuse;
+        CLocalVariant out;
+        EXPECT_EQ(folder(dir.path(), 3, "", "title", "title", 0, 0, out.ptr()), 1) << refuse;
+        EXPECT_TRUE(manager->extensionMap().empty()) << refuse;
+    }
     bad.Disconnect();
 }
 

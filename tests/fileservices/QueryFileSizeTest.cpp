@@ -1,5 +1,7 @@
 // "QueryFileSize" through the real proxy, for file-browser ids (resolved by
 // the proxy) and for catalog ids (resolved by kiv-media-catalog).
+#include <atomic>
+
 #include "files/CFileTools.h"
 #include "tests/fileservices/TransferFixture.h"
 #include "variant/VUtil.h"
@@ -50,6 +52,12 @@ TEST_F(QueryFileSizeTest, CatalogIds) {
     EXPECT_EQ(count, 1);
 }
 
+std::atomic<int> refusedLookups{0};
+int refuseLookup(const char*, const tagVARIANT&, tagVARIANT*) {
+    ++refusedLookups;
+    return 404;
+}
+
 TEST_F(QueryFileSizeTest, UnresolvableItemsAndWrongShapes) {
     int count = -1;
     long long total = -1;
@@ -59,6 +67,15 @@ TEST_F(QueryFileSizeTest, UnresolvableItemsAndWrongShapes) {
     EXPECT_EQ(queryFileSize("M1", {"M1"}, &count, &total), -1);
     EXPECT_EQ(count, -1);
     EXPECT_TRUE(waitForLog("GetMediumListPath: "));
+    // A media service that refuses (404) leaves no answer to read: the lookup fails the same way.
+    {
+        CabSatellite refusing;
+        refusing.AddService("GetMediumListInfoFromId", "", refuseLookup);
+        ASSERT_EQ(refusing.Connect(hostPort().c_str(), "KivMediaV2"), 0);
+        EXPECT_EQ(queryFileSize("M1", {"M1"}, &count, &total), -1);
+        EXPECT_EQ(refusedLookups, 1);
+        refusing.Disconnect();
+    }
 
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, 1);
