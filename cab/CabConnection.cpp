@@ -1,5 +1,6 @@
 #include "cab/CabConnection.h"
 
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -74,11 +75,43 @@ natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status, std::str
 
 // ---- CabConnection
 
+namespace {
+
+// "u1, u2,u3" -> the URLs, blanks trimmed, empty entries dropped.
+std::vector<std::string> splitServers(const std::string& list) {
+    std::vector<std::string> urls;
+    size_t from = 0;
+    while (from <= list.size()) {
+        size_t comma = list.find(',', from);
+        if (comma == std::string::npos) comma = list.size();
+        std::string u = list.substr(from, comma - from);
+        size_t b = u.find_first_not_of(" \t"), e = u.find_last_not_of(" \t");
+        if (b != std::string::npos) urls.push_back(u.substr(b, e - b + 1));
+        from = comma + 1;
+    }
+    return urls;
+}
+
+}  // namespace
+
 int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     std::shared_ptr<CabConnection> c(new CabConnection);
+    std::vector<std::string> urls = splitServers(o.url);
+    if (urls.empty()) {
+        c->m_closed = true;
+        return CabFail(CAB_E_CONNECT_FAILED, "no directory server given");
+    }
+    std::vector<const char*> urlPtrs;
+    bool tlsUrl = false;
+    for (const std::string& u : urls) {
+        urlPtrs.push_back(u.c_str());
+        tlsUrl = tlsUrl || u.compare(0, 6, "tls://") == 0;
+    }
     natsOptions* opts = nullptr;
     natsStatus s = natsOptions_Create(&opts);
-    if (s == NATS_OK) s = natsOptions_SetURL(opts, o.url.c_str());
+    // Every server given, plus the members the cluster announces; the order
+    // is shuffled (the client's default) so that clients spread over them.
+    if (s == NATS_OK) s = natsOptions_SetServers(opts, urlPtrs.data(), (int)urlPtrs.size());
     if (s == NATS_OK && !o.name.empty()) s = natsOptions_SetName(opts, o.name.c_str());
     if (s == NATS_OK && !o.nkey.empty() && !o.nkeyFile.empty()) {
         s = natsOptions_SetNKeyFromSeed(opts, o.nkey.c_str(), o.nkeyFile.c_str());
@@ -87,7 +120,7 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     } else if (s == NATS_OK && !o.token.empty()) {
         s = natsOptions_SetToken(opts, o.token.c_str());
     }
-    bool tls = o.url.compare(0, 6, "tls://") == 0 || !o.tlsCa.empty() || !o.tlsCert.empty() || !o.tlsKey.empty();
+    bool tls = tlsUrl || !o.tlsCa.empty() || !o.tlsCert.empty() || !o.tlsKey.empty();
     if (s == NATS_OK && tls) s = natsOptions_SetSecure(opts, true);
     if (s == NATS_OK && !o.tlsCa.empty()) s = natsOptions_LoadCATrustedCertificates(opts, o.tlsCa.c_str());
     if (s == NATS_OK && (!o.tlsCert.empty() || !o.tlsKey.empty()))
@@ -107,6 +140,10 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     if (s == NATS_OK) s = natsOptions_SetMaxReconnect(opts, -1);
     if (s == NATS_OK) s = natsOptions_SetReconnectWait(opts, 100);
     if (s == NATS_OK) s = natsOptions_SetReconnectJitter(opts, 50, 50);
+    // What is published while moving to another server waits here: room for
+    // a whole window of an answer in parts (8 MiB) and the small answers
+    // around it, so handlers that end during the move still answer.
+    if (s == NATS_OK) s = natsOptions_SetReconnectBufSize(opts, 16 << 20);
     if (s == NATS_OK) s = natsOptions_SetDisconnectedCB(opts, &CabConnection::onDisconnected, c.get());
     if (s == NATS_OK) s = natsOptions_SetReconnectedCB(opts, &CabConnection::onReconnected, c.get());
     if (s == NATS_OK) s = natsOptions_SetClosedCB(opts, &CabConnection::onClosed, c.get());
@@ -303,6 +340,8 @@ int CabConnection::publishMsg(natsMsg* msg) {
     natsStatus s = natsConnection_PublishMsg(m_nc, msg);
     if (s == NATS_OK) return 0;
     if (s == NATS_MAX_PAYLOAD) return CabFail(CAB_E_TOO_LARGE, natsStatus_GetText(s));
+    // The server went away under the write; the client is moving to another.
+    if (s == NATS_IO_ERROR) return CabFail(CAB_E_CONNECTION_LOST, natsStatus_GetText(s));
     return CabFail(s == NATS_CONNECTION_CLOSED || s == NATS_CONNECTION_DISCONNECTED ? CAB_E_NOT_CONNECTED
                                                                                      : CAB_E_INTERNAL,
                    natsStatus_GetText(s));
@@ -352,7 +391,12 @@ void CabConnection::onDisconnected(natsConnection*, void* closure) {
     self->notify(CAB_STATE_DISCONNECTED);
 }
 
-void CabConnection::onReconnected(natsConnection*, void* closure) {
+void CabConnection::onReconnected(natsConnection* nc, void* closure) {
+    // The client has resent every subscription (services, discovery, the
+    // inbox) before this runs; say where we are now.
+    char url[256] = "";
+    if (natsConnection_GetConnectedUrl(nc, url, sizeof url) != NATS_OK) snprintf(url, sizeof url, "(unknown)");
+    cablog::log(LOGLEVEL_INFO, "reconnected to %s", url);
     static_cast<CabConnection*>(closure)->notify(CAB_STATE_RECONNECTED);
 }
 

@@ -3,8 +3,9 @@
 //   each message to the mailbox whose token ends its subject (answers to our
 //   requests, credit for our transfers);
 // - message subscriptions whose handlers get ownership of each message;
-// - reconnection forever after a loss; on a loss every open mailbox fails with
-//   CAB_E_CONNECTION_LOST, and the state listener hears of every change;
+// - reconnection forever after a loss, to any server of the cluster; on a
+//   loss every open mailbox fails with CAB_E_CONNECTION_LOST, and the state
+//   listener hears of every change;
 // - a publish the directory refuses to our user fails the requests sent to
 //   that subject at once with CAB_E_PERMISSION_DENIED and the server's text.
 // Destruction closes the connection and returns only when no callback of it
@@ -53,7 +54,10 @@ private:
 class CabConnection {
 public:
     struct Options {
-        std::string url;       // nats://host:port or tls://host:port
+        // nats://host:port or tls://host:port; several, comma-separated, for
+        // a cluster (the client also learns the members the servers announce,
+        // tries them in random order and moves to another one on a loss).
+        std::string url;
         std::string name;
         // A NATS user: `user` with `password`, or an nkey (its public key
         // "U..." and the file holding its private key). The user also names

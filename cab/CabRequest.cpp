@@ -108,8 +108,9 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         int len = natsMsg_GetDataLength(m);
         int64_t stopped = 0;
         if (len == 0 && total > 0 && cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) &&
-            index == expect && cabwire::headerInt(m, cabwire::kStatus, INT32_MIN, INT32_MAX, &stopped)) {
-            // The responder could not go on and says why.
+            index >= expect && cabwire::headerInt(m, cabwire::kStatus, INT32_MIN, INT32_MAX, &stopped)) {
+            // The responder could not go on and says why. A later index: it
+            // lost its directory server, and the parts in between with it.
             std::string why = cabwire::header(m, cabwire::kError);
             natsMsg_Destroy(m);
             return CabFail(stopped ? (int)stopped : CAB_E_MALFORMED,
@@ -220,7 +221,7 @@ int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntr
 int requestImpl(CabSatelliteState* state, const char* target, const char* service, const tagVARIANT& in,
                 tagVARIANT* out, CABFLAGS flags) {
     if (!target || !service) return CabFail(CAB_E_INVALID_ARGUMENT, "null satellite or service name");
-    if (!cabwire::validName(target)) return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + target + "'");
+    if (!cabwire::validTarget(target)) return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + target + "'");
     if (!cabwire::validName(service)) return CabFail(CAB_E_INVALID_NAME, std::string("service '") + service + "'");
     if (std::shared_ptr<CabServiceEntry> own = ownService(state, target, service))
         return requestInline(state, own, target, in, out);

@@ -3,8 +3,11 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <random>
+
+#include <unistd.h>
 
 #include "cab/CabLog.h"
 #include "cab/CabSatelliteState.h"
@@ -38,12 +41,57 @@ std::string nowRfc3339() {
 }
 
 // "host", "host:port" or "nats://..." -> a NATS URL.
-std::string directoryUrl(const char* host) {
-    std::string h = host && *host ? host : "127.0.0.1";
+std::string serverUrl(const std::string& h) {
     if (h.find("://") != std::string::npos) return h;
     if (h.find(':') != std::string::npos) return "nats://" + h;
     int port = cabsettings::integer("cabDirectory.port", 4222);
     return "nats://" + h + ":" + std::to_string(port);
+}
+
+// The directory's servers, comma-separated URLs. A list or a URL given to
+// Connect is used as it is; a plain host (what Register reads from
+// cabDirectory.host) gives way to the setting cabDirectory.servers.
+std::string directoryUrl(const char* host) {
+    std::string h = host && *host ? host : "127.0.0.1";
+    std::string servers;
+    if (h.find("://") == std::string::npos && h.find(',') == std::string::npos &&
+        cabsettings::string("cabDirectory.servers", &servers) && servers.find_first_not_of(" \t,") != std::string::npos)
+        h = servers;
+    std::string urls;
+    size_t from = 0;
+    while (from <= h.size()) {
+        size_t comma = h.find(',', from);
+        if (comma == std::string::npos) comma = h.size();
+        std::string one = h.substr(from, comma - from);
+        size_t b = one.find_first_not_of(" \t"), e = one.find_last_not_of(" \t");
+        if (b != std::string::npos) urls += (urls.empty() ? "" : ",") + serverUrl(one.substr(b, e - b + 1));
+        from = comma + 1;
+    }
+    return urls;
+}
+
+// The name of this host in host-scoped subjects: KIV_HOSTNAME when set (a
+// test runs several "hosts" on one machine), else the system's host name up
+// to its first dot. "" when it is not a valid name.
+std::string scopeHost() {
+    std::string h;
+    const char* env = getenv("KIV_HOSTNAME");
+    if (env && *env) {
+        h = env;
+    } else {
+        char buf[256] = "";
+        if (gethostname(buf, sizeof buf - 1) == 0) h = buf;
+        h = h.substr(0, h.find('.'));
+    }
+    h = cabwire::hostToken(h);
+    return cabwire::validName(h.c_str()) ? h : std::string();
+}
+
+// cabDirectory.hostScope: 1 or "true" also listens as "<name>@<host>".
+bool hostScopeWanted() {
+    std::string text;
+    if (cabsettings::string("cabDirectory.hostScope", &text)) return text == "true" || text == "1" || text == "yes";
+    return cabsettings::integer("cabDirectory.hostScope", 0) != 0;
 }
 
 // Who we are on the directory: a user with a password or an nkey; the shared
@@ -72,7 +120,9 @@ std::vector<natsSubscription*> takeSubscriptions(CabSatelliteState* state, bool 
     *conn = state->conn;
     for (auto& e : state->services) {
         if (e->sub) subs.push_back(e->sub);
+        if (e->hostSub) subs.push_back(e->hostSub);
         e->sub = nullptr;
+        e->hostSub = nullptr;
     }
     subs.insert(subs.end(), state->srvSubs.begin(), state->srvSubs.end());
     state->srvSubs.clear();
@@ -257,7 +307,10 @@ int CabSatellite::Connect(const char* host, const char* name) {
         m_state->transfers = std::make_shared<CabTransfers>(conn, m_state->pool, creditTimeoutMs,
                                                             (uint64_t)(maxAnswerBytes > 0 ? maxAnswerBytes : 1 << 30));
     }
-    cablog::log(LOGLEVEL_INFO, "Connected to the directory at %s as %s", o.url.c_str(), name);
+    char at[256] = "";
+    if (natsConnection_GetConnectedUrl(conn->nc(), at, sizeof at) != NATS_OK || !*at)
+        snprintf(at, sizeof at, "%s", o.url.c_str());
+    cablog::log(LOGLEVEL_INFO, "Connected to the directory at %s as %s", at, name);
     {
         PLockGuard guard(m_state->lock);
         m_state->creating = true;
@@ -299,17 +352,32 @@ int CabSatellite::RegisterServices() {
         needSrv = !m_state->services.empty() && m_state->srvSubs.empty();
     }
     if (!conn) return 0;  // registered on Connect
+    // With cabDirectory.hostScope every service also listens, in the same
+    // queue group, as "cab.<name>@<host>.<service>": a client can then
+    // address the instance on one host.
+    std::string scoped;
+    if (hostScopeWanted()) {
+        std::string host = scopeHost();
+        if (host.empty())
+            cablog::log(LOGLEVEL_ERROR, "cabDirectory.hostScope: this host's name is not a valid name; %s listens "
+                                        "under its plain name only", name.c_str());
+        else
+            scoped = name + "@" + host;
+    }
+    std::vector<std::pair<std::shared_ptr<CabServiceEntry>, std::string>> listen;
+    for (auto& e : todo) {
+        PLockGuard guard(m_state->lock);
+        listen.emplace_back(e, e->subject);
+        if (!scoped.empty() && !e->hostSub) listen.emplace_back(e, cabwire::serviceSubject(scoped, e->name));
+    }
     std::weak_ptr<CabSatelliteState> wstate = m_state;
     std::weak_ptr<CabConnection> wconn = conn;
     std::weak_ptr<CabWorkerPool> wpool = pool;
     int failures = 0;
     std::vector<std::string> subjects;
-    for (auto& e : todo) {
-        std::string subject;
-        {
-            PLockGuard guard(m_state->lock);
-            subject = e->subject;
-        }
+    for (auto& l : listen) {
+        const std::shared_ptr<CabServiceEntry>& e = l.first;
+        const std::string& subject = l.second;
         subjects.push_back(subject);
         natsSubscription* sub = conn->subscribe(subject, name, [wstate, wconn, wpool, e](natsMsg* msg) {
             std::shared_ptr<CabWorkerPool> p = wpool.lock();
@@ -336,7 +404,7 @@ int CabSatellite::RegisterServices() {
             continue;
         }
         PLockGuard guard(m_state->lock);
-        e->sub = sub;
+        (subject == e->subject ? e->sub : e->hostSub) = sub;
     }
     if (needSrv) {
         std::string id = instanceId();
@@ -370,7 +438,8 @@ int CabSatellite::RegisterServices() {
         return rc;
     }
     if (!todo.empty())
-        cablog::log(LOGLEVEL_INFO, "Registered %d services of %s", (int)todo.size(), name.c_str());
+        cablog::log(LOGLEVEL_INFO, "Registered %d services of %s%s%s", (int)todo.size(), name.c_str(),
+                    scoped.empty() ? "" : ", also as ", scoped.c_str());
     return 0;
 }
 
@@ -480,18 +549,21 @@ int CabSatellite::AddService(const char* name, const char* description, CabServi
 int CabSatellite::RemoveService(const char* name) {
     std::shared_ptr<CabConnection> conn;
     natsSubscription* sub = nullptr;
+    natsSubscription* hostSub = nullptr;
     {
         PLockGuard guard(m_state->lock);
         conn = m_state->conn;
         for (auto it = m_state->services.begin(); it != m_state->services.end(); ++it) {
             if ((*it)->name == (name ? name : "")) {
                 sub = (*it)->sub;
+                hostSub = (*it)->hostSub;
                 m_state->services.erase(it);
                 break;
             }
         }
     }
     if (conn && sub) conn->unsubscribe(sub);
+    if (conn && hostSub) conn->unsubscribe(hostSub);
     return 0;
 }
 

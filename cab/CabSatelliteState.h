@@ -31,7 +31,8 @@ struct CabServiceEntry {
     std::string description;
     std::string subject;
     std::unique_ptr<CabSatelliteDelegateGeneric> delegate;
-    natsSubscription* sub = nullptr;  // CabSatelliteState::lock
+    natsSubscription* sub = nullptr;      // CabSatelliteState::lock
+    natsSubscription* hostSub = nullptr;  // CabSatelliteState::lock: "cab.<name>@<host>.<service>", with host scope
 
     PMutex statsLock;        // guards stats
     CabServiceStats stats;   // statsLock

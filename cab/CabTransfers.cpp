@@ -263,6 +263,10 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
                 PLockGuard guard(t->lock);
                 t->pumping = false;
             }
+            // A write that failed because our server went away: the loss of
+            // the connection, reported a moment later, ends the transfer and
+            // tells the requester (onCredit); the credit time-out is the net.
+            if (rc == CAB_E_CONNECTION_LOST) return;
             finish(t, "stopped at part " + std::to_string(i) + ": " + CabGetLastError());
             return;
         }
@@ -272,6 +276,7 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
 
 void CabTransfers::onCredit(const std::shared_ptr<Transfer>& t, natsMsg* msg, int failure) {
     if (!msg) {
+        if (failure == CAB_E_CONNECTION_LOST) tellConnectionLost(t);
         finish(t, std::string("connection: ") + CabStatusText(failure));
         return;
     }
@@ -301,6 +306,25 @@ void CabTransfers::onCredit(const std::shared_ptr<Transfer>& t, natsMsg* msg, in
         if (std::shared_ptr<CabTransfers> self = wself.lock()) self->pump(t);
     });
     if (!queued) finish(t, "the satellite is leaving");
+}
+
+void CabTransfers::tellConnectionLost(const std::shared_ptr<Transfer>& t) {
+    uint64_t next;
+    {
+        PLockGuard guard(t->lock);
+        if (t->done || t->next >= t->parts) return;
+        next = t->next;
+    }
+    // The requester may sit on another server of the cluster, waiting for
+    // parts that went down with ours. The client library keeps what is
+    // published while it moves and sends it from the new server: an empty
+    // part there, numbered after every part we sent, ends the wait.
+    natsMsg* m = makeMsg(t->replyTo, "", 0);
+    if (!m) return;
+    setStatusHeaders(m, CAB_E_CONNECTION_LOST, "the responder lost its directory server", 0);
+    natsMsgHeader_Set(m, cabwire::kPart, std::to_string(next).c_str());
+    m_conn->publishMsg(m);
+    natsMsg_Destroy(m);
 }
 
 void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string& why) {

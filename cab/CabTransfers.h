@@ -5,7 +5,8 @@
 // requester. Promises:
 // - a transfer with no credit for `creditTimeoutMs` is abandoned and its
 //   memory (the answer, or the open file) freed; so is one whose requester
-//   cancels it or whose connection is lost;
+//   cancels it or whose connection is lost (then the requester gets an
+//   empty part with CAB_E_CONNECTION_LOST through the next server);
 // - the memory held by all transfers waiting for credit stays within
 //   `maxBytes`: a new answer that would pass it is refused with CAB_E_BUSY
 //   (an answer is never refused while it would be the only one);
@@ -46,6 +47,9 @@ private:
     struct Transfer;
     void pump(const std::shared_ptr<Transfer>& t);
     void onCredit(const std::shared_ptr<Transfer>& t, natsMsg* msg, int failure);
+    // After our server was lost: tells the requester, through the next
+    // server, that the answer ends with CAB_E_CONNECTION_LOST.
+    void tellConnectionLost(const std::shared_ptr<Transfer>& t);
     // Removes t from the table (once) and frees what it holds.
     void finish(const std::shared_ptr<Transfer>& t, const std::string& why);
     void* sweep(void*);

@@ -32,8 +32,25 @@ bool validName(const char* name) {
     return true;
 }
 
-std::string serviceSubject(const std::string& satellite, const std::string& service) {
-    return "cab." + satellite + "." + service;
+bool validTarget(const char* target) {
+    if (!target) return false;
+    const char* at = strchr(target, '@');
+    if (!at) return validName(target);
+    std::string satellite(target, (size_t)(at - target));
+    return validName(satellite.c_str()) && validName(at + 1);
+}
+
+std::string hostToken(const std::string& host) {
+    std::string h = host;
+    for (char& c : h)
+        if (c >= 'A' && c <= 'Z') c = (char)(c - 'A' + 'a');
+    return h;
+}
+
+std::string serviceSubject(const std::string& target, const std::string& service) {
+    size_t at = target.find('@');
+    if (at == std::string::npos) return "cab." + target + "." + service;
+    return "cab." + target.substr(0, at + 1) + hostToken(target.substr(at + 1)) + "." + service;
 }
 
 std::string header(natsMsg* msg, const char* key) {

@@ -28,10 +28,17 @@ const size_t kHeaderRoom = 4096;                // kept free for headers in ever
 const size_t kMaxPart = 4u << 20;               // parts are at most 4 MiB
 const size_t kWindowBytes = 8u << 20;           // at most 8 MiB of one transfer in flight
 
-// 1-128 characters of [A-Za-z0-9_-].
+// 1-128 characters of [A-Za-z0-9_-]: a satellite, service or host name.
 bool validName(const char* name);
-// "cab.<satellite>.<service>"
-std::string serviceSubject(const std::string& satellite, const std::string& service);
+// The target of a request: a satellite name, or "<satellite>@<host>" (one
+// '@', both sides valid names) for the instance of that satellite on one host.
+bool validTarget(const char* target);
+// A host name as it appears in a host-scoped target: lower case, so that
+// "NAS" and "nas" are one host. Not checked here.
+std::string hostToken(const std::string& host);
+// "cab.<target>.<service>"; the host of a "<satellite>@<host>" target in
+// lower case.
+std::string serviceSubject(const std::string& target, const std::string& service);
 
 // Header value or "" when absent.
 std::string header(natsMsg* msg, const char* key);

@@ -1,7 +1,8 @@
 // The directory options shared by the kivctl subcommands that talk to the
-// CAB directory: --server HOST:PORT, --user USER, --password-file FILE,
-// --token TOKEN, --timeout MS. Without them the settings apply
-// (cabDirectory.host / .port / .user / .password / .token / .requestTimeoutMs).
+// CAB directory: --server URL[,URL...], --host NAME, --user USER,
+// --password-file FILE, --token TOKEN, --timeout MS. Without them the
+// settings apply (cabDirectory.servers / .host / .port / .user / .password /
+// .token / .requestTimeoutMs). --host is read by ProxySession.
 // connect() joins as a pure client named "kivctl-<pid>".
 #pragma once
 

@@ -8,7 +8,8 @@ namespace kivctl {
 
 const char* const kProxyName = "VorpaMediaProxy";
 
-ProxySession::ProxySession(const Args& args) {
+ProxySession::ProxySession(const Args& args) : m_target(kProxyName) {
+    if (args.has("host")) m_target += "@" + args.get("host");
     int timeoutMs = 0;
     m_rc = connect(args, m_client, &timeoutMs);
 }
@@ -18,7 +19,7 @@ ProxySession::~ProxySession() { m_client.Disconnect(); }
 int ProxySession::request(const char* service, const tagVARIANT& in, tagVARIANT* out) {
     tagVARIANT codes;
     VariantInit(&codes);
-    m_client.Request(kProxyName, service, in, out, 0, &codes);
+    m_client.Request(m_target.c_str(), service, in, out, 0, &codes);
     int status = CabRetcode(codes);
     VariantClear(&codes);
     if (CabIsLibraryStatus(status)) fprintf(stderr, "kivctl: %s: %s\n", service, CabGetLastError().c_str());

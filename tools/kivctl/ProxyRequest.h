@@ -2,6 +2,8 @@
 // that ask it something. Connection options as in Connection.h.
 #pragma once
 
+#include <string>
+
 #include "cab/CabSatellite.h"
 #include "tools/kivctl/Command.h"
 
@@ -14,6 +16,7 @@ extern const char* const kProxyName;
 class ProxySession {
 public:
     // Connects; ok() tells whether it worked (the reason is already printed).
+    // With --host NAME the requests go to the proxy on that host only.
     explicit ProxySession(const Args& args);
     ~ProxySession();
     bool ok() const { return m_rc == kOk; }
@@ -25,6 +28,7 @@ public:
 private:
     CabClient m_client;
     int m_rc;
+    std::string m_target;  // kProxyName, or "<kProxyName>@<host>" with --host
 };
 
 // The exit status for a request status: 0, kStatus or kFailure.

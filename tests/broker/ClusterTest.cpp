@@ -1,0 +1,453 @@
+// The directory as a cluster: three nats-server processes on loopback joined
+// by routes, with the real proxy. Reachable through every server, a large
+// answer across a route, failover after SIGKILL of the proxy's server, one
+// proxy per host addressed by host name, and the permission of a host name.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <nats/nats.h>
+
+#include "cab/VariantJson.h"
+#include "host/CRegistry.h"
+#include "tests/broker/BrokerTestFixture.h"
+#include "tests/support/ProxyProcess.h"
+#include "variant/CLocalVariant.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+const char* const kProxy = "VorpaMediaProxy";
+
+int64_t msSince(Clock::time_point t0) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
+}
+
+// Polls `done` every 20 ms; false after the safety time-out.
+template <class F>
+bool eventually(F done, int ms = 60000) {
+    auto end = Clock::now() + std::chrono::milliseconds(ms);
+    while (Clock::now() < end) {
+        if (done()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return done();
+}
+
+int freePort() {
+    int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    int port = -1;
+    if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
+    close(fd);
+    return port;
+}
+
+// Three servers, each routed to all three (a route to itself is ignored).
+struct Cluster {
+    std::vector<std::unique_ptr<kivtest::NatsServer>> servers;
+
+    bool start(int maxPayload, std::string* error) {
+        int route[3];
+        std::string routes;
+        for (int i = 0; i < 3; ++i) {
+            route[i] = freePort();
+            routes += (i ? ", " : "") + std::string("nats-route://127.0.0.1:") + std::to_string(route[i]);
+        }
+        for (int i = 0; i < 3; ++i) {
+            std::string conf = "cluster {\n  name: kiv\n  listen: 127.0.0.1:" + std::to_string(route[i]) +
+                               "\n  routes: [" + routes + "]\n}\n";
+            servers.emplace_back(new kivtest::NatsServer(1 << 20, conf));
+            if (!servers.back()->start()) {
+                *error = servers.back()->error();
+                return false;
+            }
+        }
+        return true;
+    }
+    std::string urls() const {
+        std::string u;
+        for (auto& s : servers) u += (u.empty() ? "" : ",") + s->url();
+        return u;
+    }
+    // The index of the server listening on the port in `url`; -1 if none.
+    int indexOf(const std::string& url) const {
+        for (size_t i = 0; i < servers.size(); ++i)
+            if (url == servers[i]->url()) return (int)i;
+        return -1;
+    }
+};
+
+// A proxy process with a KIV_ROOT of its own and, optionally, a host name.
+struct Proxy {
+    kivtest::TempDir root{"kivproxy"};
+    kivtest::ProxyProcess process;
+    bool start(const std::string& hostName = "") {
+        return process.start({{"KIV_ROOT", root.path()}, {"KIV_HOSTNAME", hostName}}, root.file("out"));
+    }
+    std::string log() const { return kivtest::readFile(root.path() + "/Library/Logs/KivFoundry/KivRequestProxy.log"); }
+    // The URL after the last "<what> " in the log, up to a blank; "" if none.
+    std::string urlAfter(const std::string& what) const {
+        std::string l = log();
+        size_t at = l.rfind(what + " nats://");
+        if (at == std::string::npos) return "";
+        at += what.size() + 1;
+        return l.substr(at, l.find_first_of(" \r\n", at) - at);
+    }
+};
+
+void configure(const std::string& servers, int hostScope) {
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.servers", CStdStr(servers)));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.hostScope", hostScope));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 4));
+}
+
+std::unique_ptr<CabClient> clientOf(const kivtest::NatsServer& server, const char* name, int timeoutMs = 60000) {
+    std::unique_ptr<CabClient> c(new CabClient);
+    c->setRequestTimeoutMs(timeoutMs);
+    EXPECT_EQ(0, c->Connect(server.url().c_str(), name)) << CabGetLastError();
+    return c;
+}
+
+int request(CabSatellite& client, const std::string& target, const char* service, const std::string& jsonIn,
+            tagVARIANT* out) {
+    CLocalVariant in, rc;
+    std::string error;
+    EXPECT_TRUE(VariantFromJson(jsonIn, in.ptr(), &error)) << error;
+    client.Request(target.c_str(), service, in.get(), out, 0, rc.ptr());
+    return CabRetcode(rc.get());
+}
+
+// The data folder of whichever proxy answers `target`; "" on failure.
+std::string dataFolderOf(CabSatellite& client, const std::string& target) {
+    CLocalVariant out;
+    if (request(client, target, "GetKivDataFolder", "null", out.ptr()) != 0 || out.vt() != VT_BSTR) return "";
+    return out.get().bstrVal;
+}
+
+// An echo satellite whose "Hold" service waits until released, so a test
+// knows when requests are in flight.
+class HoldingEcho : public EchoSatellite {
+public:
+    ~HoldingEcho() override {
+        release();
+        Disconnect();
+    }
+    int CreateServices() override {
+        EchoSatellite::CreateServices();
+        return AddService("Hold", "", new CabSatelliteDelegateMember<HoldingEcho>(this, &HoldingEcho::Hold));
+    }
+    int Hold(const char*, const tagVARIANT&, tagVARIANT*) {
+        std::unique_lock<std::mutex> lock(m_lock);  // guards m_entered, m_released
+        ++m_entered;
+        m_cond.notify_all();
+        m_cond.wait_for(lock, std::chrono::seconds(60), [this] { return m_released; });
+        return 0;
+    }
+    bool waitForEntered(int n) {
+        std::unique_lock<std::mutex> lock(m_lock);
+        return m_cond.wait_for(lock, std::chrono::seconds(60), [&] { return m_entered >= n; });
+    }
+    void release() {
+        std::lock_guard<std::mutex> lock(m_lock);
+        m_released = true;
+        m_cond.notify_all();
+    }
+
+private:
+    std::mutex m_lock;
+    std::condition_variable m_cond;
+    int m_entered = 0;       // m_lock
+    bool m_released = false;  // m_lock
+};
+
+std::string patternFile(const kivtest::TempDir& dir, size_t bytes) {
+    std::string path = dir.file("pattern.bin");
+    std::string data(bytes, '\0');
+    for (size_t i = 0; i < bytes; ++i) data[i] = (char)((i * 13 + (i >> 20)) % 251);
+    kivtest::writeFile(path, data);
+    return path;
+}
+
+class ClusterTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::string error;
+        ASSERT_TRUE(cluster.start(1 << 20, &error)) << error;
+    }
+    void TearDown() override { configure("", 0); }
+    Cluster cluster;
+};
+
+}  // namespace
+
+TEST_F(ClusterTest, ReachableThroughEveryServerAndALargeAnswerCrossesARoute) {
+    configure(cluster.urls(), 0);
+    Proxy proxy;
+    ASSERT_TRUE(proxy.start());
+    std::vector<std::unique_ptr<CabClient>> clients;
+    for (int i = 0; i < 3; ++i) {
+        clients.push_back(clientOf(*cluster.servers[i], ("ClusterClient" + std::to_string(i)).c_str()));
+        ASSERT_TRUE(proxy.process.waitUntilServing(*clients[i])) << "through server " << i << ": " << proxy.log();
+    }
+    int at = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
+    ASSERT_GE(at, 0) << proxy.log();
+
+    // 24 MiB in parts of 1 MiB, from the proxy's server to another one.
+    kivtest::TempDir dir("kivcluster");
+    const size_t size = 24u << 20;
+    std::string path = patternFile(dir, size);
+    CLocalVariant out;
+    ASSERT_EQ(0, request(*clients[(at + 1) % 3], kProxy, "GetFile", "[\"" + path + "\"]", out.ptr()))
+        << CabGetLastError();
+    ASSERT_EQ(VT_ARRAY | VT_UI1, out.vt());
+    ASSERT_EQ(size, out.get().parray->rgsabound[0].cElements);
+    std::string expected = kivtest::readFile(path);
+    EXPECT_EQ(0, memcmp(expected.data(), out.get().parray->pvData, size));
+}
+
+TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServesOnElsewhere) {
+    configure(cluster.urls(), 0);
+    Proxy proxy;
+    ASSERT_TRUE(proxy.start());
+    std::unique_ptr<CabClient> probe = clientOf(*cluster.servers[0], "ClusterProbe", 1000);
+    ASSERT_TRUE(proxy.process.waitUntilServing(*probe)) << proxy.log();
+    int a = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
+    ASSERT_GE(a, 0) << proxy.log();
+    int b = (a + 1) % 3, c = (a + 2) % 3;
+    HoldingEcho echo;
+    ASSERT_EQ(0, echo.Connect(cluster.servers[b]->url().c_str(), "EchoA")) << CabGetLastError();
+    std::unique_ptr<CabClient> onA = clientOf(*cluster.servers[a], "ClientOnA");
+    std::unique_ptr<CabClient> onB = clientOf(*cluster.servers[b], "ClientOnB");
+    std::unique_ptr<CabClient> onC = clientOf(*cluster.servers[c], "ClientOnC", 250);
+    ASSERT_TRUE(proxy.process.waitUntilServing(*onA));
+    ASSERT_TRUE(proxy.process.waitUntilServing(*onB));
+
+    // Two requests held in the proxy's handlers: one sent through the proxy's
+    // own server, one through another.
+    const std::string group = "[[\"EchoA\",\"Hold\",0]]";
+    struct Outcome {
+        int status = 1;
+        Clock::time_point end;
+        std::string json;
+    } viaA, viaB;
+    auto send = [&](CabClient* cl, Outcome* o) {
+        CLocalVariant out;
+        o->status = request(*cl, kProxy, "MultiRequest", group, out.ptr());
+        o->end = Clock::now();
+        o->json = VariantToJson(out.get());
+    };
+    std::thread ta(send, onA.get(), &viaA), tb(send, onB.get(), &viaB);
+    ASSERT_TRUE(echo.waitForEntered(2));
+    // And a 24 MiB answer in parts to a raw requester on B that grants no
+    // credit: the proxy has sent its window and waits.
+    kivtest::TempDir dir("kivcluster");
+    std::string path = patternFile(dir, 24u << 20);
+    natsConnection* raw = nullptr;
+    natsSubscription* held = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&raw, cluster.servers[b]->url().c_str()));
+    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&held, raw, "held.reply"));
+    {
+        Var in;
+        std::string error;
+        ASSERT_TRUE(VariantFromJson("[\"" + path + "\"]", &in, &error)) << error;
+        std::string payload = encodingOf(in.v);
+        natsMsg* m = nullptr;
+        natsMsg_Create(&m, "cab.VorpaMediaProxy.GetFile", "held.reply", payload.data(), (int)payload.size());
+        natsMsgHeader_Set(m, "Cab-Proto", "1");
+        ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(raw, m));
+        natsMsg_Destroy(m);
+        natsMsg* first = nullptr;
+        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&first, held, 30000));
+        const char* parts = nullptr;
+        natsMsgHeader_Get(first, "Cab-Parts", &parts);
+        EXPECT_STREQ("25", parts);
+        natsMsg_Destroy(first);
+    }
+
+    auto t0 = Clock::now();
+    ASSERT_EQ(0, kill(cluster.servers[a]->pid(), SIGKILL));
+    // Serving again, asked through a server that stayed up.
+    ASSERT_TRUE(eventually([&] { return !dataFolderOf(*onC, kProxy).empty(); }, 30000)) << proxy.log();
+    int64_t failoverMs = msSince(t0);
+    ta.join();
+    tb.join();
+    printf("failover after SIGKILL of the proxy's server: serving again after %lld ms\n", (long long)failoverMs);
+    EXPECT_LT(failoverMs, 5000);
+    // The requester on the dead server hears of it at once.
+    EXPECT_EQ(CAB_E_CONNECTION_LOST, viaA.status) << CabStatusName(viaA.status);
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(viaA.end - t0).count(), 2000);
+    // The handler whose own request was cut answers after the move, through the new server.
+    EXPECT_EQ(0, viaB.status) << CabStatusName(viaB.status);
+    EXPECT_NE(std::string::npos, viaB.json.find(std::to_string(CAB_E_CONNECTION_LOST))) << viaB.json;
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(viaB.end - t0).count(), 5000);
+    // The held transfer ends with an empty part that says why.
+    std::string notice;
+    for (natsMsg* m = nullptr; notice.empty() && natsSubscription_NextMsg(&m, held, 5000) == NATS_OK;
+         natsMsg_Destroy(m)) {
+        const char* st = nullptr;
+        if (natsMsg_GetDataLength(m) == 0 && natsMsgHeader_Get(m, "Cab-Status", &st) == NATS_OK) notice = st;
+    }
+    EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
+    natsSubscription_Destroy(held);
+    natsConnection_Destroy(raw);
+    std::string now = proxy.urlAfter("reconnected to");
+    EXPECT_TRUE(cluster.indexOf(now) == b || cluster.indexOf(now) == c) << proxy.log();
+    echo.release();
+    cluster.servers[a]->stop();
+}
+
+TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
+    configure(cluster.urls(), 1);
+    Proxy alpha, beta;
+    ASSERT_TRUE(alpha.start("Alpha"));  // host names are lower-cased
+    ASSERT_TRUE(beta.start("beta"));
+    std::unique_ptr<CabClient> c0 = clientOf(*cluster.servers[0], "HostClient0");
+    std::unique_ptr<CabClient> c2 = clientOf(*cluster.servers[2], "HostClient2");
+    std::string folderA, folderB;
+    ASSERT_TRUE(eventually([&] { return !(folderA = dataFolderOf(*c0, "VorpaMediaProxy@alpha")).empty(); }))
+        << alpha.log();
+    ASSERT_TRUE(eventually([&] { return !(folderB = dataFolderOf(*c2, "VorpaMediaProxy@beta")).empty(); }))
+        << beta.log();
+    EXPECT_EQ(0u, folderA.rfind(alpha.root.path(), 0)) << folderA;
+    EXPECT_EQ(0u, folderB.rfind(beta.root.path(), 0)) << folderB;
+    EXPECT_EQ(folderA, dataFolderOf(*c2, "VorpaMediaProxy@ALPHA"));
+    EXPECT_EQ(folderB, dataFolderOf(*c0, "VorpaMediaProxy@beta"));
+
+    // The plain name is one queue group of both.
+    std::set<std::string> seen;
+    for (int i = 0; i < 64 && seen.size() < 2; ++i) seen.insert(dataFolderOf(i % 2 ? *c0 : *c2, kProxy));
+    EXPECT_EQ((std::set<std::string>{folderA, folderB}), seen);
+
+    CLocalVariant out;
+    EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, request(*c0, "VorpaMediaProxy@gamma", "GetKivDataFolder", "null", out.ptr()));
+    for (const char* bad : {"VorpaMediaProxy@a@b", "@alpha", "VorpaMediaProxy@", "VorpaMediaProxy@al.pha"})
+        EXPECT_EQ(CAB_E_INVALID_NAME, request(*c0, bad, "GetKivDataFolder", "null", out.ptr())) << bad;
+    CabClient named;
+    EXPECT_EQ(CAB_E_INVALID_NAME, named.Connect(cluster.servers[0]->url().c_str(), "Vorpa@alpha"));
+}
+
+// The permission scripts/cab-directory-users grants for a satellite's hosts:
+// its host-scoped subjects, and no other host's.
+TEST(ClusterPermissions, ASatelliteServesUnderTheHostsItIsGranted) {
+    kivtest::TempDir dir("kivauth");
+    kivtest::writeFile(dir.file("users"), "satellite EchoA echoPassword0123456 alpha\n"
+                                          "client cli cliPassword012345678\n");
+    int status = -1;
+    std::string conf = kivtest::runCommand(
+        std::string("bash '") + KIV_SOURCE_DIR + "/scripts/cab-directory-users' < '" + dir.file("users") + "'", &status);
+    ASSERT_EQ(0, status) << conf;
+    kivtest::NatsServer server(64 * 1024, conf);
+    ASSERT_TRUE(server.start()) << server.error();
+    configure("", 1);
+    setenv("KIV_HOSTNAME", "alpha", 1);
+    EchoSatellite granted, other;
+    granted.setUser("EchoA", "echoPassword0123456");
+    EXPECT_EQ(0, granted.Connect(server.url().c_str(), "EchoA")) << CabGetLastError();
+    setenv("KIV_HOSTNAME", "beta", 1);
+    other.setUser("EchoA", "echoPassword0123456");
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, other.Connect(server.url().c_str(), "EchoA"));
+    unsetenv("KIV_HOSTNAME");
+    configure("", 0);
+
+    CabClient client;
+    client.setUser("cli", "cliPassword012345678");
+    client.setRequestTimeoutMs(60000);
+    ASSERT_EQ(0, client.Connect(server.url().c_str(), "Cli")) << CabGetLastError();
+    CLocalVariant out;
+    EXPECT_EQ(0, request(client, "EchoA@alpha", "Echo", "7", out.ptr())) << CabGetLastError();
+    EXPECT_EQ("7", VariantToJson(out.get()));
+}
+
+// Not part of the suite (run with --gtest_also_run_disabled_tests): a
+// 256 MiB "GetFile" from the proxy across a route, against raw NATS messages
+// of the same size over the same route.
+TEST_F(ClusterTest, DISABLED_ThroughputAcrossARoute) {
+    configure(cluster.urls(), 0);
+    Proxy proxy;
+    ASSERT_TRUE(proxy.start());
+    std::unique_ptr<CabClient> probe = clientOf(*cluster.servers[0], "ClusterProbe");
+    ASSERT_TRUE(proxy.process.waitUntilServing(*probe));
+    int a = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
+    ASSERT_GE(a, 0);
+    int b = (a + 1) % 3;
+    std::unique_ptr<CabClient> onB = clientOf(*cluster.servers[b], "ClientOnB");
+    ASSERT_TRUE(proxy.process.waitUntilServing(*onB));
+    kivtest::TempDir dir("kivcluster");
+    const size_t size = 256u << 20;
+    std::string path = patternFile(dir, size);
+
+    // Raw: a publisher on the proxy's server, a subscriber on another, the
+    // same payload size as the proxy's parts.
+    natsConnection *pub = nullptr, *sub = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&pub, cluster.servers[a]->url().c_str()));
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&sub, cluster.servers[b]->url().c_str()));
+    const int part = (int)natsConnection_GetMaxPayload(pub) - 4096;
+    const int count = (int)((size + part - 1) / part);
+    std::string chunk(part, 'x');
+    auto rawOnce = [&]() -> double {
+        natsSubscription* s = nullptr;
+        natsConnection_SubscribeSync(&s, sub, "raw.bench");
+        natsSubscription_SetPendingLimits(s, -1, -1);
+        natsConnection_Flush(sub);
+        // The subscription must have crossed the route before the first message.
+        eventually([&] {
+            natsMsg* m = nullptr;
+            natsConnection_Publish(pub, "raw.bench", "p", 1);
+            natsConnection_Flush(pub);
+            bool got = natsSubscription_NextMsg(&m, s, 50) == NATS_OK;
+            natsMsg_Destroy(m);
+            return got;
+        });
+        natsMsg* m = nullptr;
+        while (natsSubscription_NextMsg(&m, s, 200) == NATS_OK) natsMsg_Destroy(m);
+        auto t0 = Clock::now();
+        std::thread p([&] {
+            for (int i = 0; i < count; ++i) natsConnection_Publish(pub, "raw.bench", chunk.data(), part);
+            natsConnection_Flush(pub);
+        });
+        int got = 0;
+        while (got < count && natsSubscription_NextMsg(&m, s, 10000) == NATS_OK) {
+            natsMsg_Destroy(m);
+            ++got;
+        }
+        double secs = msSince(t0) / 1000.0;
+        p.join();
+        natsSubscription_Destroy(s);
+        return got == count ? (double)count * part / (1 << 20) / secs : 0.0;
+    };
+    std::unique_ptr<CabClient> onA = clientOf(*cluster.servers[a], "ClientOnA");
+    auto cabOnce = [&](CabClient& client) -> double {
+        CLocalVariant out;
+        auto t0 = Clock::now();
+        int rc = request(client, kProxy, "GetFile", "[\"" + path + "\"]", out.ptr());
+        double secs = msSince(t0) / 1000.0;
+        return rc == 0 && out.vt() == (VT_ARRAY | VT_UI1) ? size / (double)(1 << 20) / secs : 0.0;
+    };
+    for (int rep = 0; rep < 5; ++rep) {
+        double raw = rawOnce(), cab = cabOnce(*onB), local = cabOnce(*onA);
+        printf("256 MiB across a route: raw NATS %.0f MiB/s, GetFile %.0f MiB/s, ratio %.2f; "
+               "GetFile without the route %.0f MiB/s\n", raw, cab, raw > 0 ? cab / raw : 0.0, local);
+    }
+    natsConnection_Destroy(pub);
+    natsConnection_Destroy(sub);
+}
