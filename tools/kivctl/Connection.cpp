@@ -26,7 +26,10 @@ bool readFirstLine(const std::string& path, std::string* line) {
 namespace kivctl {
 
 const char* const kConnectionUsage =
-    "  --server HOST:PORT   the CAB directory (default: settings cabDirectory.host/.port)\n"
+    "  --server URL[,URL..] the CAB directory: HOST, HOST:PORT or nats:// and tls:// URLs,\n"
+    "                       comma-separated for a cluster (default: settings\n"
+    "                       cabDirectory.servers, else cabDirectory.host/.port)\n"
+    "  --host NAME          ask the proxy on host NAME (its cabDirectory.hostScope name)\n"
     "  --user USER          directory user (default: setting cabDirectory.user)\n"
     "  --password-file FILE the user's password, the first line of FILE\n"
     "                       (default: setting cabDirectory.password)\n"
@@ -36,6 +39,7 @@ const char* const kConnectionUsage =
 
 void declareConnectionOptions(Args& args) {
     args.value("server");
+    args.value("host");
     args.value("token");
     args.value("user");
     args.value("password-file");
@@ -44,6 +48,16 @@ void declareConnectionOptions(Args& args) {
 
 int connect(const Args& args, CabClient& client, int* timeoutMs) {
     std::string server = args.get("server");
+    if (!server.empty() && server.find("://") == std::string::npos && server.find(',') == std::string::npos) {
+        // One HOST[:PORT] given here wins over the setting cabDirectory.servers.
+        if (server.find(':') == std::string::npos) {
+            int port = 4222;
+            CRegistry::getInstance()->ReadSettingImpl(CStdStr("Software\\Kiv Foundry\\Kiv\\Config"),
+                                                      CStdStr("cabDirectory.port"), port);
+            server += ":" + std::to_string(port);
+        }
+        server = "nats://" + server;
+    }
     if (server.empty()) {
         CStdStr host;
         if (!CRegistry::getInstance()->ReadSettingImpl(CStdStr("Software\\Kiv Foundry\\Kiv\\Config"),
