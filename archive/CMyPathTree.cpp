@@ -108,12 +108,9 @@ void CMyPathTree::buildIntermediateFolder(CMyPathNode* top, CMyPathNode* node) {
 void CMyPathTree::addNode(CMyPathNode* node, int depth) {
     CMyPathNode* closest = findClosestNode(node);
     if (closest && closest->GetDistance(node) >= 2 && depth < kMaxPlacementDepth) {
-        CMyPathNode* parent = nullptr;
-        try {
-            parent = findParentNode(node);
-        } catch (const CabException&) {
-            // a path without a backslash has no parent folder node
-        }
+        // A path without a backslash has no parent folder: its "no parent
+        // folder" exception ends the placement and reaches the caller.
+        CMyPathNode* parent = findParentNode(node);
         if (parent && parent != node) {
             link(node, parent);
             return;

@@ -6,7 +6,10 @@
 //   relative to the top of that group; any other file is stored under its bare
 //   name. Parent folders are found by the text before the last backslash, so
 //   with "/" paths files are normally stored flat by name.
-// - AddFile never throws; the node links never form a cycle.
+// - AddFile throws CabException "no parent folder" when a file must be grouped
+//   with a folder node (two or more shared components) but its path, or that
+//   of the shared folder, has no backslash: mixing backslash and "/" paths fails
+//   instead of giving an odd layout. The node links never form a cycle.
 // - getZipHeaderSize() estimates the zip's overhead as the sum over files of
 //   102 + 2 * length of the entry name.
 // - createZip writes one entry per file (deflate level 9, or stored), dated

@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
+#include <memory>
 #include <vector>
 
 #include "archive/CMyPathTree.h"
@@ -93,12 +94,13 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
         return rc;
     }
 
-    CMyPathTree* tree = new CMyPathTree;
+    std::unique_ptr<CMyPathTree> layout(new CMyPathTree);  // AddFile throws for paths it cannot place
     long long total = 0;
     for (const CStdStr& path : paths) {
-        tree->AddFile(path);
+        layout->AddFile(path);
         total += fileSize(path);
     }
+    CMyPathTree* tree = layout.release();
     long long estimate = total + static_cast<long long>(tree->getZipHeaderSize());
     CBBLog::info("Creating zip of %d files (%lld -> %lld)", static_cast<int>(paths.size()), total, estimate);
 
@@ -210,13 +212,14 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
     if (!CFileTools::EnumerateFolder(folder, files, true, false, true, false, extensions, false))
         CBBLog::warn("Failed to enumerate log files in %s", folder.c_str());
 
-    CMyPathTree* tree = new CMyPathTree;
+    std::vector<std::unique_ptr<CFileTools>> owned(files.begin(), files.end());
+    std::unique_ptr<CMyPathTree> layout(new CMyPathTree);  // AddFile throws for paths it cannot place
     long long total = 0;
-    for (CFileTools* file : files) {
-        tree->AddFile(file->getPath());
+    for (const auto& file : owned) {
+        layout->AddFile(file->getPath());
         total += static_cast<long long>(file->getFileSize());
-        delete file;
     }
+    CMyPathTree* tree = layout.release();
     if (CBBLog::isDebugEnabled())
         CBBLog::debug("Creating zip of %d log files (%lld -> %lld)", static_cast<int>(files.size()), total,
                       total + static_cast<long long>(tree->getZipHeaderSize()));

@@ -58,19 +58,31 @@ TEST(PathTree, SlashPathsAreStoredFlatByName) {
     EXPECT_EQ(CMyPathTree().getZipHeaderSize(), 0u);
 }
 
-TEST(PathTree, BackslashParentsGroupFilesUnderTheirCommonFolder) {
+TEST(PathTree, BackslashParentsGroupFilesAndMixedPathsThrow) {
     CMyPathTree tree;
-    tree.AddFile("/base/data/set\\one.txt");    // parent folder node "/base/data/set"
-    tree.AddFile("/base/data/set\\two.txt");    // same parent, found directly
-    tree.AddFile("/base/data/deep/three.txt");  // shares "/base/data": grouped under "data"
-    tree.AddFile("/other/four.txt");            // shares nothing: flat
-    tree.AddFile("/BASE/DATA/set\\Five.txt");   // case does not matter
-    EXPECT_EQ(entryNames(tree), (Names{"data/set/set\\one.txt", "data/set/set\\two.txt", "data/deep/three.txt",
-                                       "four.txt", "data/set/set\\Five.txt"}));
-    for (const CMyPathNode* n : tree.fileNodes()) EXPECT_NE(n->GetRelativePath()[0], '/');
+    tree.AddFile("/base/data/set\\one.txt");   // parent folder node "/base/data/set"
+    tree.AddFile("/base/data/set\\two.txt");   // same parent, found directly
+    tree.AddFile("/other/four.txt");           // shares nothing: flat
+    tree.AddFile("/BASE/DATA/set\\Five.txt");  // case does not matter
+    tree.AddFile("/r/x\\y/set\\one.txt");      // parent folder node "/r/x\\y/set"
+    tree.AddFile("/r/x\\y/deep\\two.txt");     // shares "/r/x\\y": grouped under it
+    EXPECT_EQ(entryNames(tree), (Names{"set/set\\one.txt", "set/set\\two.txt", "four.txt", "set/set\\Five.txt",
+                                       "x\\y/set/set\\one.txt", "x\\y/deep\\two.txt"}));
     uint32_t expected = 0;
     for (const std::string& name : entryNames(tree)) expected += 102 + 2 * name.size();
     EXPECT_EQ(tree.getZipHeaderSize(), expected);
+
+    // A file, or a shared folder, to be grouped without a backslash has no parent folder.
+    for (const char* mixed : {"/base/data/deep/three.txt", "/base/data/deep\\three.txt"}) {
+        CMyPathTree t;
+        t.AddFile("/base/data/set\\one.txt");
+        try {
+            t.AddFile(mixed);
+            ADD_FAILURE() << mixed;
+        } catch (const CabException& e) {
+            EXPECT_STREQ(e.getMessage(), "no parent folder") << mixed;
+        }
+    }
 }
 
 TEST(PathTree, FirstComponentOnlyIsNotAGroup) {
