@@ -151,7 +151,12 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
 std::shared_ptr<CabServiceEntry> ownService(CabSatelliteState* state, const char* target, const char* service) {
     {
         PLockGuard guard(state->lock);
-        if (!state->conn || state->name != target) return nullptr;
+        if (!state->conn) return nullptr;
+        // Our plain name, or our host-scoped one ("<name>@<host>", any case of host).
+        bool mine = state->name == target ||
+                    (!state->scopedName.empty() && strchr(target, '@') &&
+                     cabwire::serviceSubject(target, "") == cabwire::serviceSubject(state->scopedName, ""));
+        if (!mine) return nullptr;
     }
     std::shared_ptr<CabServiceEntry> entry = state->findService(service);
     if (!entry) return nullptr;

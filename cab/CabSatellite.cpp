@@ -301,6 +301,7 @@ int CabSatellite::Connect(const char* host, const char* name) {
     {
         PLockGuard guard(m_state->lock);
         m_state->name = name;
+        m_state->scopedName.clear();
         m_state->started = nowRfc3339();
         m_state->conn = conn;
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
@@ -363,6 +364,10 @@ int CabSatellite::RegisterServices() {
                                         "under its plain name only", name.c_str());
         else
             scoped = name + "@" + host;
+    }
+    {
+        PLockGuard guard(m_state->lock);
+        if (!scoped.empty()) m_state->scopedName = scoped;  // requests to it run inline, as to `name`
     }
     std::vector<std::pair<std::shared_ptr<CabServiceEntry>, std::string>> listen;
     for (auto& e : todo) {

@@ -44,6 +44,7 @@ struct CabSatelliteState {
 
     mutable PMutex lock;  // guards every field below
     std::string name;
+    std::string scopedName;  // "<name>@<host>" while listening host-scoped, else ""
     std::string id;
     std::string started;  // RFC 3339, UTC
     std::string token;

@@ -338,7 +338,15 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
     for (int i = 0; i < 64 && seen.size() < 2; ++i) seen.insert(dataFolderOf(i % 2 ? *c0 : *c2, kProxy));
     EXPECT_EQ((std::set<std::string>{folderA, folderB}), seen);
 
+    // A proxy's requests to its own host-scoped name run inline, as those to
+    // its plain name do: so they are refused past 16 nested calls instead of
+    // taking a worker each.
+    std::string nested = "[[\"VorpaMediaProxy@alpha\",\"GetKivDataFolder\",null]]";
+    for (int i = 0; i < 18; ++i) nested = "[[\"VorpaMediaProxy@Alpha\",\"MultiRequest\"," + nested + "]]";
     CLocalVariant out;
+    ASSERT_EQ(0, request(*c0, "VorpaMediaProxy@alpha", "MultiRequest", nested, out.ptr())) << CabGetLastError();
+    EXPECT_NE(std::string::npos, VariantToJson(out.get()).find(std::to_string(CAB_E_TOO_LARGE)));
+
     EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, request(*c0, "VorpaMediaProxy@gamma", "GetKivDataFolder", "null", out.ptr()));
     for (const char* bad : {"VorpaMediaProxy@a@b", "@alpha", "VorpaMediaProxy@", "VorpaMediaProxy@al.pha"})
         EXPECT_EQ(CAB_E_INVALID_NAME, request(*c0, bad, "GetKivDataFolder", "null", out.ptr())) << bad;
@@ -353,8 +361,8 @@ TEST(ClusterPermissions, ASatelliteServesUnderTheHostsItIsGranted) {
     kivtest::writeFile(dir.file("users"), "satellite EchoA echoPassword0123456 alpha\n"
                                           "client cli cliPassword012345678\n");
     int status = -1;
-    std::string conf = kivtest::runCommand(
-        std::string("bash '") + KIV_SOURCE_DIR + "/scripts/cab-directory-users' < '" + dir.file("users") + "'", &status);
+    std::string script = std::string(KIV_SOURCE_DIR) + "/scripts/cab-directory-users";
+    std::string conf = kivtest::runCommand("bash '" + script + "' < '" + dir.file("users") + "'", &status);
     ASSERT_EQ(0, status) << conf;
     kivtest::NatsServer server(64 * 1024, conf);
     ASSERT_TRUE(server.start()) << server.error();
