@@ -5,9 +5,11 @@
 // The BM_Paired* benchmarks run the library and bare NATS alternately, at
 // least 7 pairs, and report the median, min and max of the pairwise ratios
 // (bench/files/PairedRuns.h); KIV_BENCH_PAIRS sets the number of pairs.
-// BM_PairedRawHandoff64 and BM_PairedRawLeaderFollower64 show what the
-// dispatch costs: bare NATS answering through one hop to a worker thread (as
-// the library does) and by leader/follower on a sync subscription.
+// BM_PairedRawHandoff64, BM_PairedRawLeaderFollower64 and BM_PairedRawHeaders64
+// show what the library's ways cost on bare NATS: answering through one hop
+// to a worker thread (as the library does), by leader/follower on a sync
+// subscription, and with a header on each message (a natsMsg created and
+// destroyed per message, as the library does).
 #include <benchmark/benchmark.h>
 #include <nats/nats.h>
 
@@ -53,6 +55,18 @@ void onRawBlob(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
 
 void answerEcho(natsConnection* nc, natsMsg* m) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
+    natsMsg_Destroy(m);
+}
+
+// Bare NATS with a header each way, as the library's messages carry: each
+// message is a natsMsg of its own, created and destroyed.
+void onRawHeaders(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
+    natsMsg* a = nullptr;
+    if (natsMsg_Create(&a, natsMsg_GetReply(m), nullptr, natsMsg_GetData(m), natsMsg_GetDataLength(m)) == NATS_OK) {
+        natsMsgHeader_Set(a, "Cab-Status", "0");
+        natsConnection_PublishMsg(nc, a);
+        natsMsg_Destroy(a);
+    }
     natsMsg_Destroy(m);
 }
 
@@ -379,10 +393,21 @@ BENCHMARK(BM_PairedBlobParts256MiB)->UseRealTime()->Unit(benchmark::kMillisecond
 void pairedRawVariant(benchmark::State& state, const char* subject) {
     const int perRun = 2000;
     std::string payload(64, 'p');
+    bool headers = std::string(subject) == "raw.headers";
     auto loop = [&](const char* subj) {
         for (int i = 0; i < perRun; ++i) {
             natsMsg* r = nullptr;
-            if (natsConnection_Request(&r, g_rawClient, subj, payload.data(), 64, 10000) != NATS_OK) return false;
+            natsStatus s;
+            if (headers && subj != std::string("raw.echo")) {
+                natsMsg* q = nullptr;
+                natsMsg_Create(&q, subj, nullptr, payload.data(), 64);
+                natsMsgHeader_Set(q, "Cab-Proto", "1");
+                s = natsConnection_RequestMsg(&r, g_rawClient, q, 10000);
+                natsMsg_Destroy(q);
+            } else {
+                s = natsConnection_Request(&r, g_rawClient, subj, payload.data(), 64, 10000);
+            }
+            if (s != NATS_OK) return false;
             natsMsg_Destroy(r);
         }
         return true;
@@ -396,8 +421,10 @@ void pairedRawVariant(benchmark::State& state, const char* subject) {
 }
 void BM_PairedRawHandoff64(benchmark::State& state) { pairedRawVariant(state, "raw.handoff"); }
 void BM_PairedRawLeaderFollower64(benchmark::State& state) { pairedRawVariant(state, "raw.lf"); }
+void BM_PairedRawHeaders64(benchmark::State& state) { pairedRawVariant(state, "raw.headers"); }
 BENCHMARK(BM_PairedRawHandoff64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_PairedRawLeaderFollower64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PairedRawHeaders64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 BENCHMARK(BM_RawEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CabEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
@@ -432,6 +459,7 @@ int main(int argc, char** argv) {
     g_client = &client;
     natsSubscription* s1 = nullptr;
     natsSubscription* s2 = nullptr;
+    natsSubscription* s3 = nullptr;
     // Bare NATS with the same write policy as the library (send at once);
     // KIV_BENCH_RAW_BUFFERED=1 keeps the client's default buffered writes.
     natsOptions* opts = nullptr;
@@ -443,6 +471,7 @@ int main(int argc, char** argv) {
     natsOptions_Destroy(opts);
     natsConnection_QueueSubscribe(&s1, g_rawServe, "raw.echo", "raw", onRawEcho, nullptr);
     natsConnection_QueueSubscribe(&s2, g_rawServe, "raw.blob", "raw", onRawBlob, nullptr);
+    natsConnection_QueueSubscribe(&s3, g_rawServe, "raw.headers", "raw", onRawHeaders, nullptr);
     HandoffServer handoff;
     handoff.start(g_rawServe, "raw.handoff");
     LeaderFollowerServer leaderFollower;
@@ -452,6 +481,7 @@ int main(int argc, char** argv) {
     benchmark::Shutdown();
     natsSubscription_Destroy(s1);
     natsSubscription_Destroy(s2);
+    natsSubscription_Destroy(s3);
     handoff.stop();
     leaderFollower.stop();
     natsConnection_Destroy(g_rawClient);
