@@ -37,11 +37,13 @@ test-tsan: deps
 run: build
 	@scripts/run-local
 
-# make deb: kivfoundry_<version>_<arch>.deb in the checkout, from a Release
-# build of the packaged programs only (in DEB_BUILD); see cmake/KivPackaging.cmake.
-DEB_BUILD ?= build-deb
+# make deb: kivfoundry_<version>_<arch>.deb in the checkout. It builds only
+# the packaged programs, in DEB_BUILD (default build/, configured as make build
+# does: -O2 -g, stripped in the package), so after make build or make test it
+# only packs; see cmake/KivPackaging.cmake.
+DEB_BUILD ?= build
 deb: deps
-	@cmake -S . -B $(DEB_BUILD) -G Ninja -DCMAKE_BUILD_TYPE=Release -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(DEB_BUILD) -G Ninja $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(DEB_BUILD) -j $(JOBS) --target kiv_package_contents
 	@rm -f $(DEB_BUILD)/kivfoundry_*.deb
 	@cd $(DEB_BUILD) && cpack -G DEB >cpack.log 2>&1 || { cat cpack.log; exit 1; }
@@ -57,4 +59,4 @@ bench: build
 	@for b in build/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf build build-asan build-tsan build-deb
+	rm -rf build build-asan build-tsan

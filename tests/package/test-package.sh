@@ -199,7 +199,12 @@ inside() {
     local before
     before=$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)
     sed -i 's/^listen: 127.0.0.1:4223$/listen: 127.0.0.1:4333/' /etc/kivfoundry/cab-directory.conf
-    note "dpkg -i again, after a port change"
+    if command -v dpkg-reconfigure >/dev/null; then
+        note "dpkg-reconfigure, after a port change"
+        dpkg-reconfigure kivfoundry
+        [ "$(setting cabDirectory.port)" = 4333 ] || fail "dpkg-reconfigure did not set cabDirectory.port to 4333"
+    fi
+    note "dpkg -i again"
     dpkg -i "$deb"
     check_installed
     [ "$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)" = "$before" ] || fail "a reinstall changed the passwords"
@@ -234,11 +239,11 @@ throwaway_root() {
     # shellcheck disable=SC2016  # the inner script expands its own arguments
     # A pid namespace of its own: whatever the test started ends with it.
     unshare --mount --propagation private --pid --fork "${net[@]}" bash -euo pipefail -c '
-        deb=$1 self=$2 top=$3
-        mount -t tmpfs kiv-package "$top"
-        mkdir "$top/upper" "$top/work" "$top/root"
-        mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$top/root"
-        root=$top/root
+        deb=$1 self=$2 top=$3 root=$3/root
+        if ! { mount -t tmpfs kiv-package "$top" && mkdir "$top/upper" "$top/work" "$root" &&
+               mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$root"; }; then
+            exit 77
+        fi
         mount -t proc proc "$root/proc"
         for d in dev sys; do mount --rbind "/$d" "$root/$d"; done
         mount -t tmpfs run "$root/run"
@@ -254,6 +259,10 @@ throwaway_root() {
             bash /tmp/test-package.sh --inside "/tmp/$(basename "$deb")"
     ' throwaway "$(readlink -f "$deb")" "$self" "$top" || rc=$?
     rmdir "$top"
+    if [ "$rc" = 77 ]; then
+        note "SKIPPED the install test: no overlay mount of / here"
+        rc=0
+    fi
     return "$rc"
 }
 
