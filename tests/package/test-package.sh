@@ -131,17 +131,38 @@ check_installed() {
 # the unit's ExecStart); kivctl asks with the installed "kivctl" credential;
 # SIGUSR1 makes the proxy crash: it must exit 0 and its crash reporter, found
 # beside it in /usr/lib/kivfoundry, must file a report in the data folder.
+#
+# Both run in the file system the proxy unit's hardening leaves them: all
+# read-only (ProtectSystem=strict, ProtectHome=read-only) but the unit's
+# ReadWritePaths and, with PrivateTmp, /tmp and /var/tmp.
+hardened_view() {
+    local unit=/lib/systemd/system/kiv-request-proxy.service view=/run/kiv-hardened p
+    local rw
+    rw=$(sed -n 's/^ReadWritePaths=//p' "$unit")
+    grep -qx 'PrivateTmp=yes' "$unit" && rw+=" /var/tmp"
+    mkdir -p "$view"
+    mount --rbind / "$view"
+    mount -o remount,bind,ro "$view"
+    for p in $rw; do
+        mount --bind "$view$p" "$view$p"
+        mount -o remount,bind,rw "$view$p"
+    done
+    echo "$view"
+}
+
 run_services() {
-    local port=$1 nats proxy status=0
+    local port=$1 nats proxy status=0 view
     if (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null; then
         note "SKIPPED the services run: port $port is taken (no network namespace of our own)"
         return 0
     fi
-    "${as_kiv[@]}" HOME="$kiv_home" /usr/sbin/nats-server -c /etc/kivfoundry/cab-directory.conf >/tmp/directory.log 2>&1 &
+    view=$(hardened_view)
+    chroot "$view" "${as_kiv[@]}" HOME="$kiv_home" /usr/sbin/nats-server -c /etc/kivfoundry/cab-directory.conf \
+        >/tmp/directory.log 2>&1 &
     nats=$!
     # The proxy starts once the directory listens (its unit's ExecStartPost).
     wait_for 20 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" || { cat /tmp/directory.log >&2; fail "the directory does not listen"; }
-    "${as_kiv[@]}" HOME="$kiv_home" /usr/lib/kivfoundry/KivRequestProxy >/tmp/proxy.log 2>&1 &
+    chroot "$view" "${as_kiv[@]}" HOME="$kiv_home" /usr/lib/kivfoundry/KivRequestProxy >/tmp/proxy.log 2>&1 &
     proxy=$!
     ask() {
         /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl \
@@ -170,6 +191,7 @@ run_services() {
     [ -e /Library/Logs/KivFoundry/errors.log ] || fail "the crash left no line in errors.log"
     kill -TERM "$nats"
     wait "$nats" || true
+    umount -R "$view"
     note "services: answered on 127.0.0.1:$port, a crash exited 0 and was filed in $reports"
 }
 
