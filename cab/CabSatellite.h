@@ -187,6 +187,9 @@ private:
 // A process that only sends requests: connects without publishing anything.
 class CabClient : public CabSatellite {
 public:
+    // Leaves before the object stops being a CabClient: a connection-state
+    // notification may still be calling into it until then.
+    ~CabClient() override { Disconnect(); }
     int CreateServices() override { return 0; }
 };
 
