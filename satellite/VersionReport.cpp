@@ -13,6 +13,10 @@
 CStdStr KivRequestProxySatellite::GetKivInstallVersion() {
     CStdStr version;
     CRegistry::getInstance()->ReadSettingImpl("Software\\Kiv Foundry\\Kiv", "Version", version);
+#ifdef KIV_PRODUCT_VERSION
+    // Unset: the version this program was built as.
+    if (version.empty()) version = KIV_PRODUCT_VERSION;
+#endif
     return version;
 }
 

@@ -37,6 +37,16 @@ const char* const kConnectionUsage =
     "                       (default: setting cabDirectory.token)\n"
     "  --timeout MS         request time-out in milliseconds (default: cabDirectory.requestTimeoutMs)\n";
 
+namespace {
+const char* const kCredentialHelp =
+    "kivctl: the directory refused the credential. kivctl uses --user with\n"
+    "  --password-file (or --token); without them the settings cabDirectory.user\n"
+    "  and .password (or .token) in $XDG_CONFIG_HOME/kivfoundry/com.kiv-foundry.kiv.config.json.\n"
+    "  Under make run, use var/kivctl (it carries the run's own password, new on\n"
+    "  every run); on an installed system, see \"A credential for kivctl\" in README.md\n"
+    "  (the password is in /etc/kivfoundry/kivctl.password).\n";
+}  // namespace
+
 void declareConnectionOptions(Args& args) {
     args.value("server");
     args.value("host");
@@ -92,7 +102,17 @@ int connect(const Args& args, CabClient& client, int* timeoutMs) {
     }
     std::string name = "kivctl-" + std::to_string(getpid());
     if (client.Connect(server.c_str(), name.c_str()) != 0) {
-        fprintf(stderr, "kivctl: %s\n", CabGetLastError().c_str());
+        // The library has already printed the reason on stderr (kivctl installs
+        // no logger for it); what is added here is what to do about it.
+        const std::string error = CabGetLastError();
+        if (error.find("CAB_E_CONNECT_FAILED") != std::string::npos &&
+            error.find("Violation") == std::string::npos)
+            fprintf(stderr, "kivctl: no directory answers at %s; start one (make run), or name it with\n"
+                            "  --server HOST:PORT or the settings cabDirectory.host and .port\n",
+                    server.c_str());
+        if (error.find("Authorization Violation") != std::string::npos ||
+            error.find("Authentication") != std::string::npos || error.find("authorization") != std::string::npos)
+            fprintf(stderr, "%s", kCredentialHelp);
         return kFailure;
     }
     return kOk;

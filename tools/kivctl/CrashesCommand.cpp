@@ -1,6 +1,7 @@
 // kivctl crashes: lists the crash reports that KivCrashReporter filed in the
 // data folder's "CrashReports", oldest first, one line each.
 #include <algorithm>
+#include <cstdlib>
 #include <cstdio>
 #include <ctime>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/KivFolders.h"
+#include "tools/kivctl/Checkout.h"
 #include "tools/kivctl/Command.h"
 
 namespace {
@@ -20,7 +22,10 @@ const char kUsage[] =
     "\n"
     "Lists the crash reports in <data folder>/CrashReports, oldest first:\n"
     "time, application, signal, fault address, instruction pointer and the\n"
-    "dump's path. --json prints the summaries as one JSON array instead.\n"
+    "dump's path, after a line naming the folder. --json prints the summaries\n"
+    "as one JSON array instead. The data folder is $KIV_ROOT/Library/KivFoundry;\n"
+    "without KIV_ROOT, inside a checkout that `make run` uses it is\n"
+    "var/root/Library/KivFoundry, else /Library/KivFoundry.\n"
     "A summary that cannot be parsed is listed with the reason.\n"
     "Exit status: 0 ok (also when there are no reports), 2 failure, 64 usage error.\n";
 
@@ -43,7 +48,11 @@ int runCrashes(int argc, char** argv) {
     if (!args.positional().empty()) return kivctl::usageError(self(), "unexpected argument " + args.positional()[0]);
 
     namespace fs = boost::filesystem;
-    fs::path folder(KivFolders::DataFolder() + "/CrashReports");
+    std::string data = KivFolders::DataFolder();
+    const char* root = getenv("KIV_ROOT");
+    std::string var = (root && *root) ? std::string() : kivctl::makeRunFolder();
+    if (!var.empty()) data = var + "/root/Library/KivFoundry";  // make run's KIV_ROOT
+    fs::path folder(data + "/CrashReports");
     boost::system::error_code ec;
     std::vector<std::pair<std::time_t, fs::path>> files;
     if (fs::is_directory(folder, ec)) {
@@ -57,6 +66,7 @@ int runCrashes(int argc, char** argv) {
         return kivctl::kFailure;
     }
     std::sort(files.begin(), files.end());
+    if (!args.has("json") && !files.empty()) printf("crash reports in %s:\n", folder.string().c_str());
     nlohmann::json all = nlohmann::json::array();
     for (const auto& f : files) {
         std::ifstream in(f.second.string());

@@ -4,6 +4,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <unistd.h>
+
+#include "tools/kivctl/Progress.h"
+
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -40,19 +44,31 @@ int fetchChunks(ProxySession& session, const std::string& remotePath, FILE* file
     return kOk;
 }
 
+std::string partName(const std::string& localPath) { return localPath + ".part"; }
+
 int downloadFile(ProxySession& session, const std::string& remotePath, const std::string& localPath,
-                 unsigned long long chunk, unsigned long long* bytes, const char* who) {
+                 unsigned long long chunk, long long expected, bool progress, unsigned long long* bytes,
+                 const char* who) {
     *bytes = 0;
-    FILE* file = fopen(localPath.c_str(), "wb");
+    const std::string part = partName(localPath);
+    FILE* file = fopen(part.c_str(), "wb");
     if (!file) {
-        fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
+        fprintf(stderr, "%s: %s: %s\n", who, part.c_str(), strerror(errno));
         return kFailure;
     }
-    int rc = fetchChunks(session, remotePath, file, localPath, chunk, -1, bytes, nullptr, who);
+    Progress bar(progress, "download ", 0, expected);
+    int rc = fetchChunks(session, remotePath, file, part, chunk, -1, bytes,
+                         [&](unsigned long long done) { bar.update(done, false); }, who);
+    if (rc == kOk) bar.update(*bytes, true);
     if (fclose(file) != 0 && rc == kOk) {
-        fprintf(stderr, "%s: %s: %s\n", who, localPath.c_str(), strerror(errno));
+        fprintf(stderr, "%s: %s: %s\n", who, part.c_str(), strerror(errno));
         rc = kFailure;
     }
+    if (rc == kOk && rename(part.c_str(), localPath.c_str()) != 0) {
+        fprintf(stderr, "%s: cannot rename %s to %s: %s\n", who, part.c_str(), localPath.c_str(), strerror(errno));
+        rc = kFailure;
+    }
+    if (rc != kOk) unlink(part.c_str());
     return rc;
 }
 

@@ -23,12 +23,19 @@ int fetchChunks(ProxySession& session, const std::string& remotePath, FILE* file
                 unsigned long long chunk, long long expected, unsigned long long* offset,
                 const std::function<void(unsigned long long)>& onChunk, const char* who);
 
-// Copies `remotePath` into the new local file `localPath` through "GetFile"
-// in chunks of `chunk` bytes; *bytes gets the count written. Returns an exit
-// code (kOk, kStatus, kFailure); the reason is already printed, prefixed with
-// `who` ("kivctl zip").
+// The name a download is written under until it is complete: FILE.part,
+// beside FILE, so a rename puts it in place and `get --continue` finds it.
+std::string partName(const std::string& localPath);
+
+// Copies `remotePath` into `localPath` through "GetFile" in chunks of `chunk`
+// bytes: written to partName(localPath), renamed over `localPath` only when
+// complete; on any failure the part file is removed, so nothing is left.
+// `expected` (< 0: unknown) sizes the progress bar shown when `progress`.
+// *bytes gets the count written. Returns an exit code (kOk, kStatus,
+// kFailure); the reason is already printed, prefixed with `who` ("kivctl zip").
 int downloadFile(ProxySession& session, const std::string& remotePath, const std::string& localPath,
-                 unsigned long long chunk, unsigned long long* bytes, const char* who);
+                 unsigned long long chunk, long long expected, bool progress, unsigned long long* bytes,
+                 const char* who);
 
 // "DeleteTempFile" of `remotePath`; prints a warning and returns the exit
 // code when the proxy refuses.

@@ -1,19 +1,22 @@
 // kivctl get PATH [-o FILE] [--chunk SIZE] [--continue]: downloads a file of
-// the proxy's machine through "GetFile", one chunk per request.
+// the proxy's machine through "GetFile", one chunk per request, into FILE.part,
+// which is renamed to FILE once complete.
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "files/CFileTools.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
+#include "tools/kivctl/Interrupt.h"
+#include "tools/kivctl/Progress.h"
 #include "tools/kivctl/ProxyRequest.h"
+#include "tools/kivctl/RemoteFile.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -24,88 +27,27 @@ int run(int argc, char** argv);
 const char* const kUsageText =
     "usage: kivctl get [OPTIONS] PATH\n"
     "Downloads the file PATH of the proxy's machine through \"GetFile\", in chunks,\n"
-    "and checks its final size against \"QueryFileSize\". A progress bar shows on\n"
-    "a terminal.\n"
+    "and checks its final size against \"QueryFileSize\". A relative PATH is taken\n"
+    "from the current folder. The data goes to FILE.part first, which becomes FILE\n"
+    "once complete; an interrupted or failed download keeps FILE.part, and\n"
+    "--continue resumes it. A progress bar shows on a terminal.\n"
+    "Exit status: 0 done; 1 PATH is missing or a folder; 2 a failure (the proxy\n"
+    "unreachable, a write error, a size that does not match); 64 a usage error,\n"
+    "also when FILE is PATH itself.\n"
     "Options:\n"
-    "  -o, --output FILE    where to write (default: the last part of PATH; - for stdout)\n"
+    "  -o, --output FILE    where to write (default: the last part of PATH in the\n"
+    "                       current folder; a folder: that name inside it; - for stdout)\n"
     "      --chunk SIZE     bytes per request, with an optional K, M or G suffix (default 4M)\n"
-    "      --continue       resume: keep what FILE already holds and fetch the rest\n";
+    "      --continue       resume: keep what FILE.part (or FILE) holds and fetch the rest\n";
 
 const kivctl::Command kGet{"get", "download a file from the proxy's machine", kUsageText, run};
 
-const unsigned long long kDefaultChunk = 4ull << 20;
-const unsigned long long kMaxChunk = 0xFFFFFFFFull;
+const char* const kWho = "kivctl get";
 
-bool parseSize(const std::string& text, unsigned long long* out) {
-    if (text.empty() || text[0] == '-') return false;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long v = strtoull(text.c_str(), &end, 10);
-    if (errno || end == text.c_str()) return false;
-    std::string suffix = end;
-    int shift = 0;
-    if (suffix == "K" || suffix == "k" || suffix == "KiB") shift = 10;
-    else if (suffix == "M" || suffix == "m" || suffix == "MiB") shift = 20;
-    else if (suffix == "G" || suffix == "g" || suffix == "GiB") shift = 30;
-    else if (!suffix.empty()) return false;
-    if (v > (kMaxChunk >> shift)) return false;
-    *out = v << shift;
-    return *out > 0;
-}
-
-std::string human(double bytes) {
-    const char* units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-    int u = 0;
-    while (bytes >= 1024 && u < 4) {
-        bytes /= 1024;
-        ++u;
-    }
-    char buf[32];
-    snprintf(buf, sizeof buf, u == 0 ? "%.0f %s" : "%.1f %s", bytes, units[u]);
-    return buf;
-}
-
-// A one-line progress bar on stderr: bytes, rate and time left.
-class Progress {
-public:
-    Progress(bool enabled, unsigned long long start, long long total)
-        : m_enabled(enabled), m_start(start), m_total(total), m_t0(std::chrono::steady_clock::now()) {}
-
-    void update(unsigned long long done, bool last) {
-        if (!m_enabled) return;
-        auto now = std::chrono::steady_clock::now();
-        if (!last && now - m_shown < std::chrono::milliseconds(100)) return;
-        m_shown = now;
-        double secs = std::chrono::duration<double>(now - m_t0).count();
-        double rate = secs > 0 ? (done - m_start) / secs : 0;
-        std::string line = human(done);
-        if (m_total >= 0) {
-            line += " / " + human(m_total);
-            const int width = 24;
-            int filled = m_total > 0 ? (int)(width * (double)done / m_total) : width;
-            if (filled > width) filled = width;
-            line = "[" + std::string(filled, '#') + std::string(width - filled, ' ') + "] " + line;
-        }
-        line += "  " + human(rate) + "/s";
-        if (m_total >= 0 && rate > 0 && !last) {
-            long left = (long)((m_total - (double)done) / rate);
-            char eta[32];
-            snprintf(eta, sizeof eta, "  %ld:%02ld left", left / 60, left % 60);
-            line += eta;
-        }
-        fprintf(stderr, "\r%-78s%s", line.c_str(), last ? "\n" : "");
-        fflush(stderr);
-    }
-
-private:
-    bool m_enabled;
-    unsigned long long m_start;
-    long long m_total;
-    std::chrono::steady_clock::time_point m_t0, m_shown;
-};
-
-// The file's size by "QueryFileSize" of its file-browser id; -1 when unknown.
-long long remoteSize(kivctl::ProxySession& session, const std::string& path) {
+// The file's size by "QueryFileSize" of its file-browser id; *size is -1 when
+// the answer does not say. Returns the exit code of the request.
+int remoteSize(kivctl::ProxySession& session, const std::string& path, long long* size) {
+    *size = -1;
     CStdStr id = CFileTools::PathToFileBrowserMediumId(path);
     CLocalVariant in, items, out;
     VUtil::CreateArray(items.get(), VT_VARIANT, 1);
@@ -113,16 +55,37 @@ long long remoteSize(kivctl::ProxySession& session, const std::string& path) {
     VUtil::CreateArray(in.get(), VT_VARIANT, 2);
     VUtil::PutElement(in.get(), 0, id);
     VUtil::PutElement(in.get(), 1, items.get());
-    if (session.request("QueryFileSize", in.get(), out.ptr()) != 0) return -1;
+    int status = session.request("QueryFileSize", in.get(), out.ptr());
+    if (status != 0) {
+        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: QueryFileSize answered %d\n", kWho, status);
+        return kivctl::exitFor(status);
+    }
     try {
         CLocalVariant count, total;
         VUtil::GetElement(out.get(), 0, count.get());
         VUtil::GetElement(out.get(), 1, total.get());
-        if (count.vt() != VT_I4 || count.get().lVal != 1 || total.vt() != VT_I8) return -1;
-        return total.get().llVal;
+        if (count.vt() == VT_I4 && count.get().lVal == 1 && total.vt() == VT_I8) *size = total.get().llVal;
     } catch (const std::exception&) {
-        return -1;
     }
+    return kivctl::kOk;
+}
+
+// What an interrupt says: where the partial download is and how to resume it.
+struct Resume {
+    std::string part, command;
+};
+
+std::string describeResume(void* context) {
+    const Resume* r = static_cast<const Resume*>(context);
+    struct stat st;
+    long long kept = stat(r->part.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : 0;
+    return std::to_string(kept) + " bytes kept in " + r->part + "; resume with: " + r->command;
+}
+
+std::string quoted(const std::string& s) {
+    std::string q = "'";
+    for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return q + "'";
 }
 
 int run(int argc, char** argv) {
@@ -137,54 +100,107 @@ int run(int argc, char** argv) {
         return kivctl::kOk;
     }
     if (args.positional().size() != 1) return kivctl::usageError(kGet, "needs one PATH");
-    const std::string path = args.positional()[0];
-    unsigned long long chunk = kDefaultChunk;
-    if (args.has("chunk") && !parseSize(args.get("chunk"), &chunk))
+    const std::string path = kivctl::absolutePath(args.positional()[0]);
+    unsigned long long chunk = kivctl::kDownloadChunk;
+    if (args.has("chunk") && !kivctl::parseSize(args.get("chunk"), &chunk))
         return kivctl::usageError(kGet, "SIZE must be a positive number of bytes below 4 GiB (suffix K, M or G)");
+    const std::string base = path.substr(path.find_last_of('/') + 1);
     std::string output = args.get("output");
-    if (output.empty()) {
-        size_t slash = path.find_last_of('/');
-        output = slash == std::string::npos ? path : path.substr(slash + 1);
-        if (output.empty()) return kivctl::usageError(kGet, "PATH names no file; give -o FILE");
+    struct stat st;
+    if (output.empty() || (output != "-" && stat(output.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) {
+        if (base.empty() || base == "." || base == "..") return kivctl::usageError(kGet, "PATH names no file; give -o FILE");
+        output = output.empty() ? base : output + "/" + base;
     }
     const bool toStdout = output == "-";
     const bool resume = args.has("continue");
     if (toStdout && resume) return kivctl::usageError(kGet, "--continue needs an output file");
+    // Never write over the source: the same file, by device and inode, whatever the names.
+    struct stat source, target;
+    if (!toStdout && stat(path.c_str(), &source) == 0 && stat(output.c_str(), &target) == 0 &&
+        source.st_dev == target.st_dev && source.st_ino == target.st_ino) {
+        fprintf(stderr, "%s: %s is %s itself; refusing to write over the file being read (give -o FILE)\n", kWho,
+                output.c_str(), path.c_str());
+        return kivctl::kUsage;
+    }
 
+    kivctl::handleInterrupts();
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
-    const long long expected = remoteSize(session, path);
-    if (expected == 0) fprintf(stderr, "kivctl get: %s is empty or does not exist\n", path.c_str());
+    kivctl::RemoteKind kind;
+    int rc = kivctl::probeRemote(session, path, &kind);
+    if (rc != kivctl::kOk) return rc;
+    if (kind != kivctl::RemoteKind::File) {
+        fprintf(stderr, "%s: %s: %s\n", kWho, path.c_str(),
+                kind == kivctl::RemoteKind::Missing
+                    ? "no such file on the proxy's machine"
+                    : "a folder on the proxy's machine; get fetches one file (zip archives several)");
+        return kivctl::kStatus;
+    }
+    long long expected = -1;
+    if ((rc = remoteSize(session, path, &expected)) != kivctl::kOk) return rc;
 
+    if (toStdout) {
+        unsigned long long offset = 0;
+        rc = kivctl::fetchChunks(session, path, stdout, "standard output", chunk, expected, &offset, nullptr, kWho);
+        if (fflush(stdout) != 0 && rc == kivctl::kOk) {
+            fprintf(stderr, "%s: standard output: %s\n", kWho, strerror(errno));
+            rc = kivctl::kFailure;
+        }
+        return rc;
+    }
+
+    const std::string part = kivctl::partName(output);
     unsigned long long offset = 0;
     if (resume) {
-        struct stat st;
-        if (stat(output.c_str(), &st) == 0) offset = static_cast<unsigned long long>(st.st_size);
+        // FILE.part of an interrupted download, else FILE itself.
+        const bool hasPart = stat(part.c_str(), &st) == 0;
+        const std::string from = hasPart ? part : output;
+        if (hasPart || stat(output.c_str(), &st) == 0) offset = static_cast<unsigned long long>(st.st_size);
         if (expected >= 0 && offset > static_cast<unsigned long long>(expected)) {
-            fprintf(stderr, "kivctl get: %s holds %llu bytes, more than the %lld of %s\n", output.c_str(), offset,
+            fprintf(stderr, "%s: %s holds %llu bytes, more than the %lld of %s\n", kWho, from.c_str(), offset,
                     expected, path.c_str());
             return kivctl::kFailure;
         }
+        if (!hasPart && offset > 0 && rename(output.c_str(), part.c_str()) != 0) {
+            fprintf(stderr, "%s: cannot rename %s to %s: %s\n", kWho, output.c_str(), part.c_str(), strerror(errno));
+            return kivctl::kFailure;
+        }
     }
-    FILE* file = toStdout ? stdout : fopen(output.c_str(), resume ? "ab" : "wb");
+    FILE* file = fopen(part.c_str(), resume ? "ab" : "wb");
     if (!file) {
-        fprintf(stderr, "kivctl get: %s: %s\n", output.c_str(), strerror(errno));
+        fprintf(stderr, "%s: %s: %s\n", kWho, part.c_str(), strerror(errno));
         return kivctl::kFailure;
     }
-    Progress progress(!toStdout && isatty(1) && isatty(2), offset, expected);
-    int rc = kivctl::fetchChunks(session, path, file, output, chunk, expected, &offset,
-                                 [&](unsigned long long done) { progress.update(done, false); }, "kivctl get");
+    Resume howTo{part, "kivctl get --continue -o " + quoted(output) + " " + quoted(path)};
+    kivctl::onInterrupt(describeResume, &howTo);
+
+    kivctl::Progress progress(kivctl::progressWanted(false), "", offset, expected);
+    rc = kivctl::fetchChunks(session, path, file, part, chunk, expected, &offset,
+                             [&](unsigned long long done) { progress.update(done, false); }, kWho);
     progress.update(offset, true);
-    if (toStdout ? fflush(stdout) != 0 : fclose(file) != 0) {
-        fprintf(stderr, "kivctl get: %s: %s\n", output.c_str(), strerror(errno));
-        return kivctl::kFailure;
+    if (fclose(file) != 0 && rc == kivctl::kOk) {
+        fprintf(stderr, "%s: %s: %s\n", kWho, part.c_str(), strerror(errno));
+        rc = kivctl::kFailure;
     }
-    if (rc != kivctl::kOk) return rc;
-    if (expected >= 0 && offset != static_cast<unsigned long long>(expected)) {
-        fprintf(stderr, "kivctl get: %s: got %llu bytes, expected %lld\n", path.c_str(), offset, expected);
-        return kivctl::kFailure;
+    if (rc == kivctl::kOk && expected >= 0 && offset != static_cast<unsigned long long>(expected)) {
+        fprintf(stderr, "%s: %s: got %llu bytes, expected %lld\n", kWho, path.c_str(), offset, expected);
+        rc = kivctl::kFailure;
     }
-    if (!toStdout) printf("%s: %llu bytes\n", output.c_str(), offset);
+    if (rc == kivctl::kOk && rename(part.c_str(), output.c_str()) != 0) {
+        fprintf(stderr, "%s: cannot rename %s to %s: %s\n", kWho, part.c_str(), output.c_str(), strerror(errno));
+        rc = kivctl::kFailure;
+    }
+    kivctl::onInterrupt(nullptr, nullptr);
+    if (rc != kivctl::kOk) {
+        if (stat(part.c_str(), &st) == 0 && st.st_size == 0) {
+            unlink(part.c_str());
+        } else {
+            fprintf(stderr, "%s: %s bytes kept in %s; resume with: %s\n", kWho, std::to_string(st.st_size).c_str(),
+                    part.c_str(), howTo.command.c_str());
+        }
+        return rc;
+    }
+    printf("%s: %llu bytes\n", output.c_str(), offset);
     return kivctl::kOk;
 }
 

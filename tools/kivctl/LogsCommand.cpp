@@ -5,6 +5,7 @@
 
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
+#include "tools/kivctl/Progress.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/CLocalVariant.h"
 
@@ -51,7 +52,8 @@ int run(int argc, char** argv) {
     }
     const std::string remote = out.get().bstrVal;
     unsigned long long bytes = 0;
-    int rc = kivctl::downloadFile(session, remote, output, kivctl::kDownloadChunk, &bytes, kWho);
+    int rc = kivctl::downloadFile(session, remote, output, kivctl::kDownloadChunk, -1, kivctl::progressWanted(false),
+                                  &bytes, kWho);
     int deleted = kivctl::deleteRemoteTempFile(session, remote, kWho);
     if (rc != kivctl::kOk) return rc;
     printf("%s: %llu bytes\n", output.c_str(), bytes);

@@ -6,6 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "cab/CabStatus.h"
 #include "cab/VariantJson.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/ProxyRequest.h"
@@ -20,7 +21,10 @@ const char* const kUsageText =
     "Sends the sub-requests [[SATELLITE, SERVICE, INPUT], ...] (JSON form; \"-\" or\n"
     "nothing reads them from standard input) as one \"MultiRequest\" to the proxy,\n"
     "which runs them in parallel, and prints one {\"status\", \"out\"} per\n"
-    "sub-request, in order.\n"
+    "sub-request, in order. A sub-request that failed is also named on stderr.\n"
+    "Exit status: 0 every sub-request answered 0; 1 one answered another status\n"
+    "(or the proxy refused the group); 2 one failed in the library (no such\n"
+    "satellite, time-out, ...) or the group did; 64 a usage error.\n"
     "Options:\n";
 
 const kivctl::Command kMulti{"multi", "send several requests at once through the proxy", kUsageText, run};
@@ -52,15 +56,28 @@ int run(int argc, char** argv) {
     }
     nlohmann::json answers = nlohmann::json::array();
     nlohmann::json all = VariantToJsonValue(out.get());
-    for (const auto& pair : all) {
+    nlohmann::json sent = VariantToJsonValue(in.get());
+    int rc = kivctl::kOk;
+    for (size_t i = 0; i < all.size(); ++i) {
+        const nlohmann::json& pair = all[i];
         nlohmann::json one;
         nlohmann::json codes = pair.is_array() && !pair.empty() ? pair[0] : nlohmann::json();
         one["status"] = codes.is_array() && !codes.empty() ? codes[0] : nullptr;
         one["out"] = pair.is_array() && pair.size() > 1 ? pair[1] : nullptr;
         answers.push_back(one);
+        const int sub = one["status"].is_number_integer() ? one["status"].get<int>() : CAB_E_MALFORMED;
+        if (sub == 0) continue;
+        std::string what = "?";
+        if (i < sent.size() && sent[i].is_array() && sent[i].size() >= 2 && sent[i][0].is_string() &&
+            sent[i][1].is_string())
+            what = sent[i][0].get<std::string>() + " " + sent[i][1].get<std::string>();
+        fprintf(stderr, "kivctl multi: sub-request %zu (%s) answered %d%s%s\n", i + 1, what.c_str(), sub,
+                CabIsLibraryStatus(sub) ? ": " : "", CabIsLibraryStatus(sub) ? CabStatusText(sub) : "");
+        int exit = kivctl::exitFor(sub);
+        if (exit > rc) rc = exit;
     }
     printf("%s\n", answers.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-    return kivctl::kOk;
+    return rc;
 }
 
 }  // namespace

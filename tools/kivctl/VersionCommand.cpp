@@ -16,7 +16,9 @@ int run(int argc, char** argv);
 const char* const kUsageText =
     "usage: kivctl version [--json] [OPTIONS]\n"
     "Asks the proxy's \"my-KIV_GetVersion\" and prints its six fields by name:\n"
-    "placeholder, version, time, timeZone, performanceIndex, platform.\n"
+    "placeholder, version, time, timeZone, performanceIndex, platform. Fields the\n"
+    "proxy leaves empty (the placeholder always; a performance index that was\n"
+    "never measured) are left out; --json keeps all six, empty ones as null or \"\".\n"
     "Options:\n"
     "  --json               print one JSON object\n";
 
@@ -61,6 +63,7 @@ int run(int argc, char** argv) {
             std::string text = v.is_string() ? v.get<std::string>() : v.is_null() ? "" : v.dump();
             if (v.is_object() && v.contains("v") && v["v"].is_string()) text = v["v"].get<std::string>();
             if (std::string(f) == "time" && !when.empty()) text = when;
+            if (text.empty()) continue;
             printf("%-17s %s\n", (std::string(f) + ":").c_str(), text.c_str());
         }
     }

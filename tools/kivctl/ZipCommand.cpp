@@ -2,14 +2,19 @@
 // built by "CreateZip", downloaded and deleted again.
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
+#include <map>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "files/CFileTools.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
+#include "tools/kivctl/Progress.h"
 #include "tools/kivctl/ProxyRequest.h"
+#include "tools/kivctl/RemoteFile.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -21,29 +26,66 @@ const char* const kUsageText =
     "usage: kivctl zip [OPTIONS] PATH... -o OUT.zip\n"
     "Has the proxy build a zip archive of the files (\"CreateZip\"), downloads it\n"
     "into OUT.zip (\"GetFile\") and deletes the proxy's copy (\"DeleteTempFile\").\n"
-    "Relative paths are taken from the current folder. One file is always\n"
-    "deflated; several are stored uncompressed.\n"
+    "Relative paths are taken from the current folder. Each file is one entry\n"
+    "named by its file name alone (no folders), in the order given; so every\n"
+    "PATH must be a file, and no two may have the same name. One file is always\n"
+    "deflated; several are stored uncompressed. While the proxy writes the\n"
+    "archive and while it downloads, a progress bar shows on a terminal.\n"
+    "Exit status: 0 done; 1 a PATH is missing or a folder, or the proxy refused;\n"
+    "2 a failure; 64 a usage error (also two files of one name). Nothing is\n"
+    "left behind on a failure.\n"
     "Options:\n"
     "  -o, --output FILE    where the archive goes (required)\n"
-    "      --chunk BYTES    download chunk size (default 4194304)\n";
+    "      --chunk SIZE     bytes per download request, with an optional K, M or G\n"
+    "                       suffix (default 4M)\n";
 
 const kivctl::Command kZip{"zip", "archive files on the proxy's machine and download the zip", kUsageText, run};
 
 const char* const kWho = "kivctl zip";
 
-std::string absolute(const std::string& path) {
-    if (!path.empty() && path[0] == '/') return path;
-    char cwd[4096];
-    if (!getcwd(cwd, sizeof cwd)) return path;
-    return std::string(cwd) + "/" + path;
-}
-
-bool parseChunk(const std::string& text, unsigned long long* out) {
-    char* end = nullptr;
-    unsigned long long v = strtoull(text.c_str(), &end, 10);
-    if (text.empty() || *end || v == 0 || v > 0xFFFFFFFFull) return false;
-    *out = v;
-    return true;
+// The final size of the archive: "QueryFileSize" waits while the proxy still
+// writes it. On a terminal, a thread polls the size written meanwhile.
+int finalSize(kivctl::ProxySession& session, const std::string& zip, long long estimate, long long* size) {
+    std::atomic<bool> done{false};
+    std::thread poller;
+    if (kivctl::progressWanted(false)) {
+        poller = std::thread([&] {
+            kivctl::Progress bar(true, "writing ", 0, estimate);
+            long long written = 0;
+            while (!done.load()) {
+                kivctl::RemoteKind kind;
+                long long now = -1;
+                if (kivctl::probeRemote(session, zip, &kind, &now) == kivctl::kOk && now >= 0) written = now;
+                bar.update(static_cast<unsigned long long>(written), false);
+                for (int i = 0; i < 5 && !done.load(); ++i) usleep(50 * 1000);
+            }
+        });
+    }
+    CStdStr id = CFileTools::PathToFileBrowserMediumId(zip);
+    CLocalVariant in, items, out;
+    VUtil::CreateArray(items.get(), VT_VARIANT, 1);
+    VUtil::PutElement(items.get(), 0, id);
+    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
+    VUtil::PutElement(in.get(), 0, id);
+    VUtil::PutElement(in.get(), 1, items.get());
+    int status = session.request("QueryFileSize", in.get(), out.ptr());
+    done.store(true);
+    if (poller.joinable()) {
+        poller.join();
+        fprintf(stderr, "\n");
+    }
+    if (status != 0) {
+        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: QueryFileSize answered %d\n", kWho, status);
+        return kivctl::exitFor(status);
+    }
+    *size = -1;
+    try {
+        CLocalVariant total;
+        VUtil::GetElement(out.get(), 1, total.get());
+        if (total.vt() == VT_I8) *size = total.get().llVal;
+    } catch (const std::exception&) {
+    }
+    return kivctl::kOk;
 }
 
 int run(int argc, char** argv) {
@@ -60,20 +102,43 @@ int run(int argc, char** argv) {
     const std::string output = args.get("output");
     if (output.empty()) return kivctl::usageError(kZip, "needs -o OUT.zip");
     unsigned long long chunk = kivctl::kDownloadChunk;
-    if (args.has("chunk") && !parseChunk(args.get("chunk"), &chunk))
-        return kivctl::usageError(kZip, "BYTES must be a positive number of bytes below 4 GiB");
+    if (args.has("chunk") && !kivctl::parseSize(args.get("chunk"), &chunk))
+        return kivctl::usageError(kZip, "SIZE must be a positive number of bytes below 4 GiB (suffix K, M or G)");
+
+    std::vector<std::string> paths;
+    std::map<std::string, std::string> byName;  // entry name -> the path that takes it
+    for (const std::string& p : args.positional()) {
+        std::string path = kivctl::absolutePath(p);
+        std::string name = path.substr(path.find_last_of('/') + 1);
+        auto taken = byName.emplace(name, path);
+        if (!taken.second)
+            return kivctl::usageError(kZip, taken.first->second + " and " + path + " would both be the entry '" +
+                                                name + "' (entries are named by file name alone)");
+        paths.push_back(path);
+    }
+
+    kivctl::ProxySession session(args);
+    if (!session.ok()) return session.failureExit();
+    int refused = 0;
+    for (const std::string& path : paths) {
+        kivctl::RemoteKind kind;
+        int rc = kivctl::probeRemote(session, path, &kind);
+        if (rc != kivctl::kOk) return rc;
+        if (kind == kivctl::RemoteKind::File) continue;
+        fprintf(stderr, "%s: %s: %s\n", kWho, path.c_str(),
+                kind == kivctl::RemoteKind::Missing ? "no such file on the proxy's machine"
+                                                    : "a folder on the proxy's machine; give its files (FOLDER/*)");
+        ++refused;
+    }
+    if (refused) return kivctl::kStatus;
 
     // [context, medium id...]: file-browser ids of the paths.
-    const std::vector<std::string>& paths = args.positional();
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, paths.size() + 1);
     VUtil::PutElement(in.get(), 0, "kivctl");
     for (size_t i = 0; i < paths.size(); ++i)
-        VUtil::PutElement(in.get(), static_cast<int>(i + 1),
-                          CFileTools::PathToFileBrowserMediumId(CStdStr(absolute(paths[i]))));
-
-    kivctl::ProxySession session(args);
-    if (!session.ok()) return session.failureExit();
+        VUtil::PutElement(in.get(), static_cast<int>(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
+    if (kivctl::progressWanted(false)) fprintf(stderr, "asking the proxy for an archive of %zu files...\n", paths.size());
     int status = session.request("CreateZip", in.get(), out.ptr());
     if (status != 0) {
         if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: CreateZip answered %d\n", kWho, status);
@@ -93,14 +158,14 @@ int run(int argc, char** argv) {
         return kivctl::kFailure;
     }
 
+    long long size = -1;
+    int rc = finalSize(session, remote, announced, &size);
     unsigned long long bytes = 0;
-    int rc = kivctl::downloadFile(session, remote, output, chunk, &bytes, kWho);
+    if (rc == kivctl::kOk)
+        rc = kivctl::downloadFile(session, remote, output, chunk, size, kivctl::progressWanted(false), &bytes, kWho);
     int deleted = kivctl::deleteRemoteTempFile(session, remote, kWho);
     if (rc != kivctl::kOk) return rc;
-    printf("%s: %llu bytes, %zu file%s", output.c_str(), bytes, paths.size(), paths.size() == 1 ? "" : "s");
-    if (announced >= 0 && static_cast<unsigned long long>(announced) != bytes)
-        printf(" (the proxy estimated %lld while the archive was being written)", announced);
-    printf("\n");
+    printf("%s: %llu bytes, %zu file%s\n", output.c_str(), bytes, paths.size(), paths.size() == 1 ? "" : "s");
     return deleted;
 }
 
