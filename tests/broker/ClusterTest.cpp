@@ -300,14 +300,22 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     EXPECT_EQ(0, viaB.status) << CabStatusName(viaB.status);
     EXPECT_NE(std::string::npos, viaB.json.find(std::to_string(CAB_E_CONNECTION_LOST))) << viaB.json;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(viaB.end - t0).count(), 5000);
-    // The held transfer ends with an empty part that says why.
+    // The held transfer ends with an empty part that says why, numbered
+    // after every part that arrived (a requester waits for one of those).
     std::string notice;
+    int partsBefore = 1, noticePart = -1;
     for (natsMsg* m = nullptr; notice.empty() && natsSubscription_NextMsg(&m, held, 5000) == NATS_OK;
          natsMsg_Destroy(m)) {
-        const char* st = nullptr;
-        if (natsMsg_GetDataLength(m) == 0 && natsMsgHeader_Get(m, "Cab-Status", &st) == NATS_OK) notice = st;
+        const char *st = nullptr, *part = nullptr;
+        if (natsMsg_GetDataLength(m) > 0) {
+            ++partsBefore;
+        } else if (natsMsgHeader_Get(m, "Cab-Status", &st) == NATS_OK) {
+            notice = st;
+            if (natsMsgHeader_Get(m, "Cab-Part", &part) == NATS_OK) noticePart = atoi(part);
+        }
     }
     EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
+    EXPECT_GE(noticePart, partsBefore);
     natsSubscription_Destroy(held);
     natsConnection_Destroy(raw);
     std::string now = proxy.urlAfter("reconnected to");
