@@ -1,8 +1,10 @@
 #include "CrashReport.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
@@ -74,6 +76,52 @@ std::string crashReportsFolder() {
     return folder;
 }
 
+namespace {
+
+// Copies a file's bytes into a new private file (0600), with plain reads and
+// writes: the library copy may use a kernel call that refuses to cross file
+// systems, which is exactly the case it is needed for.
+bool copyBytes(const std::string& from, const std::string& to, std::string* why) {
+    int in = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    if (in < 0) {
+        *why = strerror(errno);
+        return false;
+    }
+    int out = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+    if (out < 0) {
+        *why = strerror(errno);
+        ::close(in);
+        return false;
+    }
+    char buf[64 * 1024];
+    bool ok = true;
+    for (;;) {
+        ssize_t n = ::read(in, buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            ok = n == 0;
+            break;
+        }
+        for (ssize_t done = 0; ok && done < n;) {
+            ssize_t w = ::write(out, buf + done, (size_t)(n - done));
+            if (w < 0 && errno == EINTR) continue;
+            if (w <= 0) ok = false;
+            else done += w;
+        }
+        if (!ok) break;
+    }
+    if (!ok) *why = strerror(errno);
+    if (::close(out) != 0 && ok) {
+        ok = false;
+        *why = strerror(errno);
+    }
+    ::close(in);
+    if (!ok) ::unlink(to.c_str());
+    return ok;
+}
+
+}  // namespace
+
 std::string fileCrashReport(const CrashReportRequest& request, const std::string& folder) {
     fs::path source(request.dumpPath);
     boost::system::error_code ec;
@@ -85,9 +133,9 @@ std::string fileCrashReport(const CrashReportRequest& request, const std::string
         fs::rename(source, target, ec);
         if (ec) {  // another file system: copy, then remove the original
             ec.clear();
-            fs::copy_file(source, target, fs::copy_options::overwrite_existing, ec);
-            if (ec) throw std::runtime_error("cannot move " + source.string() + " to " + target.string() + ": " +
-                                             ec.message());
+            std::string why;
+            if (!copyBytes(source.string(), target.string(), &why))
+                throw std::runtime_error("cannot move " + source.string() + " to " + target.string() + ": " + why);
             fs::remove(source, ec);
         }
     }
