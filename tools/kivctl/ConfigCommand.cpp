@@ -23,8 +23,8 @@ const char* const kUsageText =
     "Asks the proxy's \"GetKivConfig\" and prints every configuration value,\n"
     "sorted by name, as NAME = VALUE lines. The proxy reports an integer as one\n"
     "character, the one of its low 8 bits; kivctl prints the number instead when\n"
-    "a settings file it can read holds that integer (under make run, the proxy's\n"
-    "own in var/settings/proxy; else the caller's), and otherwise says so under\n"
+    "a settings file it can read holds that integer (the caller's own, then under\n"
+    "make run the proxy's in var/settings/proxy), and otherwise says so under\n"
     "the table. Values whose name ends in token, password or an nkey suffix show\n"
     "as ********, even from a proxy that sends them.\n"
     "Options:\n"
@@ -54,11 +54,12 @@ int run(int argc, char** argv) {
         return kivctl::kOk;
     }
     if (!args.positional().empty()) return kivctl::usageError(kConfig, "takes no arguments");
-    // Where the proxy's integers can be read: make run's proxy settings first.
+    // Where the proxy's integers can be read: the caller's settings (the same
+    // as the proxy's on one machine), then those of make run's proxy.
     std::map<std::string, long long> integers;
+    readIntegers(Preferences::DomainFile(kDomain), &integers);
     std::string var = kivctl::makeRunFolder();
     if (!var.empty()) readIntegers(var + "/settings/proxy/kivfoundry/" + kDomain + ".json", &integers);
-    readIntegers(Preferences::DomainFile(kDomain), &integers);
 
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
