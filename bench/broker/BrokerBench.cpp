@@ -3,8 +3,9 @@
 // 64 answers of 4 MiB (and, by the library alone, as 8 answers of 32 MiB). The server allows 8 MiB messages so that bare NATS
 // carries each 4 MiB answer in one message.
 // The BM_Paired* benchmarks run the library and bare NATS alternately, at
-// least 7 pairs, and report the median, min and max of the pairwise ratios
-// (bench/files/PairedRuns.h); KIV_BENCH_PAIRS sets the number of pairs.
+// least 14 pairs in 7 blocks of opposite order, and report the median, min and
+// max of the block ratios (bench/files/PairedRuns.h); KIV_BENCH_PAIRS sets
+// the number of pairs.
 // BM_PairedRawHandoff64, BM_PairedRawLeaderFollower64 and BM_PairedRawHeaders64
 // show what the library's ways cost on bare NATS: answering through one hop
 // to a worker thread (as the library does), by leader/follower on a sync
@@ -41,7 +42,7 @@ std::string g_blob(4u << 20, 'x');
 
 const int64_t kBlob = 4 << 20;
 const int kBlobsPerRound = 64;  // 256 MiB
-int g_pairs = 9;
+int g_pairs = 14;
 
 void onRawEcho(natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
     natsConnection_Publish(nc, natsMsg_GetReply(m), natsMsg_GetData(m), natsMsg_GetDataLength(m));
@@ -422,9 +423,12 @@ void pairedRawVariant(benchmark::State& state, const char* subject) {
 void BM_PairedRawHandoff64(benchmark::State& state) { pairedRawVariant(state, "raw.handoff"); }
 void BM_PairedRawLeaderFollower64(benchmark::State& state) { pairedRawVariant(state, "raw.lf"); }
 void BM_PairedRawHeaders64(benchmark::State& state) { pairedRawVariant(state, "raw.headers"); }
+// The control: bare NATS against itself; its ratios show what pairing alone gives.
+void BM_PairedRawControl64(benchmark::State& state) { pairedRawVariant(state, "raw.echo"); }
 BENCHMARK(BM_PairedRawHandoff64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_PairedRawLeaderFollower64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_PairedRawHeaders64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
+BENCHMARK(BM_PairedRawControl64)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 
 BENCHMARK(BM_RawEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CabEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);

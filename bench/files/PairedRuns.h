@@ -1,15 +1,21 @@
 // Paired runs: a fair comparison of two ways to do the same work. The sides
-// run alternately in one process (a warm-up of each, then A B A B ...), so a
-// noisy moment of the machine lands on both sides alike instead of on the
-// one that happened to run then. Each pair gives one ratio; the benchmark
-// reports the median of those ratios with their min and max as counters,
-// plus each side's median time and the load average before and after.
+// run alternately in one process (a warm-up of each, then A B, B A, A B ...),
+// so a noisy moment of the machine lands on both sides alike instead of on
+// the one that happened to run then. The order flips every pair because the
+// side that runs second can be slowed (or sped up) by the one before it: with
+// the library and bare NATS the second side measured up to 2x slower. Two
+// pairs in opposite orders make one block, whose ratio is the geometric mean
+// of its two pair ratios, so the order cancels out. The benchmark reports the
+// median of the block ratios with their min and max as counters, how strongly
+// the order acted (1 = not at all), each side's median time, and the load
+// average before and after.
 #pragma once
 
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <functional>
 #include <string>
@@ -50,10 +56,12 @@ inline double loadAverage() {
     return load;
 }
 
-// Runs each side once unrecorded, then `pairs` times A and B alternately.
+// Runs each side once unrecorded, then `pairs` pairs (rounded up to an even
+// number, at least 14), A first in even pairs and B first in odd ones.
 // `between` (may be empty) runs before every recorded run, untimed.
 inline bool run(benchmark::State& state, int pairs, const Run& a, const Run& b, Times* times,
                 const std::function<void()>& between = nullptr) {
+    pairs = std::max(14, pairs + pairs % 2);
     state.counters["load1_before"] = loadAverage();
     auto timed = [&](const Run& side, std::vector<double>* into) {
         if (between) between();
@@ -67,7 +75,9 @@ inline bool run(benchmark::State& state, int pairs, const Run& a, const Run& b, 
         return false;
     }
     for (int i = 0; i < pairs; ++i) {
-        if (!timed(a, &times->a) || !timed(b, &times->b)) {
+        bool ok = i % 2 == 0 ? timed(a, &times->a) && timed(b, &times->b)
+                             : timed(b, &times->b) && timed(a, &times->a);
+        if (!ok) {
             state.SkipWithError("a paired run failed");
             return false;
         }
@@ -77,20 +87,27 @@ inline bool run(benchmark::State& state, int pairs, const Run& a, const Run& b, 
     return true;
 }
 
-// Counters `<name>_median`, `_min` and `_max` over the pairs, of time(B) /
+// Counters `<name>_median`, `_min` and `_max` over the blocks, of time(B) /
 // time(A) (how many times longer B takes: latency), or with `speed` of
-// time(A) / time(B) (how fast B is against A: throughput). Plus each side's
-// median seconds times `unitScale` as `<aName>_<unit>` and `<bName>_<unit>`.
+// time(A) / time(B) (how fast B is against A: throughput); `order_effect`,
+// the median over the blocks of how much longer the second run of a pair
+// took than it would have first. Plus each side's median seconds times
+// `unitScale` as `<aName>_<unit>` and `<bName>_<unit>`.
 inline void report(benchmark::State& state, const Times& t, const std::string& name, bool speed,
                    const std::string& aName, const std::string& bName, const std::string& unit,
                    double unitScale) {
-    std::vector<double> ratios;
-    for (size_t i = 0; i < t.a.size() && i < t.b.size(); ++i)
-        ratios.push_back(speed ? t.a[i] / t.b[i] : t.b[i] / t.a[i]);
+    std::vector<double> ratios, order;
+    for (size_t i = 0; i + 1 < t.a.size() && i + 1 < t.b.size(); i += 2) {
+        double abFirst = t.b[i] / t.a[i], baFirst = t.b[i + 1] / t.a[i + 1];
+        double r = std::sqrt(abFirst * baFirst);
+        ratios.push_back(speed ? 1 / r : r);
+        order.push_back(std::sqrt(abFirst / baFirst));
+    }
     if (ratios.empty()) return;
     state.counters[name + "_median"] = median(ratios);
     state.counters[name + "_min"] = *std::min_element(ratios.begin(), ratios.end());
     state.counters[name + "_max"] = *std::max_element(ratios.begin(), ratios.end());
+    state.counters["order_effect"] = median(order);
     state.counters[aName + "_" + unit] = median(t.a) * unitScale;
     state.counters[bName + "_" + unit] = median(t.b) * unitScale;
 }
