@@ -1,11 +1,11 @@
 // Paired runs: a fair comparison of two ways to do the same work. The sides
 // run alternately in one process (a warm-up of each, then A B, B A, A B ...),
 // so a noisy moment of the machine lands on both sides alike instead of on
-// the one that happened to run then. The order flips every pair because the
-// side that runs second can be slowed (or sped up) by the one before it: with
-// the library and bare NATS the second side measured up to 2x slower. Two
-// pairs in opposite orders make one block, whose ratio is the geometric mean
-// of its two pair ratios, so the order cancels out. The benchmark reports the
+// the one that happened to run then. The order flips every pair, so that
+// whatever one side leaves behind for the next (caches, idle threads, the
+// server's buffers) does not always land on the same side: two pairs in
+// opposite orders make one block, whose ratio is the geometric mean of its
+// two pair ratios, and the order cancels out. The benchmark reports the
 // median of the block ratios with their min and max as counters, how strongly
 // the order acted (1 = not at all), each side's median time, and the load
 // average before and after.
