@@ -6,6 +6,7 @@
 
 #include <unistd.h>
 
+#include "tools/kivctl/Interrupt.h"
 #include "tools/kivctl/Progress.h"
 
 #include "variant/CLocalVariant.h"
@@ -56,6 +57,17 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
         fprintf(stderr, "%s: %s: %s\n", who, part.c_str(), strerror(errno));
         return kFailure;
     }
+    // Interrupted (see Interrupt.h), the partial copy goes too.
+    struct Partial {
+        std::string part, remote;
+    } partial{part, remotePath};
+    onInterrupt(
+        [](void* context) {
+            const Partial* p = static_cast<const Partial*>(context);
+            unlink(p->part.c_str());
+            return "removed " + p->part + "; the proxy keeps " + p->remote + " until \"DeleteTempFile\"";
+        },
+        &partial);
     Progress bar(progress, "download ", 0, expected);
     int rc = fetchChunks(session, remotePath, file, part, chunk, -1, bytes,
                          [&](unsigned long long done) { bar.update(done, false); }, who);
@@ -68,6 +80,7 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
         fprintf(stderr, "%s: cannot rename %s to %s: %s\n", who, part.c_str(), localPath.c_str(), strerror(errno));
         rc = kFailure;
     }
+    onInterrupt(nullptr, nullptr);
     if (rc != kOk) unlink(part.c_str());
     return rc;
 }

@@ -29,7 +29,8 @@ std::string partName(const std::string& localPath);
 
 // Copies `remotePath` into `localPath` through "GetFile" in chunks of `chunk`
 // bytes: written to partName(localPath), renamed over `localPath` only when
-// complete; on any failure the part file is removed, so nothing is left.
+// complete; on any failure, and on an interrupt (Interrupt.h, which the
+// caller set up), the part file is removed, so nothing is left.
 // `expected` (< 0: unknown) sizes the progress bar shown when `progress`.
 // *bytes gets the count written. Returns an exit code (kOk, kStatus,
 // kFailure); the reason is already printed, prefixed with `who` ("kivctl zip").

@@ -5,6 +5,7 @@
 
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
+#include "tools/kivctl/Interrupt.h"
 #include "tools/kivctl/Progress.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/CLocalVariant.h"
@@ -38,6 +39,7 @@ int run(int argc, char** argv) {
     const std::string output = args.get("output");
     if (output.empty()) return kivctl::usageError(kLogs, "needs -o OUT.zip");
 
+    kivctl::handleInterrupts();
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
     CLocalVariant in, out;

@@ -12,6 +12,7 @@
 #include "files/CFileTools.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
+#include "tools/kivctl/Interrupt.h"
 #include "tools/kivctl/Progress.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "tools/kivctl/RemoteFile.h"
@@ -117,6 +118,7 @@ int run(int argc, char** argv) {
         paths.push_back(path);
     }
 
+    kivctl::handleInterrupts();
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
     int refused = 0;
