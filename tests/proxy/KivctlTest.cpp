@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -149,6 +148,20 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     EXPECT_EQ(status, 0);
     EXPECT_NE(out.find(std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry/CrashReports"), std::string::npos)
         << out;
+}
+
+// A directory that refuses the credential: the reason once, and where kivctl
+// takes its credential from.
+TEST(KivctlConnection, ExplainsARefusedCredential) {
+    kivtest::NatsServer guarded(64 * 1024, "authorization {\n  user: someone\n  password: secret\n}\n");
+    ASSERT_TRUE(guarded.start()) << guarded.error();
+    int status = -1;
+    std::string out = kivtest::runCommand(kivctl() + " list --server " + guarded.hostPort() + " 2>&1", &status);
+    EXPECT_EQ(status, 2) << out;
+    EXPECT_NE(out.find("Violation"), std::string::npos) << out;
+    EXPECT_EQ(out.find("Violation"), out.rfind("Violation")) << "said once\n" << out;
+    EXPECT_NE(out.find("--password-file"), std::string::npos) << out;
+    EXPECT_NE(out.find("var/kivctl"), std::string::npos) << out;
 }
 
 // Every "kivctl call" example of docs/services.md, run against the proxy with
