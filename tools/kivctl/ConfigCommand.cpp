@@ -98,8 +98,7 @@ int run(int argc, char** argv) {
     }
     if (args.has("json")) printf("%s\n", all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
     else if (unexplained)
-        printf("(a one-character value may be an integer: the proxy sends the character of its low 8 bits;\n"
-               " 'kivctl defaults read com.kiv-foundry.kiv.config NAME' with the proxy's settings shows the number)\n");
+        printf("(a one-character value may be an integer: the proxy sends only the character of its low 8 bits)\n");
     return kivctl::kOk;
 }
 
