@@ -131,7 +131,8 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
         {"get " + none + " -o " + out.file("x"), 1, "no such file"},
         {"get " + folder + " -o " + out.file("x"), 1, "a folder"},
         {"get " + none, 1, "no such file"},
-        {"zip " + none + " " + media.file("remote/none2.bin") + " -o " + out.file("z.zip"), 1, "none2.bin: no such file"},
+        {"zip " + none + " " + media.file("remote/none2.bin") + " -o " + out.file("z.zip"), 1,
+         "none2.bin: no such file"},
         {"zip " + folder + " -o " + out.file("z.zip"), 1, "a folder"},
         {"zip " + path + " " + media.file("remote/sub/clip.bin") + " -o " + out.file("z.zip"), 64, "both be the entry"},
     };

@@ -98,6 +98,13 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         for (const auto& text : c.absent) EXPECT_EQ(out.find(text), std::string::npos) << c.command << "\n" << out;
     }
 
+    // Without the proxy's settings at hand, the one-character form is explained.
+    int status = -1;
+    std::string out =
+        kivtest::runCommand("cd / && XDG_CONFIG_HOME=" + dir.path() + " " + kivctl() + " config" + at, &status);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(out.find("may be an integer"), std::string::npos) << out;
+
     // tail -f: appended bytes; a truncated file from its new end; a replaced one from its start.
     const std::string followed = dir.file("f.log");
     kivtest::writeFile(followed, "old line\n");

@@ -90,7 +90,8 @@ int run(int argc, char** argv) {
             if (args.has("json"))
                 all[name] = shown;
             else
-                printf("%s = %s\n", name.c_str(), shown.is_string() ? shown.get<std::string>().c_str() : shown.dump().c_str());
+                printf("%s = %s\n", name.c_str(),
+                       shown.is_string() ? shown.get<std::string>().c_str() : shown.dump().c_str());
         }
     } catch (const std::exception&) {
         fprintf(stderr, "kivctl config: unexpected answer from the proxy\n");

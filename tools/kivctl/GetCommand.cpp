@@ -107,7 +107,8 @@ int run(int argc, char** argv) {
     std::string output = args.get("output");
     struct stat st;
     if (output.empty() || (output != "-" && stat(output.c_str(), &st) == 0 && S_ISDIR(st.st_mode))) {
-        if (base.empty() || base == "." || base == "..") return kivctl::usageError(kGet, "PATH names no file; give -o FILE");
+        if (base.empty() || base == "." || base == "..")
+            return kivctl::usageError(kGet, "PATH names no file; give -o FILE");
         output = output.empty() ? base : output + "/" + base;
     }
     const bool toStdout = output == "-";

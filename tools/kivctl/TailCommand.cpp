@@ -158,7 +158,8 @@ int run(int argc, char** argv) {
     if (args.positional().size() != 1) return kivctl::usageError(kTail, "needs one FILE");
     long bytes = -1, lines = 10, interval = 1000;
     if (args.has("bytes") && args.has("lines")) return kivctl::usageError(kTail, "give -n or -c, not both");
-    if (args.has("bytes") && !parseLong(args.get("bytes"), &bytes)) return kivctl::usageError(kTail, "BYTES must be an integer");
+    if (args.has("bytes") && !parseLong(args.get("bytes"), &bytes))
+        return kivctl::usageError(kTail, "BYTES must be an integer");
     if (args.has("lines") && (!parseLong(args.get("lines"), &lines) || lines < 0))
         return kivctl::usageError(kTail, "N must be a number of lines");
     if (!parseLong(args.get("interval", "1000"), &interval) || interval < 10)

@@ -140,7 +140,8 @@ int run(int argc, char** argv) {
     VUtil::PutElement(in.get(), 0, "kivctl");
     for (size_t i = 0; i < paths.size(); ++i)
         VUtil::PutElement(in.get(), static_cast<int>(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
-    if (kivctl::progressWanted(false)) fprintf(stderr, "asking the proxy for an archive of %zu files...\n", paths.size());
+    if (kivctl::progressWanted(false))
+        fprintf(stderr, "asking the proxy for an archive of %zu files...\n", paths.size());
     int status = session.request("CreateZip", in.get(), out.ptr());
     if (status != 0) {
         if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: CreateZip answered %d\n", kWho, status);
