@@ -93,6 +93,8 @@ protected:
     std::string dumpDir, reporter, recordFile;
 };
 
+// The dump of a null store with other threads running lists every thread and
+// the program's build id, and lldb opens it at the crashing function.
 TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildId) {
     std::string dump = crashOnce("threads", {}, {});
     MinidumpReader reader;
@@ -106,12 +108,19 @@ TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildI
     ASSERT_TRUE(file.isBuildId) << "the test program was linked without a build id";
     EXPECT_TRUE(m->isBuildId);
     EXPECT_EQ(2 * file.idSize, m->id.size());
-}
 
-TEST_F(CrashPaths, AppDataFormAndFiveArgumentForm) {
-    std::string dump = crashOnce("null", {"appData=some data"}, {"-appData", "some data"});
-    std::filesystem::remove(dump);
-    crashOnce("null", {"arg1=first one", "arg2=second"}, {"first one", "second"});
+    int status = -1;
+    kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);
+    if (status != 0) return;  // lldb is not installed
+    std::string out = kivtest::runCommand(std::string("lldb --batch '") + CRASH_PROGRAM + "' -c '" + dump +
+                                          "' -o 'thread list' -o 'bt' 2>&1");
+    size_t listed = 0;
+    for (size_t at = out.find("tid = "); at != std::string::npos; at = out.find("tid = ", at + 1)) ++listed;
+    EXPECT_EQ(reader.threads().size(), listed) << out;
+    EXPECT_NE(std::string::npos, out.find("stop reason = signal SIGSEGV")) << out;
+    size_t frame0 = out.find("frame #0: ");
+    ASSERT_NE(std::string::npos, frame0) << out;
+    EXPECT_NE(std::string::npos, out.find("crashWithNullStore", frame0)) << out;
 }
 
 TEST_F(CrashPaths, Usr1CrashesOnANewThread) {
@@ -133,59 +142,44 @@ TEST_F(CrashPaths, Usr1CrashesOnANewThread) {
     EXPECT_NE(std::string::npos, kivtest::readFile(KivFolders::LogsDirectory() + "/CrashProgram.log").find("USR1 signal received, generating crash"));
 }
 
-TEST_F(CrashPaths, AbortGivesExactlyOneDump) {
-    std::string dump = crashOnce("abort", {}, {});
-    MinidumpReader reader;
-    expectNullStoreDump(dump, reader);
-}
-
-TEST_F(CrashPaths, UncaughtExceptionsAreLoggedThenDumped) {
-    std::string dump = crashOnce("throw", {}, {});
-    MinidumpReader reader;
-    expectNullStoreDump(dump, reader);
-    EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath())
-                                     .find("uncaught std::runtime_error c++ exception: nobody catches this"));
-    std::filesystem::remove(dump);
-    std::filesystem::remove(crashtest::errorsLogPath());
-    crashOnce("throw-int", {}, {});
-    EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find("uncaught unknown c++ exception"));
-}
-
-TEST_F(CrashPaths, StackOverflowStillDumps) {
-    std::string dump = crashOnce("overflow", {}, {});
-    MinidumpReader reader;
-    ASSERT_TRUE(reader.load(dump)) << reader.error();
-    ASSERT_TRUE(reader.hasException());
-    EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
-    ASSERT_FALSE(reader.threads().empty());
-    EXPECT_GT(reader.threads().front().stackSize, 0u);
-}
-
-TEST_F(CrashPaths, StackOverflowOnAnotherThreadStillDumps) {
-    std::string dump = crashOnce("overflow-thread", {}, {});
-    MinidumpReader reader;
-    ASSERT_TRUE(reader.load(dump)) << reader.error();
-    ASSERT_TRUE(reader.hasException());
-    EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
-    EXPECT_GE(reader.threads().size(), 2u);
-}
-
-TEST_F(CrashPaths, LldbOpensTheDumpAndShowsTheCrashingFunction) {
-    int status = -1;
-    kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);
-    if (status != 0) GTEST_SKIP() << "lldb is not installed";
-    std::string dump = crashOnce("threads", {}, {});
-    MinidumpReader reader;
-    ASSERT_TRUE(reader.load(dump)) << reader.error();
-    std::string out = kivtest::runCommand(std::string("lldb --batch '") + CRASH_PROGRAM + "' -c '" + dump +
-                                          "' -o 'thread list' -o 'bt' 2>&1");
-    size_t listed = 0;
-    for (size_t at = out.find("tid = "); at != std::string::npos; at = out.find("tid = ", at + 1)) ++listed;
-    EXPECT_EQ(reader.threads().size(), listed) << out;
-    EXPECT_NE(std::string::npos, out.find("stop reason = signal SIGSEGV")) << out;
-    EXPECT_NE(std::string::npos, out.find("frame #0: ")) << out;
-    size_t frame0 = out.find("frame #0: ");
-    EXPECT_NE(std::string::npos, out.find("crashWithNullStore", frame0)) << out;
+// Every other way of crashing, one after the other: the reporter's extra
+// arguments, abort, uncaught exceptions (logged first) and stack overflows on
+// the main thread and on another one.
+TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
+    enum Check { kNone, kOverflow, kNullStore };
+    const struct Case {
+        const char* mode;
+        std::vector<std::string> extra, tail;
+        Check check;
+        size_t minThreads;
+        const char* logged;  // expected in errors.log
+    } cases[] = {
+        {"null", {"appData=some data"}, {"-appData", "some data"}, kNone, 0, ""},
+        {"null", {"arg1=first one", "arg2=second"}, {"first one", "second"}, kNone, 0, ""},
+        {"abort", {}, {}, kNullStore, 1, ""},
+        {"throw", {}, {}, kNullStore, 1, "uncaught std::runtime_error c++ exception: nobody catches this"},
+        {"throw-int", {}, {}, kNone, 0, "uncaught unknown c++ exception"},
+        {"overflow", {}, {}, kOverflow, 1, ""},
+        {"overflow-thread", {}, {}, kOverflow, 2, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.mode);
+        std::filesystem::remove(crashtest::errorsLogPath());
+        std::string dump = crashOnce(c.mode, c.extra, c.tail);
+        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(c.logged));
+        MinidumpReader reader;
+        if (c.check == kNullStore) {
+            expectNullStoreDump(dump, reader);
+        } else if (c.check == kOverflow && reader.load(dump)) {
+            ASSERT_TRUE(reader.hasException());
+            EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
+            EXPECT_GE(reader.threads().size(), c.minThreads);
+            if (c.minThreads == 1 && !reader.threads().empty()) EXPECT_GT(reader.threads().front().stackSize, 0u);
+        } else if (c.check == kOverflow) {
+            ADD_FAILURE() << reader.error();
+        }
+        std::filesystem::remove(dump);
+    }
 }
 
 }  // namespace
