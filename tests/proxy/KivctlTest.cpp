@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cab/CabStatus.h"
+#include "host/CRegistry.h"
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/TempDir.h"
 
@@ -57,6 +58,10 @@ std::vector<Example> examplesOf(const std::string& file) {
 }  // namespace
 
 TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
+    // Unset (as other tests of this program may have set them): the build's version, no index.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "Version", CStdStr()));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
+                                                           "kiv.streaming.performanceIndex", CStdStr()));
     startProxy();
     ASSERT_TRUE(waitUntilServing()) << proxyOutput();
     const std::string k = kivctl() + " ";
