@@ -11,16 +11,9 @@
 #include "tests/support/TempDir.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
+#include "tests/support/Sanitizers.h"
 
 namespace {
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KIV_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KIV_SANITIZED 1
-#endif
-#endif
 
 TEST(GetFileMemoryTest, AnUnallocatableChunkAnswersEightAndLeavesOutAlone) {
 #ifdef KIV_SANITIZED

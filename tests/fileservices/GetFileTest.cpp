@@ -2,7 +2,9 @@
 // type, negative counts, offsets past the end, missing files and wrong types.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "tests/fileservices/TransferFixture.h"
 #include "variant/VUtil.h"
@@ -20,53 +22,48 @@ protected:
     std::string content, path;
 };
 
-TEST_F(GetFileTest, WholeFileWithOnlyAPath) {
+// Each (offset, maximum) pair with the count types it is given in: the block
+// is that slice of the file. A maximum of 0 or below means to the end, a
+// negative offset starts at 0, offsets past the end give an empty block, and
+// the log line shows the counts as converted.
+TEST_F(GetFileTest, SlicesWithEachIntegerType) {
     std::string got;
-    ASSERT_EQ(getFile(path, &got), 0);
+    ASSERT_EQ(getFile(path, &got), 0);  // only a path: the whole file
     EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
-    // Offset 0 and maximum 0: to the end as well.
-    ASSERT_EQ(getFile(path, VT_I4, 0, 0, &got), 0);
-    EXPECT_TRUE(got == content);
-}
-
-TEST_F(GetFileTest, ChunksWithEachIntegerType) {
-    for (VARTYPE vt : {VT_I4, VT_UI4, VT_I8, VT_UI8}) {
-        SCOPED_TRACE(testing::Message() << "type " << vt);
-        std::string joined, got;
+    const std::vector<VARTYPE> all = {VT_I4, VT_UI4, VT_I8, VT_UI8}, signedOnes = {VT_I4, VT_I8};
+    const struct {
+        std::vector<VARTYPE> types;
+        long long offset, max;
+        size_t from, length;
+    } cases[] = {
+        {all, 0, 0, 0, 100000},           {all, 12345, 100, 12345, 100},
+        {all, 99990, 100, 99990, 10},     {signedOnes, 500, -1, 500, 99500},
+        {signedOnes, -20, 10, 0, 10},     {{VT_I8}, 100000, 10, 0, 0},
+        {{VT_UI8}, 1ll << 40, 0, 0, 0},   {{VT_UI4}, 0xFFFFFFFFll, 0xFFFFFFFFll, 0, 0},
+    };
+    for (const auto& c : cases)
+        for (VARTYPE vt : c.types) {
+            ASSERT_EQ(getFile(path, vt, c.offset, c.max, &got), 0) << vt << " " << c.offset << " " << c.max;
+            EXPECT_TRUE(got == content.substr(c.from, c.length)) << vt << " " << c.offset << " " << c.max;
+        }
+    for (VARTYPE vt : all) {
+        std::string joined;
         const long long chunk = 30001;
         for (long long offset = 0; offset < (long long)content.size(); offset += chunk) {
             ASSERT_EQ(getFile(path, vt, offset, chunk, &got), 0);
-            ASSERT_EQ(got.size(), std::min<size_t>(chunk, content.size() - offset));
+            ASSERT_EQ(got.size(), std::min<size_t>(chunk, content.size() - offset)) << vt;
             joined += got;
         }
-        EXPECT_TRUE(joined == content);
-        // A chunk in the middle and the last few bytes.
-        ASSERT_EQ(getFile(path, vt, 12345, 100, &got), 0);
-        EXPECT_TRUE(got == content.substr(12345, 100));
-        ASSERT_EQ(getFile(path, vt, 99990, 100, &got), 0);
-        EXPECT_TRUE(got == content.substr(99990));
+        EXPECT_TRUE(joined == content) << vt;
     }
-}
-
-TEST_F(GetFileTest, NegativeCountsAreZeroAndOffsetsPastTheEndGiveEmptyBlocks) {
-    std::string got;
-    for (VARTYPE vt : {VT_I4, VT_I8}) {
-        SCOPED_TRACE(testing::Message() << "type " << vt);
-        ASSERT_EQ(getFile(path, vt, 500, -1, &got), 0);
-        EXPECT_TRUE(got == content.substr(500)) << "maximum -1 means the rest";
-        ASSERT_EQ(getFile(path, vt, -20, 10, &got), 0);
-        EXPECT_TRUE(got == content.substr(0, 10)) << "a negative offset starts at 0";
-    }
-    ASSERT_EQ(getFile(path, VT_I8, 100000, 10, &got), 0);
-    EXPECT_TRUE(got.empty());
-    ASSERT_EQ(getFile(path, VT_UI8, 1ull << 40, 0, &got), 0);
-    EXPECT_TRUE(got.empty());
-    ASSERT_EQ(getFile(path, VT_UI4, 0xFFFFFFFFu, 0xFFFFFFFFu, &got), 0);
-    EXPECT_TRUE(got.empty());
     ASSERT_EQ(getFile(media.file("no/such/file"), &got), 0) << "a missing file is an empty block";
     EXPECT_TRUE(got.empty());
     ASSERT_EQ(getFile(media.path(), &got), 0) << "so is a folder";
     EXPECT_TRUE(got.empty());
+    ASSERT_EQ(getFile(path, VT_I8, -7, 25, &got), 0);
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));
+    ASSERT_EQ(getFile(path, VT_UI8, 77, 0, &got), 0);
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 77, maxBytes: 0"));
 }
 
 TEST_F(GetFileTest, OffsetsBeyondFourGiB) {
@@ -114,14 +111,6 @@ TEST_F(GetFileTest, WrongCountTypesFailWithTheirText) {
     // The proxy goes on serving.
     ASSERT_EQ(getFile(path, VT_I4, 1, 2, &got), 0);
     EXPECT_TRUE(got == content.substr(1, 2));
-}
-
-TEST_F(GetFileTest, LogsPathOffsetAndMaximumAsConverted) {
-    std::string got;
-    ASSERT_EQ(getFile(path, VT_I8, -7, 25, &got), 0);
-    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));
-    ASSERT_EQ(getFile(path, VT_UI8, 77, 0, &got), 0);
-    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 77, maxBytes: 0"));
 }
 
 }  // namespace

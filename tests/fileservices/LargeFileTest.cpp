@@ -5,15 +5,8 @@
 #include <cstring>
 
 #include "tests/fileservices/TransferFixture.h"
+#include "tests/support/Sanitizers.h"
 #include "variant/VUtil.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define KIV_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define KIV_SANITIZED 1
-#endif
-#endif
 
 namespace {
 

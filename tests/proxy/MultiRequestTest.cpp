@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "host/CRegistry.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
+#include "tests/support/ProcStatus.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -45,13 +45,7 @@ std::string nestedGroups(int levels) {
     return "[[\"VorpaMediaProxy\",\"MultiRequest\"," + nestedGroups(levels - 1) + "]]";
 }
 
-int threadsOf(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("Threads:", 0) == 0) return std::stoi(line.substr(8));
-    return -1;
-}
+int threadsOf(pid_t pid) { return static_cast<int>(kivtest::statusKiB(pid, "Threads:")); }
 
 // Samples a process's thread count every few milliseconds until stopped.
 class ThreadPeak {

@@ -10,9 +10,29 @@
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/TempDir.h"
 
-TEST_F(ProxyTest, SigtermAndSigintEndTheProcessWithStatusZero) {
+// The proxy publishes its eleven services in order with their descriptions,
+// and SIGTERM and SIGINT end it with status 0.
+TEST_F(ProxyTest, PublishesItsServicesAndSigtermAndSigintEndItWithStatusZero) {
     startProxy();
     ASSERT_TRUE(waitUntilServing()) << proxyOutput();
+    std::vector<std::string> replies;
+    ASSERT_EQ(client->Discover("INFO", "VorpaMediaProxy", 3000, &replies), 0);
+    ASSERT_EQ(replies.size(), 1u);
+    nlohmann::json info = nlohmann::json::parse(replies[0]);
+    EXPECT_EQ(info["name"], "VorpaMediaProxy");
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"QueryFileSize", "Get file size"}, {"GetFile", "Download a file"}, {"my-KIV_GetVersion", "Get Kiv version"},
+        {"my-KIV_TailLog", ""}, {"MultiRequest", ""}, {"CreateZip", ""}, {"DeleteTempFile", ""},
+        {"GetKivDataFolder", ""}, {"GetKivConfig", ""}, {"GenerateCrash", ""},
+        {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"},
+    };
+    const auto& endpoints = info["endpoints"];
+    ASSERT_EQ(endpoints.size(), expected.size()) << info.dump(2);
+    for (size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(endpoints[i]["name"], expected[i].first) << i;
+        EXPECT_EQ(endpoints[i]["metadata"]["description"], expected[i].second) << i;
+        EXPECT_EQ(endpoints[i]["subject"], "cab.VorpaMediaProxy." + expected[i].first) << i;
+    }
     EXPECT_EQ(stopProxy(SIGTERM), 0);
     std::string out = proxyOutput();
     EXPECT_NE(out.find("[INFO ] - Starting"), std::string::npos) << out;
@@ -33,37 +53,6 @@ TEST_F(ProxyTest, FailingRegisterIsLoggedAndExitsWithStatusZero) {
     std::string out = proxyOutput();
     EXPECT_NE(out.find("Register returned 0x"), std::string::npos) << out;
     EXPECT_EQ(out.find("Register returned 0x0\n"), std::string::npos) << out;
-}
-
-TEST_F(ProxyTest, PublishesTheElevenServicesInOrderWithTheirDescriptions) {
-    startProxy();
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-    std::vector<std::string> replies;
-    ASSERT_EQ(client->Discover("INFO", "VorpaMediaProxy", 3000, &replies), 0);
-    ASSERT_EQ(replies.size(), 1u);
-    nlohmann::json info = nlohmann::json::parse(replies[0]);
-    EXPECT_EQ(info["name"], "VorpaMediaProxy");
-    const std::vector<std::pair<std::string, std::string>> expected = {
-        {"QueryFileSize", "Get file size"},
-        {"GetFile", "Download a file"},
-        {"my-KIV_GetVersion", "Get Kiv version"},
-        {"my-KIV_TailLog", ""},
-        {"MultiRequest", ""},
-        {"CreateZip", ""},
-        {"DeleteTempFile", ""},
-        {"GetKivDataFolder", ""},
-        {"GetKivConfig", ""},
-        {"GenerateCrash", ""},
-        {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"},
-    };
-    const auto& endpoints = info["endpoints"];
-    ASSERT_EQ(endpoints.size(), expected.size()) << info.dump(2);
-    for (size_t i = 0; i < expected.size(); ++i) {
-        EXPECT_EQ(endpoints[i]["name"], expected[i].first) << i;
-        EXPECT_EQ(endpoints[i]["metadata"]["description"], expected[i].second) << i;
-        EXPECT_EQ(endpoints[i]["subject"], "cab.VorpaMediaProxy." + expected[i].first) << i;
-    }
-    EXPECT_EQ(stopProxy(SIGTERM), 0);
 }
 
 TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
