@@ -27,6 +27,7 @@ const char* const kUsageText =
     "  -n, --lines N        the last N lines (default 10)\n"
     "  -c, --bytes BYTES    the last BYTES bytes instead (-1: the most the proxy gives)\n"
     "  -f, --follow         keep printing what is appended (polls the proxy)\n"
+    "  -F, --retry          the same: -f always follows the name\n"
     "      --interval MS    polling interval with --follow (default 1000)\n";
 
 const kivctl::Command kTail{"tail", "print the end of a file on the proxy's machine", kUsageText, run};
@@ -149,6 +150,7 @@ int run(int argc, char** argv) {
     args.value("lines", 'n');
     args.value("bytes", 'c');
     args.flag("follow", 'f');
+    args.flag("retry", 'F');
     args.value("interval");
     if (!args.parse(argc, argv, 1)) return kivctl::usageError(kTail, args.error());
     if (args.help()) {
@@ -188,7 +190,7 @@ int run(int argc, char** argv) {
     if (status != 0) return kivctl::exitFor(status);
     fwrite(tail.text.data(), 1, tail.text.size(), stdout);
     fflush(stdout);
-    if (!args.has("follow")) return kivctl::kOk;
+    if (!args.has("follow") && !args.has("retry")) return kivctl::kOk;
     return follow(session, path, tail.size, interval);
 }
 
