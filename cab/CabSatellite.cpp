@@ -169,12 +169,21 @@ std::shared_ptr<CabTransfers> CabSatelliteState::transferTable() const {
 }
 
 int CabSatelliteState::requestTimeoutMs() const {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    int64_t nowMs = (int64_t)now.tv_sec * 1000 + now.tv_nsec / 1000000;
     {
         PLockGuard guard(lock);
         if (timeoutMs >= 0) return timeoutMs;
+        // The setting is read at most once a second, not on every request.
+        if (settingTimeoutMs > 0 && nowMs - settingReadMs < 1000) return settingTimeoutMs;
     }
     int ms = cabsettings::integer("cabDirectory.requestTimeoutMs", 300000);
-    return ms > 0 ? ms : 300000;
+    if (ms <= 0) ms = 300000;
+    PLockGuard guard(lock);
+    settingTimeoutMs = ms;
+    settingReadMs = nowMs;
+    return ms;
 }
 
 std::shared_ptr<CabServiceEntry> CabSatelliteState::findService(const std::string& service) const {

@@ -52,6 +52,8 @@ struct CabSatelliteState {
     std::string user;      // set by setUser: wins over the settings
     std::string password;
     int timeoutMs = -1;    // -1: from the settings
+    mutable int settingTimeoutMs = 0;   // the setting as last read
+    mutable int64_t settingReadMs = 0;  // when, on the monotonic clock
     int maxHandlers = -1;  // -1: from the settings
     std::shared_ptr<CabConnection> conn;
     std::shared_ptr<CabWorkerPool> pool;
