@@ -91,8 +91,9 @@ int connect(const Args& args, CabClient& client, int* timeoutMs) {
     }
     *timeoutMs = 0;
     if (args.has("timeout")) {
+        const std::string text = args.get("timeout");  // outlives `end`
         char* end = nullptr;
-        long ms = strtol(args.get("timeout").c_str(), &end, 10);
+        long ms = strtol(text.c_str(), &end, 10);
         if (!end || *end || ms <= 0 || ms > 24 * 3600 * 1000) {
             fprintf(stderr, "kivctl: --timeout needs a positive number of milliseconds\n");
             return kUsage;
