@@ -21,6 +21,7 @@
 #include "tests/archives/ArchiveServicesFixture.h"
 
 namespace fs = std::filesystem;
+using archivetest::outsideFolder;
 using archivetest::g_gate;
 using Clock = std::chrono::steady_clock;
 
@@ -81,17 +82,6 @@ std::string thrownBy(const std::function<void()>& call) {
         return e.getMessage();
     }
     return "(no exception)";
-}
-
-// A folder outside /tmp, /var/tmp and TMPDIR, for files that must survive.
-std::string outsideFolder(const std::string& name) {
-    const std::string base = fs::weakly_canonical(KIV_BINARY_DIR).string();
-    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string();
-    if (base.rfind("/tmp/", 0) == 0 || base.rfind("/var/tmp/", 0) == 0 || base.rfind(tmp + "/", 0) == 0)
-        return std::string();
-    const std::string folder = base + "/" + name + "-" + std::to_string(getpid());
-    fs::create_directories(folder);
-    return folder;
 }
 
 // Runs in a private mount namespace whose /tmp is a 2 MiB tmpfs (see the

@@ -32,7 +32,7 @@ using archivetest::openGate;
 
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     const std::string a = dir.file("media/a.txt"), b = dir.file("media/b.txt");
-    kivtest::writeFile(a, std::string(100000, 'a'));
+    kivtest::writeFile(a, std::string(200000, 'a'));  // two chunks of the writer; unzip reads it back
     kivtest::writeFile(b, "bee");
 
     std::string zip;
@@ -154,20 +154,9 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     fs::remove_all(fs::path(inTmp).parent_path());
 
     // Outside, directly, through "..", and through a link: refused, kept.
-    // A writable folder outside both temporary folders.
-    std::string outsideFolder;
-    const char* candidates[] = {KIV_BINARY_DIR, KIV_SOURCE_DIR, getenv("HOME")};
-    for (const char* candidate : candidates) {
-        if (!candidate || !*candidate) continue;
-        const std::string c = fs::weakly_canonical(candidate).string();
-        if (c.rfind("/tmp/", 0) != 0 && c.rfind("/var/tmp/", 0) != 0 &&
-            c.rfind(fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string(), 0) != 0) {
-            outsideFolder = c;
-            break;
-        }
-    }
+    const std::string outsideFolder = archivetest::outsideFolder("archives-delete-guard");
     if (outsideFolder.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
-    const std::string outside = outsideFolder + "/archives-delete-guard-" + std::to_string(getpid()) + ".txt";
+    const std::string outside = outsideFolder + "/kept.txt";
     kivtest::writeFile(outside, "keep me");
     EXPECT_EQ(deleteTemp(outside), 403);
     EXPECT_EQ(deleteTemp("/tmp/.." + outside), 403);
@@ -188,7 +177,7 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     fs::create_symlink(outsideFolder, link);
     EXPECT_EQ(deleteTemp(link + "/" + fs::path(outside).filename().string()), 403);
     EXPECT_TRUE(fs::exists(outside));
-    fs::remove(outside);
+    fs::remove_all(outsideFolder);
 
     // A folder, empty or not, is refused and kept.
     kivtest::writeFile(dir.file("full/x"), "x");

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <sstream>
@@ -47,6 +51,22 @@ void writeRandomFile(const std::string& path, size_t size, unsigned pattern) {
     std::string data(size, '\0');
     for (size_t i = 0; i < size; ++i) data[i] = static_cast<char>(gen() & 0xFF);
     kivtest::writeFile(path, data);
+}
+
+std::string outsideFolder(const std::string& name) {
+    namespace fs = std::filesystem;
+    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string();
+    const char* const candidates[] = {KIV_BINARY_DIR, KIV_SOURCE_DIR, getenv("HOME")};
+    for (const char* candidate : candidates) {
+        if (!candidate || !*candidate) continue;
+        const std::string base = fs::weakly_canonical(candidate).string();
+        if (base.rfind("/tmp/", 0) == 0 || base.rfind("/var/tmp/", 0) == 0 || base.rfind(tmp + "/", 0) == 0) continue;
+        const std::string folder = base + "/" + name + "-" + std::to_string(getpid());
+        std::error_code ec;
+        fs::create_directories(folder, ec);
+        if (!ec) return folder;
+    }
+    return std::string();
 }
 
 void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths) {

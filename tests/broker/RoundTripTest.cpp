@@ -23,8 +23,9 @@ TEST_F(BrokerTest, EveryVariantTypeRoundTrips) {
 }
 
 TEST_F(BrokerTest, ReplyLargerThanOneMessageArrivesWhole) {
-    // 64 KiB max payload: 3 MiB + 1 travels in ~50 parts, beyond the credit window.
-    for (int32_t size : {60 * 1024, 64 * 1024, 3 * 1024 * 1024 + 1}) {
+    // 64 KiB max payload: 9 MiB + 1 travels in ~150 parts, beyond the 8 MiB
+    // credit window, so the requester's credit lets the rest go.
+    for (int32_t size : {60 * 1024, 64 * 1024, 9 * 1024 * 1024 + 1}) {
         Var in, out;
         setI4(&in.v, size);
         ASSERT_EQ(0, call("EchoA", "Blob", in.v, &out)) << CabGetLastError();

@@ -11,6 +11,7 @@
 #include "diag/CBBLog.h"
 #include "files/CFileTools.h"
 #include "host/Preferences.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -26,11 +27,10 @@ unsigned modeOf(const std::string& path) {
 // the old world-writable modes) or 022 (which would take the shared write
 // bits off) changes nothing.
 TEST(FileModes, PrivateByDefaultSharedOnRequestWhateverTheUmask) {
-    const std::string oldRoot = getenv("KIV_ROOT");
     for (bool shared : {false, true}) {
         SCOPED_TRACE(shared ? "shared" : "private");
         kivtest::TempDir dir("modes");
-        setenv("KIV_ROOT", (dir.path() + "/root").c_str(), 1);
+        kivtest::ScopedEnv root("KIV_ROOT", (dir.path() + "/root").c_str());
         ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.sharedFileModes",
                                      Preferences::Value::ofBool(shared)));
         mode_t oldMask = umask(shared ? 022 : 0);
@@ -55,7 +55,6 @@ TEST(FileModes, PrivateByDefaultSharedOnRequestWhateverTheUmask) {
         EXPECT_EQ(folder, modeOf(crashReports));
     }
     Preferences::Remove("com.kiv-foundry.kiv.config", "app.sharedFileModes");
-    setenv("KIV_ROOT", oldRoot.c_str(), 1);
 }
 
 }  // namespace

@@ -4,25 +4,23 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 class LoggerTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_oldRoot = getenv("KIV_ROOT") ? getenv("KIV_ROOT") : "";
-        m_oldConfig = getenv("XDG_CONFIG_HOME") ? getenv("XDG_CONFIG_HOME") : "";
         m_dir.reset(new kivtest::TempDir("kivlog"));
-        setenv("KIV_ROOT", (m_dir->path() + "/root").c_str(), 1);
-        setenv("XDG_CONFIG_HOME", (m_dir->path() + "/config").c_str(), 1);
+        m_root.reset(new kivtest::ScopedEnv("KIV_ROOT", (m_dir->path() + "/root").c_str()));
+        m_config.reset(new kivtest::ScopedEnv("XDG_CONFIG_HOME", (m_dir->path() + "/config").c_str()));
     }
     void TearDown() override {
-        setenv("KIV_ROOT", m_oldRoot.c_str(), 1);
-        setenv("XDG_CONFIG_HOME", m_oldConfig.c_str(), 1);
+        m_config.reset();
+        m_root.reset();
         m_dir.reset();
     }
     std::string logs() const { return m_dir->path() + "/root/Library/Logs/KivFoundry"; }
@@ -43,5 +41,5 @@ protected:
     }
 
     std::unique_ptr<kivtest::TempDir> m_dir;
-    std::string m_oldRoot, m_oldConfig;
+    std::unique_ptr<kivtest::ScopedEnv> m_root, m_config;
 };

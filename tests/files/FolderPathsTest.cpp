@@ -8,36 +8,10 @@
 #include "files/CStdPath.h"
 #include "host/CRegistry.h"
 #include "host/KivFolders.h"
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
-namespace {
-
-// Sets or clears an environment variable for one scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const char* value) : m_name(name) {
-        const char* old = getenv(name);
-        m_had = old != nullptr;
-        if (old) m_old = old;
-        if (value)
-            setenv(name, value, 1);
-        else
-            unsetenv(name);
-    }
-    ~ScopedEnv() {
-        if (m_had)
-            setenv(m_name, m_old.c_str(), 1);
-        else
-            unsetenv(m_name);
-    }
-
-private:
-    const char* m_name;
-    bool m_had = false;
-    std::string m_old;
-};
-
-}  // namespace
+using kivtest::ScopedEnv;
 
 TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
     CStdStr home = CFileTools::GetUserHomeFolder();

@@ -4,26 +4,24 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 class SettingsTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* old = getenv("XDG_CONFIG_HOME");
-        m_old = old ? old : "";
         m_dir.reset(new kivtest::TempDir("kivsettings"));
-        setenv("XDG_CONFIG_HOME", m_dir->path().c_str(), 1);
+        m_env.reset(new kivtest::ScopedEnv("XDG_CONFIG_HOME", m_dir->path().c_str()));
     }
     void TearDown() override {
-        setenv("XDG_CONFIG_HOME", m_old.c_str(), 1);
+        m_env.reset();
         m_dir.reset();
     }
     std::string folder() const { return m_dir->path() + "/kivfoundry"; }
 
     std::unique_ptr<kivtest::TempDir> m_dir;
-    std::string m_old;
+    std::unique_ptr<kivtest::ScopedEnv> m_env;
 };
