@@ -20,7 +20,7 @@ protected:
     }
 };
 
-TEST_F(MediumInfoTest, DecodesTheIdWithTheNameRule) {
+TEST_F(MediumInfoTest, DecodesTheIdWithTheNameRuleIntoFieldsAndPairs) {
     CKivFileManager::MediumInfo info;
     ASSERT_EQ(manager->getMediumInfo("F*|m|a*song>mp3", info), 0);
     EXPECT_EQ(info.path, "/m/a song.mp3");
@@ -37,9 +37,8 @@ TEST_F(MediumInfoTest, DecodesTheIdWithTheNameRule) {
     CKivFileManager::MediumInfo none;
     EXPECT_EQ(manager->getMediumInfo("Fx|tmp", none), 404);
     EXPECT_EQ(manager->getMediumInfo("F", none), 404);
-}
 
-TEST_F(MediumInfoTest, PairListHoldsThePresentFieldsInOrder) {
+    // As a pair list: the present fields, in order.
     CLocalVariant out;
     manager->getMediumIdInfo("F*|m|a*song>mp3", out.get());
     ASSERT_EQ(VUtil::GetArrayLength(out.get()), 4);
