@@ -500,12 +500,13 @@ int CabSatellite::Disconnect() {
         transfers.swap(m_state->transfers);
     }
     if (!finished) {
-        // Requests a handler still waits for end now, and whoever is still
-        // waiting for us hears that we are leaving instead of timing out.
-        conn->failAll(CAB_E_CANCELLED);
+        // Whoever is still waiting for us hears that we are leaving instead
+        // of timing out (claimed first, so a handler that ends a moment later
+        // cannot answer instead); then the requests the handlers wait for end.
         std::vector<std::string> replies = m_state->claimAll();
         for (const std::string& r : replies)
             if (transfers) transfers->send(r, CAB_E_CANCELLED, "the satellite is shutting down", 0, nullptr);
+        conn->failAll(CAB_E_CANCELLED);
         int stuck = pool->liveCount();
         {
             PLockGuard guard(m_state->inflightLock);
