@@ -97,9 +97,10 @@ TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
         ASSERT_GT(n, 0);
         self[n] = '\0';
         const std::string out = kivtest::runCommand(
+            // The binary is opened before the mount: it may itself live under /tmp.
             std::string(kFullDiskChild) + "=1 TMPDIR=/tmp unshare -m -- sh -c "
-            "'mount --make-rprivate / && mount -t tmpfs -o size=2m,mode=1777 kiv-full /tmp || exit 77; exec \"$0\" "
-            "--gtest_filter=ArchiveServicesTest.FullDiskEndsTheArchiveAndNothingIsServed' '" +
+            "'exec 3<\"$0\" && mount --make-rprivate / && mount -t tmpfs -o size=2m,mode=1777 kiv-full /tmp || exit 77; "
+            "exec /proc/self/fd/3 --gtest_filter=ArchiveServicesTest.FullDiskEndsTheArchiveAndNothingIsServed' '" +
                 std::string(self) + "' 2>&1",
             &status);
         if (status == 77) GTEST_SKIP() << "cannot mount a tmpfs: " << out;
