@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "cab/Cab1.h"
-#include "cab/CabException.h"
 #include "cab/CabInline.h"
 #include "cab/CabLog.h"
 #include "cab/CabSatellite.h"
@@ -186,34 +185,14 @@ int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntr
     int64_t start = nowNs();
     tagVARIANT result;
     VariantInit(&result);
-    int status = 0;
-    bool threw = false;
     std::string error;
+    int errorCode = 0;
+    bool threw = false;
+    int status;
     {
         CabInlineDepthScope depth(t_inlineDepth + 1);
-        CabServeContextScope noContext(nullptr);  // the caller's answer is not this handler's
-        try {
-            int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), target,
-                                                      in, &result, &status);
-            if (rc != 0) {
-                status = rc;
-                error = "no service " + entry->name;
-            }
-        } catch (const CabException& e) {
-            threw = true;
-            error = e.getMessage();
-        } catch (const std::exception& e) {
-            threw = true;
-            error = e.what();
-        } catch (...) {
-            threw = true;
-            error = "unknown exception";
-        }
-    }
-    if (threw) {
-        status = CAB_E_HANDLER_EXCEPTION;
-        VariantClear(&result);  // a throwing handler produces no output
-        cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error.c_str());
+        // No serving context: the caller's answer is not this handler's.
+        status = cabInvokeHandler(state, entry, target, in, &result, nullptr, &error, &errorCode, &threw);
     }
     entry->record(nowNs() - start, threw ? &error : nullptr);
     takeDecoded(&result, out);

@@ -109,6 +109,13 @@ private:
 };
 CabServeContext* cabCurrentServeContext();
 
+// Runs the service's handler on the calling thread with `context` (may be
+// null) as its serving context, and catches what it throws: then the status
+// is CAB_E_HANDLER_EXCEPTION, *error (and *errorCode for a CabException) say
+// what, *out is cleared and the throw is logged. Otherwise the handler's status.
+int cabInvokeHandler(CabSatelliteState* state, const std::shared_ptr<CabServiceEntry>& entry, const char* requester,
+                     const tagVARIANT& in, tagVARIANT* out, CabServeContext* context, std::string* error,
+                     int* errorCode, bool* threw);
 // Serves one request message on a worker thread (CabServe.cpp); `serial`
 // is what admit() gave it.
 void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,

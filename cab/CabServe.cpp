@@ -29,6 +29,38 @@ thread_local CabServeContext* t_context = nullptr;
 
 }  // namespace
 
+int cabInvokeHandler(CabSatelliteState* state, const std::shared_ptr<CabServiceEntry>& entry, const char* requester,
+                     const tagVARIANT& in, tagVARIANT* out, CabServeContext* context, std::string* error,
+                     int* errorCode, bool* threw) {
+    int status = 0;
+    *threw = false;
+    try {
+        CabServeContextScope scope(context);
+        int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), requester, in, out,
+                                                  &status);
+        if (rc != 0) {
+            status = rc;
+            *error = "no service " + entry->name;
+        }
+    } catch (const CabException& e) {
+        *threw = true;
+        *error = e.getMessage();
+        *errorCode = e.getCode();
+    } catch (const std::exception& e) {
+        *threw = true;
+        *error = e.what();
+    } catch (...) {
+        *threw = true;
+        *error = "unknown exception";
+    }
+    if (*threw) {
+        status = CAB_E_HANDLER_EXCEPTION;
+        VariantClear(out);  // a throwing handler produces no output
+        cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error->c_str());
+    }
+    return status;
+}
+
 CabServeContextScope::CabServeContextScope(CabServeContext* context) : m_previous(t_context) { t_context = context; }
 CabServeContextScope::~CabServeContextScope() { t_context = m_previous; }
 CabServeContext* cabCurrentServeContext() { return t_context; }
@@ -85,35 +117,12 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
 
     tagVARIANT out;
     VariantInit(&out);
-    int status = 0;
-    bool threw = false;
     std::string error;
     int errorCode = 0;
+    bool threw = false;
     CabServeContext context;
-    try {
-        CabServeContextScope scope(&context);
-        int rc = state->owner->OnServiceRequested(state->nextRequestId++, entry->name.c_str(), "", in, &out, &status);
-        if (rc != 0) {
-            status = rc;
-            error = "no service " + entry->name;
-        }
-    } catch (const CabException& e) {
-        threw = true;
-        error = e.getMessage();
-        errorCode = e.getCode();
-    } catch (const std::exception& e) {
-        threw = true;
-        error = e.what();
-    } catch (...) {
-        threw = true;
-        error = "unknown exception";
-    }
+    int status = cabInvokeHandler(state, entry, "", in, &out, &context, &error, &errorCode, &threw);
     VariantClear(&in);
-    if (threw) {
-        status = CAB_E_HANDLER_EXCEPTION;
-        VariantClear(&out);  // a throwing handler produces no output
-        cablog::log(LOGLEVEL_ERROR, "Service %s threw: %s", entry->name.c_str(), error.c_str());
-    }
     entry->record(nowNs() - start, threw ? &error : nullptr);
     std::unique_ptr<CabAnswerSource> answer;
     if (context.fileAnswer && !threw && out.vt == VT_EMPTY) {
