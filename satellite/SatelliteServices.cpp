@@ -24,7 +24,12 @@ KivRequestProxySatellite::~KivRequestProxySatellite() {
 int KivRequestProxySatellite::Register() {
     CStdStr host;
     if (!CRegistry::getInstance()->ReadSettingImpl(kConfigKey, "cabDirectory.host", host)) host = "127.0.0.1";
-    CBBLog::info("Connecting to %s", host.c_str());
+    // The library connects to the server list of cabDirectory.servers instead, when that is set.
+    CStdStr servers;
+    if (CRegistry::getInstance()->ReadSettingImpl(kConfigKey, "cabDirectory.servers", servers) && !servers.empty())
+        CBBLog::info("Connecting to %s", servers.c_str());
+    else
+        CBBLog::info("Connecting to %s", host.c_str());
     int rc = Connect(host.c_str(), "VorpaMediaProxy");
     CBBLog::debug("Register returned %d", rc);
     return rc;
