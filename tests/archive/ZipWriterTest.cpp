@@ -81,14 +81,14 @@ void setModified(const std::string& path, time_t when) {
 std::string localDate(time_t when) {
     struct tm t;
     localtime_r(&when, &t);
-    char text[32];
+    char text[80];
     snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
              t.tm_hour, t.tm_min, t.tm_sec / 2 * 2);
     return text;
 }
 
 std::string entryDate(const tm_unz& d) {
-    char text[32];
+    char text[80];
     snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour,
              d.tm_min, d.tm_sec);
     return text;

@@ -238,7 +238,9 @@ TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
     EXPECT_FALSE(fs::exists(left));
     EXPECT_TRUE(fs::exists(replaced));
     EXPECT_TRUE(fs::exists(writing)) << "an archive of a running process is not touched";
-    if (!outside.empty()) EXPECT_TRUE(fs::exists(outside + "/kept.zip"));
+    if (!outside.empty()) {
+        EXPECT_TRUE(fs::exists(outside + "/kept.zip"));
+    }
     EXPECT_EQ(kivtest::readFile(record).find(std::to_string(gone) + " "), std::string::npos)
         << "the lines of the gone process are dropped";
 

@@ -174,7 +174,9 @@ TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
             ASSERT_TRUE(reader.hasException());
             EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
             EXPECT_GE(reader.threads().size(), c.minThreads);
-            if (c.minThreads == 1 && !reader.threads().empty()) EXPECT_GT(reader.threads().front().stackSize, 0u);
+            if (c.minThreads == 1 && !reader.threads().empty()) {
+                EXPECT_GT(reader.threads().front().stackSize, 0u);
+            }
         } else if (c.check == kOverflow) {
             ADD_FAILURE() << reader.error();
         }
