@@ -9,6 +9,7 @@
 #include "tools/kivctl/Interrupt.h"
 #include "tools/kivctl/Progress.h"
 
+#include "files/CFileTools.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -83,6 +84,30 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
     onInterrupt(nullptr, nullptr);
     if (rc != kOk) unlink(part.c_str());
     return rc;
+}
+
+int remoteFileSize(ProxySession& session, const std::string& remotePath, long long* size, const char* who) {
+    *size = -1;
+    CStdStr id = CFileTools::PathToFileBrowserMediumId(remotePath);
+    CLocalVariant in, items, out;
+    VUtil::CreateArray(items.get(), VT_VARIANT, 1);
+    VUtil::PutElement(items.get(), 0, id);
+    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
+    VUtil::PutElement(in.get(), 0, id);
+    VUtil::PutElement(in.get(), 1, items.get());
+    int status = session.request("QueryFileSize", in.get(), out.ptr());
+    if (status != 0) {
+        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: QueryFileSize answered %d\n", who, status);
+        return exitFor(status);
+    }
+    try {
+        CLocalVariant count, total;
+        VUtil::GetElement(out.get(), 0, count.get());
+        VUtil::GetElement(out.get(), 1, total.get());
+        if (count.vt() == VT_I4 && count.get().lVal == 1 && total.vt() == VT_I8) *size = total.get().llVal;
+    } catch (const std::exception&) {
+    }
+    return kOk;
 }
 
 int deleteRemoteTempFile(ProxySession& session, const std::string& remotePath, const char* who) {

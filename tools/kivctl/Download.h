@@ -38,6 +38,11 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
                  unsigned long long chunk, long long expected, bool progress, unsigned long long* bytes,
                  const char* who);
 
+// The size of `remotePath` by "QueryFileSize" of its file-browser id; *size
+// is -1 when the answer does not say. Returns the exit code of the request;
+// a refusal is already printed, prefixed with `who`.
+int remoteFileSize(ProxySession& session, const std::string& remotePath, long long* size, const char* who);
+
 // "DeleteTempFile" of `remotePath`; prints a warning and returns the exit
 // code when the proxy refuses.
 int deleteRemoteTempFile(ProxySession& session, const std::string& remotePath, const char* who);

@@ -43,32 +43,6 @@ const kivctl::Command kGet{"get", "download a file from the proxy's machine", kU
 
 const char* const kWho = "kivctl get";
 
-// The file's size by "QueryFileSize" of its file-browser id; *size is -1 when
-// the answer does not say. Returns the exit code of the request.
-int remoteSize(kivctl::ProxySession& session, const std::string& path, long long* size) {
-    *size = -1;
-    CStdStr id = CFileTools::PathToFileBrowserMediumId(path);
-    CLocalVariant in, items, out;
-    VUtil::CreateArray(items.get(), VT_VARIANT, 1);
-    VUtil::PutElement(items.get(), 0, id);
-    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-    VUtil::PutElement(in.get(), 0, id);
-    VUtil::PutElement(in.get(), 1, items.get());
-    int status = session.request("QueryFileSize", in.get(), out.ptr());
-    if (status != 0) {
-        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: QueryFileSize answered %d\n", kWho, status);
-        return kivctl::exitFor(status);
-    }
-    try {
-        CLocalVariant count, total;
-        VUtil::GetElement(out.get(), 0, count.get());
-        VUtil::GetElement(out.get(), 1, total.get());
-        if (count.vt() == VT_I4 && count.get().lVal == 1 && total.vt() == VT_I8) *size = total.get().llVal;
-    } catch (const std::exception&) {
-    }
-    return kivctl::kOk;
-}
-
 // What an interrupt says: where the partial download is and how to resume it.
 struct Resume {
     std::string part, command;
@@ -137,7 +111,7 @@ int run(int argc, char** argv) {
         return kivctl::kStatus;
     }
     long long expected = -1;
-    if ((rc = remoteSize(session, path, &expected)) != kivctl::kOk) return rc;
+    if ((rc = kivctl::remoteFileSize(session, path, &expected, kWho)) != kivctl::kOk) return rc;
 
     if (toStdout) {
         unsigned long long offset = 0;

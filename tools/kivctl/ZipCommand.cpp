@@ -62,31 +62,13 @@ int finalSize(kivctl::ProxySession& session, const std::string& zip, long long e
             }
         });
     }
-    CStdStr id = CFileTools::PathToFileBrowserMediumId(zip);
-    CLocalVariant in, items, out;
-    VUtil::CreateArray(items.get(), VT_VARIANT, 1);
-    VUtil::PutElement(items.get(), 0, id);
-    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-    VUtil::PutElement(in.get(), 0, id);
-    VUtil::PutElement(in.get(), 1, items.get());
-    int status = session.request("QueryFileSize", in.get(), out.ptr());
+    int rc = kivctl::remoteFileSize(session, zip, size, kWho);
     done.store(true);
     if (poller.joinable()) {
         poller.join();
         fprintf(stderr, "\n");
     }
-    if (status != 0) {
-        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: QueryFileSize answered %d\n", kWho, status);
-        return kivctl::exitFor(status);
-    }
-    *size = -1;
-    try {
-        CLocalVariant total;
-        VUtil::GetElement(out.get(), 1, total.get());
-        if (total.vt() == VT_I8) *size = total.get().llVal;
-    } catch (const std::exception&) {
-    }
-    return kivctl::kOk;
+    return rc;
 }
 
 int run(int argc, char** argv) {
