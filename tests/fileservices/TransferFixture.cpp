@@ -145,7 +145,11 @@ int TransferTest::queryFileSize(const std::string& medium, const std::vector<std
     return 0;
 }
 
-std::string TransferTest::proxyLog() const { return kivtest::readFile(logsFolder() + "/KivRequestProxy.log"); }
+std::string TransferTest::proxyLog() const {
+    // The log is shared by every test of the binary and may rotate in the middle of one.
+    std::string log = logsFolder() + "/KivRequestProxy.log";
+    return kivtest::readFile(log + ".back") + kivtest::readFile(log);
+}
 
 std::string patternBytes(size_t size, unsigned pattern) {
     std::string s(size, '\0');
