@@ -35,6 +35,20 @@ void publishControl(natsConnection* nc, const std::string& to, const char* key, 
     natsMsg_Destroy(m);
 }
 
+// Publishes a raw "GetFile" request for the whole of `path`, answered to `reply`.
+natsStatus requestWholeFile(natsConnection* nc, const std::string& path, const std::string& reply) {
+    CLocalVariant in;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+    VUtil::PutElement(in.get(), 0, CStdStr(path));
+    std::string payload = Cab1Encoding(in.get()).str();
+    natsMsg* m = nullptr;
+    natsMsg_Create(&m, "cab.VorpaMediaProxy.GetFile", reply.c_str(), payload.data(), (int)payload.size());
+    natsMsgHeader_Set(m, "Cab-Proto", "1");
+    natsStatus s = natsConnection_PublishMsg(nc, m);
+    natsMsg_Destroy(m);
+    return s;
+}
+
 class AbandonedTransferTest : public TransferTest {
 protected:
     int maxPayload() const override { return 1 << 20; }  // 1 MiB parts, a window of 8
@@ -61,19 +75,9 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
     natsSubscription* inbox = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&inbox, nc, "greedy.inbox.*"));
-    CLocalVariant in;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-    VUtil::PutElement(in.get(), 0, CStdStr(path));
-    std::string payload = Cab1Encoding(in.get()).str();
     const int kTransfers = 4;
-    for (int i = 0; i <= kTransfers; ++i) {
-        natsMsg* m = nullptr;
-        std::string reply = "greedy.inbox." + std::to_string(i);
-        natsMsg_Create(&m, "cab.VorpaMediaProxy.GetFile", reply.c_str(), payload.data(), (int)payload.size());
-        natsMsgHeader_Set(m, "Cab-Proto", "1");
-        ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, m));
-        natsMsg_Destroy(m);
-    }
+    for (int i = 0; i <= kTransfers; ++i)
+        ASSERT_EQ(NATS_OK, requestWholeFile(nc, path, "greedy.inbox." + std::to_string(i)));
     // Each answer sends its first window, then waits for credit that never
     // comes; the fifth does not fit beside them and is refused.
     std::vector<std::string> creditTo(kTransfers + 1);
@@ -137,16 +141,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
     natsSubscription* shrinkInbox = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&shrinkInbox, nc, "shrink.inbox"));
-    CLocalVariant shrinkIn;
-    VUtil::CreateArray(shrinkIn.get(), VT_VARIANT, 1);
-    VUtil::PutElement(shrinkIn.get(), 0, CStdStr(shrinking));
-    std::string shrinkPayload = Cab1Encoding(shrinkIn.get()).str();
-    natsMsg* request = nullptr;
-    natsMsg_Create(&request, "cab.VorpaMediaProxy.GetFile", "shrink.inbox", shrinkPayload.data(),
-                   (int)shrinkPayload.size());
-    natsMsgHeader_Set(request, "Cab-Proto", "1");
-    ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, request));
-    natsMsg_Destroy(request);
+    ASSERT_EQ(NATS_OK, requestWholeFile(nc, shrinking, "shrink.inbox"));
     std::string shrinkCredit;
     for (int i = 0; i < 8; ++i) {
         natsMsg* m = nullptr;
