@@ -8,6 +8,7 @@
 #include "cab/CabRandom.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabStatus.h"
+#include "cab/CabWire.h"
 
 namespace {
 const int kCloseFlushMs = 2000;  // a safety net: the round trip takes a millisecond
@@ -29,7 +30,7 @@ struct timespec cabDeadline(int64_t ms) {
 // ---- CabMailbox
 
 CabMailbox::~CabMailbox() {
-    for (natsMsg* m : m_msgs) natsMsg_Destroy(m);
+    for (natsMsg* m : m_msgs) cabwire::destroy(m);
 }
 
 void CabMailbox::push(natsMsg* msg) {
@@ -303,6 +304,17 @@ natsSubscription* CabConnection::subscribe(const std::string& subject, const std
     return sub;
 }
 
+natsSubscription* CabConnection::subscribeSync(const std::string& subject, const std::string& queue) {
+    if (!m_nc) return nullptr;
+    natsSubscription* sub = nullptr;
+    natsStatus s = natsConnection_QueueSubscribeSync(&sub, m_nc, subject.c_str(), queue.c_str());
+    if (s == NATS_OK) s = natsSubscription_SetPendingLimits(sub, -1, -1);
+    if (s == NATS_OK) return sub;
+    cablog::log(LOGLEVEL_ERROR, "Subscribing to %s failed: %s", subject.c_str(), natsStatus_GetText(s));
+    natsSubscription_Destroy(sub);
+    return nullptr;
+}
+
 void CabConnection::unsubscribe(natsSubscription* sub) {
     if (sub) natsSubscription_Unsubscribe(sub);
 }
@@ -369,7 +381,7 @@ void CabConnection::onInbox(natsConnection*, natsSubscription*, natsMsg* msg, vo
         box->push(msg);
     } else {
         // A late answer to a request that already gave up, or a guess.
-        natsMsg_Destroy(msg);
+        cabwire::destroy(msg);
     }
 }
 

@@ -112,6 +112,9 @@ public:
     // Async subscription (queue may be empty); null on failure.
     natsSubscription* subscribe(const std::string& subject, const std::string& queue, Handler handler);
     void unsubscribe(natsSubscription* sub);
+    // Synchronous queue subscription without pending limits, for the caller
+    // to read with natsSubscription_NextMsg and to destroy; null on failure.
+    natsSubscription* subscribeSync(const std::string& subject, const std::string& queue);
     // Stops the directory routing to these subscriptions and waits (at most
     // timeoutMs) until every message it routed before has reached its handler.
     void drain(const std::vector<natsSubscription*>& subs, int timeoutMs);

@@ -1,5 +1,6 @@
 #include "cab/CabRandom.h"
 
+#include <openssl/rand.h>
 #include <sys/random.h>
 
 #include <cerrno>
@@ -8,8 +9,11 @@
 
 namespace {
 
-// Fills `buf` from the kernel's random source (the platform call of this file).
+// Fills `buf` with unpredictable bytes (the platform call of this file).
+// OpenSSL's generator is seeded from the kernel and reseeds itself (also
+// after a fork); drawing from it costs no system call per identifier.
 bool systemRandom(unsigned char* buf, size_t len) {
+    if (RAND_bytes(buf, (int)len) == 1) return true;
     size_t got = 0;
     while (got < len) {
         ssize_t n = getrandom(buf + got, len - got, 0);

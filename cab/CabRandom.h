@@ -1,5 +1,5 @@
 // Random identifiers that nobody else can guess: subjects of mailboxes and
-// transfers. Drawn from the kernel's random source; thread-safe.
+// transfers. Drawn from a generator the kernel seeds; thread-safe.
 #pragma once
 
 #include <string>

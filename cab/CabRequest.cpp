@@ -33,7 +33,7 @@ void sendControl(const std::shared_ptr<CabConnection>& conn, const std::string& 
     if (natsMsg_Create(&m, to.c_str(), nullptr, nullptr, 0) != NATS_OK) return;
     natsMsgHeader_Set(m, key, value.c_str());
     conn->publishMsg(m);
-    natsMsg_Destroy(m);
+    cabwire::destroy(m);
 }
 
 // Hands a decoded answer to the caller (or drops it when nobody wants it).
@@ -47,7 +47,7 @@ int takeDecoded(tagVARIANT* decoded, tagVARIANT* out) {
     return 0;
 }
 
-void destroyMsg(void* m) { natsMsg_Destroy(static_cast<natsMsg*>(m)); }
+void destroyMsg(void* m) { cabwire::destroy(static_cast<natsMsg*>(m)); }
 
 // Decodes a whole answer; `m` is consumed. A large array answer keeps the
 // message as its storage instead of being copied out of it.
@@ -57,7 +57,7 @@ int decodeMessage(natsMsg* m, tagVARIANT* out) {
     bool lent = false;
     bool good = Cab1DecodeLending(const_cast<char*>(natsMsg_GetData(m)), (size_t)natsMsg_GetDataLength(m),
                                   &destroyMsg, m, &tmp, &lent, &err);
-    if (!lent) natsMsg_Destroy(m);
+    if (!lent) cabwire::destroy(m);
     if (!good) return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
     return takeDecoded(&tmp, out);
 }
@@ -66,7 +66,7 @@ int decodeMessage(natsMsg* m, tagVARIANT* out) {
 class PartList {
 public:
     ~PartList() {
-        for (natsMsg* m : m_msgs) natsMsg_Destroy(m);
+        for (natsMsg* m : m_msgs) cabwire::destroy(m);
     }
     void add(natsMsg* m) {
         m_msgs.push_back(m);
@@ -93,7 +93,7 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
     std::string creditTo = cabwire::header(first, cabwire::kCreditTo);
     if (!cabwire::headerInt(first, cabwire::kSize, 1, (int64_t)cabwire::kMaxReply, &total) ||
         !cabwire::headerInt(first, cabwire::kParts, 1, total, &parts) || creditTo.empty()) {
-        natsMsg_Destroy(first);
+        cabwire::destroy(first);
         return CabFail(CAB_E_MALFORMED, "first part without valid Cab-Size, Cab-Parts and Cab-Credit-To");
     }
     PartList list;
@@ -111,14 +111,14 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
             // The responder could not go on and says why. A later index: it
             // lost its directory server, and the parts in between with it.
             std::string why = cabwire::header(m, cabwire::kError);
-            natsMsg_Destroy(m);
+            cabwire::destroy(m);
             return CabFail(stopped ? (int)stopped : CAB_E_MALFORMED,
                            "the answer stopped at part " + std::to_string(expect) + " of " + std::to_string(parts) +
                                (why.empty() ? std::string() : ": " + why));
         }
         if (!cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) || index != expect || len > total - offset ||
             (len == 0 && total > 0)) {
-            natsMsg_Destroy(m);
+            cabwire::destroy(m);
             sendControl(conn, creditTo, cabwire::kCancel, "1");
             return CabFail(CAB_E_MALFORMED, "part " + std::to_string(index) + " where part " + std::to_string(expect) +
                                                 " of " + std::to_string(parts) + " was expected");
@@ -135,7 +135,7 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
             return CabFail(st, "after part " + std::to_string(expect) + " of " + std::to_string(parts));
         }
         if (natsMsg_IsNoResponders(m)) {
-            natsMsg_Destroy(m);
+            cabwire::destroy(m);
             return CabFail(CAB_E_MALFORMED, "no-responders message inside a transfer");
         }
     }
@@ -234,7 +234,7 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     natsMsgHeader_Set(m, cabwire::kProto, cabwire::kProtoVersion);
     if (flags) natsMsgHeader_Set(m, cabwire::kFlags, std::to_string(flags).c_str());
     int rc = conn->publishMsg(m);
-    natsMsg_Destroy(m);
+    cabwire::destroy(m);
     if (rc != 0) return rc;
 
     int timeoutMs = state->requestTimeoutMs();
@@ -247,13 +247,13 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
         return CabFail(st, why.empty() ? subject : subject + ": " + why);
     }
     if (natsMsg_IsNoResponders(r)) {
-        natsMsg_Destroy(r);
+        cabwire::destroy(r);
         return CabFail(CAB_E_NO_SUCH_SERVICE,
                        std::string("satellite '") + target + "' with service '" + service + "'");
     }
     int64_t status = 0;
     if (!cabwire::headerInt(r, cabwire::kStatus, INT32_MIN, INT32_MAX, &status)) {
-        natsMsg_Destroy(r);
+        cabwire::destroy(r);
         return CabFail(CAB_E_MALFORMED, "answer without a valid Cab-Status header");
     }
     std::string error = cabwire::header(r, cabwire::kError);
@@ -334,7 +334,7 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
         }
         if (!natsMsg_IsNoResponders(m) && replies)
             replies->emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "", (size_t)natsMsg_GetDataLength(m));
-        natsMsg_Destroy(m);
+        cabwire::destroy(m);
     }
 }
 

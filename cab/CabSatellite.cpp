@@ -112,31 +112,37 @@ void readCredentials(CabConnection::Options* o) {
     cabsettings::string("cabDirectory.tls.key", &o->tlsKey);
 }
 
-// Clears and returns every subscription of the services and of discovery.
-std::vector<natsSubscription*> takeSubscriptions(CabSatelliteState* state, bool forget,
-                                                 std::shared_ptr<CabConnection>* conn) {
-    std::vector<natsSubscription*> subs;
+// Clears and returns every subscription: the services' (served by the
+// dispatcher) and discovery's.
+struct Subscriptions {
+    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabDispatcher> dispatcher;
+    std::vector<natsSubscription*> services;
+    std::vector<natsSubscription*> discovery;
+};
+Subscriptions takeSubscriptions(CabSatelliteState* state, bool forget) {
+    Subscriptions subs;
     PLockGuard guard(state->lock);
-    *conn = state->conn;
+    subs.conn = state->conn;
+    subs.dispatcher = state->dispatcher;
     for (auto& e : state->services) {
-        if (e->sub) subs.push_back(e->sub);
-        if (e->hostSub) subs.push_back(e->hostSub);
+        if (e->sub) subs.services.push_back(e->sub);
+        if (e->hostSub) subs.services.push_back(e->hostSub);
         e->sub = nullptr;
         e->hostSub = nullptr;
     }
-    subs.insert(subs.end(), state->srvSubs.begin(), state->srvSubs.end());
-    state->srvSubs.clear();
+    subs.discovery.swap(state->srvSubs);
     if (forget) state->services.clear();
     return subs;
 }
 
-// Keeps a worker pool whose threads outlived Disconnect for as long as the
-// process: they still use it when their handlers end.
-void keepForever(const std::shared_ptr<CabWorkerPool>& pool) {
+// Keeps threads that outlived Disconnect (their dispatcher or pool) for as
+// long as the process: they still use it when their handlers end.
+void keepForever(const std::shared_ptr<void>& owner) {
     static PMutex* lock = new PMutex;  // guards *kept
-    static auto* kept = new std::vector<std::shared_ptr<CabWorkerPool>>;
+    static auto* kept = new std::vector<std::shared_ptr<void>>;
     PLockGuard guard(*lock);
-    kept->push_back(pool);
+    kept->push_back(owner);
 }
 
 }  // namespace
@@ -313,6 +319,7 @@ int CabSatellite::Connect(const char* host, const char* name) {
         m_state->scopedName.clear();
         m_state->started = nowRfc3339();
         m_state->conn = conn;
+        m_state->dispatcher = std::make_shared<CabDispatcher>(maxHandlers);
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
         m_state->transfers = std::make_shared<CabTransfers>(conn, m_state->pool, creditTimeoutMs,
                                                             (uint64_t)(maxAnswerBytes > 0 ? maxAnswerBytes : 1 << 30));
@@ -345,14 +352,14 @@ int CabSatellite::Connect(const char* host, const char* name) {
 
 int CabSatellite::RegisterServices() {
     std::shared_ptr<CabConnection> conn;
-    std::shared_ptr<CabWorkerPool> pool;
+    std::shared_ptr<CabDispatcher> dispatcher;
     std::vector<std::shared_ptr<CabServiceEntry>> todo;
     std::string name;
     bool needSrv;
     {
         PLockGuard guard(m_state->lock);
         conn = m_state->conn;
-        pool = m_state->pool;
+        dispatcher = m_state->dispatcher;
         name = m_state->name;
         for (auto& e : m_state->services) {
             if (e->sub) continue;
@@ -386,33 +393,24 @@ int CabSatellite::RegisterServices() {
     }
     std::weak_ptr<CabSatelliteState> wstate = m_state;
     std::weak_ptr<CabConnection> wconn = conn;
-    std::weak_ptr<CabWorkerPool> wpool = pool;
     int failures = 0;
     std::vector<std::string> subjects;
     for (auto& l : listen) {
         const std::shared_ptr<CabServiceEntry>& e = l.first;
         const std::string& subject = l.second;
         subjects.push_back(subject);
-        natsSubscription* sub = conn->subscribe(subject, name, [wstate, wconn, wpool, e](natsMsg* msg) {
-            std::shared_ptr<CabWorkerPool> p = wpool.lock();
-            std::shared_ptr<CabSatelliteState> admitting = wstate.lock();
-            const char* reply = natsMsg_GetReply(msg);
-            uint64_t serial = admitting && reply ? admitting->admit(reply) : 0;
-            bool queued = p && p->submit([wstate, wconn, e, msg, serial]() {
-                std::shared_ptr<CabSatelliteState> st = wstate.lock();
-                std::shared_ptr<CabConnection> c = wconn.lock();
-                if (!st || !c) {
-                    natsMsg_Destroy(msg);
-                    return;
-                }
-                cabServe(st.get(), c, e, msg, serial);
-            });
-            if (!queued && admitting) admitting->claim(serial);
-            if (!queued) {
-                cablog::log(LOGLEVEL_WARN, "Request for %s dropped: the satellite is shutting down", e->name.c_str());
-                natsMsg_Destroy(msg);
+        natsSubscription* sub = conn->subscribeSync(subject, name);
+        bool served = sub && dispatcher->add(sub, [wstate, wconn, e](natsMsg* msg) {
+            std::shared_ptr<CabSatelliteState> st = wstate.lock();
+            std::shared_ptr<CabConnection> c = wconn.lock();
+            if (!st || !c) {
+                cabwire::destroy(msg);
+                return;
             }
+            const char* reply = natsMsg_GetReply(msg);
+            cabServe(st.get(), c, e, msg, reply ? st->admit(reply) : 0);
         });
+        if (!served) sub = nullptr;
         if (!sub) {
             ++failures;
             continue;
@@ -431,7 +429,7 @@ int CabSatellite::RegisterServices() {
                     std::shared_ptr<CabSatelliteState> st = wstate.lock();
                     std::shared_ptr<CabConnection> c = wconn.lock();
                     if (st && c) cabAnswerDiscovery(st.get(), c, msg);
-                    natsMsg_Destroy(msg);
+                    cabwire::destroy(msg);
                 });
                 if (sub) subs.push_back(sub);
                 else ++failures;
@@ -458,23 +456,27 @@ int CabSatellite::RegisterServices() {
 }
 
 int CabSatellite::UnregisterServices(bool forget) {
-    std::shared_ptr<CabConnection> conn;
-    std::vector<natsSubscription*> subs = takeSubscriptions(m_state.get(), forget, &conn);
-    if (conn)
-        for (natsSubscription* s : subs) conn->unsubscribe(s);
+    Subscriptions subs = takeSubscriptions(m_state.get(), forget);
+    if (subs.dispatcher)
+        for (natsSubscription* s : subs.services) subs.dispatcher->remove(s);
+    if (subs.conn)
+        for (natsSubscription* s : subs.discovery) subs.conn->unsubscribe(s);
     return 0;
 }
 
 void CabSatellite::DrainServices(int timeoutMs) {
-    std::shared_ptr<CabConnection> conn;
-    std::vector<natsSubscription*> subs = takeSubscriptions(m_state.get(), false, &conn);
+    Subscriptions subs = takeSubscriptions(m_state.get(), false);
     // A request the directory routed here before it saw us leave is still
     // served: dropping it would leave its requester waiting for the time-out.
-    if (conn && conn->connected()) {
-        conn->drain(subs, timeoutMs);
-    } else if (conn) {
-        for (natsSubscription* s : subs) conn->unsubscribe(s);
+    if (subs.conn && subs.conn->connected()) {
+        if (subs.dispatcher) subs.dispatcher->drain(subs.services, timeoutMs);
+        subs.conn->drain(subs.discovery, timeoutMs);
+        return;
     }
+    if (subs.dispatcher)
+        for (natsSubscription* s : subs.services) subs.dispatcher->remove(s);
+    if (subs.conn)
+        for (natsSubscription* s : subs.discovery) subs.conn->unsubscribe(s);
 }
 
 int CabSatellite::Disconnect() {
@@ -483,41 +485,52 @@ int CabSatellite::Disconnect() {
     struct timespec deadline = cabDeadline(graceMs);
     DrainServices(std::min(graceMs, kDrainTimeoutMs));
     std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabDispatcher> dispatcher;
     std::shared_ptr<CabWorkerPool> pool;
     std::string name;
     {
         PLockGuard guard(m_state->lock);
         conn.swap(m_state->conn);
+        dispatcher.swap(m_state->dispatcher);
         pool.swap(m_state->pool);
         name = m_state->name;
     }
     if (!conn) return 0;
-    // Running and queued handlers finish, within the grace.
-    bool finished = !pool || pool->stopUntil(deadline);
+    // Running and waiting requests are served, and answers' later parts
+    // sent, within the grace.
+    bool served = !dispatcher || dispatcher->stopUntil(deadline);
+    bool sent = !pool || pool->stopUntil(deadline);
     std::shared_ptr<CabTransfers> transfers;
     {
         PLockGuard guard(m_state->lock);
         transfers.swap(m_state->transfers);
     }
-    if (!finished) {
+    if (!served || !sent) {
         // Whoever is still waiting for us hears that we are leaving instead
         // of timing out (claimed first, so a handler that ends a moment later
         // cannot answer instead); then the requests the handlers wait for end.
         std::vector<std::string> replies = m_state->claimAll();
+        if (dispatcher)
+            dispatcher->takePending([&replies](natsMsg* msg) {
+                const char* reply = natsMsg_GetReply(msg);
+                if (reply && *reply) replies.push_back(reply);
+                cabwire::destroy(msg);
+            });
         for (const std::string& r : replies)
             if (transfers) transfers->send(r, CAB_E_CANCELLED, "the satellite is shutting down", 0, nullptr);
         conn->failAll(CAB_E_CANCELLED);
-        int stuck = pool->liveCount();
+        int stuck = dispatcher ? dispatcher->busyCount() : 0;
         {
             PLockGuard guard(m_state->inflightLock);
             m_state->stuckHandlers = stuck;
         }
         cablog::log(LOGLEVEL_WARN, "%s: %d handlers still running after %d ms; %d requests answered with %s",
                     name.c_str(), stuck, graceMs, (int)replies.size(), CabStatusName(CAB_E_CANCELLED));
-        keepForever(pool);
+        if (!served) keepForever(dispatcher);
+        if (!sent) keepForever(pool);
     }
     if (transfers) transfers->abandonAll("the satellite is leaving");
-    conn->close();
+    conn->close();  // threads still waiting for requests wake up and end
     cablog::log(LOGLEVEL_INFO, "Disconnected %s from the directory", name.c_str());
     return 0;
 }
@@ -562,12 +575,12 @@ int CabSatellite::AddService(const char* name, const char* description, CabServi
 }
 
 int CabSatellite::RemoveService(const char* name) {
-    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabDispatcher> dispatcher;
     natsSubscription* sub = nullptr;
     natsSubscription* hostSub = nullptr;
     {
         PLockGuard guard(m_state->lock);
-        conn = m_state->conn;
+        dispatcher = m_state->dispatcher;
         for (auto it = m_state->services.begin(); it != m_state->services.end(); ++it) {
             if ((*it)->name == (name ? name : "")) {
                 sub = (*it)->sub;
@@ -577,8 +590,8 @@ int CabSatellite::RemoveService(const char* name) {
             }
         }
     }
-    if (conn && sub) conn->unsubscribe(sub);
-    if (conn && hostSub) conn->unsubscribe(hostSub);
+    if (dispatcher && sub) dispatcher->remove(sub);
+    if (dispatcher && hostSub) dispatcher->remove(hostSub);
     return 0;
 }
 

@@ -1,5 +1,5 @@
 // The private state behind a CabSatellite: its identity, settings, services
-// with their statistics, connection and worker pool. Shared by the satellite
+// with their statistics, connection, dispatcher and worker pool. Shared by the satellite
 // and by the jobs and callbacks that serve it.
 #pragma once
 
@@ -14,6 +14,7 @@
 
 #include "cab/CabAnswerSource.h"
 #include "cab/CabConnection.h"
+#include "cab/CabDispatcher.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabTransfers.h"
 #include "cab/CabWorkerPool.h"
@@ -56,7 +57,8 @@ struct CabSatelliteState {
     mutable int64_t settingReadMs = 0;  // when, on the monotonic clock
     int maxHandlers = -1;  // -1: from the settings
     std::shared_ptr<CabConnection> conn;
-    std::shared_ptr<CabWorkerPool> pool;
+    std::shared_ptr<CabDispatcher> dispatcher;  // serves the services' requests
+    std::shared_ptr<CabWorkerPool> pool;        // sends the later parts of answers
     std::shared_ptr<CabTransfers> transfers;  // answers waiting for their requesters
     bool creating = false;  // inside CreateServices: Connect registers the services afterwards
     std::vector<std::shared_ptr<CabServiceEntry>> services;  // in the order added
@@ -116,7 +118,7 @@ CabServeContext* cabCurrentServeContext();
 int cabInvokeHandler(CabSatelliteState* state, const std::shared_ptr<CabServiceEntry>& entry, const char* requester,
                      const tagVARIANT& in, tagVARIANT* out, CabServeContext* context, std::string* error,
                      int* errorCode, bool* threw);
-// Serves one request message on a worker thread (CabServe.cpp); `serial`
+// Serves one request message on a service thread (CabServe.cpp); `serial`
 // is what admit() gave it.
 void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>& conn,
               const std::shared_ptr<CabServiceEntry>& entry, natsMsg* msg, uint64_t serial);

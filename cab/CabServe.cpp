@@ -80,13 +80,13 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
         std::string why = "request without a reply subject dropped";
         cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
         entry->record(0, &why);
-        natsMsg_Destroy(msg);
+        cabwire::destroy(msg);
         return;
     }
     std::string replyTo = reply;
     std::shared_ptr<CabTransfers> transfers = state->transferTable();
     if (!transfers) {  // the satellite left while this request waited for a worker (and answered it)
-        natsMsg_Destroy(msg);
+        cabwire::destroy(msg);
         return;
     }
     // Exactly "1": read raw, before the client library trims the value.
@@ -109,7 +109,7 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
         if (!Cab1Decode(natsMsg_GetData(msg), (size_t)natsMsg_GetDataLength(msg), &in, &err))
             why = "request payload: " + err;
     }
-    natsMsg_Destroy(msg);
+    cabwire::destroy(msg);
     if (!why.empty()) {
         if (state->claim(serial)) refuse(transfers.get(), entry, replyTo, why);
         return;

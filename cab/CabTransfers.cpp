@@ -48,7 +48,7 @@ natsMsg* makeMsg(const std::string& subject, CabAnswerSource* src, uint64_t offs
     natsMsg* m = makeMsg(subject, zeros, len);
     // The payload is the message's own block, written before it is published.
     if (m && !src->read(offset, const_cast<char*>(natsMsg_GetData(m)), len, error)) {
-        natsMsg_Destroy(m);
+        cabwire::destroy(m);
         return nullptr;
     }
     if (!m) *error = "message not created";
@@ -141,7 +141,7 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
         setStatusHeaders(m, status, error, errorCode);
         if (m_conn->publishMsg(m) != 0)
             cablog::log(LOGLEVEL_WARN, "Answer to %s not sent: %s", replyTo.c_str(), CabGetLastError().c_str());
-        natsMsg_Destroy(m);
+        cabwire::destroy(m);
         return;
     }
 
@@ -188,7 +188,7 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
         if (self) {
             self->onCredit(t, msg, failure);
         } else if (msg) {
-            natsMsg_Destroy(msg);
+            cabwire::destroy(msg);
         }
     });
     {
@@ -239,7 +239,7 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
                 setStatusHeaders(m, kUnreadableAnswer, why, 0);
                 natsMsgHeader_Set(m, cabwire::kPart, std::to_string(i).c_str());
                 m_conn->publishMsg(m);
-                natsMsg_Destroy(m);
+                cabwire::destroy(m);
             }
             {
                 PLockGuard guard(t->lock);
@@ -257,7 +257,7 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
         }
         natsMsgHeader_Set(m, cabwire::kPart, std::to_string(i).c_str());
         int rc = m_conn->publishMsg(m);
-        natsMsg_Destroy(m);
+        cabwire::destroy(m);
         if (rc != 0) {
             {
                 PLockGuard guard(t->lock);
@@ -283,7 +283,7 @@ void CabTransfers::onCredit(const std::shared_ptr<Transfer>& t, natsMsg* msg, in
     bool cancel = !cabwire::header(msg, cabwire::kCancel).empty();
     int64_t r = 0;
     bool credit = !cancel && cabwire::headerInt(msg, cabwire::kReceived, 0, (int64_t)t->parts, &r);
-    natsMsg_Destroy(msg);
+    cabwire::destroy(msg);
     if (cancel) {
         finish(t, "cancelled by the requester");
         return;
@@ -324,7 +324,7 @@ void CabTransfers::tellConnectionLost(const std::shared_ptr<Transfer>& t) {
     setStatusHeaders(m, CAB_E_CONNECTION_LOST, "the responder lost its directory server", 0);
     natsMsgHeader_Set(m, cabwire::kPart, std::to_string(next).c_str());
     m_conn->publishMsg(m);
-    natsMsg_Destroy(m);
+    cabwire::destroy(m);
 }
 
 void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string& why) {

@@ -44,9 +44,15 @@ std::string serviceSubject(const std::string& target, const std::string& service
 std::string header(natsMsg* msg, const char* key);
 // The value of `key` exactly as it came over the wire (the client library
 // trims blanks from what header() returns). Call it before any other header
-// access on a received message: that access rewrites the raw block. False
-// when the raw block cannot be read; then only header() can tell.
+// access on a received message: that access rewrites the raw block. When the
+// client already lifted the headers, a value with blanks around it comes back
+// as the trimmed value with one blank on each side that had any. False when
+// the block cannot be read; then only header() can tell.
 bool rawHeader(natsMsg* msg, const char* key, std::string* value, bool* present);
+// Destroys a message. A small one is freed on the calling thread: the client
+// library would hand it to its collector thread and wake that thread, once
+// for every message.
+void destroy(natsMsg* msg);
 // Parses a decimal header; false when absent or not a number in [min, max].
 bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t* value);
 

@@ -1,0 +1,329 @@
+#include "cab/CabDispatcher.h"
+
+#include "cab/CabLog.h"
+
+#include <time.h>
+
+namespace {
+// A leader waits this long before looking again; a subscription that ends
+// (unsubscribed, drained, connection closed) wakes it at once.
+const int64_t kWaitMs = 60000;
+// A subscription whose leader serves a message with none waiting behind it
+// gets a new leader only when the message takes longer than this: most
+// answers are sent sooner, and the same thread then waits again, with no
+// thread woken at all. The deputy looks this often...
+const int64_t kDeputyPollNs = 1000000;
+// ...for as long as messages came this recently; then it sleeps until woken.
+const int64_t kDeputyAwakeNs = 1000000000;
+
+int64_t monotonicNs() {
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return (int64_t)ts.tv_sec * 1000000000 + ts.tv_nsec;
+}
+
+struct timespec realtimeIn(int64_t ns) {
+    struct timespec ts;
+    clock_gettime(CLOCK_REALTIME, &ts);
+    ns += ts.tv_nsec;
+    ts.tv_sec += ns / 1000000000;
+    ts.tv_nsec = ns % 1000000000;
+    return ts;
+}
+}  // namespace
+
+struct CabDispatcher::Channel {
+    natsSubscription* sub = nullptr;
+    Serve serve;
+    bool led = false;    // a thread waits for its next message
+    int64_t unledSinceNs = 0;  // when its last leader took a message
+    bool ended = false;  // its subscription reported its end
+    int pins = 0;        // calls using `sub` or `serve` outside the lock
+};
+
+CabDispatcher::CabDispatcher(int cap) : m_cap(cap < 1 ? 1 : cap) {}
+
+CabDispatcher::~CabDispatcher() {
+    std::vector<Channel*> open;
+    {
+        PLockGuard guard(m_lock);
+        m_stopping = true;
+        for (auto& c : m_channels)
+            if (!c->ended) {
+                ++c->pins;
+                open.push_back(c.get());
+            }
+    }
+    // Waiting leaders wake when their subscriptions close.
+    for (Channel* c : open) natsSubscription_Unsubscribe(c->sub);
+    {
+        PLockGuard guard(m_lock);
+        for (Channel* c : open) --c->pins;
+    }
+    stop();
+    for (auto& c : m_channels) natsSubscription_Destroy(c->sub);
+}
+
+bool CabDispatcher::add(natsSubscription* sub, Serve serve) {
+    {
+        PLockGuard guard(m_lock);
+        if (!m_stopping) {
+            std::unique_ptr<Channel> c(new Channel);
+            c->sub = sub;
+            c->serve = std::move(serve);
+            m_channels.push_back(std::move(c));
+            appointLocked();
+            if (!m_threads.empty()) return true;
+            m_channels.pop_back();
+        }
+    }
+    natsSubscription_Destroy(sub);
+    return false;
+}
+
+CabDispatcher::Channel* CabDispatcher::findLocked(natsSubscription* sub) {
+    for (auto& c : m_channels)
+        if (c->sub == sub) return c.get();
+    return nullptr;
+}
+
+void CabDispatcher::remove(natsSubscription* sub) {
+    Channel* c;
+    {
+        PLockGuard guard(m_lock);
+        c = findLocked(sub);
+        if (!c || c->ended) return;
+        ++c->pins;
+    }
+    natsSubscription_Unsubscribe(sub);
+    std::vector<natsSubscription*> dead;
+    {
+        PLockGuard guard(m_lock);
+        --c->pins;
+        dead = reapLocked();
+    }
+    for (natsSubscription* s : dead) natsSubscription_Destroy(s);
+}
+
+void CabDispatcher::drain(const std::vector<natsSubscription*>& subs, int timeoutMs) {
+    std::vector<Channel*> draining;
+    {
+        PLockGuard guard(m_lock);
+        for (natsSubscription* sub : subs) {
+            Channel* c = findLocked(sub);
+            if (!c || c->ended) continue;
+            ++c->pins;
+            draining.push_back(c);
+        }
+    }
+    std::vector<Channel*> started;
+    for (Channel* c : draining) {
+        // No time limit of the client's own: at the limit it would close the
+        // subscription and drop what waits there, unanswered.
+        natsStatus s = natsSubscription_DrainTimeout(c->sub, 0);
+        if (s == NATS_OK) {
+            started.push_back(c);
+        } else {
+            cablog::log(LOGLEVEL_WARN, "Drain of %s failed (%s); unsubscribing", natsSubscription_GetSubject(c->sub),
+                        natsStatus_GetText(s));
+            natsSubscription_Unsubscribe(c->sub);
+        }
+    }
+    for (Channel* c : started) {
+        natsStatus s = natsSubscription_WaitForDrainCompletion(c->sub, timeoutMs);
+        if (s != NATS_OK)
+            cablog::log(LOGLEVEL_WARN, "Drain of %s did not complete: %s", natsSubscription_GetSubject(c->sub),
+                        natsStatus_GetText(s));
+    }
+    std::vector<natsSubscription*> dead;
+    {
+        PLockGuard guard(m_lock);
+        for (Channel* c : draining) --c->pins;
+        dead = reapLocked();
+    }
+    for (natsSubscription* s : dead) natsSubscription_Destroy(s);
+}
+
+void CabDispatcher::takePending(const std::function<void(natsMsg*)>& take) {
+    std::vector<Channel*> open;
+    {
+        PLockGuard guard(m_lock);
+        for (auto& c : m_channels)
+            if (!c->ended) {
+                ++c->pins;
+                open.push_back(c.get());
+            }
+    }
+    for (Channel* c : open) {
+        natsMsg* msg = nullptr;
+        while (natsSubscription_NextMsg(&msg, c->sub, 0) == NATS_OK) take(msg);
+    }
+    PLockGuard guard(m_lock);
+    for (Channel* c : open) --c->pins;
+}
+
+CabDispatcher::Channel* CabDispatcher::needsLeaderLocked(int64_t unledForNs) {
+    if (m_busy >= m_cap) return nullptr;
+    int64_t now = unledForNs > 0 ? monotonicNs() : 0;
+    for (auto& c : m_channels)
+        if (!c->led && !c->ended && (unledForNs <= 0 || now - c->unledSinceNs >= unledForNs)) return c.get();
+    return nullptr;
+}
+
+void CabDispatcher::appointLocked() {
+    if (!needsLeaderLocked(0)) return;
+    if (m_idle > m_woken) {
+        ++m_woken;
+        m_lock.signal();
+    } else {
+        startThreadLocked();
+    }
+}
+
+void CabDispatcher::deputeLocked() {
+    m_lastDeferredNs = monotonicNs();
+    if (m_deputy && !m_deputyAsleep) return;  // it is looking already
+    if (m_idle > 0) {
+        m_lock.broadcast();  // the deputy, or an idle thread that becomes one
+    } else {
+        startThreadLocked();
+    }
+}
+
+bool CabDispatcher::startThreadLocked() {
+    // Leaders plus the threads serving messages.
+    if (m_threads.size() >= (size_t)m_cap + m_channels.size()) return false;
+    std::unique_ptr<PThread> t(new PThread);
+    try {
+        ++m_live;  // before the thread can run (and end)
+        t->init(nullptr, new PThreadDelegateMember<CabDispatcher>(this, &CabDispatcher::run), nullptr);
+        m_threads.push_back(std::move(t));
+    } catch (const std::exception& e) {
+        --m_live;
+        cablog::log(LOGLEVEL_ERROR, "Service thread not started (%s); %d running", e.what(), (int)m_threads.size());
+        return false;
+    }
+    return true;
+}
+
+std::vector<natsSubscription*> CabDispatcher::reapLocked() {
+    std::vector<natsSubscription*> dead;
+    for (auto it = m_channels.begin(); it != m_channels.end();) {
+        if ((*it)->ended && !(*it)->led && (*it)->pins == 0) {
+            dead.push_back((*it)->sub);
+            it = m_channels.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return dead;
+}
+
+void* CabDispatcher::run(void*) {
+    bool deputy = false;  // this thread looks for subscriptions left without a leader
+    bool woken = false;   // signalled to take up a subscription at once
+    m_lock.lock();
+    for (;;) {
+        Channel* c = needsLeaderLocked(deputy && !woken ? kDeputyPollNs : 0);
+        woken = false;
+        if (!c) {
+            if (m_stopping) break;
+            if (!m_deputy) m_deputy = deputy = true;
+            ++m_idle;
+            if (deputy && monotonicNs() - m_lastDeferredNs < kDeputyAwakeNs) {
+                m_lock.waitUntil(realtimeIn(kDeputyPollNs));
+            } else {
+                m_deputyAsleep = deputy;
+                m_lock.wait();
+                m_deputyAsleep = false;
+            }
+            --m_idle;
+            if (m_woken > 0) {
+                --m_woken;
+                woken = true;
+            }
+            continue;
+        }
+        if (deputy) m_deputy = deputy = false;
+        c->led = true;
+        m_lock.unlock();
+        natsMsg* msg = nullptr;
+        natsStatus s = natsSubscription_NextMsg(&msg, c->sub, kWaitMs);
+        int pending = 0;
+        if (s == NATS_OK) natsSubscription_GetPending(c->sub, &pending, nullptr);
+        m_lock.lock();
+        c->led = false;
+        if (s == NATS_OK) {
+            ++m_busy;
+            ++c->pins;
+            // The subscription needs its next leader while this thread serves:
+            // at once when messages wait, else only if this one takes long.
+            c->unledSinceNs = monotonicNs();
+            if (pending > 0) appointLocked();
+            else deputeLocked();
+            m_lock.unlock();
+            try {
+                c->serve(msg);
+            } catch (...) {
+                cablog::log(LOGLEVEL_ERROR, "Serving a message threw; ignored");
+            }
+            m_lock.lock();
+            --c->pins;
+            --m_busy;
+            if (c->ended) {
+                std::vector<natsSubscription*> dead = reapLocked();
+                m_lock.unlock();
+                for (natsSubscription* sub : dead) natsSubscription_Destroy(sub);
+                m_lock.lock();
+            }
+            continue;
+        }
+        // A time-out also ends a drain; the next call then reports the end.
+        if (s == NATS_TIMEOUT || s == NATS_SLOW_CONSUMER) continue;
+        c->ended = true;
+        std::vector<natsSubscription*> dead = reapLocked();
+        if (!dead.empty()) {
+            m_lock.unlock();
+            for (natsSubscription* sub : dead) natsSubscription_Destroy(sub);
+            m_lock.lock();
+        }
+    }
+    if (deputy) m_deputy = false;
+    --m_live;
+    m_lock.broadcast();  // stopUntil waits for the last one
+    m_lock.unlock();
+    return nullptr;
+}
+
+void CabDispatcher::stop() {
+    struct timespec never = {0, 0};
+    stopUntil(never);
+}
+
+bool CabDispatcher::stopUntil(const struct timespec& deadline) {
+    bool forever = deadline.tv_sec == 0 && deadline.tv_nsec == 0;
+    std::vector<std::unique_ptr<PThread>> threads;
+    {
+        PLockGuard guard(m_lock);
+        m_stopping = true;
+        m_lock.broadcast();
+        while (m_live > 0) {
+            if (forever) m_lock.wait();
+            else if (!m_lock.waitUntil(deadline)) break;
+        }
+        if (m_live > 0) return false;  // the dispatcher must outlive them
+        threads.swap(m_threads);
+    }
+    for (auto& t : threads) t->join();
+    return true;
+}
+
+int CabDispatcher::busyCount() {
+    PLockGuard guard(m_lock);
+    return m_busy;
+}
+
+int CabDispatcher::liveCount() {
+    PLockGuard guard(m_lock);
+    return m_live;
+}
