@@ -192,7 +192,7 @@ void CabDispatcher::deputeLocked() {
 
 bool CabDispatcher::startThreadLocked() {
     // Leaders plus the threads serving messages.
-    if (m_threads.size() >= (size_t)m_cap + m_channels.size()) return false;
+    if (m_gaveUp || m_threads.size() >= (size_t)m_cap + m_channels.size()) return false;
     std::unique_ptr<PThread> t(new PThread);
     try {
         ++m_live;  // before the thread can run (and end)
@@ -311,7 +311,13 @@ bool CabDispatcher::stopUntil(const struct timespec& deadline) {
             if (forever) m_lock.wait();
             else if (!m_lock.waitUntil(deadline)) break;
         }
-        if (m_live > 0) return false;  // the dispatcher must outlive them
+        if (m_live > 0) {
+            // They end on their own: a PThread destroyed unjoined detaches
+            // its thread. The dispatcher must outlive them.
+            m_threads.clear();
+            m_gaveUp = true;
+            return false;
+        }
         threads.swap(m_threads);
     }
     for (auto& t : threads) t->join();

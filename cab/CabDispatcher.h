@@ -86,4 +86,5 @@ private:
     bool m_deputyAsleep = false;                       // m_lock: ...and waits without looking
     int64_t m_lastDeferredNs = 0;                      // m_lock: last message served without a new leader
     bool m_stopping = false;                           // m_lock
+    bool m_gaveUp = false;                             // m_lock: stopUntil left threads running
 };

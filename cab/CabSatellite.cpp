@@ -459,8 +459,10 @@ int CabSatellite::UnregisterServices(bool forget) {
     Subscriptions subs = takeSubscriptions(m_state.get(), forget);
     if (subs.dispatcher)
         for (natsSubscription* s : subs.services) subs.dispatcher->remove(s);
-    if (subs.conn)
+    if (subs.conn) {
         for (natsSubscription* s : subs.discovery) subs.conn->unsubscribe(s);
+        if (subs.conn->connected()) natsConnection_FlushTimeout(subs.conn->nc(), 5000);
+    }
     return 0;
 }
 
@@ -576,11 +578,13 @@ int CabSatellite::AddService(const char* name, const char* description, CabServi
 
 int CabSatellite::RemoveService(const char* name) {
     std::shared_ptr<CabDispatcher> dispatcher;
+    std::shared_ptr<CabConnection> conn;
     natsSubscription* sub = nullptr;
     natsSubscription* hostSub = nullptr;
     {
         PLockGuard guard(m_state->lock);
         dispatcher = m_state->dispatcher;
+        conn = m_state->conn;
         for (auto it = m_state->services.begin(); it != m_state->services.end(); ++it) {
             if ((*it)->name == (name ? name : "")) {
                 sub = (*it)->sub;
@@ -592,6 +596,9 @@ int CabSatellite::RemoveService(const char* name) {
     }
     if (dispatcher && sub) dispatcher->remove(sub);
     if (dispatcher && hostSub) dispatcher->remove(hostSub);
+    // Once this returns the directory knows: a request sent after it is not
+    // routed here to be dropped.
+    if (conn && (sub || hostSub) && conn->connected()) natsConnection_FlushTimeout(conn->nc(), 5000);
     return 0;
 }
 
