@@ -113,13 +113,10 @@ bool liftedHeader(natsMsg* msg, const NatsMsgFront* f, const char* key, std::str
 
 void destroy(natsMsg* msg) {
     if (!msg) return;
-    // Larger ones still go to the collector, which returns their pages off
-    // the caller's thread.
-    const int kFreeHere = 64 * 1024;
     NatsMsgFront* f = reinterpret_cast<NatsMsgFront*>(msg);
     if (f->gcNext == nullptr && f->gcFree != nullptr && f->subject == natsMsg_GetSubject(msg) &&
         f->reply == natsMsg_GetReply(msg) && f->data == natsMsg_GetData(msg) &&
-        f->dataLen == natsMsg_GetDataLength(msg) && f->dataLen + f->hdrLen < kFreeHere)
+        f->dataLen == natsMsg_GetDataLength(msg))
         f->gcFree = nullptr;
     natsMsg_Destroy(msg);
 }

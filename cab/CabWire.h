@@ -49,9 +49,9 @@ std::string header(natsMsg* msg, const char* key);
 // as the trimmed value with one blank on each side that had any. False when
 // the block cannot be read; then only header() can tell.
 bool rawHeader(natsMsg* msg, const char* key, std::string* value, bool* present);
-// Destroys a message. A small one is freed on the calling thread: the client
-// library would hand it to its collector thread and wake that thread, once
-// for every message.
+// Destroys a message on the calling thread. The client library would hand it
+// to its collector thread instead, waking that thread for every message and
+// leaving large ones alive until it runs.
 void destroy(natsMsg* msg);
 // Parses a decimal header; false when absent or not a number in [min, max].
 bool headerInt(natsMsg* msg, const char* key, int64_t min, int64_t max, int64_t* value);

@@ -32,8 +32,9 @@ int main(int argc, char** argv) {
         }
     }
     // File chunks and archives pass through in blocks of megabytes, on many
-    // worker threads: keep few pools of them.
-    BoundAllocatorPools(2);
+    // threads: one pool keeps at most a couple of them for reuse, where every
+    // further pool would keep its own.
+    BoundAllocatorPools(1);
     std::vector<CStdStr> args;
     args.reserve(static_cast<size_t>(argc));
     for (int i = 0; i < argc; ++i) args.push_back(CStdStr(argv[i] ? argv[i] : ""));
