@@ -18,15 +18,17 @@
 //   CAB_E_PERMISSION_DENIED when the directory does not let this user serve
 //   that name. A request the directory refuses fails with the same code at once.
 //   A satellite that adds no service is a pure client: it publishes nothing.
-// - Handlers run on the library's worker threads, several at once; the pool
-//   grows on demand up to "cabDirectory.maxHandlers" (default 256) and then
-//   queues. A handler may itself call Request, also on its own satellite: a
-//   request to the satellite's own service runs inline on the calling thread,
-//   at most 16 deep (cab/CabInline.h), so it never waits for a worker.
+// - Handlers run on the library's service threads, on the thread that
+//   received the request (cab/CabDispatcher.h), several at once; at most
+//   "cabDirectory.maxHandlers" (default 256) run together, later requests
+//   wait in order. A handler may itself call Request, also on its own
+//   satellite: a request to the satellite's own service runs inline on the
+//   calling thread, at most 16 deep (cab/CabInline.h), so it never waits for
+//   a service thread.
 //   A throwing handler yields CAB_E_HANDLER_EXCEPTION plus the text to the
 //   requester; the satellite logs it and keeps serving.
 // - An answer larger than one message waits for its requester's credit
-//   without holding a worker; one that gets no credit for
+//   without holding a thread; one that gets no credit for
 //   "cabDirectory.creditTimeoutMs" (default 30000) is abandoned, and answers
 //   waiting for credit hold at most "cabDirectory.maxAnswerBytes" (default
 //   1 GiB) together: past it a new one is refused with CAB_E_BUSY.
@@ -140,7 +142,7 @@ public:
     virtual int AddService(const char* name, const char* description, CabSatelliteDelegateGeneric* handler);
     virtual int AddService(const char* name, const char* description, CabServiceFunction handler);
     virtual int RemoveService(const char* name);
-    // Dispatch entry, called on a worker thread: invokes the service's delegate.
+    // Dispatch entry, called on a service thread: invokes the service's delegate.
     // Returns 0 when dispatched (status in *status), CAB_E_NO_SUCH_SERVICE when
     // the service is unknown. Exceptions of the handler pass through.
     virtual int OnServiceRequested(int requestId, const char* service, const char* requester, tagVARIANT in,
@@ -178,7 +180,7 @@ public:
 
 private:
     // Stops listening for every service; requests already routed here are
-    // still handed to the worker pool (Disconnect then lets them finish).
+    // still served (Disconnect then lets them finish).
     void DrainServices(int timeoutMs);
 
     std::shared_ptr<CabSatelliteState> m_state;
