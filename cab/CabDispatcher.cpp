@@ -37,6 +37,8 @@ struct CabDispatcher::Channel {
     Serve serve;
     bool led = false;    // a thread waits for its next message
     int64_t unledSinceNs = 0;  // when its last leader took a message
+    bool slow = false;  // its handlers take longer than the deputy's look: messages waiting
+                        // behind one get a new leader at once
     bool ended = false;  // its subscription reported its end
     int pins = 0;        // calls using `sub` or `serve` outside the lock
 };
@@ -225,6 +227,7 @@ void* CabDispatcher::run(void*) {
     m_lock.lock();
     for (;;) {
         Channel* c = needsLeaderLocked(deputy && !woken ? kDeputyPollNs : 0);
+        bool signalled = woken;
         woken = false;
         if (!c) {
             if (m_stopping) break;
@@ -238,13 +241,14 @@ void* CabDispatcher::run(void*) {
                 m_deputyAsleep = false;
             }
             --m_idle;
-            if (m_woken > 0) {
-                --m_woken;
-                woken = true;
-            }
+            woken = m_woken > 0;
+            if (woken) --m_woken;
             continue;
         }
-        if (deputy) m_deputy = deputy = false;
+        if (deputy) {
+            m_deputy = deputy = false;
+            if (!signalled) c->slow = true;  // its last handler outlasted the deputy's look
+        }
         c->led = true;
         m_lock.unlock();
         natsMsg* msg = nullptr;
@@ -257,9 +261,11 @@ void* CabDispatcher::run(void*) {
             ++m_busy;
             ++c->pins;
             // The subscription needs its next leader while this thread serves:
-            // at once when messages wait, else only if this one takes long.
-            c->unledSinceNs = monotonicNs();
-            if (pending > 0) appointLocked();
+            // at once when messages wait behind slow handlers, else only if
+            // this one takes long.
+            int64_t start = monotonicNs();
+            c->unledSinceNs = start;
+            if (pending > 0 && c->slow) appointLocked();
             else deputeLocked();
             m_lock.unlock();
             try {
@@ -267,7 +273,9 @@ void* CabDispatcher::run(void*) {
             } catch (...) {
                 cablog::log(LOGLEVEL_ERROR, "Serving a message threw; ignored");
             }
+            bool quick = monotonicNs() - start < kDeputyPollNs;
             m_lock.lock();
+            if (quick) c->slow = false;
             --c->pins;
             --m_busy;
             if (c->ended) {
