@@ -1,6 +1,7 @@
 // How served requests reach their handlers: concurrently within one service,
 // queued beyond the cap, answered CAB_E_CANCELLED when the satellite leaves
 // (running or still queued), and gone with a removed service.
+#include <chrono>
 #include <thread>
 #include <vector>
 
@@ -96,7 +97,9 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, m));
     natsMsg_Destroy(m);
     ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
+    auto start = std::chrono::steady_clock::now();
     gate.Disconnect();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2300));  // grace + close
     first.join();
     EXPECT_EQ(CAB_E_CANCELLED, status);
     natsMsg* r = nullptr;

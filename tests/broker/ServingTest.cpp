@@ -8,8 +8,6 @@
 #include <thread>
 #include <vector>
 
-#include "host/CRegistry.h"
-#include "host/PThread.h"
 #include "tests/broker/BrokerTestFixture.h"
 
 TEST_F(BrokerTest, ThrowingHandlersFailTheRequestAndTheSatelliteKeepsServing) {
@@ -182,57 +180,4 @@ TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     EXPECT_EQ(count, answered);
     natsSubscription_Destroy(answers);
     natsConnection_Destroy(nc);
-}
-
-namespace {
-
-// A satellite whose one handler blocks until the test lets it go.
-class StuckSatellite : public CabSatellite {
-public:
-    int CreateServices() override {
-        return AddService("Hold", "", new CabSatelliteDelegateMember<StuckSatellite>(this, &StuckSatellite::hold));
-    }
-    int hold(const char*, const tagVARIANT&, tagVARIANT*) {
-        PLockGuard guard(lock);
-        entered = true;
-        lock.broadcast();
-        while (!released) lock.wait();
-        left = true;
-        lock.broadcast();
-        return 0;
-    }
-    PCondMutex lock;        // guards the three below
-    bool entered = false;   // lock
-    bool released = false;  // lock
-    bool left = false;      // lock
-};
-
-}  // namespace
-
-TEST_F(BrokerTest, LeavingGivesHandlersTheGraceThenAnswersTheirRequestsCancelled) {
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
-                                                           "cabDirectory.shutdownGraceMs", 300));
-    StuckSatellite stuck;
-    ASSERT_EQ(0, stuck.Connect(server.hostPort().c_str(), "Stuck"));
-    int status = 0;
-    std::thread requester([&] {
-        Var in, out;
-        status = call("Stuck", "Hold", in.v, &out);
-    });
-    {
-        PLockGuard guard(stuck.lock);
-        while (!stuck.entered) stuck.lock.wait();
-    }
-    auto start = std::chrono::steady_clock::now();
-    stuck.Disconnect();
-    double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    requester.join();
-    EXPECT_EQ(CAB_E_CANCELLED, status) << CabGetLastError();
-    EXPECT_LT(seconds, 2.3);  // the grace plus the close; a safety margin only
-    EXPECT_EQ(1, stuck.handlersStillRunning());
-    // The handler still runs on the object: it must end before the object goes.
-    PLockGuard guard(stuck.lock);
-    stuck.released = true;
-    stuck.lock.broadcast();
-    while (!stuck.left) stuck.lock.wait();
 }
