@@ -19,6 +19,7 @@ namespace {
 // after ten seconds; "Hold" blocks until the test opens the gate.
 class GateSatellite : public CabSatellite {
 public:
+    ~GateSatellite() override { openAndWaitEmpty(); }  // a handler must end before the object goes
     int CreateServices() override {
         AddService("Meet", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::meet));
         return AddService("Hold", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::hold));
@@ -34,34 +35,47 @@ public:
     }
     int hold(const char*, const tagVARIANT&, tagVARIANT*) {
         PLockGuard guard(lock);
-        ++inside;
+        ++holding;
         lock.broadcast();
         while (!open) lock.wait();
-        --inside;
+        --holding;
         lock.broadcast();
         return 0;
     }
-    void waitInside(int n) {
+    void waitHolding(int n) {
         PLockGuard guard(lock);
-        while (inside < n) lock.wait();
+        while (holding < n) lock.wait();
     }
     void openAndWaitEmpty() {
         PLockGuard guard(lock);
         open = true;
         lock.broadcast();
-        while (inside > 0) lock.wait();
+        while (holding > 0) lock.wait();
     }
-    PCondMutex lock;   // guards the three below
-    int inside = 0;    // lock
+    PCondMutex lock;   // guards the four below
+    int inside = 0;    // lock: in "Meet"
+    int holding = 0;   // lock: in "Hold"
     int expected = 3;  // lock
     bool open = false; // lock
 };
 
 }  // namespace
 
-TEST_F(BrokerTest, RequestsToOneServiceRunTogetherAndQueueBeyondTheCap) {
+TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     GateSatellite gate;
     ASSERT_EQ(0, gate.Connect(server.hostPort().c_str(), "Gate"));
+    // One request first, so that the service threads are in their steady
+    // state: a handler that blocks is relieved by the deputy.
+    Var in, out;
+    {
+        PLockGuard guard(gate.lock);
+        gate.expected = 1;
+    }
+    ASSERT_EQ(0, call("Gate", "Meet", in.v, &out));
+    {
+        PLockGuard guard(gate.lock);
+        gate.expected = 4;
+    }
     std::vector<std::thread> ts;
     std::vector<int> status(3, -1);
     for (int i = 0; i < 3; ++i)
@@ -84,7 +98,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
         Var in, out;
         status = call("Gate", "Hold", in.v, &out);
     });
-    gate.waitInside(1);
+    gate.waitHolding(1);
     // The second waits in the subscription: the one handler allowed is busy.
     // After the flush's round trip the server has routed it to the satellite.
     natsConnection* nc = nullptr;
@@ -103,15 +117,14 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     first.join();
     EXPECT_EQ(CAB_E_CANCELLED, status);
     natsMsg* r = nullptr;
-    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&r, answers, 30000));
+    EXPECT_EQ(NATS_OK, natsSubscription_NextMsg(&r, answers, 30000));
     const char* queued = nullptr;
-    natsMsgHeader_Get(r, "Cab-Status", &queued);
+    if (r) natsMsgHeader_Get(r, "Cab-Status", &queued);
     EXPECT_EQ(std::to_string(CAB_E_CANCELLED), queued ? queued : "");
     natsMsg_Destroy(r);
     natsSubscription_Destroy(answers);
     natsConnection_Destroy(nc);
     EXPECT_EQ(1, gate.handlersStillRunning());
-    gate.openAndWaitEmpty();  // the handler must end before the object goes
 }
 
 TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
