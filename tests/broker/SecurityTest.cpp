@@ -6,10 +6,12 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <set>
 #include <string>
 
 #include <nats/nats.h>
 
+#include "cab/CabConnection.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
 
@@ -213,4 +215,25 @@ TEST(SecurityRunLocal, RefusesATakenPortAndNeverUsesTheServerOnIt) {
     EXPECT_NE(0, status) << out;
     EXPECT_NE(std::string::npos, out.find("port " + std::to_string(port) + " is taken")) << out;
     EXPECT_EQ("", kivtest::readFile(var.path() + "/directory/nats-server.pid"));
+}
+
+// Nobody can guess where an answer or a credit goes: mailbox subjects end in
+// 128 random bits.
+TEST_F(BrokerTest, MailboxSubjectsEndInUnguessableKeys) {
+    CabConnection::Options o;
+    o.url = server.url();
+    std::shared_ptr<CabConnection> conn;
+    ASSERT_EQ(0, CabConnection::open(o, &conn));
+    std::set<std::string> keys;
+    for (int i = 0; i < 2; ++i) {
+        std::string subject;
+        uint64_t token = 0;
+        conn->openMailbox(&subject, &token);
+        std::string key = subject.substr(subject.rfind('.') + 1);
+        EXPECT_EQ(32u, key.size()) << subject;
+        EXPECT_EQ(std::string::npos, key.find_first_not_of("0123456789abcdef")) << subject;
+        keys.insert(key);
+        conn->closeMailbox(token);
+    }
+    EXPECT_EQ(2u, keys.size());
 }
