@@ -155,22 +155,30 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     natsConnection_Destroy(nc);
 }
 
+// One handler at a time and 20 ms each: most requests still wait in the
+// satellite when it starts to leave.
 TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
+    EchoSatellite slow;
+    slow.setMaxHandlers(1);
+    ASSERT_EQ(0, slow.Connect(server.hostPort().c_str(), "EchoSlow"));
     natsConnection* nc = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
     natsSubscription* answers = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&answers, nc, "drain.answers"));
-    const int count = 200;
+    Var ms;
+    setI4(&ms.v, 20);
+    std::string payload = encodingOf(ms.v);
+    const int count = 20;
     for (int i = 0; i < count; ++i) {
         natsMsg* m = nullptr;
-        natsMsg_Create(&m, "cab.EchoA.Echo", "drain.answers", nullptr, 0);
+        natsMsg_Create(&m, "cab.EchoSlow.Sleep", "drain.answers", payload.data(), (int)payload.size());
         natsMsgHeader_Set(m, "Cab-Proto", "1");
         ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, m));
         natsMsg_Destroy(m);
     }
     // After the round trip the server has routed every request to the satellite.
     ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
-    echo->Disconnect();
+    slow.Disconnect();
     int answered = 0;
     for (natsMsg* r = nullptr; answered < count; ++answered) {
         if (natsSubscription_NextMsg(&r, answers, 30000) != NATS_OK) break;
