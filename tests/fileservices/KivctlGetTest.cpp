@@ -20,8 +20,8 @@ protected:
         target = media.file("local/clip.bin");
         kivtest::writeFile(target, "");
     }
-    // Runs kivctl get with `options`; returns its exit status, *output its stdout and stderr.
     int get(const std::string& options, std::string* output = nullptr) { return kivctl("get " + options, output); }
+    // Exit status of kivctl COMMAND ARGS with --server added; *output gets stdout and stderr.
     int kivctl(const std::string& command, std::string* output = nullptr, const std::string& cwd = "") {
         std::string cmd = (cwd.empty() ? "" : "cd " + cwd + " && ") + std::string(KIV_BINARY_DIR) + "/bin/kivctl " +
                           command.substr(0, command.find(' ')) + " --server " + hostPort() +
@@ -68,12 +68,8 @@ TEST_F(KivctlGetTest, StandardOutputAndUsageErrors) {
     ASSERT_EQ(get(path + " -o - --chunk 64K", &output), 0);
     EXPECT_TRUE(output == content) << "stdout holds exactly the file";
 
-    EXPECT_EQ(get("", &output), 64) << output;
-    EXPECT_EQ(get(path + " --chunk 0"), 64);
-    EXPECT_EQ(get(path + " --chunk 5X"), 64);
-    EXPECT_EQ(get(path + " --chunk 4G"), 64);
-    EXPECT_EQ(get(path + " -o - --continue"), 64);
-    EXPECT_EQ(get(path + " --bogus"), 64);
+    for (std::string bad : {"", " --chunk 0", " --chunk 5X", " --chunk 4G", " -o - --continue", " --bogus"})
+        EXPECT_EQ(get(bad.empty() ? bad : path + bad), 64) << bad;
     EXPECT_EQ(get("--help", &output), 0);
     EXPECT_NE(output.find("usage: kivctl get"), std::string::npos);
 }

@@ -1,5 +1,6 @@
 #include "tests/fileservices/ManagerFixture.h"
 
+#include "cab/VariantJson.h"
 #include "files/CFileTools.h"
 #include "variant/VUtil.h"
 
@@ -64,3 +65,12 @@ std::vector<std::string> ManagerTest::column(const tagVARIANT& out, int column) 
 }
 
 int ManagerTest::countAt(const tagVARIANT& out, int index) { return VUtil::GetIntElement(out, index); }
+
+tagVARIANT* ManagerTest::fromJson(const std::string& text, CLocalVariant* v) {
+    std::string error;
+    VariantClear(v->ptr());
+    EXPECT_TRUE(VariantFromJson(text, v->ptr(), &error)) << error;
+    return v->ptr();
+}
+
+std::string ManagerTest::json(const tagVARIANT& v) { return VariantToJson(v); }
