@@ -84,44 +84,33 @@ protected:
         return rc;
     }
 
+    static tagVARIANT* pathIn(const std::string& path, CLocalVariant* in) {
+        return archivetest::fromJson("[\"" + path + "\"]", in->ptr());
+    }
     int deleteTemp(const std::string& path) {
         CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        return satellite.CabServiceDeleteTempFile("DeleteTempFile", in.get(), out.ptr());
+        return satellite.CabServiceDeleteTempFile("", *pathIn(path, &in), out.ptr());
     }
 
     // The whole file through "GetFile", as a client would fetch it.
     std::string getFile(const std::string& path) {
         CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        EXPECT_EQ(satellite.CabServiceGetFile("GetFile", in.get(), out.ptr()), 0);
+        EXPECT_EQ(satellite.CabServiceGetFile("", *pathIn(path, &in), out.ptr()), 0);
         if (out.vt() != (VT_ARRAY | VT_UI1)) return std::string();
-        return std::string(static_cast<const char*>(out.get().parray->pvData),
-                           out.get().parray->rgsabound[0].cElements);
+        const SAFEARRAY* a = out.get().parray;
+        return std::string(static_cast<const char*>(a->pvData), a->rgsabound[0].cElements);
     }
 
-    // The text of the CabException that "GetFile" (whole file) or
-    // "QueryFileSize" of `path` throws; empty when the service answers.
+    // The text of the CabException that "GetFile" (whole file) or "QueryFileSize" of `path`
+    // throws; empty when the service answers.
     std::string readError(const std::string& service, const std::string& path) {
         CLocalVariant in, out;
-        if (service == "GetFile") {
-            VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-            VUtil::PutElement(in.get(), 0, CStdStr(path));
-        } else {
-            CLocalVariant items;
-            VUtil::CreateArray(items.get(), VT_VARIANT, 1);
-            VUtil::PutElement(items.get(), 0, CFileTools::PathToFileBrowserMediumId(CStdStr(path)));
-            VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-            VUtil::PutElement(in.get(), 0, "ctx");
-            VUtil::PutElement(in.get(), 1, items.get());
-        }
+        const std::string items = R"(["ctx", [")" + CFileTools::PathToFileBrowserMediumId(CStdStr(path)) + "\"]]";
         try {
             if (service == "GetFile")
-                satellite.CabServiceGetFile("GetFile", in.get(), out.ptr());
+                satellite.CabServiceGetFile("", *pathIn(path, &in), out.ptr());
             else
-                satellite.CabServiceQueryFileSize("QueryFileSize", in.get(), out.ptr());
+                satellite.CabServiceQueryFileSize("", *archivetest::fromJson(items, in.ptr()), out.ptr());
         } catch (const CabException& e) {
             return e.getMessage();
         }

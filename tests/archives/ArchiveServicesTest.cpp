@@ -1,34 +1,13 @@
 // The archive services called in process on a satellite that is not
 // connected: file-browser ids are resolved locally, so no broker is needed.
-#include <gtest/gtest.h>
-
-#include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <mutex>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
-#include "archive/CMyPathTree.h"
-#include "cab/CabException.h"
-#include "files/CFileTools.h"
-#include "satellite/ArchiveThreads.h"
-#include "satellite/KivRequestProxySatellite.h"
 #include "tests/archives/ArchiveServicesFixture.h"
-#include "tests/archives/ArchiveTestSupport.h"
-#include "tests/support/TempDir.h"
-#include "variant/CLocalVariant.h"
-#include "variant/VUtil.h"
 
 namespace fs = std::filesystem;
-using archivetest::createZipInput;
-using archivetest::zipMethods;
+using namespace archivetest;
 
 namespace {
-
-using archivetest::closeGate;
-using archivetest::openGate;
 
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     const std::string a = dir.file("media/a.txt"), b = dir.file("media/b.txt");
@@ -40,26 +19,20 @@ TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     ASSERT_EQ(createZip({a}, &zip, &size), 0);
     EXPECT_EQ(size, static_cast<long long>(fs::file_size(zip))) << "a quick archive answers its real size";
     EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"a.txt", "Defl:X"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
+    EXPECT_TRUE(zipTestsOk(zip));
 
     ASSERT_EQ(createZip({a, b}, &zip, &size), 0);
     EXPECT_EQ(size, static_cast<long long>(fs::file_size(zip)));
     EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"a.txt", "Stored"}, {"b.txt", "Stored"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
+    EXPECT_TRUE(zipTestsOk(zip));
 }
 
 TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
     // An empty first item: the lookup fails and its status is the answer.
-    CLocalVariant in, out;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-    VUtil::PutElement(in.get(), 0, "ctx");
-    VUtil::PutElement(in.get(), 1, "");
-    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr()), 1);
+    CLocalVariant in, out, wrong;
+    EXPECT_EQ(satellite.CabServiceCreateZipFile("", *fromJson(R"(["ctx", ""])", in.ptr()), out.ptr()), 1);
     EXPECT_EQ(out.vt(), VT_EMPTY);
-
-    CLocalVariant wrong;
-    VUtil::CreateArray(wrong.get(), VT_VARIANT, 2);
-    VUtil::PutElement(wrong.get(), 0, 42);
+    fromJson("[42, null]", wrong.ptr());
     EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
     EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
 }
@@ -71,10 +44,10 @@ TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
     std::vector<std::string> kept, dropped;
     for (int i = 0; i < 3; ++i) {
         kept.push_back(dir.file("kept/k" + std::to_string(i) + ".bin"));
-        archivetest::writeRandomFile(kept.back(), 1 << 20, i);
+        writeRandomFile(kept.back(), 1 << 20, i);
     }
     dropped.push_back(dir.file("dropped/d.bin"));
-    archivetest::writeRandomFile(dropped.back(), 4096, 7);
+    writeRandomFile(dropped.back(), 4096, 7);
 
     closeGate();
     std::string keptZip, droppedZip;
@@ -98,7 +71,7 @@ TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
     EXPECT_EQ(fetched.size(), fs::file_size(keptZip)) << "the fetch waited for the finished archive";
     const std::string copy = dir.file("fetched.zip");
     kivtest::writeFile(copy, fetched);
-    EXPECT_TRUE(archivetest::zipTestsOk(copy));
+    EXPECT_TRUE(zipTestsOk(copy));
     EXPECT_EQ(zipMethods(copy).size(), 3u);
     EXPECT_FALSE(fs::exists(droppedZip)) << "the archive deleted while pending was removed by its thread";
 
@@ -130,7 +103,7 @@ TEST_F(ArchiveServicesTest, ZipLogsDeflatesEveryLogFile) {
     EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"KivRequestProxy.log", "Defl:X"},
                                                                   {"KivRequestProxy.log.back", "Defl:X"},
                                                                   {"KivCrashReporter.log", "Defl:X"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
+    EXPECT_TRUE(zipTestsOk(zip));
 
     // A missing logs folder is only logged: an empty archive still comes back.
     fs::remove_all(logs);
