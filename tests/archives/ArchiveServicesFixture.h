@@ -1,6 +1,5 @@
-// The fixture of the in-process archive service tests: one satellite, not
-// connected (file-browser ids are resolved locally), a gate that holds every
-// archive thread before it writes, and the services called as clients do.
+// In-process archive service tests: one satellite, not connected (file-browser ids are resolved
+// locally), a gate that holds every archive thread before it writes, the services called as clients do.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -25,7 +24,7 @@ namespace archivetest {
 
 // Holds every archive thread before it writes, until the test opens it.
 struct Gate {
-    std::mutex mutex;  // guards open, waiting and lastPath
+    std::mutex mutex;  // guards the rest
     std::condition_variable changed;
     bool open = true;
     int waiting = 0;
@@ -37,26 +36,21 @@ inline void heldAtGate(const char* zipPath) {
     std::unique_lock<std::mutex> lock(g_gate.mutex);
     ++g_gate.waiting;
     g_gate.lastPath = zipPath;
-    g_gate.changed.notify_all();
     g_gate.changed.wait(lock, [] { return g_gate.open; });
     --g_gate.waiting;
 }
 
-inline void closeGate() {
+inline void setGate(bool open) {
     std::lock_guard<std::mutex> lock(g_gate.mutex);
-    g_gate.open = false;
-}
-
-inline void openGate() {
-    std::lock_guard<std::mutex> lock(g_gate.mutex);
-    g_gate.open = true;
+    g_gate.open = open;
     g_gate.changed.notify_all();
 }
+inline void closeGate() { setGate(false); }
+inline void openGate() { setGate(true); }
 
 }  // namespace archivetest
 
-// A satellite that is not connected: file-browser ids are resolved locally,
-// so no broker is needed. Archives made by a test are removed after it.
+// Archives made by a test are removed after it.
 class ArchiveServicesTest : public testing::Test {
 protected:
     void SetUp() override { ArchiveThreads::setBeforeWriteHook(&archivetest::heldAtGate); }
