@@ -21,7 +21,7 @@ protected:
 // give an empty block, and the log line shows the counts as converted.
 TEST_F(GetFileTest, SlicesWithEachIntegerType) {
     std::string got;
-    ASSERT_EQ(getFile(path, &got), 0);  // only a path: the whole file
+    ASSERT_EQ(getFile("[\"" + path + "\"]", &got), 0);  // only a path: the whole file
     EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
     const std::vector<VARTYPE> all = {VT_I4, VT_UI4, VT_I8, VT_UI8}, signedOnes = {VT_I4, VT_I8};
     const struct {
@@ -49,9 +49,9 @@ TEST_F(GetFileTest, SlicesWithEachIntegerType) {
         }
         EXPECT_TRUE(joined == content) << vt;
     }
-    ASSERT_EQ(getFile(media.file("no/such/file"), &got), 0) << "a missing file is an empty block";
+    ASSERT_EQ(getFile("[\"" + media.file("no/such/file") + "\"]", &got), 0) << "a missing file is an empty block";
     EXPECT_TRUE(got.empty());
-    ASSERT_EQ(getFile(media.path(), &got), 0) << "so is a folder";
+    ASSERT_EQ(getFile("[\"" + media.path() + "\"]", &got), 0) << "so is a folder";
     EXPECT_TRUE(got.empty());
     ASSERT_EQ(getFile(path, VT_I8, -7, 25, &got), 0);
     EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));

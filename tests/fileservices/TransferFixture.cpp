@@ -80,9 +80,9 @@ void TransferTest::stopCatalog() {
     catalogOut = -1;
 }
 
-int TransferTest::getFile(const tagVARIANT& in, std::string* bytes) {
+int TransferTest::getFile(const std::string& jsonIn, std::string* bytes) {
     CLocalVariant out;
-    int status = call("GetFile", in, out.ptr());
+    int status = call("GetFile", jsonIn, out.ptr());
     bytes->clear();
     if (status == 0) {
         EXPECT_EQ(out.vt(), VT_ARRAY | VT_UI1);
@@ -92,36 +92,25 @@ int TransferTest::getFile(const tagVARIANT& in, std::string* bytes) {
     return status;
 }
 
-int TransferTest::getFile(const std::string& path, std::string* bytes) {
-    CLocalVariant in;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
-    VUtil::PutElement(in.get(), 0, CStdStr(path));
-    return getFile(in.get(), bytes);
-}
-
 int TransferTest::getFile(const std::string& path, VARTYPE vt, long long offset, long long max, std::string* bytes) {
-    CLocalVariant in;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-    VUtil::PutElement(in.get(), 0, CStdStr(path));
-    for (int i = 1; i <= 2; ++i) {
-        tagVARIANT v;
-        VariantInit(&v);
-        v.vt = vt;
-        v.llVal = i == 1 ? offset : max;  // the 32-bit types read the low half
-        VUtil::PutElement(in.get(), i, v);
-    }
-    return getFile(in.get(), bytes);
+    const char* type = vt == VT_I4 ? "I4" : vt == VT_UI4 ? "UI4" : vt == VT_I8 ? "I8" : "UI8";
+    auto count = [&](long long v) {  // as the type holds it: the 32-bit ones wrap
+        return R"({"$vt": ")" + std::string(type) + R"(", "v": )" +
+               (vt == VT_I4    ? std::to_string((int32_t)v)
+                : vt == VT_UI4 ? std::to_string((uint32_t)v)
+                : vt == VT_UI8 ? std::to_string((uint64_t)v)
+                               : std::to_string(v)) +
+               "}";
+    };
+    return getFile("[\"" + path + "\", " + count(offset) + ", " + count(max) + "]", bytes);
 }
 
 int TransferTest::queryFileSize(const std::string& medium, const std::vector<std::string>& items, int* count,
                                 long long* total) {
-    CLocalVariant in, list, out;
-    VUtil::CreateArray(list.get(), VT_VARIANT, items.size());
-    for (size_t i = 0; i < items.size(); ++i) VUtil::PutElement(list.get(), (int)i, CStdStr(items[i]));
-    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-    VUtil::PutElement(in.get(), 0, CStdStr(medium));
-    VUtil::PutElement(in.get(), 1, list.get());
-    int status = call("QueryFileSize", in.get(), out.ptr());
+    std::string in = "[\"" + medium + "\", [";
+    for (size_t i = 0; i < items.size(); ++i) in += (i ? ", \"" : "\"") + items[i] + "\"";
+    CLocalVariant out;
+    int status = call("QueryFileSize", in + "]]", out.ptr());
     if (status != 0) return status;
     CLocalVariant c, t;
     VUtil::GetElement(out.get(), 0, c.get());

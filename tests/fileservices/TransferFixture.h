@@ -19,9 +19,9 @@ protected:
     // Starts kiv-media-catalog with `catalogJson`; waits for its "ready" line.
     bool startCatalog(const std::string& catalogJson);
     void stopCatalog();
-    // "GetFile" of [path] or [path, offset, max] with both counts of type `vt`; *bytes gets the block.
-    int getFile(const tagVARIANT& in, std::string* bytes);
-    int getFile(const std::string& path, std::string* bytes);
+    // "GetFile" of a JSON in-array, or of [path, offset, max] with both counts of type `vt`;
+    // *bytes gets the block.
+    int getFile(const std::string& jsonIn, std::string* bytes);
     int getFile(const std::string& path, VARTYPE vt, long long offset, long long max, std::string* bytes);
     // "QueryFileSize" of [medium, items]; *count and *total from the answer.
     int queryFileSize(const std::string& medium, const std::vector<std::string>& items, int* count,
