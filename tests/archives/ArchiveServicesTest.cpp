@@ -1,5 +1,7 @@
 // The archive services called in process on a satellite that is not
 // connected: file-browser ids are resolved locally, so no broker is needed.
+#include <unistd.h>
+
 #include <thread>
 
 #include "tests/archives/ArchiveServicesFixture.h"
@@ -125,6 +127,16 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     EXPECT_EQ(deleteTemp(inTmp), 0);
     EXPECT_FALSE(fs::exists(inTmp));
     fs::remove_all(fs::path(inTmp).parent_path());
+
+    // A folder whose name only begins like /tmp is outside (where / is writable).
+    const std::string sibling = "/tmp-kivtest-" + std::to_string(getpid());
+    std::error_code ec;
+    if (fs::create_directory(sibling, ec)) {
+        kivtest::writeFile(sibling + "/x.zip", "zip");
+        EXPECT_EQ(deleteTemp(sibling + "/x.zip"), 403);
+        EXPECT_TRUE(fs::exists(sibling + "/x.zip"));
+        fs::remove_all(sibling);
+    }
 
     // Outside, directly, through "..", and through a link: refused, kept.
     const std::string outsideFolder = archivetest::outsideFolder("archives-delete-guard");
