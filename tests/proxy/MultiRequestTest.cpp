@@ -43,28 +43,20 @@ std::string nestedGroups(int levels) {
 int threadsOf(pid_t pid) { return static_cast<int>(kivtest::statusKiB(pid, "Threads:")); }
 
 // Samples a process's thread count every few milliseconds until stopped.
-class ThreadPeak {
-public:
-    explicit ThreadPeak(pid_t pid) : m_pid(pid), m_thread([this] {
-        while (!m_stop) {
-            m_now = threadsOf(m_pid);
-            m_peak = std::max(m_peak.load(), m_now.load());
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
+struct ThreadPeak {
+    explicit ThreadPeak(pid_t pid) : sampler([this, pid] {
+        for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2)))
+            peak = std::max(peak.load(), now = threadsOf(pid));
     }) {}
     ~ThreadPeak() { stop(); }
     int stop() {
-        m_stop = true;
-        if (m_thread.joinable()) m_thread.join();
-        return m_peak;
+        done = true;
+        if (sampler.joinable()) sampler.join();
+        return peak;
     }
-    int now() const { return m_now; }
-
-private:
-    pid_t m_pid;
-    std::atomic<bool> m_stop{false};
-    std::atomic<int> m_now{0}, m_peak{0};
-    std::thread m_thread;
+    std::atomic<bool> done{false};
+    std::atomic<int> now{0}, peak{0};
+    std::thread sampler;  // last: it starts once the counters are ready
 };
 
 void setMaxHandlers(int count) {
@@ -213,7 +205,7 @@ TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
     }
     // Once the groups are running, another caller asks something small.
     Clock::time_point limit = Clock::now() + std::chrono::seconds(30);
-    while (peak.now() < idle + 16 && finished == 0 && Clock::now() < limit)
+    while (peak.now < idle + 16 && finished == 0 && Clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     Clock::time_point sent = Clock::now();
     CLocalVariant version, rc;
