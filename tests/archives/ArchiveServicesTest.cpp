@@ -143,13 +143,10 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     if (outsideFolder.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
     const std::string outside = outsideFolder + "/kept.txt";
     kivtest::writeFile(outside, "keep me");
-    EXPECT_EQ(deleteTemp(outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp/.." + outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp/no-such-folder/../.." + outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp"), 403);
-    EXPECT_EQ(deleteTemp(""), 403);
-    EXPECT_EQ(deleteTemp("/tmpfoo/x.zip"), 403);
-    EXPECT_EQ(deleteTemp("/var/tmpfoo/x.zip"), 403);
+    for (const std::string& refused : {outside, "/tmp/.." + outside, "/tmp/no-such-folder/../.." + outside,
+                                       std::string("/tmp"), std::string(), std::string("/tmpfoo/x.zip"),
+                                       std::string("/var/tmpfoo/x.zip")})
+        EXPECT_EQ(deleteTemp(refused), 403) << refused;
     EXPECT_TRUE(fs::exists(outside));
 
     // A link inside is deleted as a link: its target stays. A link to a
@@ -167,8 +164,7 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     // A folder, empty or not, is refused and kept.
     kivtest::writeFile(dir.file("full/x"), "x");
     fs::create_directories(dir.file("empty"));
-    EXPECT_EQ(deleteTemp(dir.file("full")), 403);
-    EXPECT_EQ(deleteTemp(dir.file("empty")), 403);
+    for (const char* folder : {"full", "empty"}) EXPECT_EQ(deleteTemp(dir.file(folder)), 403) << folder;
     EXPECT_TRUE(fs::exists(dir.file("full/x")));
     EXPECT_TRUE(fs::is_directory(dir.file("empty")));
 

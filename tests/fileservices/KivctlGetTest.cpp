@@ -14,10 +14,7 @@ class KivctlGetTest : public TransferTest {
 protected:
     void SetUp() override {
         TransferTest::SetUp();
-        content = patternBytes(100000, 7);
-        path = media.file("remote/clip.bin");
         kivtest::writeFile(path, content);
-        target = media.file("local/clip.bin");
         kivtest::writeFile(target, "");
     }
     int get(const std::string& options, std::string* output = nullptr) { return kivctl("get " + options, output); }
@@ -31,7 +28,8 @@ protected:
         if (output) *output = out;
         return status;
     }
-    std::string content, path, target;
+    std::string content = patternBytes(100000, 7), path = media.file("remote/clip.bin"),
+                target = media.file("local/clip.bin");
 };
 
 TEST_F(KivctlGetTest, DownloadsInChunks) {
