@@ -3,9 +3,10 @@
 #include <cstdio>
 #include <cstring>
 
+#include <nlohmann/json.hpp>
+
 #include "tests/fileservices/TransferFixture.h"
 #include "tests/support/Sanitizers.h"
-#include "variant/VUtil.h"
 
 namespace {
 
@@ -40,12 +41,8 @@ protected:
     }
     // One "GetFile"; adds the block to `sum` without copying it.
     int fetch(long long offset, long long max, Checksum* sum, unsigned long long* got) {
-        CLocalVariant in, out;
-        VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-        VUtil::PutElement(in.get(), 0, CStdStr(path));
-        VUtil::PutElement(in.get(), 1, offset);
-        VUtil::PutElement(in.get(), 2, max);
-        int status = call("GetFile", in.get(), out.ptr());
+        CLocalVariant out;
+        int status = call("GetFile", nlohmann::json{path, offset, max}.dump(), out.ptr());
         if (status != 0) return status;
         EXPECT_EQ(out.vt(), VT_ARRAY | VT_UI1);
         *got = out.get().parray->rgsabound[0].cElements;

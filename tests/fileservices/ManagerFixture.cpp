@@ -1,5 +1,7 @@
 #include "tests/fileservices/ManagerFixture.h"
 
+#include <nlohmann/json.hpp>
+
 #include "cab/VariantJson.h"
 #include "files/CFileTools.h"
 #include "variant/VUtil.h"
@@ -39,15 +41,7 @@ int ManagerTest::folder(const std::string& path, long options, const std::string
                         const std::string& fields, const std::string& sort, long first, long count,
                         tagVARIANT* out) {
     CLocalVariant in;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 8);
-    VUtil::PutElement(in.get(), 0, "test-context");
-    VUtil::PutElement(in.get(), 1, CStdStr(path));
-    VUtil::PutElement(in.get(), 2, options);
-    VUtil::PutElement(in.get(), 3, CStdStr(extensions));
-    VUtil::PutElement(in.get(), 4, CStdStr(fields));
-    VUtil::PutElement(in.get(), 5, CStdStr(sort));
-    VUtil::PutElement(in.get(), 6, first);
-    VUtil::PutElement(in.get(), 7, count);
+    fromJson(nlohmann::json{"test-context", path, options, extensions, fields, sort, first, count}.dump(), &in);
     return manager->CabServiceGetFolderContent("GetFolderContent", in.get(), out);
 }
 
