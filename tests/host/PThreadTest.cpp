@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "host/MemoryPolicy.h"
 #include "host/PThread.h"
 
 namespace {
@@ -84,4 +85,13 @@ TEST(PLocker, IsBothTheValueAndItsMutex) {
         v.push_back(1);
     }
     EXPECT_EQ(v.size(), 1u);
+}
+
+// The bound on allocator pools takes effect on this platform (it once
+// compiled to nothing: the C library's macro was tested before any header
+// defined it).
+TEST(MemoryPolicy, BoundAllocatorPoolsTakesEffectWithGlibc) {
+#if defined(__GLIBC__)
+    EXPECT_TRUE(BoundAllocatorPools(64));
+#endif
 }
