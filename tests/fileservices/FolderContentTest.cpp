@@ -83,9 +83,7 @@ TEST_F(FolderContentTest, PagingAtTheEdges) {
         ASSERT_EQ(folder(many, 2, "", "title", "title:asc", c.first, c.count, out.ptr()), 0);
         Names rows = column(out.get(), 0);
         ASSERT_EQ(rows.size(), c.rows);
-        if (c.firstTitle) {
-            EXPECT_EQ(rows[0], c.firstTitle);
-        }
+        if (c.firstTitle) EXPECT_EQ(rows[0], c.firstTitle);
         EXPECT_EQ(countAt(out.get(), 2), 0);
         EXPECT_EQ(countAt(out.get(), 3), 10);
     }
