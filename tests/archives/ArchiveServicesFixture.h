@@ -1,5 +1,6 @@
-// In-process archive service tests: one satellite, not connected (file-browser ids are resolved
-// locally), a gate that holds every archive thread before it writes, the services called as clients do.
+// The fixture of the in-process archive service tests: one satellite, not
+// connected (file-browser ids are resolved locally), a gate that holds every
+// archive thread before it writes, and the services called as clients do.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,7 +25,7 @@ namespace archivetest {
 
 // Holds every archive thread before it writes, until the test opens it.
 struct Gate {
-    std::mutex mutex;  // guards the rest
+    std::mutex mutex;  // guards open, waiting and lastPath
     std::condition_variable changed;
     bool open = true;
     int waiting = 0;
@@ -36,21 +37,26 @@ inline void heldAtGate(const char* zipPath) {
     std::unique_lock<std::mutex> lock(g_gate.mutex);
     ++g_gate.waiting;
     g_gate.lastPath = zipPath;
+    g_gate.changed.notify_all();
     g_gate.changed.wait(lock, [] { return g_gate.open; });
     --g_gate.waiting;
 }
 
-inline void setGate(bool open) {
+inline void closeGate() {
     std::lock_guard<std::mutex> lock(g_gate.mutex);
-    g_gate.open = open;
+    g_gate.open = false;
+}
+
+inline void openGate() {
+    std::lock_guard<std::mutex> lock(g_gate.mutex);
+    g_gate.open = true;
     g_gate.changed.notify_all();
 }
-inline void closeGate() { setGate(false); }
-inline void openGate() { setGate(true); }
 
 }  // namespace archivetest
 
-// Archives made by a test are removed after it.
+// A satellite that is not connected: file-browser ids are resolved locally,
+// so no broker is needed. Archives made by a test are removed after it.
 class ArchiveServicesTest : public testing::Test {
 protected:
     void SetUp() override { ArchiveThreads::setBeforeWriteHook(&archivetest::heldAtGate); }
@@ -78,33 +84,44 @@ protected:
         return rc;
     }
 
-    static tagVARIANT* pathIn(const std::string& path, CLocalVariant* in) {
-        return archivetest::fromJson("[\"" + path + "\"]", in->ptr());
-    }
     int deleteTemp(const std::string& path) {
         CLocalVariant in, out;
-        return satellite.CabServiceDeleteTempFile("", *pathIn(path, &in), out.ptr());
+        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+        VUtil::PutElement(in.get(), 0, CStdStr(path));
+        return satellite.CabServiceDeleteTempFile("DeleteTempFile", in.get(), out.ptr());
     }
 
     // The whole file through "GetFile", as a client would fetch it.
     std::string getFile(const std::string& path) {
         CLocalVariant in, out;
-        EXPECT_EQ(satellite.CabServiceGetFile("", *pathIn(path, &in), out.ptr()), 0);
+        VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+        VUtil::PutElement(in.get(), 0, CStdStr(path));
+        EXPECT_EQ(satellite.CabServiceGetFile("GetFile", in.get(), out.ptr()), 0);
         if (out.vt() != (VT_ARRAY | VT_UI1)) return std::string();
-        const SAFEARRAY* a = out.get().parray;
-        return std::string(static_cast<const char*>(a->pvData), a->rgsabound[0].cElements);
+        return std::string(static_cast<const char*>(out.get().parray->pvData),
+                           out.get().parray->rgsabound[0].cElements);
     }
 
-    // The text of the CabException that "GetFile" (whole file) or "QueryFileSize" of `path`
-    // throws; empty when the service answers.
+    // The text of the CabException that "GetFile" (whole file) or
+    // "QueryFileSize" of `path` throws; empty when the service answers.
     std::string readError(const std::string& service, const std::string& path) {
         CLocalVariant in, out;
-        const std::string items = R"(["ctx", [")" + CFileTools::PathToFileBrowserMediumId(CStdStr(path)) + "\"]]";
+        if (service == "GetFile") {
+            VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+            VUtil::PutElement(in.get(), 0, CStdStr(path));
+        } else {
+            CLocalVariant items;
+            VUtil::CreateArray(items.get(), VT_VARIANT, 1);
+            VUtil::PutElement(items.get(), 0, CFileTools::PathToFileBrowserMediumId(CStdStr(path)));
+            VUtil::CreateArray(in.get(), VT_VARIANT, 2);
+            VUtil::PutElement(in.get(), 0, "ctx");
+            VUtil::PutElement(in.get(), 1, items.get());
+        }
         try {
             if (service == "GetFile")
-                satellite.CabServiceGetFile("", *pathIn(path, &in), out.ptr());
+                satellite.CabServiceGetFile("GetFile", in.get(), out.ptr());
             else
-                satellite.CabServiceQueryFileSize("", *archivetest::fromJson(items, in.ptr()), out.ptr());
+                satellite.CabServiceQueryFileSize("QueryFileSize", in.get(), out.ptr());
         } catch (const CabException& e) {
             return e.getMessage();
         }

@@ -6,10 +6,10 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <random>
 #include <sstream>
 
-#include "cab/VariantJson.h"
 #include "files/CFileTools.h"
 #include "tests/support/TempDir.h"
 #include "variant/VUtil.h"
@@ -67,13 +67,6 @@ std::string outsideFolder(const std::string& name) {
         if (!ec) return folder;
     }
     return std::string();
-}
-
-tagVARIANT* fromJson(const std::string& text, tagVARIANT* v) {
-    std::string error;
-    VariantClear(v);
-    EXPECT_TRUE(VariantFromJson(text, v, &error)) << error;
-    return v;
 }
 
 void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths) {

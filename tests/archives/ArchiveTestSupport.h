@@ -22,7 +22,5 @@ void writeRandomFile(const std::string& path, size_t size, unsigned pattern);
 std::string outsideFolder(const std::string& name);
 // ["ctx", file-browser id of each path] as "CreateZip" takes it.
 void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths);
-// `v`, cleared and read from JSON text.
-tagVARIANT* fromJson(const std::string& text, tagVARIANT* v);
 
 }  // namespace archivetest

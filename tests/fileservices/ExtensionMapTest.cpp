@@ -26,14 +26,14 @@ TEST(StrSplitTest, PiecesIncludingEmptyOnes) {
     EXPECT_EQ(split("x::y::", "::"), (Pieces{"x", "y", ""}));
 }
 
-typedef std::pair<CStdStr, CStdStr> Type;
 class ExtensionMapTest : public ManagerTest {
 protected:
-    Type type(const char* path) {
-        Type t;
+    std::pair<CStdStr, CStdStr> type(const char* path) {
+        std::pair<CStdStr, CStdStr> t;
         manager->GetDocumentType(path, t.first, t.second);
         return t;
     }
+    typedef std::pair<CStdStr, CStdStr> Type;
 };
 
 TEST_F(ExtensionMapTest, LaterMediaTypeWinsAndTheListingSeesTheSameMap) {
@@ -67,7 +67,8 @@ TEST_F(ExtensionMapTest, NoMediaServiceLeavesTheMapEmptyAndListingsWork) {
     EXPECT_TRUE(manager->extensionMap().empty());
 }
 
-// A media service whose answer cannot be read: the wrong shape, or a refusal (no answer).
+// A media service whose answer cannot be read: the wrong shape, or a refusal
+// (a positive status leaves no answer).
 std::atomic<bool> refuseExtensions{false};
 int unreadableExtensions(const char*, const tagVARIANT&, tagVARIANT* out) {
     if (refuseExtensions) return 404;

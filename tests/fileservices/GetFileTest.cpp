@@ -1,9 +1,13 @@
-// "GetFile" through the real proxy: slices with each integer type, offsets past 4 GiB, wrong types.
+// "GetFile" through the real proxy: whole files, chunks with each integer
+// type, negative counts, offsets past the end, missing files and wrong types.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <vector>
 
 #include "tests/fileservices/TransferFixture.h"
+#include "variant/VUtil.h"
 
 namespace {
 
@@ -11,16 +15,20 @@ class GetFileTest : public TransferTest {
 protected:
     void SetUp() override {
         TransferTest::SetUp();
+        content = patternBytes(100000, 1);
+        path = media.file("data/blob.bin");
         kivtest::writeFile(path, content);
     }
-    std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
+    std::string content, path;
 };
 
-// A maximum of 0 or below means to the end, a negative offset starts at 0, offsets past the end
-// give an empty block, and the log line shows the counts as converted.
+// Each (offset, maximum) pair with the count types it is given in: the block
+// is that slice of the file. A maximum of 0 or below means to the end, a
+// negative offset starts at 0, offsets past the end give an empty block, and
+// the log line shows the counts as converted.
 TEST_F(GetFileTest, SlicesWithEachIntegerType) {
     std::string got;
-    ASSERT_EQ(getFile("[\"" + path + "\"]", &got), 0);  // only a path: the whole file
+    ASSERT_EQ(getFile(path, &got), 0);  // only a path: the whole file
     EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
     const std::vector<VARTYPE> all = {VT_I4, VT_UI4, VT_I8, VT_UI8}, signedOnes = {VT_I4, VT_I8};
     const struct {
@@ -38,10 +46,20 @@ TEST_F(GetFileTest, SlicesWithEachIntegerType) {
             ASSERT_EQ(getFile(path, vt, c.offset, c.max, &got), 0) << vt << " " << c.offset << " " << c.max;
             EXPECT_TRUE(got == content.substr(c.from, c.length)) << vt << " " << c.offset << " " << c.max;
         }
-    for (const std::string& none : {media.file("no/such/file"), media.path()}) {
-        ASSERT_EQ(getFile("[\"" + none + "\"]", &got), 0) << "a missing file or a folder is an empty block";
-        EXPECT_TRUE(got.empty()) << none;
+    for (VARTYPE vt : all) {
+        std::string joined;
+        const long long chunk = 30001;
+        for (long long offset = 0; offset < (long long)content.size(); offset += chunk) {
+            ASSERT_EQ(getFile(path, vt, offset, chunk, &got), 0);
+            ASSERT_EQ(got.size(), std::min<size_t>(chunk, content.size() - offset)) << vt;
+            joined += got;
+        }
+        EXPECT_TRUE(joined == content) << vt;
     }
+    ASSERT_EQ(getFile(media.file("no/such/file"), &got), 0) << "a missing file is an empty block";
+    EXPECT_TRUE(got.empty());
+    ASSERT_EQ(getFile(media.path(), &got), 0) << "so is a folder";
+    EXPECT_TRUE(got.empty());
     ASSERT_EQ(getFile(path, VT_I8, -7, 25, &got), 0);
     EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));
     ASSERT_EQ(getFile(path, VT_UI8, 77, 0, &got), 0);
@@ -72,19 +90,25 @@ TEST_F(GetFileTest, OffsetsBeyondFourGiB) {
 }
 
 TEST_F(GetFileTest, WrongCountTypesFailWithTheirText) {
-    const struct {
-        const char *counts, *says;
-    } cases[] = {
-        {R"("10", 10)", "Invalid offset type"},
-        {R"(10, 2.5)", "Invalid maxLength type"},
-        {R"({"$vt": "I2", "v": 1}, 10)", "Invalid offset type"},  // 16-bit is not one of the four
-    };
-    for (const auto& c : cases) {
-        CLocalVariant out;
-        EXPECT_EQ(call("GetFile", "[\"" + path + "\", " + c.counts + "]", out.ptr()), CAB_E_HANDLER_EXCEPTION);
-        EXPECT_NE(CabGetLastError().find(c.says), std::string::npos) << CabGetLastError();
-    }
-    std::string got;  // the proxy goes on serving
+    CLocalVariant in;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+    VUtil::PutElement(in.get(), 0, CStdStr(path));
+    VUtil::PutElement(in.get(), 1, "10");
+    VUtil::PutElement(in.get(), 2, 10);
+    std::string got;
+    EXPECT_EQ(getFile(in.get(), &got), CAB_E_HANDLER_EXCEPTION);
+    EXPECT_NE(CabGetLastError().find("Invalid offset type"), std::string::npos) << CabGetLastError();
+
+    VUtil::PutElement(in.get(), 1, 10);
+    VUtil::PutElement(in.get(), 2, 2.5);
+    EXPECT_EQ(getFile(in.get(), &got), CAB_E_HANDLER_EXCEPTION);
+    EXPECT_NE(CabGetLastError().find("Invalid maxLength type"), std::string::npos) << CabGetLastError();
+
+    // Short (16-bit) integers are not one of the four types either.
+    VUtil::PutElement(in.get(), 1, (short)1);
+    EXPECT_EQ(getFile(in.get(), &got), CAB_E_HANDLER_EXCEPTION);
+
+    // The proxy goes on serving.
     ASSERT_EQ(getFile(path, VT_I4, 1, 2, &got), 0);
     EXPECT_TRUE(got == content.substr(1, 2));
 }

@@ -1,8 +1,5 @@
 #include "tests/fileservices/ManagerFixture.h"
 
-#include <nlohmann/json.hpp>
-
-#include "cab/VariantJson.h"
 #include "files/CFileTools.h"
 #include "variant/VUtil.h"
 
@@ -41,7 +38,15 @@ int ManagerTest::folder(const std::string& path, long options, const std::string
                         const std::string& fields, const std::string& sort, long first, long count,
                         tagVARIANT* out) {
     CLocalVariant in;
-    fromJson(nlohmann::json{"test-context", path, options, extensions, fields, sort, first, count}.dump(), &in);
+    VUtil::CreateArray(in.get(), VT_VARIANT, 8);
+    VUtil::PutElement(in.get(), 0, "test-context");
+    VUtil::PutElement(in.get(), 1, CStdStr(path));
+    VUtil::PutElement(in.get(), 2, options);
+    VUtil::PutElement(in.get(), 3, CStdStr(extensions));
+    VUtil::PutElement(in.get(), 4, CStdStr(fields));
+    VUtil::PutElement(in.get(), 5, CStdStr(sort));
+    VUtil::PutElement(in.get(), 6, first);
+    VUtil::PutElement(in.get(), 7, count);
     return manager->CabServiceGetFolderContent("GetFolderContent", in.get(), out);
 }
 
@@ -59,12 +64,3 @@ std::vector<std::string> ManagerTest::column(const tagVARIANT& out, int column) 
 }
 
 int ManagerTest::countAt(const tagVARIANT& out, int index) { return VUtil::GetIntElement(out, index); }
-
-tagVARIANT* ManagerTest::fromJson(const std::string& text, CLocalVariant* v) {
-    std::string error;
-    VariantClear(v->ptr());
-    EXPECT_TRUE(VariantFromJson(text, v->ptr(), &error)) << error;
-    return v->ptr();
-}
-
-std::string ManagerTest::json(const tagVARIANT& v) { return VariantToJson(v); }

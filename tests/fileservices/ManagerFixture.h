@@ -32,9 +32,6 @@ protected:
     // Column `column` of every row of a folder answer.
     static std::vector<std::string> column(const tagVARIANT& out, int column);
     static int countAt(const tagVARIANT& out, int index);
-    // A variant from JSON text, and back, for compact inputs and assertions.
-    static tagVARIANT* fromJson(const std::string& text, CLocalVariant* v);
-    static std::string json(const tagVARIANT& v);
 
     kivtest::NatsServer server;
     kivtest::TempDir dir{"kivfm"};

@@ -1,4 +1,5 @@
-// File-browser medium ids: decoding with the name rule, pair lists and the four medium handlers.
+// File-browser medium ids: decoding with the name rule, pair lists and the
+// four medium handlers.
 #include "cab/CabException.h"
 #include "files/CFileTools.h"
 #include "tests/fileservices/ManagerFixture.h"
@@ -12,7 +13,11 @@ protected:
         ManagerTest::SetUp();
         if (!HasFatalFailure()) manager->ensureExtensionMap("ctx");
     }
-    CLocalVariant in, out;
+    static void twoStrings(tagVARIANT& in, const char* a, const char* b) {
+        VUtil::CreateArray(in, VT_VARIANT, 2);
+        VUtil::PutElement(in, 0, a);
+        VUtil::PutElement(in, 1, b);
+    }
 };
 
 TEST_F(MediumInfoTest, DecodesTheIdWithTheNameRuleIntoFieldsAndPairs) {
@@ -29,43 +34,81 @@ TEST_F(MediumInfoTest, DecodesTheIdWithTheNameRuleIntoFieldsAndPairs) {
     ASSERT_EQ(manager->getMediumInfo(CFileTools::PathToFileBrowserMediumId("/a.b/c d+e"), other), 0);
     EXPECT_EQ(other.path, "/a.b/c d+e");
     EXPECT_EQ(other.name, "/a") << "cut at the last dot, even in a folder name";
-    EXPECT_EQ(manager->getMediumInfo("Fx|tmp", other), 404);
-    EXPECT_EQ(manager->getMediumInfo("F", other), 404);
+    CKivFileManager::MediumInfo none;
+    EXPECT_EQ(manager->getMediumInfo("Fx|tmp", none), 404);
+    EXPECT_EQ(manager->getMediumInfo("F", none), 404);
 
     // As a pair list: the present fields, in order.
+    CLocalVariant out;
     manager->getMediumIdInfo("F*|m|a*song>mp3", out.get());
-    EXPECT_EQ(json(out.get()), R"([["mimeType","audio/x-unknown"],["mediaType","audio.file"],)"
-                               R"(["Path","/m/a song.mp3"],["Name","/m/a song"]])");
+    ASSERT_EQ(VUtil::GetArrayLength(out.get()), 4);
+    const char* names[] = {"mimeType", "mediaType", "Path", "Name"};
+    const char* values[] = {"audio/x-unknown", "audio.file", "/m/a song.mp3", "/m/a song"};
+    for (int i = 0; i < 4; ++i) {
+        CStdStr name, value;
+        VUtil::GetPair(out.get(), i, name, value);
+        EXPECT_EQ(name, names[i]);
+        EXPECT_EQ(value, values[i]);
+    }
     CLocalVariant untouched;
     manager->getMediumIdInfo("XY|m", untouched.get());
     EXPECT_EQ(untouched.vt(), VT_EMPTY);
 }
 
-TEST_F(MediumInfoTest, TheHandlersAnswerPerIdAnd404ForForeignOnes) {
-    ASSERT_EQ(manager->CabServiceGetMediumFromId("", *fromJson(R"(["ctx", "F*|d|x>pdf"])", &in), out.ptr()), 0);
-    EXPECT_EQ(json(out.get()), R"(["application/x-download","/d/x.pdf"])");
+TEST_F(MediumInfoTest, MediumFromIdAnswersMimeAndPathOr404) {
+    CLocalVariant in, out;
+    twoStrings(in.get(), "ctx", "F*|d|x>pdf");
+    ASSERT_EQ(manager->CabServiceGetMediumFromId("GetMediumFromId", in.get(), out.ptr()), 0);
+    EXPECT_EQ(VUtil::GetStringElement(out.get(), 0), "application/x-download");
+    EXPECT_EQ(VUtil::GetStringElement(out.get(), 1), "/d/x.pdf");
+
     CLocalVariant bad, badOut;
-    EXPECT_EQ(manager->CabServiceGetMediumFromId("", *fromJson(R"(["ctx", "G-|d|x>pdf"])", &bad), badOut.ptr()), 404);
+    twoStrings(bad.get(), "ctx", "G-|d|x>pdf");
+    EXPECT_EQ(manager->CabServiceGetMediumFromId("GetMediumFromId", bad.get(), badOut.ptr()), 404);
     EXPECT_EQ(badOut.vt(), VT_EMPTY);
+}
 
-    // One element per id, empty for a foreign one.
-    CLocalVariant list, listOut;
-    fromJson(R"(["ctx", ["F*|a>mp3", "A1001", "F*|b>png"]])", &list);
-    ASSERT_EQ(manager->CabServiceGetMediumListInfoFromId("", list.get(), listOut.ptr()), 0);
-    EXPECT_EQ(json(listOut.get()), R"([[["mimeType","audio/x-unknown"],["mediaType","audio.file"],)"
-                                   R"(["Path","/a.mp3"],["Name","/a"]],null,[["mimeType","photo/x-unknown"],)"
-                                   R"(["mediaType","photo.file"],["Path","/b.png"],["Name","/b"]]])");
-    CLocalVariant info;
-    ASSERT_EQ(manager->CabServiceGetMediumInfoFromId("", *fromJson(R"(["ctx", "F*|a>mp3"])", &in), info.ptr()), 0);
+TEST_F(MediumInfoTest, ListInfoHasOneElementPerIdAndEmptyForForeignIds) {
+    CLocalVariant ids, in, out;
+    VUtil::CreateArray(ids.get(), VT_VARIANT, 3);
+    VUtil::PutElement(ids.get(), 0, "F*|a>mp3");
+    VUtil::PutElement(ids.get(), 1, "A1001");
+    VUtil::PutElement(ids.get(), 2, "F*|b>png");
+    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
+    VUtil::PutElement(in.get(), 0, "ctx");
+    VUtil::PutElement(in.get(), 1, ids.get());
+    ASSERT_EQ(manager->CabServiceGetMediumListInfoFromId("GetMediumListInfoFromId", in.get(), out.ptr()), 0);
+    ASSERT_EQ(VUtil::GetArrayLength(out.get()), 3);
+    CLocalVariant first, second, third;
+    VUtil::GetElement(out.get(), 0, first.get());
+    VUtil::GetElement(out.get(), 1, second.get());
+    VUtil::GetElement(out.get(), 2, third.get());
+    CStdStr path;
+    EXPECT_TRUE(VUtil::FindPairNoCase(first.get(), "path", path));
+    EXPECT_EQ(path, "/a.mp3");
+    EXPECT_EQ(second.vt(), VT_EMPTY);
+    EXPECT_TRUE(VUtil::FindPair(third.get(), "mediaType", path));
+    EXPECT_EQ(path, "photo.file");
+
+    CLocalVariant infoIn, info;
+    twoStrings(infoIn.get(), "ctx", "F*|a>mp3");
+    ASSERT_EQ(manager->CabServiceGetMediumInfoFromId("GetMediumInfoFromId", infoIn.get(), info.ptr()), 0);
     EXPECT_EQ(VUtil::GetArrayLength(info.get()), 4);
+}
 
-    // IsMediumShared answers 1 to three texts and refuses anything else.
-    EXPECT_EQ(manager->CabServiceIsMediumShared("", *fromJson(R"(["a", "b", "c"])", &in), nullptr), 1);
-    for (const char* wrong : {R"(["a", "b", 5])", R"(["a", "b"])"}) {
-        CLocalVariant w;
-        EXPECT_THROW(manager->CabServiceIsMediumShared("", *fromJson(wrong, &w), nullptr),
-                     CabInvalidParameterException) << wrong;
-    }
+TEST_F(MediumInfoTest, IsMediumSharedAlwaysAnswersOne) {
+    CLocalVariant in;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+    for (int i = 0; i < 3; ++i) VUtil::PutElement(in.get(), i, "text");
+    EXPECT_EQ(manager->CabServiceIsMediumShared("IsMediumShared", in.get(), nullptr), 1);
+
+    VUtil::PutElement(in.get(), 2, 5);
+    EXPECT_THROW(manager->CabServiceIsMediumShared("IsMediumShared", in.get(), nullptr),
+                 CabInvalidParameterException);
+    CLocalVariant shortIn;
+    twoStrings(shortIn.get(), "a", "b");
+    EXPECT_THROW(manager->CabServiceIsMediumShared("IsMediumShared", shortIn.get(), nullptr),
+                 CabInvalidParameterException);
 }
 
 }  // namespace

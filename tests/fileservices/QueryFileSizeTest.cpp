@@ -4,6 +4,7 @@
 
 #include "files/CFileTools.h"
 #include "tests/fileservices/TransferFixture.h"
+#include "variant/VUtil.h"
 
 namespace {
 
@@ -72,10 +73,20 @@ TEST_F(QueryFileSizeTest, FileBrowserIdsUnresolvableItemsAndWrongShapes) {
         refusing.Disconnect();
     }
 
-    for (const char* bad : {R"(["x"])", R"(["x", "y"])", R"([5, ["x"]])"}) {
-        CLocalVariant out;
-        EXPECT_EQ(call("QueryFileSize", bad, out.ptr()), CAB_E_HANDLER_EXCEPTION) << bad;
-    }
+    CLocalVariant in, out;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+    VUtil::PutElement(in.get(), 0, "x");
+    EXPECT_EQ(call("QueryFileSize", in.get(), out.ptr()), CAB_E_HANDLER_EXCEPTION);
+    CLocalVariant notList;
+    VUtil::CreateArray(notList.get(), VT_VARIANT, 2);
+    VUtil::PutElement(notList.get(), 0, "x");
+    VUtil::PutElement(notList.get(), 1, "y");
+    EXPECT_EQ(call("QueryFileSize", notList.get(), out.ptr()), CAB_E_HANDLER_EXCEPTION);
+    CLocalVariant notText;
+    VUtil::CreateArray(notText.get(), VT_VARIANT, 2);
+    VUtil::PutElement(notText.get(), 0, 5);
+    VUtil::PutElement(notText.get(), 1, in.get());
+    EXPECT_EQ(call("QueryFileSize", notText.get(), out.ptr()), CAB_E_HANDLER_EXCEPTION);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <thread>
 
+#include "files/CFileTools.h"
 #include "host/CRegistry.h"
 #include "variant/VUtil.h"
 
@@ -56,12 +57,16 @@ bool TransferTest::startCatalog(const std::string& catalogJson) {
     close(fds[1]);
     catalogPid = pid;
     catalogOut = fds[0];
-    std::string seen;  // until "ready"; the deadline is only a safety net
+    // Waits for "ready"; the deadline is only a safety net.
+    std::string seen;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     while (seen.find("ready\n") == std::string::npos) {
+        int left = (int)std::chrono::duration_cast<std::chrono::milliseconds>(deadline -
+                                                                              std::chrono::steady_clock::now())
+                       .count();
+        if (left <= 0) return false;
         pollfd p{catalogOut, POLLIN, 0};
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        if (poll(&p, 1, 1000) <= 0) continue;
+        if (poll(&p, 1, left) <= 0) continue;
         char buf[256];
         ssize_t n = read(catalogOut, buf, sizeof buf);
         if (n <= 0) return false;  // it ended without serving
@@ -80,9 +85,9 @@ void TransferTest::stopCatalog() {
     catalogOut = -1;
 }
 
-int TransferTest::getFile(const std::string& jsonIn, std::string* bytes) {
+int TransferTest::getFile(const tagVARIANT& in, std::string* bytes) {
     CLocalVariant out;
-    int status = call("GetFile", jsonIn, out.ptr());
+    int status = call("GetFile", in, out.ptr());
     bytes->clear();
     if (status == 0) {
         EXPECT_EQ(out.vt(), VT_ARRAY | VT_UI1);
@@ -92,37 +97,56 @@ int TransferTest::getFile(const std::string& jsonIn, std::string* bytes) {
     return status;
 }
 
+int TransferTest::getFile(const std::string& path, std::string* bytes) {
+    CLocalVariant in;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 1);
+    VUtil::PutElement(in.get(), 0, CStdStr(path));
+    return getFile(in.get(), bytes);
+}
+
 int TransferTest::getFile(const std::string& path, VARTYPE vt, long long offset, long long max, std::string* bytes) {
-    const char* type = vt == VT_I4 ? "I4" : vt == VT_UI4 ? "UI4" : vt == VT_I8 ? "I8" : "UI8";
-    auto count = [&](long long v) {  // as the type holds it: the 32-bit ones wrap
-        return R"({"$vt": ")" + std::string(type) + R"(", "v": )" +
-               (vt == VT_I4    ? std::to_string((int32_t)v)
-                : vt == VT_UI4 ? std::to_string((uint32_t)v)
-                : vt == VT_UI8 ? std::to_string((uint64_t)v)
-                               : std::to_string(v)) +
-               "}";
-    };
-    return getFile("[\"" + path + "\", " + count(offset) + ", " + count(max) + "]", bytes);
+    CLocalVariant in;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+    VUtil::PutElement(in.get(), 0, CStdStr(path));
+    for (int i = 1; i <= 2; ++i) {
+        long long value = i == 1 ? offset : max;
+        tagVARIANT v;
+        VariantInit(&v);
+        v.vt = vt;
+        switch (vt) {
+            case VT_I4: v.lVal = (int32_t)value; break;
+            case VT_UI4: v.ulVal = (uint32_t)value; break;
+            case VT_I8: v.llVal = value; break;
+            case VT_UI8: v.ullVal = (uint64_t)value; break;
+            default: ADD_FAILURE() << "not a count type";
+        }
+        VUtil::PutElement(in.get(), i, v);
+    }
+    return getFile(in.get(), bytes);
 }
 
 int TransferTest::queryFileSize(const std::string& medium, const std::vector<std::string>& items, int* count,
                                 long long* total) {
-    std::string in = "[\"" + medium + "\", [";
-    for (size_t i = 0; i < items.size(); ++i) in += (i ? ", \"" : "\"") + items[i] + "\"";
-    CLocalVariant out;
-    int status = call("QueryFileSize", in + "]]", out.ptr());
+    CLocalVariant in, list, out;
+    VUtil::CreateArray(list.get(), VT_VARIANT, items.size());
+    for (size_t i = 0; i < items.size(); ++i) VUtil::PutElement(list.get(), (int)i, CStdStr(items[i]));
+    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
+    VUtil::PutElement(in.get(), 0, CStdStr(medium));
+    VUtil::PutElement(in.get(), 1, list.get());
+    int status = call("QueryFileSize", in.get(), out.ptr());
     if (status != 0) return status;
     CLocalVariant c, t;
     VUtil::GetElement(out.get(), 0, c.get());
     VUtil::GetElement(out.get(), 1, t.get());
-    EXPECT_TRUE(c.vt() == VT_I4 && t.vt() == VT_I8) << json(out.get());
+    EXPECT_EQ(c.vt(), VT_I4);
+    EXPECT_EQ(t.vt(), VT_I8);
     *count = c.get().lVal;
     *total = t.get().llVal;
     return 0;
 }
 
 std::string TransferTest::proxyLog() const {
-    // Shared by the binary's tests: it may rotate in the middle of one.
+    // The log is shared by every test of the binary and may rotate in the middle of one.
     std::string log = logsFolder() + "/KivRequestProxy.log";
     return kivtest::readFile(log + ".back") + kivtest::readFile(log);
 }

@@ -3,7 +3,11 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include "cab/CabInline.h"
 #include "cab/VariantJson.h"
@@ -11,6 +15,7 @@
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/ProcStatus.h"
+#include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
 namespace {
@@ -43,26 +48,39 @@ std::string nestedGroups(int levels) {
 int threadsOf(pid_t pid) { return static_cast<int>(kivtest::statusKiB(pid, "Threads:")); }
 
 // Samples a process's thread count every few milliseconds until stopped.
-struct ThreadPeak {
-    explicit ThreadPeak(pid_t pid) : sampler([this, pid] {
-        for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2)))
-            peak = std::max(peak.load(), now = threadsOf(pid));
+class ThreadPeak {
+public:
+    explicit ThreadPeak(pid_t pid) : m_pid(pid), m_thread([this] {
+        while (!m_stop) {
+            m_now = threadsOf(m_pid);
+            m_peak = std::max(m_peak.load(), m_now.load());
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        }
     }) {}
     ~ThreadPeak() { stop(); }
     int stop() {
-        done = true;
-        if (sampler.joinable()) sampler.join();
-        return peak;
+        m_stop = true;
+        if (m_thread.joinable()) m_thread.join();
+        return m_peak;
     }
-    std::atomic<bool> done{false};
-    std::atomic<int> now{0}, peak{0};
-    std::thread sampler;  // last: it starts once the counters are ready
+    int now() const { return m_now; }
+
+private:
+    pid_t m_pid;
+    std::atomic<bool> m_stop{false};
+    std::atomic<int> m_now{0}, m_peak{0};
+    std::thread m_thread;
 };
 
-void setMaxHandlers(int count) {
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
-                                                           "cabDirectory.maxHandlers", count));
-}
+// Sets "cabDirectory.maxHandlers" for one test; back to the default after it.
+struct MaxHandlersSetting {
+    explicit MaxHandlersSetting(int count) { write(count); }
+    ~MaxHandlersSetting() { write(0); }
+    static void write(int count) {
+        ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
+                                                               "cabDirectory.maxHandlers", count));
+    }
+};
 
 }  // namespace
 
@@ -85,8 +103,19 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlace) {
                    " [\"EchoA\",\"Echo\"]]",
                    out.ptr()),
               0);
+    ASSERT_EQ(VUtil::GetArrayLength(out.get()), 5);
+    CLocalVariant v0, v1, v2;
+    EXPECT_EQ(statusAt(out.get(), 0, v0.ptr()), 0);
+    EXPECT_EQ(json(v0.get()), "300");
+    EXPECT_EQ(statusAt(out.get(), 1, v1.ptr()), 0);
+    EXPECT_EQ(json(v1.get()), "\"fast\"");
+    EXPECT_EQ(statusAt(out.get(), 2, v2.ptr()), CAB_E_NO_SUCH_SERVICE);
+    EXPECT_EQ(v2.vt(), VT_EMPTY);
+    EXPECT_EQ(statusAt(out.get(), 3), 5);
     // Fewer than three elements: two empty values in its place.
-    EXPECT_EQ(json(out.get()), R"([[[0],300],[[0],"fast"],[[-1002],null],[[5],null],[null,null]])");
+    CLocalVariant last;
+    VUtil::GetElement(out.get(), 4, last.get());
+    EXPECT_EQ(json(last.get()), "[null,null]");
 
     // More sub-requests than one group has threads, finishing in a scrambled
     // order: every answer stays in its place, and the threads stay bounded.
@@ -127,8 +156,9 @@ TEST_F(ProxyTest, MultiRequestOfMoreThanTenThousandIsRefusedBeforeAnythingIsSent
     EXPECT_EQ(out.vt(), VT_EMPTY);
 
     // Exactly the limit is served: every empty one answers with two empty values.
+    std::string atLimit = repeated("null", 10000);
     CLocalVariant outLimit;
-    ASSERT_EQ(call("MultiRequest", repeated("null", 10000), outLimit.ptr()), 0);
+    ASSERT_EQ(call("MultiRequest", atLimit, outLimit.ptr()), 0);
     EXPECT_EQ(VUtil::GetArrayLength(outLimit.get()), 10000);
 
     EXPECT_EQ(stopProxy(SIGTERM), 0);
@@ -170,7 +200,7 @@ TEST_F(ProxyTest, RequestsToItselfRunInlineAtMostSixteenDeep) {
 
 TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
     // Few workers, so that handlers waiting on workers would starve at once.
-    setMaxHandlers(8);
+    MaxHandlersSetting cap(8);
     pid_t pid = startProxy();
     ASSERT_TRUE(waitUntilServing()) << proxyOutput();
     const int kOuter = 40, kGroups = 20, kEach = 20;
@@ -205,7 +235,7 @@ TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
     }
     // Once the groups are running, another caller asks something small.
     Clock::time_point limit = Clock::now() + std::chrono::seconds(30);
-    while (peak.now < idle + 16 && finished == 0 && Clock::now() < limit)
+    while (peak.now() < idle + 16 && finished == 0 && Clock::now() < limit)
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     Clock::time_point sent = Clock::now();
     CLocalVariant version, rc;
@@ -222,5 +252,4 @@ TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
     EXPECT_EQ(goodGroups, kOuter * kGroups);
     EXPECT_LT(ms, 20000.0);
     EXPECT_EQ(stopProxy(SIGTERM), 0);
-    setMaxHandlers(0);  // the default again
 }

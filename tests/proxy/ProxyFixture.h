@@ -1,5 +1,6 @@
-// A real nats-server, the real KivRequestProxy executable connected to it, an echo satellite
-// "EchoA" and a client, all inside the test's KIV_ROOT and settings folder.
+// A real nats-server, the real KivRequestProxy executable connected to it, an
+// echo satellite "EchoA" and a client, all inside the test's KIV_ROOT and
+// settings folder.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -24,8 +25,9 @@ protected:
     pid_t startProxy(const std::map<std::string, std::string>& env = {});
     // Waits until "VorpaMediaProxy" answers; false after the safety time-out.
     bool waitUntilServing();
-    // Exit status of the proxy (-1 when killed by a signal), after sending `signal` or as it ends.
+    // Sends `signal`, waits for the process and returns its exit status (-1 when killed).
     int stopProxy(int signal);
+    // Waits for the proxy to end by itself; its exit status, or -1 when killed by a signal.
     int waitProxy();
     // Request to the proxy; returns the service's status (or the library's code).
     int call(const char* service, const tagVARIANT& in, tagVARIANT* out);
