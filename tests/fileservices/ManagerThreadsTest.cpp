@@ -4,27 +4,23 @@
 
 #include "tests/fileservices/ManagerFixture.h"
 
-namespace {
-
 TEST_F(ManagerTest, ConcurrentFirstRequestsBuildTheMapSafely) {
-    for (int i = 0; i < 20; ++i) kivtest::writeFile(dir.file("f/file" + std::to_string(i) + (i % 2 ? ".mp3" : ".mkv")), "x");
+    for (int i = 0; i < 20; ++i)
+        kivtest::writeFile(dir.file("f/" + std::to_string(i) + (i % 2 ? ".mp3" : ".mkv")), "x");
     std::vector<std::thread> threads;
     std::vector<int> statuses(6, -1);
-    std::vector<std::vector<std::string>> types(6);
-    for (int t = 0; t < 6; ++t) {
+    std::vector<Names> types(6);
+    for (int t = 0; t < 6; ++t)
         threads.emplace_back([&, t] {
             CLocalVariant out;
             statuses[t] = folder(dir.file("f"), 2, "", "title,mediaType", "title:asc", 0, 0, out.ptr());
             if (statuses[t] == 0) types[t] = column(out.get(), 1);
         });
-    }
     for (auto& th : threads) th.join();
     for (int t = 0; t < 6; ++t) {
         EXPECT_EQ(statuses[t], 0);
         ASSERT_EQ(types[t].size(), 20u);
-        for (const std::string& type : types[t]) EXPECT_TRUE(type == "audio.file" || type == "video.file") << type;
+        EXPECT_THAT(types[t], testing::Each(testing::AnyOf("audio.file", "video.file")));
     }
     EXPECT_EQ(manager->extensionMap().size(), 7u);
 }
-
-}  // namespace

@@ -3,38 +3,92 @@
 // folder), plus a client. Media files live in `media`.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "tests/proxy/ProxyFixture.h"
-#include "tests/support/TempDir.h"
+#include "variant/VUtil.h"
 
 class TransferTest : public ProxyTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ProxyTest::SetUp();
+        if (HasFatalFailure()) return;
+        if (maxPayload() > 0) {
+            ownServer.reset(new kivtest::NatsServer(maxPayload()));
+            ASSERT_TRUE(ownServer->start()) << ownServer->error();
+            ASSERT_TRUE(setting("cabDirectory.port", ownServer->port()));
+            client.reset(new CabClient);
+            ASSERT_EQ(client->Connect(ownServer->hostPort().c_str(), "TransferTestClient"), 0);
+        }
+        ASSERT_TRUE(startProxy()) << proxyOutput();
+    }
+    void TearDown() override {
+        stopCatalog();
+        ProxyTest::TearDown();
+        ownServer.reset();
+    }
     // Non-zero: the proxy and the client use a directory of their own with this
     // message size limit (big transfers then travel in fewer parts).
     virtual int maxPayload() const { return 0; }
-    // "127.0.0.1:PORT" of the directory in use.
-    std::string hostPort() const;
+    std::string hostPort() const override { return ownServer ? ownServer->hostPort() : server.hostPort(); }
 
-    // Starts kiv-media-catalog with `catalogJson`; waits for its "ready" line.
-    bool startCatalog(const std::string& catalogJson);
-    void stopCatalog();
+    // Starts kiv-media-catalog over `catalogJson` and waits for its "ready" line.
+    bool startCatalog(const std::string& catalogJson) {
+        const std::string file = media.file("catalog.json"), directory = hostPort();
+        const std::string exe = KIV_BINARY_DIR "/bin/kiv-media-catalog";
+        kivtest::writeFile(file, catalogJson);
+        int fds[2];
+        if (pipe(fds) != 0) return false;
+        if ((catalogPid = fork()) == 0) {
+            dup2(fds[1], 1);
+            close(fds[0]);
+            close(fds[1]);
+            sigset_t none;
+            sigemptyset(&none);
+            sigprocmask(SIG_SETMASK, &none, nullptr);
+            execl(exe.c_str(), exe.c_str(), "--catalog", file.c_str(), "--root", media.path().c_str(),
+                  "--server", directory.c_str(), (char*)nullptr);
+            _exit(127);
+        }
+        close(fds[1]);
+        catalogOut = fds[0];
+        std::string seen;
+        char buf[256];
+        for (pollfd p{catalogOut, POLLIN, 0}; seen.find("ready\n") == std::string::npos;) {
+            // The time-out is only a safety net; 0 bytes: it ended without serving.
+            const ssize_t n = poll(&p, 1, 60000) > 0 ? read(catalogOut, buf, sizeof buf) : 0;
+            if (n <= 0) return false;
+            seen.append(buf, n);
+        }
+        return true;
+    }
+    void stopCatalog() {
+        if (catalogPid > 0 && kill(catalogPid, SIGTERM) == 0) waitpid(catalogPid, nullptr, 0);
+        if (catalogOut >= 0) close(catalogOut);
+        catalogPid = catalogOut = -1;
+    }
 
-    // "GetFile" with the given in-array; *bytes gets the block's contents.
-    int getFile(const tagVARIANT& in, std::string* bytes);
-    // [path] or [path, offset, max] with both counts of variant type `vt`.
-    int getFile(const std::string& path, std::string* bytes);
-    int getFile(const std::string& path, VARTYPE vt, long long offset, long long max, std::string* bytes);
-    // "QueryFileSize" of [medium, items]; *count and *total from the answer.
-    int queryFileSize(const std::string& medium, const std::vector<std::string>& items, int* count,
-                      long long* total);
-    std::string proxyLog() const;
-    // Waits until the proxy's log holds `text` (the logger writes on its own thread).
-    bool waitForLog(const std::string& text);
+    // "GetFile" of the JSON in-array; *bytes gets the block.
+    int getFile(const std::string& in, std::string* bytes) {
+        CLocalVariant out;
+        const int status = call("GetFile", in, out.ptr());
+        *bytes = bytesOf(out.get());
+        EXPECT_TRUE(status != 0 || out.vt() == (VT_ARRAY | VT_UI1)) << out.vt();
+        return status;
+    }
+    // [path, offset, max] with both counts of variant type `type` ("I4", "UI8", ...).
+    int getFile(const std::string& path, const std::string& type, long long offset, long long max,
+                std::string* bytes) {
+        return getFile("[\"" + path + "\"," + typed(type, offset) + "," + typed(type, max) + "]", bytes);
+    }
+    // The JSON of the "QueryFileSize" answer to [medium, items], or "status N".
+    std::string querySizes(const std::string& medium, const std::vector<std::string>& items) {
+        CLocalVariant out;
+        const int status = call("QueryFileSize", nlohmann::json::array({medium, items}).dump(), out.ptr());
+        return status == 0 ? json(out.get()) : "status " + std::to_string(status);
+    }
 
     std::unique_ptr<kivtest::NatsServer> ownServer;
     kivtest::TempDir media{"kivmedia"};
@@ -43,4 +97,14 @@ protected:
 };
 
 // A deterministic pseudo-random byte string.
-std::string patternBytes(size_t size, unsigned pattern);
+inline std::string patternBytes(size_t size, unsigned pattern) {
+    std::string s(size, '\0');
+    uint64_t x = 0x9E3779B97F4A7C15ull ^ pattern;
+    for (char& c : s) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        c = static_cast<char>(x);
+    }
+    return s;
+}
