@@ -1,9 +1,22 @@
 // The archive services called in process: the deflate/store rule, the
 // estimate of an archive held past the wait, ZipLogs, the deletion rules,
-// concurrency, and the files AddFolderToTree collects.
+// concurrency, the files AddFolderToTree collects, and archives under faults:
+// a full disk, a stop while writing, a run killed while writing, and
+// "DeleteTempFile" raced by a folder swapped for a link.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <cstdarg>
+#include <fstream>
 #include <thread>
 
+#include "diag/CBBLog.h"
 #include "satellite/ArchiveFolders.h"
+#include "satellite/ArchiveLeftovers.h"
 #include "tests/archives/ArchiveTestSupport.h"
 
 namespace {
@@ -179,6 +192,216 @@ TEST(AddFolderToTreeTest, AddsFilesOfAllSubfoldersButNoFolders) {
     EXPECT_EQ(AddFolderToTree(CStdStr("/no/such/folder/anywhere"), &none), 0);
     EXPECT_TRUE(none.fileNodes().empty());
     EXPECT_EQ(AddFolderToTree(CStdStr("/tmp"), nullptr), 0);
+}
+
+using Clock = std::chrono::steady_clock;
+
+// Keeps the error lines logged through the process logger instead of writing them.
+struct CapturingLog : CBBLog {
+    CapturingLog() : CBBLog("capture.log", false, 1 << 20) { setLogLevel(LOGLEVEL_DEBUG); }
+    using CBBLog::_AddLog;
+    void _AddLog(const char* format, va_list args, LOGLEVEL level) override {
+        CStdStr line;
+        line.FormatV(format, args);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (level <= LOGLEVEL_ERROR) errors += line + "\n";
+    }
+    std::mutex mutex;  // guards errors
+    std::string errors;
+};
+
+// Polls `condition` until it holds; the deadline is only a safety net.
+bool eventually(const std::function<bool()>& condition) {
+    for (auto end = Clock::now() + std::chrono::seconds(60); !condition();) {
+        if (Clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// Archives in /tmp, named as GenerateTempFilePath names them.
+int archivesInTmp() { return std::stoi(kivtest::runCommand("ls /tmp | grep -cx 'file......'")); }
+
+// Runs in a private mount namespace whose /tmp is a 2 MiB tmpfs (see the
+// parent branch): archives, the test folder and the logs all live there.
+TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
+    if (!getenv("KIV_ARCHIVE_FULL_DISK_CHILD")) {
+        if (geteuid() != 0) GTEST_SKIP() << "a private tmpfs needs root";
+        int status = -1;
+        kivtest::runCommand("unshare -m -- true 2>&1", &status);
+        if (status != 0) GTEST_SKIP() << "unshare -m is not allowed here";
+        const std::string self = fs::read_symlink("/proc/self/exe").string();
+        // The binary is opened before the mount: it may itself live under /tmp.
+        const std::string out = kivtest::runCommand(
+            "KIV_ARCHIVE_FULL_DISK_CHILD=1 TMPDIR=/tmp unshare -m -- sh -c 'exec 3<\"$0\" && "
+            "mount --make-rprivate / && mount -t tmpfs -o size=2m,mode=1777 kiv-full /tmp || exit 77; "
+            "exec /proc/self/fd/3 --gtest_filter=*.FullDiskEndsTheArchiveAndNothingIsServed' '" +
+                self + "' 2>&1",
+            &status);
+        if (status == 77) GTEST_SKIP() << "cannot mount a tmpfs: " << out;
+        EXPECT_EQ(status, 0) << out;
+        EXPECT_THAT(out, HasSubstr("[  PASSED  ] 1 test"));
+        return;
+    }
+    auto log = boost::make_shared<CapturingLog>();
+    CBBLog::setLogger(log);
+    const std::string big = dir.file("big.bin"), small = dir.file("small.txt");
+    writeRandomFile(big, 1200 * 1024, 1);  // leaves less than its own size free
+    kivtest::writeFile(small, "small");
+    std::string zip;
+    long long size = 0;
+    // Done within the wait: the request itself fails.
+    const std::string error = thrownBy([&] { createZip({big}, &zip, &size); });
+    EXPECT_THAT(error, HasSubstr("No space left on device"));
+    EXPECT_EQ(archivesInTmp(), 0) << "the partial archive is removed";
+
+    // Pending: answered with the estimate, then failed; a read waiting for it,
+    // and every later read, is refused with the reason.
+    setGate(false);
+    ASSERT_EQ(createZip({big, small}, &zip, &size), 0);
+    EXPECT_EQ(size, estimate({big, small}));
+    std::string fetchError;
+    std::thread fetch([&] { fetchError = thrownBy([&] { getFile(zip); }); });
+    setGate(true);
+    fetch.join();
+    EXPECT_THAT(fetchError, HasSubstr("archive " + zip + " failed: write: No space left on device"));
+    CLocalVariant out;
+    const std::string sizeError = thrownBy([&] {
+        JsonVariant in("[\"ctx\", [\"" + CFileTools::PathToFileBrowserMediumId(zip) + "\"]]");
+        satellite.CabServiceQueryFileSize("QueryFileSize", in.get(), out.ptr());
+    });
+    EXPECT_THAT(sizeError, HasSubstr("No space left on device"));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_EQ(deleteTemp(zip), 0);
+
+    // "ZipLogs" of more than the space left.
+    fs::remove(big);
+    writeRandomFile(CFileTools::GetLogsDirectory() + "/KivRequestProxy.log", 1200 * 1024, 2);
+    const std::string logsError =
+        thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); });
+    EXPECT_THAT(logsError, HasSubstr("ZipLogs: archive /tmp/file"));
+    EXPECT_THAT(logsError, HasSubstr("No space left on device"));
+    EXPECT_EQ(archivesInTmp(), 0);
+    EXPECT_FALSE(fs::exists(ArchiveLeftovers::recordPath().c_str())) << "no archive is left pending";
+    std::lock_guard<std::mutex> lock(log->mutex);
+    EXPECT_THAT(log->errors, HasSubstr("No space left on device; the partial file was removed"));
+    CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+}
+
+TEST_F(ArchiveServicesTest, StopAbandonsArchivesBeingWrittenAtOnce) {
+    // 8 GiB of zeros, sparse: deflating it takes far longer than this test.
+    const std::string huge = dir.file("huge.bin");
+    kivtest::writeFile(huge, "");
+    ASSERT_EQ(truncate(huge.c_str(), 8LL << 30), 0);
+    std::string requestError;
+    std::thread request([&] {
+        std::string zip;
+        long long size = 0;
+        requestError = thrownBy([&] { createZip({huge}, &zip, &size); });
+    });
+    ASSERT_TRUE(eventually([&] {
+        std::error_code ec;
+        return fs::file_size(atGateNow().first, ec) > 0 && !ec;
+    })) << "the archive is being written";
+    const std::string zip = atGateNow().first;
+    const auto start = Clock::now();
+    satellite.abandonArchives();
+    request.join();
+    ArchiveThreads::waitForAll(&satellite);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+    EXPECT_THAT(requestError, HasSubstr("failed: abandoned"));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_NE(thrownBy([&] { getFile(zip); }), "(no exception)") << "an abandoned archive is not served";
+}
+
+TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
+    const std::string small = dir.file("small.txt");
+    kivtest::writeFile(small, "small");
+    // While an archive is being written, the record lists it and is private.
+    setGate(false);
+    std::thread request([&] {
+        std::string zip;
+        long long size = 0;
+        createZip({small}, &zip, &size);
+    });
+    ASSERT_TRUE(eventually([] { return atGateNow().second == 1; }));
+    const std::string writing = atGateNow().first, record = ArchiveLeftovers::recordPath();
+    struct stat st;
+    ASSERT_EQ(stat(record.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_THAT(kivtest::readFile(record), HasSubstr(" " + writing + "\n"));
+
+    // Lines of a process that is gone: its archive, a file since replaced
+    // under the same name, and a file outside the temporary folders.
+    pid_t gone = fork();
+    if (gone == 0) _exit(0);
+    ASSERT_GT(gone, 0);
+    waitpid(gone, nullptr, 0);
+    auto line = [&](const std::string& path, bool sameFile) {
+        struct stat file;
+        EXPECT_EQ(stat(path.c_str(), &file), 0) << path;
+        std::ostringstream text;  // pid, 1, device, inode, owner, path
+        text << gone << " 1 " << file.st_dev << " " << file.st_ino + !sameFile << " " << file.st_uid << " ";
+        return text.str() + path + "\n";
+    };
+    const std::string left = CFileTools::GenerateTempFilePath();
+    const std::string replaced = CFileTools::GenerateTempFilePath();
+    const std::string outside = outsideFolder("archives-leftovers");
+    std::string lines = line(left, true) + line(replaced, false);
+    if (!outside.empty()) {
+        kivtest::writeFile(outside + "/kept.zip", "kept");
+        lines += line(outside + "/kept.zip", true);
+    }
+    std::ofstream(record, std::ios::app) << lines;  // keeps the file's mode
+
+    { KivRequestProxySatellite restarted; }
+    EXPECT_FALSE(fs::exists(left));
+    EXPECT_TRUE(fs::exists(replaced));
+    EXPECT_TRUE(fs::exists(writing)) << "an archive of a running process is not touched";
+    EXPECT_TRUE(outside.empty() || fs::exists(outside + "/kept.zip"));
+    EXPECT_THAT(kivtest::readFile(record), Not(HasSubstr(std::to_string(gone) + " "))) << "its lines dropped";
+    setGate(true);
+    request.join();
+    ArchiveThreads::waitForAll(&satellite);
+    EXPECT_FALSE(fs::exists(record)) << "no archive is left pending";
+    fs::remove(replaced);
+    if (!outside.empty()) fs::remove_all(outside);
+}
+
+// A folder inside the temporary folder is swapped again and again with a
+// link to a folder outside, while "DeleteTempFile" deletes a file in it.
+TEST_F(ArchiveServicesTest, DeleteTempFileRacedByAFolderSwapDeletesNothingOutside) {
+    const std::string outside = outsideFolder("archives-race");
+    if (outside.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
+    const std::string victim = outside + "/victim";
+    kivtest::writeFile(victim, "outside");
+    const std::string folder = dir.file("race/folder"), link = dir.file("race/link");
+    kivtest::writeFile(folder + "/victim", "inside");
+    fs::create_symlink(outside, link);
+    const int real = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // wherever its name goes
+    ASSERT_GE(real, 0);
+    if (renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) != 0)
+        GTEST_SKIP() << "renameat2 RENAME_EXCHANGE is not supported here";
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        while (!stop) renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+    });
+    int insideDeleted = 0, outsideDeleted = 0, calls = 0;
+    for (const auto end = Clock::now() + std::chrono::milliseconds(2500); Clock::now() < end; ++calls) {
+        close(openat(real, "victim", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        struct stat st;
+        if (deleteTemp(folder + "/victim") == 0 && fstatat(real, "victim", &st, 0) != 0) ++insideDeleted;
+        if (access(victim.c_str(), F_OK) != 0) {
+            ++outsideDeleted;
+            kivtest::writeFile(victim, "outside");
+        }
+    }
+    stop = true;
+    swapper.join();
+    close(real);
+    EXPECT_EQ(outsideDeleted, 0) << "of " << calls << " calls";
+    EXPECT_GT(insideDeleted, 0) << "of " << calls << " calls";
+    fs::remove_all(outside);
 }
 
 }  // namespace

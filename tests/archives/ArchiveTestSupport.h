@@ -29,20 +29,10 @@ typedef std::map<std::string, std::string> Methods;
 
 // Entry name -> method column of `unzip -v` ("Stored", "Defl:X", ...); empty when unreadable.
 inline Methods zipMethods(const std::string& zip) {
-    int status = 0;
-    std::istringstream lines(kivtest::runCommand("unzip -v '" + zip + "' 2>&1", &status));
+    std::istringstream rows(kivtest::runCommand("unzip -v '" + zip + "' 2>/dev/null | awk "
+                                                "'/^--------/ {n++; next} n == 1 {print $8, $2}'"));
     Methods out;
-    std::string line, skip, method, name;
-    for (int rulers = 0; status == 0 && std::getline(lines, line);) {
-        if (line.rfind("--------", 0) == 0) {
-            ++rulers;
-        } else if (rulers == 1) {
-            std::istringstream fields(line);
-            fields >> skip >> method >> skip >> skip >> skip >> skip >> skip >> std::ws;
-            std::getline(fields, name);
-            out[name] = method;
-        }
-    }
+    for (std::string name, method; rows >> name >> method;) out[name] = method;
     return out;
 }
 

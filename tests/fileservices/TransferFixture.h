@@ -3,8 +3,6 @@
 // folder), plus a client. Media files live in `media`.
 #pragma once
 
-#include <poll.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include "tests/proxy/ProxyFixture.h"
@@ -34,40 +32,20 @@ protected:
     virtual int maxPayload() const { return 0; }
     std::string hostPort() const override { return ownServer ? ownServer->hostPort() : server.hostPort(); }
 
-    // Starts kiv-media-catalog over `catalogJson` and waits for its "ready" line.
+    // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
     bool startCatalog(const std::string& catalogJson) {
-        const std::string file = media.file("catalog.json"), directory = hostPort();
-        const std::string exe = KIV_BINARY_DIR "/bin/kiv-media-catalog";
-        kivtest::writeFile(file, catalogJson);
-        int fds[2];
-        if (pipe(fds) != 0) return false;
-        if ((catalogPid = fork()) == 0) {
-            dup2(fds[1], 1);
-            close(fds[0]);
-            close(fds[1]);
-            sigset_t none;
-            sigemptyset(&none);
-            sigprocmask(SIG_SETMASK, &none, nullptr);
-            execl(exe.c_str(), exe.c_str(), "--catalog", file.c_str(), "--root", media.path().c_str(),
-                  "--server", directory.c_str(), (char*)nullptr);
-            _exit(127);
-        }
-        close(fds[1]);
-        catalogOut = fds[0];
-        std::string seen;
-        char buf[256];
-        for (pollfd p{catalogOut, POLLIN, 0}; seen.find("ready\n") == std::string::npos;) {
-            // The time-out is only a safety net; 0 bytes: it ended without serving.
-            const ssize_t n = poll(&p, 1, 60000) > 0 ? read(catalogOut, buf, sizeof buf) : 0;
-            if (n <= 0) return false;
-            seen.append(buf, n);
-        }
-        return true;
+        const std::string out = media.file("catalog.out");
+        kivtest::writeFile(media.file("catalog.json"), catalogJson);
+        catalogPid = std::stoi(kivtest::runCommand(KIV_BINARY_DIR "/bin/kiv-media-catalog --catalog " +
+                                                   media.file("catalog.json") + " --root " + media.path() +
+                                                   " --server " + hostPort() + " >" + out + " 2>&1 & echo $!"));
+        for (int i = 0; i < 3000 && kill(catalogPid, 0) == 0; ++i, usleep(20000))  // a safety net of 60 s
+            if (kivtest::readFile(out).find("ready\n") != std::string::npos) return true;
+        return false;
     }
     void stopCatalog() {
-        if (catalogPid > 0 && kill(catalogPid, SIGTERM) == 0) waitpid(catalogPid, nullptr, 0);
-        if (catalogOut >= 0) close(catalogOut);
-        catalogPid = catalogOut = -1;
+        if (catalogPid > 0) kill(catalogPid, SIGTERM);
+        catalogPid = -1;
     }
 
     // "GetFile" of the JSON in-array; *bytes gets the block.
@@ -93,7 +71,6 @@ protected:
     std::unique_ptr<kivtest::NatsServer> ownServer;
     kivtest::TempDir media{"kivmedia"};
     pid_t catalogPid = -1;
-    int catalogOut = -1;
 };
 
 // A deterministic pseudo-random byte string.
