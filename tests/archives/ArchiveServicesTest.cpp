@@ -1,65 +1,48 @@
-// The archive services called in process on a satellite that is not
-// connected: file-browser ids are resolved locally, so no broker is needed.
-#include <gtest/gtest.h>
+// The archive services called in process: the deflate/store rule, the
+// estimate of an archive held past the wait, ZipLogs, the deletion rules,
+// concurrency, the files AddFolderToTree collects, and archives under faults:
+// a full disk, a stop while writing, a run killed while writing, and
+// "DeleteTempFile" raced by a folder swapped for a link.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
 
-#include <condition_variable>
-#include <cstdlib>
-#include <filesystem>
-#include <mutex>
+#include <atomic>
+#include <boost/make_shared.hpp>
+#include <chrono>
+#include <cstdarg>
+#include <fstream>
 #include <thread>
-#include <unistd.h>
-#include <vector>
 
-#include "archive/CMyPathTree.h"
-#include "cab/CabException.h"
-#include "files/CFileTools.h"
-#include "satellite/ArchiveThreads.h"
-#include "satellite/KivRequestProxySatellite.h"
-#include "tests/archives/ArchiveServicesFixture.h"
+#include "diag/CBBLog.h"
+#include "satellite/ArchiveFolders.h"
+#include "satellite/ArchiveLeftovers.h"
 #include "tests/archives/ArchiveTestSupport.h"
-#include "tests/support/TempDir.h"
-#include "variant/CLocalVariant.h"
-#include "variant/VUtil.h"
-
-namespace fs = std::filesystem;
-using archivetest::createZipInput;
-using archivetest::zipMethods;
 
 namespace {
 
-using archivetest::closeGate;
-using archivetest::openGate;
-
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     const std::string a = dir.file("media/a.txt"), b = dir.file("media/b.txt");
-    kivtest::writeFile(a, std::string(200000, 'a'));  // two chunks of the writer; unzip reads it back
+    kivtest::writeFile(a, std::string(200000, 'a'));  // two chunks of the writer; unzip reads them back
     kivtest::writeFile(b, "bee");
-
-    std::string zip;
-    long long size = 0;
-    ASSERT_EQ(createZip({a}, &zip, &size), 0);
-    EXPECT_EQ(size, static_cast<long long>(fs::file_size(zip))) << "a quick archive answers its real size";
-    EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"a.txt", "Defl:X"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
-
-    ASSERT_EQ(createZip({a, b}, &zip, &size), 0);
-    EXPECT_EQ(size, static_cast<long long>(fs::file_size(zip)));
-    EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"a.txt", "Stored"}, {"b.txt", "Stored"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
+    const std::pair<std::vector<std::string>, Methods> cases[] = {
+        {{a}, {{"a.txt", "Defl:X"}}}, {{a, b}, {{"a.txt", "Stored"}, {"b.txt", "Stored"}}}};
+    for (const auto& [paths, methods] : cases) {
+        std::string zip;
+        long long size = 0;
+        ASSERT_EQ(createZip(paths, &zip, &size), 0);
+        EXPECT_EQ(size, (long long)fs::file_size(zip)) << "a quick archive answers its real size";
+        EXPECT_EQ(zipMethods(zip), methods);
+        EXPECT_TRUE(zipTestsOk(zip));
+    }
 }
 
 TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
     // An empty first item: the lookup fails and its status is the answer.
-    CLocalVariant in, out;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 2);
-    VUtil::PutElement(in.get(), 0, "ctx");
-    VUtil::PutElement(in.get(), 1, "");
-    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr()), 1);
+    CLocalVariant out;
+    JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");
+    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", emptyItem.get(), out.ptr()), 1);
     EXPECT_EQ(out.vt(), VT_EMPTY);
-
-    CLocalVariant wrong;
-    VUtil::CreateArray(wrong.get(), VT_VARIANT, 2);
-    VUtil::PutElement(wrong.get(), 0, 42);
     EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
     EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
 }
@@ -68,15 +51,14 @@ TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
 // path is pending, a fetch waits for the finished file, and a deletion while
 // pending leaves nothing behind.
 TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
-    std::vector<std::string> kept, dropped;
+    std::vector<std::string> kept;
     for (int i = 0; i < 3; ++i) {
         kept.push_back(dir.file("kept/k" + std::to_string(i) + ".bin"));
-        archivetest::writeRandomFile(kept.back(), 1 << 20, i);
+        writeRandomFile(kept.back(), 1 << 20, i);
     }
-    dropped.push_back(dir.file("dropped/d.bin"));
-    archivetest::writeRandomFile(dropped.back(), 4096, 7);
-
-    closeGate();
+    const std::vector<std::string> dropped = {dir.file("dropped/d.bin")};
+    writeRandomFile(dropped[0], 4096, 7);
+    setGate(false);
     std::string keptZip, droppedZip;
     long long keptSize = 0, droppedSize = 0;
     // Both requests wait out their 5 seconds side by side.
@@ -85,23 +67,19 @@ TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
     other.join();
     EXPECT_EQ(keptSize, estimate(kept));
     EXPECT_EQ(droppedSize, estimate(dropped));
-
     // Deleting a pending archive: accepted, and its thread removes it once written.
     EXPECT_EQ(deleteTemp(droppedZip), 0);
 
     std::string fetched;
     std::thread fetcher([&] { fetched = getFile(keptZip); });
-    openGate();
+    setGate(true);
     fetcher.join();
     ArchiveThreads::waitForAll(&satellite);
-
     EXPECT_EQ(fetched.size(), fs::file_size(keptZip)) << "the fetch waited for the finished archive";
-    const std::string copy = dir.file("fetched.zip");
-    kivtest::writeFile(copy, fetched);
-    EXPECT_TRUE(archivetest::zipTestsOk(copy));
-    EXPECT_EQ(zipMethods(copy).size(), 3u);
+    kivtest::writeFile(dir.file("fetched.zip"), fetched);
+    EXPECT_TRUE(zipTestsOk(dir.file("fetched.zip")));
+    EXPECT_EQ(zipMethods(dir.file("fetched.zip")).size(), 3u);
     EXPECT_FALSE(fs::exists(droppedZip)) << "the archive deleted while pending was removed by its thread";
-
     EXPECT_EQ(deleteTemp(keptZip), 0);
     EXPECT_FALSE(fs::exists(keptZip));
 }
@@ -111,83 +89,68 @@ TEST_F(ArchiveServicesTest, ZipLogsDeflatesEveryLogFile) {
     fs::remove_all(logs);
     kivtest::writeFile(logs + "/KivRequestProxy.log", std::string(5000, 'x'));
     kivtest::writeFile(logs + "/notes.txt", "not a log");
-
     auto zipLogs = [&]() {
         CLocalVariant in, out;
         EXPECT_EQ(satellite.CabServiceZipLogs("ZipLogs", in.get(), out.ptr()), 0);
         EXPECT_EQ(out.vt(), VT_BSTR);
-        std::string zip = out.vt() == VT_BSTR ? out.get().bstrVal : "";
-        zips.push_back(zip);
-        return zip;
+        zips.push_back(out.vt() == VT_BSTR ? out.get().bstrVal : "");
+        return zips.back();
     };
     // One log file: deflated, and complete when the answer comes.
-    std::string zip = zipLogs();
-    EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"KivRequestProxy.log", "Defl:X"}}));
-
+    EXPECT_EQ(zipMethods(zipLogs()), (Methods{{"KivRequestProxy.log", "Defl:X"}}));
     kivtest::writeFile(logs + "/KivRequestProxy.log.back", std::string(3000, 'y'));
     kivtest::writeFile(logs + "/KivCrashReporter.log", "z");
-    zip = zipLogs();
-    EXPECT_EQ(zipMethods(zip), (std::map<std::string, std::string>{{"KivRequestProxy.log", "Defl:X"},
-                                                                  {"KivRequestProxy.log.back", "Defl:X"},
-                                                                  {"KivCrashReporter.log", "Defl:X"}}));
-    EXPECT_TRUE(archivetest::zipTestsOk(zip));
-
+    const std::string zip = zipLogs();
+    const Methods all = {{"KivRequestProxy.log", "Defl:X"}, {"KivRequestProxy.log.back", "Defl:X"},
+                         {"KivCrashReporter.log", "Defl:X"}};
+    EXPECT_EQ(zipMethods(zip), all);
+    EXPECT_TRUE(zipTestsOk(zip));
     // A missing logs folder is only logged: an empty archive still comes back.
     fs::remove_all(logs);
-    zip = zipLogs();
-    EXPECT_TRUE(fs::exists(zip));
-    EXPECT_TRUE(zipMethods(zip).empty());
+    const std::string empty = zipLogs();
+    EXPECT_TRUE(fs::exists(empty));
+    EXPECT_TRUE(zipMethods(empty).empty());
 }
 
 TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
-    // Made the way archives are made, in "/tmp".
-    std::string made = CFileTools::GenerateTempFilePath();
-    ASSERT_FALSE(made.empty());
-    EXPECT_EQ(deleteTemp(made), 0);
-    EXPECT_FALSE(fs::exists(made));
-
-    // Inside the folder of getTmpFolder().
-    std::string inTmp = CFileTools::getTmpFolder("archives-test-sub") + "/x.zip";
+    // Made the way archives are made, in "/tmp", and inside the folder of getTmpFolder().
+    const std::string made = CFileTools::GenerateTempFilePath();
+    const std::string inTmp = CFileTools::getTmpFolder("archives-test-sub") + "/x.zip";
     kivtest::writeFile(inTmp, "zip");
-    EXPECT_EQ(deleteTemp(inTmp), 0);
-    EXPECT_FALSE(fs::exists(inTmp));
+    for (const std::string& path : {made, inTmp}) {
+        EXPECT_EQ(deleteTemp(path), 0) << path;
+        EXPECT_FALSE(fs::exists(path)) << path;
+    }
     fs::remove_all(fs::path(inTmp).parent_path());
 
     // Outside, directly, through "..", and through a link: refused, kept.
-    const std::string outsideFolder = archivetest::outsideFolder("archives-delete-guard");
-    if (outsideFolder.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
-    const std::string outside = outsideFolder + "/kept.txt";
-    kivtest::writeFile(outside, "keep me");
-    EXPECT_EQ(deleteTemp(outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp/.." + outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp/no-such-folder/../.." + outside), 403);
-    EXPECT_EQ(deleteTemp("/tmp"), 403);
-    EXPECT_EQ(deleteTemp(""), 403);
-    EXPECT_EQ(deleteTemp("/tmpfoo/x.zip"), 403);
-    EXPECT_EQ(deleteTemp("/var/tmpfoo/x.zip"), 403);
-    EXPECT_TRUE(fs::exists(outside));
-
+    const std::string outside = outsideFolder("archives-delete-guard");
+    if (outside.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
+    const std::string kept = outside + "/kept.txt", link = dir.file("link-out");
+    kivtest::writeFile(kept, "keep me");
+    for (const std::string& path : {kept, "/tmp/.." + kept, "/tmp/no-such-folder/../.." + kept,
+                                    std::string("/tmp"), std::string(), std::string("/tmpfoo/x.zip"),
+                                    std::string("/var/tmpfoo/x.zip")})
+        EXPECT_EQ(deleteTemp(path), 403) << path;
+    EXPECT_TRUE(fs::exists(kept));
     // A link inside is deleted as a link: its target stays. A link to a
     // folder outside does not lead there.
-    const std::string link = dir.file("link-out");
-    fs::create_symlink(outside, link);
+    fs::create_symlink(kept, link);
     EXPECT_EQ(deleteTemp(link), 0);
     EXPECT_FALSE(fs::is_symlink(link));
-    EXPECT_EQ(kivtest::readFile(outside), "keep me");
-    fs::create_symlink(outsideFolder, link);
-    EXPECT_EQ(deleteTemp(link + "/" + fs::path(outside).filename().string()), 403);
-    EXPECT_TRUE(fs::exists(outside));
-    fs::remove_all(outsideFolder);
+    EXPECT_EQ(kivtest::readFile(kept), "keep me");
+    fs::create_symlink(outside, link);
+    EXPECT_EQ(deleteTemp(link + "/kept.txt"), 403);
+    EXPECT_TRUE(fs::exists(kept));
+    fs::remove_all(outside);
 
-    // A folder, empty or not, is refused and kept.
+    // A folder, empty or not, is refused and kept; a path not there is nothing to do.
     kivtest::writeFile(dir.file("full/x"), "x");
     fs::create_directories(dir.file("empty"));
     EXPECT_EQ(deleteTemp(dir.file("full")), 403);
     EXPECT_EQ(deleteTemp(dir.file("empty")), 403);
     EXPECT_TRUE(fs::exists(dir.file("full/x")));
     EXPECT_TRUE(fs::is_directory(dir.file("empty")));
-
-    // A path not there: nothing to do, not an error.
     EXPECT_EQ(deleteTemp("/tmp/archives-test-no-such-file"), 0);
 }
 
@@ -199,22 +162,246 @@ TEST_F(ArchiveServicesTest, ConcurrentRequestsEachGetTheirArchive) {
     }
     std::vector<std::string> results(6);
     std::vector<std::thread> threads;
-    for (size_t t = 0; t < results.size(); ++t) {
+    for (size_t t = 0; t < results.size(); ++t)
         threads.emplace_back([&, t] {
-            CLocalVariant in, out;
-            createZipInput(in.get(), t % 2 ? files : std::vector<std::string>{files[t % files.size()]});
-            if (satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr()) != 0) return;
-            results[t] = VUtil::GetStringElement(out.get(), 0);
-            std::string unused = getFile(results[t]);
+            long long size = 0;
+            if (createZip(t % 2 ? files : std::vector<std::string>{files[t % 4]}, &results[t], &size) == 0)
+                getFile(results[t]);
         });
-    }
     for (auto& t : threads) t.join();
     for (size_t t = 0; t < results.size(); ++t) {
         ASSERT_FALSE(results[t].empty());
-        zips.push_back(results[t]);
         EXPECT_EQ(zipMethods(results[t]).size(), t % 2 ? 4u : 1u);
         EXPECT_EQ(deleteTemp(results[t]), 0);
     }
+}
+
+TEST(AddFolderToTreeTest, AddsFilesOfAllSubfoldersButNoFolders) {
+    kivtest::TempDir dir("addfolder");
+    const std::vector<std::string> files = {dir.file(".hidden"), dir.file("empty/.keep"),
+        dir.file("sub/deeper/leaf.mp3"), dir.file("sub/inner.bin"), dir.file("top.txt")};
+    for (const std::string& f : files) kivtest::writeFile(f, "x");
+    CMyPathTree tree;
+    EXPECT_EQ(AddFolderToTree(CStdStr(dir.path()), &tree), 5);
+    std::vector<std::string> added;
+    for (const CMyPathNode* node : tree.fileNodes()) added.push_back(node->getFullPath());
+    std::sort(added.begin(), added.end());
+    EXPECT_EQ(added, files);
+
+    CMyPathTree none;
+    EXPECT_EQ(AddFolderToTree(CStdStr("/no/such/folder/anywhere"), &none), 0);
+    EXPECT_TRUE(none.fileNodes().empty());
+    EXPECT_EQ(AddFolderToTree(CStdStr("/tmp"), nullptr), 0);
+}
+
+using Clock = std::chrono::steady_clock;
+
+// Keeps the error lines logged through the process logger instead of writing them.
+struct CapturingLog : CBBLog {
+    CapturingLog() : CBBLog("capture.log", false, 1 << 20) { setLogLevel(LOGLEVEL_DEBUG); }
+    using CBBLog::_AddLog;
+    void _AddLog(const char* format, va_list args, LOGLEVEL level) override {
+        CStdStr line;
+        line.FormatV(format, args);
+        std::lock_guard<std::mutex> lock(mutex);
+        if (level <= LOGLEVEL_ERROR) errors += line + "\n";
+    }
+    std::mutex mutex;  // guards errors
+    std::string errors;
+};
+
+// Polls `condition` until it holds; the deadline is only a safety net.
+bool eventually(const std::function<bool()>& condition) {
+    for (auto end = Clock::now() + std::chrono::seconds(60); !condition();) {
+        if (Clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+// Archives in /tmp, named as GenerateTempFilePath names them.
+int archivesInTmp() { return std::stoi(kivtest::runCommand("ls /tmp | grep -cx 'file......'")); }
+
+// Runs in a private mount namespace whose /tmp is a 2 MiB tmpfs (see the
+// parent branch): archives, the test folder and the logs all live there.
+TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
+    if (!getenv("KIV_ARCHIVE_FULL_DISK_CHILD")) {
+        if (geteuid() != 0) GTEST_SKIP() << "a private tmpfs needs root";
+        int status = -1;
+        kivtest::runCommand("unshare -m -- true 2>&1", &status);
+        if (status != 0) GTEST_SKIP() << "unshare -m is not allowed here";
+        const std::string self = fs::read_symlink("/proc/self/exe").string();
+        // The binary is opened before the mount: it may itself live under /tmp.
+        const std::string out = kivtest::runCommand(
+            "KIV_ARCHIVE_FULL_DISK_CHILD=1 TMPDIR=/tmp unshare -m -- sh -c 'exec 3<\"$0\" && "
+            "mount --make-rprivate / && mount -t tmpfs -o size=2m,mode=1777 kiv-full /tmp || exit 77; "
+            "exec /proc/self/fd/3 --gtest_filter=*.FullDiskEndsTheArchiveAndNothingIsServed' '" +
+                self + "' 2>&1",
+            &status);
+        if (status == 77) GTEST_SKIP() << "cannot mount a tmpfs: " << out;
+        EXPECT_EQ(status, 0) << out;
+        EXPECT_THAT(out, HasSubstr("[  PASSED  ] 1 test"));
+        return;
+    }
+    auto log = boost::make_shared<CapturingLog>();
+    CBBLog::setLogger(log);
+    const std::string big = dir.file("big.bin"), small = dir.file("small.txt");
+    writeRandomFile(big, 1200 * 1024, 1);  // leaves less than its own size free
+    kivtest::writeFile(small, "small");
+    std::string zip;
+    long long size = 0;
+    // Done within the wait: the request itself fails.
+    const std::string error = thrownBy([&] { createZip({big}, &zip, &size); });
+    EXPECT_THAT(error, HasSubstr("No space left on device"));
+    EXPECT_EQ(archivesInTmp(), 0) << "the partial archive is removed";
+
+    // Pending: answered with the estimate, then failed; a read waiting for it,
+    // and every later read, is refused with the reason.
+    setGate(false);
+    ASSERT_EQ(createZip({big, small}, &zip, &size), 0);
+    EXPECT_EQ(size, estimate({big, small}));
+    std::string fetchError;
+    std::thread fetch([&] { fetchError = thrownBy([&] { getFile(zip); }); });
+    setGate(true);
+    fetch.join();
+    EXPECT_THAT(fetchError, HasSubstr("archive " + zip + " failed: write: No space left on device"));
+    CLocalVariant out;
+    const std::string sizeError = thrownBy([&] {
+        JsonVariant in("[\"ctx\", [\"" + CFileTools::PathToFileBrowserMediumId(zip) + "\"]]");
+        satellite.CabServiceQueryFileSize("QueryFileSize", in.get(), out.ptr());
+    });
+    EXPECT_THAT(sizeError, HasSubstr("No space left on device"));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_EQ(deleteTemp(zip), 0);
+
+    // "ZipLogs" of more than the space left.
+    fs::remove(big);
+    writeRandomFile(CFileTools::GetLogsDirectory() + "/KivRequestProxy.log", 1200 * 1024, 2);
+    const std::string logsError =
+        thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); });
+    EXPECT_THAT(logsError, HasSubstr("ZipLogs: archive /tmp/file"));
+    EXPECT_THAT(logsError, HasSubstr("No space left on device"));
+    EXPECT_EQ(archivesInTmp(), 0);
+    EXPECT_FALSE(fs::exists(ArchiveLeftovers::recordPath().c_str())) << "no archive is left pending";
+    std::lock_guard<std::mutex> lock(log->mutex);
+    EXPECT_THAT(log->errors, HasSubstr("No space left on device; the partial file was removed"));
+    CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+}
+
+TEST_F(ArchiveServicesTest, StopAbandonsArchivesBeingWrittenAtOnce) {
+    // 8 GiB of zeros, sparse: deflating it takes far longer than this test.
+    const std::string huge = dir.file("huge.bin");
+    kivtest::writeFile(huge, "");
+    ASSERT_EQ(truncate(huge.c_str(), 8LL << 30), 0);
+    std::string requestError;
+    std::thread request([&] {
+        std::string zip;
+        long long size = 0;
+        requestError = thrownBy([&] { createZip({huge}, &zip, &size); });
+    });
+    ASSERT_TRUE(eventually([&] {
+        std::error_code ec;
+        return fs::file_size(atGateNow().first, ec) > 0 && !ec;
+    })) << "the archive is being written";
+    const std::string zip = atGateNow().first;
+    const auto start = Clock::now();
+    satellite.abandonArchives();
+    request.join();
+    ArchiveThreads::waitForAll(&satellite);
+    EXPECT_LT(Clock::now() - start, std::chrono::seconds(3));
+    EXPECT_THAT(requestError, HasSubstr("failed: abandoned"));
+    EXPECT_FALSE(fs::exists(zip));
+    EXPECT_NE(thrownBy([&] { getFile(zip); }), "(no exception)") << "an abandoned archive is not served";
+}
+
+TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
+    const std::string small = dir.file("small.txt");
+    kivtest::writeFile(small, "small");
+    // While an archive is being written, the record lists it and is private.
+    setGate(false);
+    std::thread request([&] {
+        std::string zip;
+        long long size = 0;
+        createZip({small}, &zip, &size);
+    });
+    ASSERT_TRUE(eventually([] { return atGateNow().second == 1; }));
+    const std::string writing = atGateNow().first, record = ArchiveLeftovers::recordPath();
+    struct stat st;
+    ASSERT_EQ(stat(record.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_THAT(kivtest::readFile(record), HasSubstr(" " + writing + "\n"));
+
+    // Lines of a process that is gone: its archive, a file since replaced
+    // under the same name, and a file outside the temporary folders.
+    pid_t gone = fork();
+    if (gone == 0) _exit(0);
+    ASSERT_GT(gone, 0);
+    waitpid(gone, nullptr, 0);
+    auto line = [&](const std::string& path, bool sameFile) {
+        struct stat file;
+        EXPECT_EQ(stat(path.c_str(), &file), 0) << path;
+        std::ostringstream text;  // pid, 1, device, inode, owner, path
+        text << gone << " 1 " << file.st_dev << " " << file.st_ino + !sameFile << " " << file.st_uid << " ";
+        return text.str() + path + "\n";
+    };
+    const std::string left = CFileTools::GenerateTempFilePath();
+    const std::string replaced = CFileTools::GenerateTempFilePath();
+    const std::string outside = outsideFolder("archives-leftovers");
+    std::string lines = line(left, true) + line(replaced, false);
+    if (!outside.empty()) {
+        kivtest::writeFile(outside + "/kept.zip", "kept");
+        lines += line(outside + "/kept.zip", true);
+    }
+    std::ofstream(record, std::ios::app) << lines;  // keeps the file's mode
+
+    { KivRequestProxySatellite restarted; }
+    EXPECT_FALSE(fs::exists(left));
+    EXPECT_TRUE(fs::exists(replaced));
+    EXPECT_TRUE(fs::exists(writing)) << "an archive of a running process is not touched";
+    EXPECT_TRUE(outside.empty() || fs::exists(outside + "/kept.zip"));
+    EXPECT_THAT(kivtest::readFile(record), Not(HasSubstr(std::to_string(gone) + " "))) << "its lines dropped";
+    setGate(true);
+    request.join();
+    ArchiveThreads::waitForAll(&satellite);
+    EXPECT_FALSE(fs::exists(record)) << "no archive is left pending";
+    fs::remove(replaced);
+    if (!outside.empty()) fs::remove_all(outside);
+}
+
+// A folder inside the temporary folder is swapped again and again with a
+// link to a folder outside, while "DeleteTempFile" deletes a file in it.
+TEST_F(ArchiveServicesTest, DeleteTempFileRacedByAFolderSwapDeletesNothingOutside) {
+    const std::string outside = outsideFolder("archives-race");
+    if (outside.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
+    const std::string victim = outside + "/victim";
+    kivtest::writeFile(victim, "outside");
+    const std::string folder = dir.file("race/folder"), link = dir.file("race/link");
+    kivtest::writeFile(folder + "/victim", "inside");
+    fs::create_symlink(outside, link);
+    const int real = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // wherever its name goes
+    ASSERT_GE(real, 0);
+    if (renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) != 0)
+        GTEST_SKIP() << "renameat2 RENAME_EXCHANGE is not supported here";
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        while (!stop) renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+    });
+    int insideDeleted = 0, outsideDeleted = 0, calls = 0;
+    for (const auto end = Clock::now() + std::chrono::milliseconds(2500); Clock::now() < end; ++calls) {
+        close(openat(real, "victim", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        struct stat st;
+        if (deleteTemp(folder + "/victim") == 0 && fstatat(real, "victim", &st, 0) != 0) ++insideDeleted;
+        if (access(victim.c_str(), F_OK) != 0) {
+            ++outsideDeleted;
+            kivtest::writeFile(victim, "outside");
+        }
+    }
+    stop = true;
+    swapper.join();
+    close(real);
+    EXPECT_EQ(outsideDeleted, 0) << "of " << calls << " calls";
+    EXPECT_GT(insideDeleted, 0) << "of " << calls << " calls";
+    fs::remove_all(outside);
 }
 
 }  // namespace

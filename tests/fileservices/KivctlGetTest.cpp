@@ -1,10 +1,6 @@
 // kivctl get and zip against the real proxy: chunked download, resume with
 // --continue, output to stdout, usage errors, and what failures leave behind.
-#include <signal.h>
 #include <sys/stat.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "tests/fileservices/TransferFixture.h"
 
@@ -14,35 +10,25 @@ class KivctlGetTest : public TransferTest {
 protected:
     void SetUp() override {
         TransferTest::SetUp();
-        content = patternBytes(100000, 7);
-        path = media.file("remote/clip.bin");
         kivtest::writeFile(path, content);
-        target = media.file("local/clip.bin");
         kivtest::writeFile(target, "");
     }
-    // Runs kivctl get with `options`; returns its exit status, *output its stdout and stderr.
-    int get(const std::string& options, std::string* output = nullptr) { return kivctl("get " + options, output); }
-    int kivctl(const std::string& command, std::string* output = nullptr, const std::string& cwd = "") {
-        std::string cmd = (cwd.empty() ? "" : "cd " + cwd + " && ") + std::string(KIV_BINARY_DIR) + "/bin/kivctl " +
-                          command.substr(0, command.find(' ')) + " --server " + hostPort() +
-                          command.substr(command.find(' ')) + " 2>&1 </dev/null";
-        int status = -1;
-        std::string out = kivtest::runCommand(cmd, &status);
-        if (output) *output = out;
-        return status;
-    }
-    std::string content, path, target;
+    int get(const std::string& options, std::string* out = nullptr) { return kivctl("get " + options, out); }
+    const std::string content = patternBytes(100000, 7), path = media.file("remote/clip.bin");
+    const std::string target = media.file("local/clip.bin");
 };
 
-TEST_F(KivctlGetTest, DownloadsInChunks) {
+TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutput) {
     std::string output;
     ASSERT_EQ(get(path + " -o " + target + " --chunk 7K", &output), 0) << output;
     EXPECT_TRUE(kivtest::readFile(target) == content);
-    EXPECT_NE(output.find("100000 bytes"), std::string::npos) << output;
-    EXPECT_EQ(output.find('\r'), std::string::npos) << "no progress bar when not on a terminal";
+    EXPECT_THAT(output, HasSubstr("100000 bytes"));
+    EXPECT_THAT(output, Not(HasSubstr("\r"))) << "no progress bar when not on a terminal";
     // 100000 bytes in 7168-byte chunks: the last request starts at 13 * 7168.
     EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 93184, maxBytes: 7168"));
-    EXPECT_EQ(proxyLog().find("offset: 100352"), std::string::npos) << "no request past the end";
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("offset: 100352"))) << "no request past the end";
+    ASSERT_EQ(get(path + " -o - --chunk 64K", &output), 0);
+    EXPECT_TRUE(output == content) << "stdout holds exactly the file";
 }
 
 TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
@@ -52,8 +38,7 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
     EXPECT_TRUE(kivtest::readFile(target) == content);
     EXPECT_FALSE(std::filesystem::exists(target + ".part"));
     EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 30000, maxBytes: 4194304"));
-    EXPECT_EQ(proxyLog().find("GetFile " + path + ", offset: 0,"), std::string::npos) << "nothing fetched twice";
-
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + path + ", offset: 0,"))) << "nothing fetched twice";
     // Complete already: nothing to do, still success.
     ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
     EXPECT_TRUE(kivtest::readFile(target) == content);
@@ -63,54 +48,45 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
     EXPECT_EQ(kivtest::readFile(target).size(), content.size() + 5);
 }
 
-TEST_F(KivctlGetTest, StandardOutputAndUsageErrors) {
+TEST_F(KivctlGetTest, UsageErrors) {
+    for (const std::string& options : {path + " --chunk 0", path + " --chunk 5X", path + " --chunk 4G",
+                                       path + " -o - --continue", path + " --bogus", std::string()})
+        EXPECT_EQ(get(options), 64) << options;
     std::string output;
-    ASSERT_EQ(get(path + " -o - --chunk 64K", &output), 0);
-    EXPECT_TRUE(output == content) << "stdout holds exactly the file";
-
-    EXPECT_EQ(get("", &output), 64) << output;
-    EXPECT_EQ(get(path + " --chunk 0"), 64);
-    EXPECT_EQ(get(path + " --chunk 5X"), 64);
-    EXPECT_EQ(get(path + " --chunk 4G"), 64);
-    EXPECT_EQ(get(path + " -o - --continue"), 64);
-    EXPECT_EQ(get(path + " --bogus"), 64);
     EXPECT_EQ(get("--help", &output), 0);
-    EXPECT_NE(output.find("usage: kivctl get"), std::string::npos);
+    EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
 // Run in the source's own folder without -o, get would write over its source;
 // it refuses. An interrupted download keeps FILE.part, which --continue resumes.
 TEST_F(KivctlGetTest, NeverWritesOverItsSourceAndKeepsAnInterruptedPart) {
     std::string output;
-    EXPECT_EQ(kivctl("get " + path, &output, media.file("remote")), 64) << output;
-    EXPECT_NE(output.find("refusing to write over"), std::string::npos) << output;
+    EXPECT_EQ(kivctl("get " + path, &output, "cd " + media.file("remote") + " && "), 64) << output;
+    EXPECT_THAT(output, HasSubstr("refusing to write over"));
     ASSERT_EQ(symlink(path.c_str(), media.file("local/link.bin").c_str()), 0);
     EXPECT_EQ(get(path + " -o " + media.file("local/link.bin")), 64);
     EXPECT_TRUE(kivtest::readFile(path) == content) << "the source is untouched";
 
     const std::string big = media.file("remote/big.bin"), out = media.file("local/big.bin");
-    const std::string bigContent = patternBytes(16 << 20, 3);
-    kivtest::writeFile(big, bigContent);
+    const std::string bigContent = patternBytes(16 << 20, 3), log = media.file("local/log");
     const std::string pidFile = media.file("local/pid"), rcFile = media.file("local/rc");
-    kivtest::runCommand("sh -c '" + std::string(KIV_BINARY_DIR) + "/bin/kivctl get --server " + hostPort() + " " +
-                        big + " -o " + out + " --chunk 4K >" + media.file("local/log") + " 2>&1 & echo $! >" +
-                        pidFile + "; wait $!; echo $? >" + rcFile + "' >/dev/null 2>&1 &");
+    kivtest::writeFile(big, bigContent);
+    kivtest::runCommand("sh -c '" KIV_BINARY_DIR "/bin/kivctl get --server " + hostPort() + " " + big +
+                        " -o " + out + " --chunk 4K >" + log + " 2>&1 & echo $! >" + pidFile + "; wait $!; " +
+                        "echo $? >" + rcFile + "' >/dev/null 2>&1 &");
     struct stat st;
-    bool started = false;
-    for (int i = 0; i < 6000 && !started; ++i) {
-        started = stat((out + ".part").c_str(), &st) == 0 && st.st_size > 0 && !kivtest::readFile(pidFile).empty();
-        if (!started) usleep(10 * 1000);
-    }
-    ASSERT_TRUE(started) << kivtest::readFile(media.file("local/log"));
+    auto started = [&] {
+        return stat((out + ".part").c_str(), &st) == 0 && st.st_size > 0 && kivtest::readFile(pidFile) != "";
+    };
+    for (int i = 0; i < 6000 && !started(); ++i) usleep(10 * 1000);
+    ASSERT_TRUE(started()) << kivtest::readFile(log);
     kill(atoi(kivtest::readFile(pidFile).c_str()), SIGTERM);
     for (int i = 0; i < 6000 && kivtest::readFile(rcFile).empty(); ++i) usleep(10 * 1000);
     EXPECT_EQ(atoi(kivtest::readFile(rcFile).c_str()), 128 + SIGTERM);
-    EXPECT_NE(kivtest::readFile(media.file("local/log")).find("resume with: kivctl get --continue"), std::string::npos)
-        << kivtest::readFile(media.file("local/log"));
+    EXPECT_THAT(kivtest::readFile(log), HasSubstr("resume with: kivctl get --continue"));
     EXPECT_FALSE(std::filesystem::exists(out)) << "only the part file is left";
     ASSERT_TRUE(std::filesystem::exists(out + ".part"));
     ASSERT_LT(std::filesystem::file_size(out + ".part"), bigContent.size());
-
     ASSERT_EQ(get(big + " -o " + out + " --continue", &output), 0) << output;
     EXPECT_TRUE(kivtest::readFile(out) == bigContent);
     EXPECT_FALSE(std::filesystem::exists(out + ".part"));
@@ -120,38 +96,38 @@ TEST_F(KivctlGetTest, NeverWritesOverItsSourceAndKeepsAnInterruptedPart) {
 // names, and a proxy that does not answer.
 TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     kivtest::TempDir out("kivout");
+    const std::string here = "cd " + out.path() + " && ";
     kivtest::writeFile(media.file("remote/sub/clip.bin"), "other");
     const std::string none = media.file("remote/none.bin"), folder = media.file("remote");
-    struct Case {
+    const std::string x = " -o " + out.file("x"), zip = " -o " + out.file("z.zip");
+    const struct {
         std::string command;
         int exit;
         std::string says;
-    };
-    const std::vector<Case> cases = {
-        {"get " + none + " -o " + out.file("x"), 1, "no such file"},
-        {"get " + folder + " -o " + out.file("x"), 1, "a folder"},
+    } cases[] = {
+        {"get " + none + x, 1, "no such file"},
+        {"get " + folder + x, 1, "a folder"},
         {"get " + none, 1, "no such file"},
-        {"zip " + none + " " + media.file("remote/none2.bin") + " -o " + out.file("z.zip"), 1,
-         "none2.bin: no such file"},
-        {"zip " + folder + " -o " + out.file("z.zip"), 1, "a folder"},
-        {"zip " + path + " " + media.file("remote/sub/clip.bin") + " -o " + out.file("z.zip"), 64, "both be the entry"},
+        {"zip " + none + " " + media.file("remote/none2.bin") + zip, 1, "none2.bin: no such file"},
+        {"zip " + folder + zip, 1, "a folder"},
+        {"zip " + path + " " + media.file("remote/sub/clip.bin") + zip, 64, "both be the entry"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.command);
         std::string output;
-        EXPECT_EQ(kivctl(c.command, &output, out.path()), c.exit) << c.command << "\n" << output;
-        EXPECT_NE(output.find(c.says), std::string::npos) << c.command << "\n" << output;
-        EXPECT_TRUE(std::filesystem::is_empty(out.path())) << c.command << " left a file";
+        EXPECT_EQ(kivctl(c.command, &output, here), c.exit) << output;
+        EXPECT_THAT(output, HasSubstr(c.says));
+        EXPECT_TRUE(std::filesystem::is_empty(out.path())) << "a file is left";
     }
     // A good archive, with --chunk given as for get.
     std::string output;
-    ASSERT_EQ(kivctl("zip " + path + " -o " + out.file("z.zip") + " --chunk 1K", &output), 0) << output;
+    ASSERT_EQ(kivctl("zip " + path + zip + " --chunk 1K", &output), 0) << output;
     EXPECT_FALSE(std::filesystem::exists(out.file("z.zip.part")));
     std::filesystem::remove(out.file("z.zip"));
-
     // The directory answers, the proxy does not.
-    ASSERT_EQ(stopProxy(SIGTERM), 0);
-    EXPECT_EQ(kivctl("get " + path + " -o " + out.file("x"), &output, out.path()), 2) << output;
-    EXPECT_EQ(kivctl("zip " + path + " -o " + out.file("z.zip"), &output, out.path()), 2) << output;
+    ASSERT_EQ(stopProxy(), 0);
+    EXPECT_EQ(kivctl("get " + path + x, &output, here), 2) << output;
+    EXPECT_EQ(kivctl("zip " + path + zip, &output, here), 2) << output;
     EXPECT_TRUE(std::filesystem::is_empty(out.path()));
 }
 

@@ -3,44 +3,85 @@
 // folder), plus a client. Media files live in `media`.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
+#include <unistd.h>
 
 #include "tests/proxy/ProxyFixture.h"
-#include "tests/support/TempDir.h"
+#include "variant/VUtil.h"
 
 class TransferTest : public ProxyTest {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ProxyTest::SetUp();
+        if (HasFatalFailure()) return;
+        if (maxPayload() > 0) {
+            ownServer.reset(new kivtest::NatsServer(maxPayload()));
+            ASSERT_TRUE(ownServer->start()) << ownServer->error();
+            ASSERT_TRUE(setting("cabDirectory.port", ownServer->port()));
+            client.reset(new CabClient);
+            ASSERT_EQ(client->Connect(ownServer->hostPort().c_str(), "TransferTestClient"), 0);
+        }
+        ASSERT_TRUE(startProxy()) << proxyOutput();
+    }
+    void TearDown() override {
+        stopCatalog();
+        ProxyTest::TearDown();
+        ownServer.reset();
+    }
     // Non-zero: the proxy and the client use a directory of their own with this
     // message size limit (big transfers then travel in fewer parts).
     virtual int maxPayload() const { return 0; }
-    // "127.0.0.1:PORT" of the directory in use.
-    std::string hostPort() const;
+    std::string hostPort() const override { return ownServer ? ownServer->hostPort() : server.hostPort(); }
 
-    // Starts kiv-media-catalog with `catalogJson`; waits for its "ready" line.
-    bool startCatalog(const std::string& catalogJson);
-    void stopCatalog();
+    // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
+    bool startCatalog(const std::string& catalogJson) {
+        const std::string out = media.file("catalog.out");
+        kivtest::writeFile(media.file("catalog.json"), catalogJson);
+        catalogPid = std::stoi(kivtest::runCommand(KIV_BINARY_DIR "/bin/kiv-media-catalog --catalog " +
+                                                   media.file("catalog.json") + " --root " + media.path() +
+                                                   " --server " + hostPort() + " >" + out + " 2>&1 & echo $!"));
+        for (int i = 0; i < 3000 && kill(catalogPid, 0) == 0; ++i, usleep(20000))  // a safety net of 60 s
+            if (kivtest::readFile(out).find("ready\n") != std::string::npos) return true;
+        return false;
+    }
+    void stopCatalog() {
+        if (catalogPid > 0) kill(catalogPid, SIGTERM);
+        catalogPid = -1;
+    }
 
-    // "GetFile" with the given in-array; *bytes gets the block's contents.
-    int getFile(const tagVARIANT& in, std::string* bytes);
-    // [path] or [path, offset, max] with both counts of variant type `vt`.
-    int getFile(const std::string& path, std::string* bytes);
-    int getFile(const std::string& path, VARTYPE vt, long long offset, long long max, std::string* bytes);
-    // "QueryFileSize" of [medium, items]; *count and *total from the answer.
-    int queryFileSize(const std::string& medium, const std::vector<std::string>& items, int* count,
-                      long long* total);
-    std::string proxyLog() const;
-    // Waits until the proxy's log holds `text` (the logger writes on its own thread).
-    bool waitForLog(const std::string& text);
+    // "GetFile" of the JSON in-array; *bytes gets the block.
+    int getFile(const std::string& in, std::string* bytes) {
+        CLocalVariant out;
+        const int status = call("GetFile", in, out.ptr());
+        *bytes = bytesOf(out.get());
+        EXPECT_TRUE(status != 0 || out.vt() == (VT_ARRAY | VT_UI1)) << out.vt();
+        return status;
+    }
+    // [path, offset, max] with both counts of variant type `type` ("I4", "UI8", ...).
+    int getFile(const std::string& path, const std::string& type, long long offset, long long max,
+                std::string* bytes) {
+        return getFile("[\"" + path + "\"," + typed(type, offset) + "," + typed(type, max) + "]", bytes);
+    }
+    // The JSON of the "QueryFileSize" answer to [medium, items], or "status N".
+    std::string querySizes(const std::string& medium, const std::vector<std::string>& items) {
+        CLocalVariant out;
+        const int status = call("QueryFileSize", nlohmann::json::array({medium, items}).dump(), out.ptr());
+        return status == 0 ? json(out.get()) : "status " + std::to_string(status);
+    }
 
     std::unique_ptr<kivtest::NatsServer> ownServer;
     kivtest::TempDir media{"kivmedia"};
     pid_t catalogPid = -1;
-    int catalogOut = -1;
 };
 
 // A deterministic pseudo-random byte string.
-std::string patternBytes(size_t size, unsigned pattern);
+inline std::string patternBytes(size_t size, unsigned pattern) {
+    std::string s(size, '\0');
+    uint64_t x = 0x9E3779B97F4A7C15ull ^ pattern;
+    for (char& c : s) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        c = static_cast<char>(x);
+    }
+    return s;
+}

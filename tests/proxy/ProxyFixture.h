@@ -1,46 +1,100 @@
 // A real nats-server, the real KivRequestProxy executable connected to it, an
 // echo satellite "EchoA" and a client, all inside the test's KIV_ROOT and
-// settings folder.
+// settings folder. Shared by the proxy, transfer and archive tests.
 #pragma once
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
+#include <signal.h>
 
+#include <chrono>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
+#include <thread>
 
 #include "cab/CabSatellite.h"
+#include "host/CRegistry.h"
+#include "tests/proxy/JsonVariant.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/ProxyProcess.h"
+#include "tests/support/TempDir.h"
 #include "tools/cab-echo/EchoSatellite.h"
-#include "variant/CLocalVariant.h"
+
+inline const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
+
+template <class T>
+bool setting(const char* name, const T& value, const char* key = kConfigKey) {
+    return CRegistry::getInstance()->WriteSettingImpl(key, name, value);
+}
 
 class ProxyTest : public testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    void SetUp() override {
+        ASSERT_TRUE(server.start()) << server.error();
+        ASSERT_TRUE(setting("cabDirectory.host", CStdStr("127.0.0.1")));
+        ASSERT_TRUE(setting("cabDirectory.port", server.port()));
+        ASSERT_TRUE(setting("LogLevel", 4, "Software\\Kiv Foundry\\Kiv"));
+        echo.reset(new EchoSatellite);
+        ASSERT_EQ(echo->Connect(server.hostPort().c_str(), "EchoA"), 0);
+        client.reset(new CabClient);
+        client->setRequestTimeoutMs(60000);  // a lost request fails the test in a minute, not five
+        ASSERT_EQ(client->Connect(server.hostPort().c_str(), "ProxyTestClient"), 0);
+        std::error_code ec;
+        std::filesystem::create_directories(root, ec);
+    }
+    void TearDown() override {
+        proxy.stop(SIGKILL);
+        client.reset();
+        echo.reset();
+    }
 
-    // Starts the proxy with extra environment variables (an empty value unsets one).
-    pid_t startProxy(const std::map<std::string, std::string>& env = {});
-    // Waits until "VorpaMediaProxy" answers; false after the safety time-out.
-    bool waitUntilServing();
-    // Sends `signal`, waits for the process and returns its exit status (-1 when killed).
-    int stopProxy(int signal);
-    // Waits for the proxy to end by itself; its exit status, or -1 when killed by a signal.
-    int waitProxy();
-    // Request to the proxy; returns the service's status (or the library's code).
-    int call(const char* service, const tagVARIANT& in, tagVARIANT* out);
-    int call(const char* service, const std::string& jsonIn, tagVARIANT* out);
-    std::string proxyOutput() const;
-    std::string logsFolder() const;
+    // "127.0.0.1:PORT" of the directory the proxy uses.
+    virtual std::string hostPort() const { return server.hostPort(); }
+    // Starts the proxy (an empty value unsets a variable) and waits until it serves.
+    bool startProxy(const std::map<std::string, std::string>& env = {}) {
+        return proxy.start(env, root + "/proxy.out") && proxy.waitUntilServing(*client);
+    }
+    int stopProxy(int signal = SIGTERM) { return proxy.stop(signal); }
+    // Request to the proxy; the service's status or the library's code.
+    int call(const char* service, const tagVARIANT& in, tagVARIANT* out) {
+        CLocalVariant rc;
+        client->Request("VorpaMediaProxy", service, in, out, 0, rc.ptr());
+        return CabRetcode(rc.get());
+    }
+    int call(const char* service, const std::string& jsonIn, tagVARIANT* out) {
+        return call(service, JsonVariant(jsonIn).get(), out);
+    }
+    // kivctl VERB --server DIRECTORY REST, both outputs to *output; its exit status.
+    int kivctl(const std::string& command, std::string* output = nullptr, const std::string& prefix = "") {
+        const size_t verb = std::min(command.find(' '), command.size());
+        int status = -1;
+        const std::string line = prefix + KIV_BINARY_DIR "/bin/kivctl " + command.substr(0, verb) +
+                                 " --server " + hostPort() + command.substr(verb) + " 2>&1 </dev/null";
+        const std::string out = kivtest::runCommand(line, &status);
+        if (output) *output = out;
+        return status;
+    }
+    std::string proxyOutput() const { return kivtest::readFile(root + "/proxy.out"); }
+    std::string logsFolder() const { return root + "/Library/Logs/KivFoundry"; }
+    // The proxy's log, its rotated part first (the binary's tests share it).
+    std::string proxyLog() const {
+        const std::string log = logsFolder() + "/KivRequestProxy.log";
+        return kivtest::readFile(log + ".back") + kivtest::readFile(log);
+    }
+    // Waits until the log holds `text` (the logger writes on its own thread).
+    bool waitForLog(const std::string& text) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (proxyLog().find(text) == std::string::npos) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        return true;
+    }
 
+    const std::string root = getenv("KIV_ROOT");
     kivtest::NatsServer server{64 * 1024};
     std::unique_ptr<EchoSatellite> echo;
     std::unique_ptr<CabClient> client;
     kivtest::ProxyProcess proxy;
-    std::string outputPath;
 };
-
-// JSON text of a variant, for compact assertions.
-std::string json(const tagVARIANT& v);

@@ -1,181 +1,171 @@
-// The version report and the diagnostic services of the running process.
-#include <signal.h>
-#include <sys/stat.h>
+// The real process: start and stop, the service table it publishes, the
+// version report and the diagnostic services.
+#include <nlohmann/json.hpp>
 
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <map>
-#include <string>
-#include <thread>
-
-#include "host/CRegistry.h"
 #include "satellite/TimeZoneName.h"
 #include "tests/proxy/ProxyFixture.h"
-#include "tests/support/TempDir.h"
-#include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
+// The eleven services in order with their descriptions; SIGTERM and SIGINT end the proxy with status 0.
+TEST_F(ProxyTest, PublishesItsServicesAndSigtermAndSigintEndItWithStatusZero) {
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    std::vector<std::string> replies;
+    ASSERT_EQ(client->Discover("INFO", "VorpaMediaProxy", 3000, &replies), 0);
+    ASSERT_EQ(replies.size(), 1u);
+    nlohmann::json info = nlohmann::json::parse(replies[0]);
+    EXPECT_EQ(info["name"], "VorpaMediaProxy");
+    const std::vector<std::pair<std::string, std::string>> expected = {{"QueryFileSize", "Get file size"},
+        {"GetFile", "Download a file"}, {"my-KIV_GetVersion", "Get Kiv version"}, {"my-KIV_TailLog", ""},
+        {"MultiRequest", ""}, {"CreateZip", ""}, {"DeleteTempFile", ""}, {"GetKivDataFolder", ""},
+        {"GetKivConfig", ""}, {"GenerateCrash", ""},
+        {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"}};
+    ASSERT_EQ(info["endpoints"].size(), expected.size()) << info.dump(2);
+    for (size_t i = 0; i < expected.size(); ++i) {
+        SCOPED_TRACE(expected[i].first);
+        EXPECT_EQ(info["endpoints"][i]["name"], expected[i].first);
+        EXPECT_EQ(info["endpoints"][i]["metadata"]["description"], expected[i].second);
+        EXPECT_EQ(info["endpoints"][i]["subject"], "cab.VorpaMediaProxy." + expected[i].first);
+    }
+    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_THAT(proxyOutput(), HasSubstr("[INFO ] - Starting"));
+    EXPECT_THAT(proxyOutput(), HasSubstr("Register returned 0x0"));
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    EXPECT_EQ(stopProxy(SIGINT), 0);
+    // The log holds what the writer thread drained before the exit.
+    EXPECT_THAT(proxyLog(), HasSubstr("~KivModuleBase KivRequestProxy"));
+}
+
+TEST_F(ProxyTest, FailingRegisterIsLoggedAndExitsWithStatusZero) {
+    server.stop();  // no directory at the configured port
+    ASSERT_TRUE(proxy.start({}, root + "/proxy.out"));
+    EXPECT_EQ(proxy.wait(), 0);
+    EXPECT_THAT(proxyOutput(), HasSubstr("Register returned 0x"));
+    EXPECT_THAT(proxyOutput(), Not(HasSubstr("Register returned 0x0\n")));
+}
+
+TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
+    ASSERT_TRUE(setting("cabDirectory.shutdownGraceMs", 1000));
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    int status = 0;
+    std::thread requester([&] {
+        CLocalVariant out;
+        status = call("MultiRequest", R"([["EchoA", "Sleep", 20000]])", out.ptr());
+    });
+    // The sub-request is on its way once the proxy logs it.
+    for (int i = 0; i < 3000 && proxyOutput().find("Request Sleep...") == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "a grace of 1 s + 2 s";
+    requester.join();
+    EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
+}
+
 TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTz) {
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "Version", CStdStr("7.1.2")));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
-                                                            "kiv.streaming.performanceIndex", CStdStr("42")));
-    startProxy({{"TZ", ":Europe/Paris"}});
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-    CLocalVariant out;
-    time_t before = time(nullptr);
+    ASSERT_TRUE(setting("Version", CStdStr("7.1.2"), "Software\\Kiv Foundry\\Kiv"));
+    ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr("42")));
+    ASSERT_TRUE(startProxy({{"TZ", ":Europe/Paris"}})) << proxyOutput();
+    CLocalVariant out, noTz, zone;
+    const time_t before = time(nullptr);
     ASSERT_EQ(call("my-KIV_GetVersion", "null", out.ptr()), 0);
     ASSERT_EQ(VUtil::GetArrayLength(out.get()), 6);
-    CLocalVariant first;
-    VUtil::GetElement(out.get(), 0, first.get());
-    EXPECT_EQ(first.vt(), VT_EMPTY);
-    EXPECT_EQ(VUtil::GetStringElement(out.get(), 1), "7.1.2");
-    long when = VUtil::GetDateElement(out.get(), 2);
-    EXPECT_LE(std::labs(when - static_cast<long>(before)), 5);
-    EXPECT_EQ(VUtil::GetStringElement(out.get(), 3), ":Europe/Paris");  // exactly as set
-    EXPECT_EQ(VUtil::GetStringElement(out.get(), 4), "42");
-    EXPECT_EQ(VUtil::GetStringElement(out.get(), 5), "linux");
-    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_LE(std::labs(VUtil::GetDateElement(out.get(), 2) - static_cast<long>(before)), 5);
+    VUtil::PutElement(out.get(), 2, 0);  // the date is checked: the rest as JSON; the zone exactly as set
+    EXPECT_EQ(json(out.get()), R"([null,"7.1.2",0,":Europe/Paris","42","linux"])");
+    EXPECT_EQ(stopProxy(), 0);
 
     // Without TZ the machine's own sources answer, as this process finds them.
-    startProxy({{"TZ", ""}});
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-    CLocalVariant out2;
-    ASSERT_EQ(call("my-KIV_GetVersion", "null", out2.ptr()), 0);
-    TimeZoneSources noTz;
-    noTz.tzVariable = "KIV_TEST_NO_SUCH_VARIABLE";
-    CStdStr zone = FindTimeZoneName(noTz);
-    CLocalVariant third;
-    VUtil::GetElement(out2.get(), 3, third.get());
-    if (zone.empty())
-        EXPECT_EQ(third.vt(), VT_EMPTY);
-    else
-        EXPECT_EQ(VUtil::GetStringElement(out2.get(), 3), zone);
-    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    ASSERT_TRUE(startProxy({{"TZ", ""}})) << proxyOutput();
+    ASSERT_EQ(call("my-KIV_GetVersion", "null", noTz.ptr()), 0);
+    TimeZoneSources sources;
+    sources.tzVariable = "KIV_TEST_NO_SUCH_VARIABLE";
+    const CStdStr expected = FindTimeZoneName(sources);
+    VUtil::GetElement(noTz.get(), 3, zone.get());
+    EXPECT_EQ(json(zone.get()), expected.empty() ? "null" : nlohmann::json(std::string(expected)).dump());
 }
 
 TEST_F(ProxyTest, TailReturnsTheLastBytesCappedAndMissingFilesAre404) {
     kivtest::TempDir dir;
-    kivtest::writeFile(dir.file("small.txt"), "abcd");
-    std::string big(5000100, 'x');
-    big.replace(big.size() - 5, 5, "TAIL!");
-    kivtest::writeFile(dir.file("big.txt"), big);
-    startProxy();
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-
-    CLocalVariant a;
-    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("small.txt") + "\", 10]", a.ptr()), 0);
+    const std::string small = dir.file("small.txt"), big = dir.file("big.txt");
+    kivtest::writeFile(small, "abcd");
+    kivtest::writeFile(big, std::string(5000095, 'x') + "TAIL!");
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    CLocalVariant a, b, missing;
+    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + small + "\", 10]", a.ptr()), 0);
     EXPECT_EQ(json(a.get()), "[4,4,\"abcd\"]");
-
-    CLocalVariant b;
-    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("small.txt") + "\", 2]", b.ptr()), 0);
+    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + small + "\", 2]", b.ptr()), 0);
     EXPECT_EQ(json(b.get()), "[4,2,\"cd\"]");
-
-    for (const char* count : {"-1", "6000000"}) {
+    for (const char* count : {"-1", "6000000"}) {  // at most 5000000 bytes
         CLocalVariant c;
-        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("big.txt") + "\", " + count + "]", c.ptr()), 0);
-        EXPECT_EQ(VUtil::GetIntElement(c.get(), 0), 5000100) << count;
-        EXPECT_EQ(VUtil::GetIntElement(c.get(), 1), 5000000) << count;
-        CStdStr text = VUtil::GetStringElement(c.get(), 2);
-        EXPECT_EQ(text.size(), 5000000u) << count;
-        EXPECT_TRUE(text.EndsWith("TAIL!")) << count;
+        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + big + "\", " + count + "]", c.ptr()), 0);
+        EXPECT_EQ(json(c.get()), "[5000100,5000000,\"" + std::string(4999995, 'x') + "TAIL!\"]") << count;
     }
-
-    CLocalVariant d;
-    EXPECT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("missing.txt") + "\", 10]", d.ptr()), 404);
-    EXPECT_EQ(d.vt(), VT_EMPTY);
-    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("missing.txt") + "\", 10]", missing.ptr()), 404);
+    EXPECT_EQ(missing.vt(), VT_EMPTY);
 }
 
 TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThrows) {
-    const char* key = "Software\\Kiv Foundry\\Kiv\\Config";
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "zeta", CStdStr("last")));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "alpha", CStdStr("first")));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "app.fileBrowser.enabled", CStdStr("true")));
-    // Credentials by the end of their name, in any case; near misses are shown.
+    // Credentials by the end of their name, in any case; a near miss is shown.
     const std::map<std::string, std::string> secrets = {{"mail.apiToken", "Secret-1"},
-                                                        {"mail.ADMINPASSWORD", "Secret-2"},
-                                                        {"backup.nkeySeed", "Secret-3"},
-                                                        {"backup.nkeyseedfile", "Secret-4"}};
-    for (const auto& s : secrets) ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, s.first, CStdStr(s.second)));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(key, "mail.tokenLimit", CStdStr("7x")));
-    startProxy();
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-    CLocalVariant out;
+        {"mail.ADMINPASSWORD", "Secret-2"},
+        {"backup.nkeySeed", "Secret-3"}, {"backup.nkeyseedfile", "Secret-4"}};
+    for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
+    for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    CLocalVariant out, folder, none;
     ASSERT_EQ(call("GetKivConfig", "null", out.ptr()), 0);
-    int n = VUtil::GetArrayLength(out.get());
-    ASSERT_GE(n, 10);  // the eight above plus cabDirectory.host and .port
-    CStdStr previous;
+    ASSERT_GE(VUtil::GetArrayLength(out.get()), 9);  // the seven above plus cabDirectory.host and .port
     std::map<std::string, std::string> shown;
-    for (int i = 0; i < n; ++i) {
+    for (int i = 0; i < VUtil::GetArrayLength(out.get()); ++i) {
         CLocalVariant pair;
         VUtil::GetElement(out.get(), i, pair.get());
         ASSERT_EQ(pair.vt(), VT_ARRAY | VT_BSTR);
-        CStdStr name, value;
-        VUtil::GetElement(pair.get(), 0, name);
-        VUtil::GetElement(pair.get(), 1, value);
-        EXPECT_LT(previous, name);
-        previous = name;
-        shown[name] = value;
+        const std::string name = VUtil::GetStringElement(pair.get(), 0);
+        EXPECT_TRUE(shown.empty() || shown.rbegin()->first < name) << name << " is out of order";
+        shown[name] = VUtil::GetStringElement(pair.get(), 1);
     }
-    EXPECT_EQ(shown.begin()->first, "alpha");
-    EXPECT_EQ(shown.begin()->second, "first");
-    EXPECT_EQ(shown["mail.tokenLimit"], "7x");
+    EXPECT_EQ(*shown.begin(), (std::pair<const std::string, std::string>("alpha", "alpha")));
+    EXPECT_EQ(shown["mail.tokenLimit"], "mail.tokenLimit");
     for (const auto& s : secrets) EXPECT_EQ(shown[s.first], "********") << s.first;
 
-    CLocalVariant folder;
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
-    ASSERT_EQ(folder.vt(), VT_BSTR);
-    std::string expected = std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry";
-    EXPECT_EQ(std::string(folder.get().bstrVal), expected);
-    struct stat st;
-    ASSERT_EQ(stat(expected.c_str(), &st), 0);
-    EXPECT_TRUE(S_ISDIR(st.st_mode));
+    const std::string data = root + "/Library/KivFoundry";
+    EXPECT_EQ(json(folder.get()), "\"" + data + "\"");
+    EXPECT_TRUE(std::filesystem::is_directory(data));
     // A data folder that cannot be made reaches the caller as the handler's exception, with its text.
-    std::filesystem::rename(expected, expected + ".away");
-    std::filesystem::create_symlink(expected + ".nowhere/x", expected);
-    CLocalVariant none;
+    std::filesystem::rename(data, data + ".away");
+    std::filesystem::create_symlink(data + ".nowhere/x", data);
     EXPECT_EQ(call("GetKivDataFolder", "null", none.ptr()), CAB_E_HANDLER_EXCEPTION);
-    EXPECT_NE(CabGetLastError().find("Failed to create Kiv data folder"), std::string::npos) << CabGetLastError();
-    std::filesystem::remove(expected);  // the binary's later tests share this root
-    std::filesystem::rename(expected + ".away", expected);
-    EXPECT_EQ(stopProxy(SIGTERM), 0);
+    EXPECT_THAT(CabGetLastError(), HasSubstr("Failed to create Kiv data folder"));
+    std::filesystem::remove(data);  // the binary's later tests share this root
+    std::filesystem::rename(data + ".away", data);
+    EXPECT_EQ(stopProxy(), 0);
     // No credential reached the proxy's output or its log.
-    std::string logged = proxyOutput() + kivtest::readFile(logsFolder() + "/KivRequestProxy.log");
-    for (const auto& s : secrets) EXPECT_EQ(logged.find(s.second), std::string::npos) << s.first;
+    for (const auto& s : secrets) EXPECT_THAT(proxyOutput() + proxyLog(), Not(HasSubstr(s.second)));
 }
 
 TEST_F(ProxyTest, GenerateCrashEndsTheProcessThroughTheCrashHandler) {
-    startProxy();
-    ASSERT_TRUE(waitUntilServing()) << proxyOutput();
-    // The request never gets an answer; a short-lived client sends it so the
-    // test does not wait for the request time-out.
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    // The request never gets an answer: a short-lived client sends it.
     std::thread sender([this] {
         CabClient c;
         c.setRequestTimeoutMs(2000);
-        if (c.Connect(server.hostPort().c_str(), "CrashSender") != 0) return;
-        CLocalVariant in, out, rc;
-        in.get().vt = VT_I4;
-        in.get().lVal = 7;
-        c.Request("VorpaMediaProxy", "GenerateCrash", in.get(), out.ptr(), 0, rc.ptr());
+        CLocalVariant out, rc;
+        if (c.Connect(server.hostPort().c_str(), "CrashSender") == 0)
+            c.Request("VorpaMediaProxy", "GenerateCrash", JsonVariant("7").get(), out.ptr(), 0, rc.ptr());
     });
-    int status = waitProxy();
+    EXPECT_EQ(proxy.wait(), 0) << proxyOutput();
     sender.join();
-    EXPECT_EQ(status, 0) << proxyOutput();
-    std::string errors = kivtest::readFile(logsFolder() + "/errors.log");
-    EXPECT_NE(errors.find("crash of KivRequestProxy. minidump generated as "), std::string::npos) << errors;
-
+    EXPECT_THAT(kivtest::readFile(logsFolder() + "/errors.log"),
+                HasSubstr("crash of KivRequestProxy. minidump generated as "));
     // The reporter beside the executable filed the dump with a summary.
-    std::string reports = std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry/CrashReports";
-    int dumps = 0, summaries = 0;
+    std::map<std::string, int> filed;
     std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(reports, ec)) {
-        if (e.path().extension() == ".dmp") ++dumps;
+    for (const auto& e : std::filesystem::directory_iterator(root + "/Library/KivFoundry/CrashReports", ec)) {
+        ++filed[e.path().extension()];
         if (e.path().extension() == ".json") {
-            ++summaries;
-            EXPECT_NE(kivtest::readFile(e.path().string()).find("KivRequestProxy"), std::string::npos);
+            EXPECT_THAT(kivtest::readFile(e.path().string()), HasSubstr("KivRequestProxy"));
         }
     }
-    EXPECT_EQ(dumps, 1) << reports;
-    EXPECT_EQ(summaries, 1) << reports;
+    EXPECT_EQ(filed, (std::map<std::string, int>{{".dmp", 1}, {".json", 1}}));
 }

@@ -1,0 +1,351 @@
+// "GetFile" and "QueryFileSize" through the real proxy: slices with each
+// integer type, offsets past the end and beyond 4 GiB, wrong types, a large
+// file whole and in chunks, answers nobody takes, and sizes of file-browser
+// and catalog ids.
+#include <nats/nats.h>
+#include <sys/resource.h>
+
+#include <atomic>
+#include <cstring>
+
+#include "cab/Cab1.h"
+#include "files/CFileTools.h"
+#include "satellite/KivRequestProxySatellite.h"
+#include "tests/fileservices/TransferFixture.h"
+#include "tests/support/ProcStatus.h"
+#include "tests/support/Sanitizers.h"
+
+namespace {
+
+class GetFileTest : public TransferTest {
+protected:
+    void SetUp() override {
+        TransferTest::SetUp();
+        kivtest::writeFile(path, content);
+    }
+    const std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
+};
+
+// Each (offset, maximum) pair with the count types it is given in: the block
+// is that slice of the file. A maximum of 0 or below means to the end, a
+// negative offset starts at 0, offsets past the end give an empty block, and
+// the log line shows the counts as converted. Other count types are refused.
+TEST_F(GetFileTest, SlicesWithEachIntegerTypeAndNoOtherType) {
+    std::string got;
+    ASSERT_EQ(getFile("[\"" + path + "\"]", &got), 0);  // only a path: the whole file
+    EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
+    const std::vector<std::string> all = {"I4", "UI4", "I8", "UI8"}, signedOnes = {"I4", "I8"};
+    const struct {
+        std::vector<std::string> types;
+        long long offset, max;
+        size_t from, length;
+    } cases[] = {
+        {all, 0, 0, 0, 100000},           {all, 12345, 100, 12345, 100},
+        {all, 99990, 100, 99990, 10},     {signedOnes, 500, -1, 500, 99500},
+        {signedOnes, -20, 10, 0, 10},     {{"I8"}, 100000, 10, 0, 0},
+        {{"UI8"}, 1ll << 40, 0, 0, 0},    {{"UI4"}, 0xFFFFFFFFll, 0xFFFFFFFFll, 0, 0},
+    };
+    for (const auto& c : cases)
+        for (const std::string& type : c.types) {
+            SCOPED_TRACE(type + " " + std::to_string(c.offset) + " " + std::to_string(c.max));
+            ASSERT_EQ(getFile(path, type, c.offset, c.max, &got), 0);
+            EXPECT_TRUE(got == content.substr(c.from, c.length)) << got.size() << " bytes";
+        }
+    for (const std::string& empty : {media.file("no/such/file"), media.path()}) {  // a missing file, a folder
+        ASSERT_EQ(getFile("[\"" + empty + "\"]", &got), 0) << empty;
+        EXPECT_TRUE(got.empty()) << empty;
+    }
+    ASSERT_EQ(getFile(path, "I8", -7, 25, &got), 0);
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));
+    ASSERT_EQ(getFile(path, "UI8", 77, 0, &got), 0);
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 77, maxBytes: 0"));
+
+    const std::pair<std::string, std::string> wrong[] = {{"\"10\", 10", "Invalid offset type"},
+        {"10, 2.5", "Invalid maxLength type"}, {typed("I2", 1) + ", 10", "Invalid offset type"}};
+    for (const auto& [counts, text] : wrong) {
+        EXPECT_EQ(getFile("[\"" + path + "\", " + counts + "]", &got), CAB_E_HANDLER_EXCEPTION) << counts;
+        EXPECT_THAT(CabGetLastError(), HasSubstr(text));
+    }
+    ASSERT_EQ(getFile(path, "I4", 1, 2, &got), 0) << "the proxy goes on serving";
+    EXPECT_TRUE(got == content.substr(1, 2));
+}
+
+TEST_F(GetFileTest, OffsetsBeyondFourGiB) {
+    // A sparse 4 GiB + 64 file with 16 known bytes past the 32-bit range.
+    const std::string sparse = media.file("sparse.bin");
+    const long long at = (4ll << 30) + 32;
+    kivtest::writeFile(sparse, "");
+    ASSERT_EQ(truncate(sparse.c_str(), (4ll << 30) + 64), 0);
+    kivtest::runCommand("printf 0123456789abcdef | dd of=" + sparse + " bs=1 seek=" + std::to_string(at) +
+                        " conv=notrunc 2>/dev/null");
+    std::string got;
+    for (const char* type : {"I8", "UI8"}) {
+        ASSERT_EQ(getFile(sparse, type, at, 16, &got), 0);
+        EXPECT_EQ(got, "0123456789abcdef");
+        ASSERT_EQ(getFile(sparse, type, at + 8, 0, &got), 0);
+        EXPECT_EQ(got, std::string("89abcdef") + std::string(16, '\0'));
+    }
+}
+
+// In process: a chunk that cannot be allocated answers status 8 and leaves out
+// untouched. The handler runs in a child process whose address space is
+// limited, so that the allocation of a chunk near 4 GiB fails.
+TEST(GetFileMemoryTest, AnUnallocatableChunkAnswersEightAndLeavesOutAlone) {
+#ifdef KIV_SANITIZED
+    GTEST_SKIP() << "the sanitizers' shadow memory needs an unlimited address space";
+#else
+    kivtest::TempDir dir("kivgetmem");
+    const std::string path = dir.file("huge.sparse");
+    kivtest::writeFile(path, "");
+    ASSERT_EQ(truncate(path.c_str(), 5ll << 30), 0);  // 5 GiB, no blocks on disk
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        KivRequestProxySatellite satellite;
+        JsonVariant in("[\"" + path + "\"]");
+        CLocalVariant out;
+        out.get().vt = VT_I4;
+        out.get().lVal = 99;
+        struct rlimit limit = {1ull << 30, 1ull << 30};  // far below the 4 GiB chunk
+        if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(100);
+        const int rc = satellite.CabServiceGetFile("GetFile", in.get(), out.ptr());
+        _exit(out.vt() != VT_I4 || out.get().lVal != 99 ? 101 : rc);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 8);
+#endif
+}
+
+// 1 GiB whole and in 4 MiB chunks (64 MiB under the sanitizers, which make
+// every byte many times slower), compared with what was written.
+class LargeFileTest : public TransferTest {
+protected:
+    int maxPayload() const override { return 8 << 20; }
+};
+
+TEST_F(LargeFileTest, FetchedWholeAndInChunks) {
+#ifdef KIV_SANITIZED
+    const long long kSize = 64ll << 20;
+#else
+    const long long kSize = 1ll << 30;
+#endif
+    const long long kChunk = 4ll << 20;
+    const std::string block = patternBytes(kChunk + 4096, 5), path = media.file("large.bin");
+    FILE* f = fopen(path.c_str(), "wb");  // chunk i is the block from byte i % 4096 on
+    ASSERT_NE(f, nullptr);
+    for (long long i = 0; i < kSize / kChunk; ++i)
+        ASSERT_EQ(fwrite(&block[i % 4096], 1, kChunk, f), (size_t)kChunk);
+    fclose(f);
+    // Compares each 4 MiB of an answer that starts at `offset` with what was written.
+    auto matches = [&](const CLocalVariant& out, long long offset, long long size) {
+        if (out.vt() != (VT_ARRAY | VT_UI1) || out.get().parray->rgsabound[0].cElements != size) return false;
+        const char* data = static_cast<const char*>(out.get().parray->pvData);
+        for (long long at = 0; at < size; at += kChunk)
+            if (memcmp(data + at, &block[(offset + at) / kChunk % 4096], kChunk) != 0) return false;
+        return true;
+    };
+    CLocalVariant whole;
+    ASSERT_EQ(call("GetFile", listOf(path), whole.ptr()), 0);
+    EXPECT_TRUE(matches(whole, 0, kSize));
+    for (long long offset = 0; offset < kSize; offset += kChunk) {
+        CLocalVariant part;
+        const std::string in = "[\"" + path + "\"," + typed("I8", offset) + "," + typed("I8", kChunk) + "]";
+        ASSERT_EQ(call("GetFile", in, part.ptr()), 0);
+        ASSERT_TRUE(matches(part, offset, kChunk)) << "at " << offset;
+    }
+}
+
+class QueryFileSizeTest : public TransferTest {
+protected:
+    void SetUp() override {
+        TransferTest::SetUp();
+        kivtest::writeFile(media.file("music/a song.mp3"), std::string(1000, 'a'));
+        kivtest::writeFile(media.file("photos/b.png"), std::string(234, 'b'));
+        kivtest::writeFile(media.file("docs/c+d.txt"), std::string(56, 'c'));
+    }
+    std::string id(const std::string& name) {
+        return CFileTools::PathToFileBrowserMediumId(media.file(name));
+    }
+    // The answer [count, total] with its types.
+    static std::string sizes(int count, long long total) {
+        return "[" + std::to_string(count) + "," + typed("I8", total) + "]";
+    }
+};
+
+std::atomic<int> refusedLookups{0};
+int refuseLookup(const char*, const tagVARIANT&, tagVARIANT*) {
+    ++refusedLookups;
+    return 404;
+}
+
+// File-browser ids are resolved by the proxy, catalog ids by kiv-media-catalog.
+TEST_F(QueryFileSizeTest, FileBrowserAndCatalogIdsUnresolvableItemsAndWrongShapes) {
+    const std::string song = id("music/a song.mp3");
+    EXPECT_EQ(querySizes(song, {song, id("docs/c+d.txt")}), sizes(2, 1056));
+    // A missing file still counts, with size 0.
+    EXPECT_EQ(querySizes(id("x"), {id("photos/b.png"), id("gone.bin")}), sizes(2, 234));
+    EXPECT_EQ(querySizes("x", {}), "status 1") << "no first item";
+    EXPECT_EQ(querySizes("x", {""}), "status 1");
+    // No media service: the lookup fails.
+    EXPECT_EQ(querySizes("M1", {"M1"}), "status -1");
+    EXPECT_TRUE(waitForLog("GetMediumListPath: "));
+    // A media service that refuses (404) leaves no answer to read: the lookup fails the same way.
+    CabSatellite refusing;
+    refusing.AddService("GetMediumListInfoFromId", "", refuseLookup);
+    ASSERT_EQ(refusing.Connect(hostPort().c_str(), "KivMediaV2"), 0);
+    EXPECT_EQ(querySizes("M1", {"M1"}), "status -1");
+    EXPECT_EQ(refusedLookups, 1);
+    refusing.Disconnect();
+    for (const char* in : {R"(["x"])", R"(["x", "y"])", R"([5, ["x"]])"}) {
+        CLocalVariant out;
+        EXPECT_EQ(call("QueryFileSize", in, out.ptr()), CAB_E_HANDLER_EXCEPTION) << in;
+    }
+
+    ASSERT_TRUE(startCatalog(R"({"extensions": {"audio": [".mp3"]},
+        "media": {"M1": {"path": "music/a song.mp3", "name": "A song"},
+                  "M2": {"path": ")" + media.file("photos/b.png") + R"("}}})"));
+    EXPECT_EQ(querySizes("M1", {"M1", "M2"}), sizes(2, 1234));
+    // An id the catalog does not know resolves to nothing, with a warning.
+    EXPECT_EQ(querySizes("M1", {"M2", "nope"}), sizes(1, 234));
+    EXPECT_TRUE(waitForLog("GetMediumListPath: got a VT_EMPTY in the list of paths"));
+    EXPECT_TRUE(waitForLog("Request GetMediumFromId returned in "));
+    // The first id decides: with a catalog id first, file-browser ids go to the catalog too.
+    EXPECT_EQ(querySizes("M1", {"M1", id("docs/c+d.txt")}), sizes(1, 1000));
+}
+
+// Answers nobody takes: requesters that ask for whole 1 GiB files, never grant
+// credit and then go away. The proxy holds only each answer's window, keeps
+// its workers free, cannot be cancelled by a guessed credit subject, and frees
+// everything once the credit time-out has passed. Past the bytes that answers
+// may hold together, a further answer is refused with CAB_E_BUSY; a file that
+// shrinks while it is sent ends its transfer at once.
+const int64_t kMiB = 1024;  // in KiB, as /proc reports
+
+std::string header(natsMsg* m, const char* key) {
+    const char* v = nullptr;
+    return natsMsgHeader_Get(m, key, &v) == NATS_OK && v ? v : "";
+}
+
+// Publishes to `subject` a message with one header, `payload` and the reply subject `reply`.
+natsStatus publish(natsConnection* nc, const std::string& subject, const char* key, const char* value,
+                   const std::string& payload = "", const char* reply = nullptr) {
+    natsMsg* m = nullptr;
+    natsMsg_Create(&m, subject.c_str(), reply, payload.data(), (int)payload.size());
+    natsMsgHeader_Set(m, key, value);
+    natsStatus s = natsConnection_PublishMsg(nc, m);
+    natsMsg_Destroy(m);
+    return s;
+}
+
+// A raw "GetFile" request for the whole of `path`, answered to `reply`.
+natsStatus requestWholeFile(natsConnection* nc, const std::string& path, const std::string& reply) {
+    return publish(nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
+                   Cab1Encoding(JsonVariant("[\"" + path + "\"]").get()).str(), reply.c_str());
+}
+
+class AbandonedTransferTest : public TransferTest {
+protected:
+    int maxPayload() const override { return 1 << 20; }  // 1 MiB parts, a window of 8
+    void SetUp() override {
+        // Two workers: four transfers that held theirs would lock the proxy up.
+        ASSERT_TRUE(setting("cabDirectory.maxHandlers", 2));
+        ASSERT_TRUE(setting("cabDirectory.creditTimeoutMs", 1500));
+        ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 32 << 20));  // room for four windows of 8 MiB
+        TransferTest::SetUp();
+    }
+};
+
+TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAfterTheCreditTimeOut) {
+    const std::string path = media.file("huge.sparse");
+    kivtest::writeFile(path, "");
+    ASSERT_EQ(truncate(path.c_str(), 1ll << 30), 0);  // 1 GiB without blocks on disk
+    const int64_t idle = kivtest::statusKiB(proxy.pid(), "VmRSS:");
+    ASSERT_GT(idle, 0);
+    natsConnection* nc = nullptr;
+    natsSubscription* inbox = nullptr;
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
+    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&inbox, nc, "greedy.inbox.*"));
+    const int kTransfers = 4;
+    for (int i = 0; i <= kTransfers; ++i)
+        ASSERT_EQ(NATS_OK, requestWholeFile(nc, path, "greedy.inbox." + std::to_string(i)));
+    // Each answer sends its first window, then waits for credit that never
+    // comes; the fifth does not fit beside them and is refused.
+    std::vector<std::string> creditTo(kTransfers + 1);
+    int parts = 0, busy = 0;
+    for (natsMsg* m = nullptr; parts + busy < kTransfers * 8 + 1; natsMsg_Destroy(m)) {
+        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&m, inbox, 60000)) << "after " << parts << " parts";
+        const std::string part = header(m, "Cab-Part");
+        if (part.empty()) {
+            EXPECT_EQ(std::to_string(CAB_E_BUSY), header(m, "Cab-Status"));
+        }
+        ++(part.empty() ? busy : parts);
+        const int index = std::string(natsMsg_GetSubject(m)).back() - '0';
+        if (part == "0") creditTo[index] = header(m, "Cab-Credit-To");
+    }
+    EXPECT_EQ(1, busy);
+    natsMsg* extra = nullptr;
+    EXPECT_NE(NATS_OK, natsSubscription_NextMsg(&extra, inbox, 200)) << "a part beyond the window";
+
+    // The workers are free: another caller is served while all four wait.
+    CLocalVariant version;
+    EXPECT_EQ(0, call("my-KIV_GetVersion", "null", version.ptr()));
+
+    // A credit subject ends in 128 random bits; guessing its neighbours cancels nothing.
+    const std::string credit = creditTo[0].empty() ? creditTo[1] : creditTo[0];
+    ASSERT_EQ(credit.size() - credit.rfind('.') - 1, 32u) << credit;
+    for (int guess = 0; guess < 64; ++guess)
+        publish(nc, credit.substr(0, credit.rfind('.') + 1) + std::to_string(guess), "Cab-Cancel", "1");
+    publish(nc, credit, "Cab-Received", "1");
+    natsMsg* next = nullptr;
+    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&next, inbox, 60000)) << "a guess cancelled the transfer";
+    EXPECT_EQ("8", header(next, "Cab-Part"));
+    natsMsg_Destroy(next);
+#ifndef KIV_SANITIZED
+    const int64_t peak = kivtest::statusKiB(proxy.pid(), "VmHWM:");
+    EXPECT_LT(peak - idle, 128 * kMiB) << "idle " << idle << " KiB, peak " << peak << " KiB";
+    printf("proxy memory: idle %lld KiB, peak %lld KiB with %d uncredited 1 GiB answers\n", (long long)idle,
+           (long long)peak, kTransfers);
+#endif
+    // The requester goes away; after the credit time-out every transfer is abandoned.
+    natsSubscription_Destroy(inbox);
+    natsConnection_Destroy(nc);
+    for (int i = 0; i <= kTransfers; ++i)
+        if (!creditTo[i].empty()) {
+            ASSERT_TRUE(waitForLog("greedy.inbox." + std::to_string(i) + " abandoned"));
+        }
+    EXPECT_THAT(proxyLog(), HasSubstr("no credit for 1500 ms"));
+#ifndef KIV_SANITIZED
+    const int64_t after = kivtest::statusKiB(proxy.pid(), "VmRSS:");
+    EXPECT_LT(after - idle, 64 * kMiB) << "idle " << idle << " KiB, after " << after << " KiB";
+#endif
+
+    // A file that shrinks while it is sent ends its transfer with an empty part
+    // that says why, instead of leaving the requester to time out.
+    const std::string shrinking = media.file("shrinking.bin");
+    kivtest::writeFile(shrinking, std::string(12 << 20, 'x'));
+    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
+    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&inbox, nc, "shrink.inbox"));
+    ASSERT_EQ(NATS_OK, requestWholeFile(nc, shrinking, "shrink.inbox"));
+    std::string shrinkCredit;
+    for (int i = 0; i < 8; ++i) {
+        natsMsg* m = nullptr;
+        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&m, inbox, 60000));
+        if (i == 0) shrinkCredit = header(m, "Cab-Credit-To");
+        natsMsg_Destroy(m);
+    }
+    ASSERT_EQ(0, truncate(shrinking.c_str(), 0));
+    publish(nc, shrinkCredit, "Cab-Received", "8");
+    natsMsg* stop = nullptr;
+    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&stop, inbox, 60000));
+    EXPECT_EQ("8", header(stop, "Cab-Part"));
+    EXPECT_EQ(0, natsMsg_GetDataLength(stop));
+    EXPECT_EQ("1", header(stop, "Cab-Status"));
+    EXPECT_THAT(header(stop, "Cab-Error"), HasSubstr("shrank"));
+    natsMsg_Destroy(stop);
+    natsSubscription_Destroy(inbox);
+    natsConnection_Destroy(nc);
+}
+
+}  // namespace
