@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <boost/make_shared.hpp>
@@ -122,6 +123,15 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
         EXPECT_FALSE(fs::exists(path)) << path;
     }
     fs::remove_all(fs::path(inTmp).parent_path());
+    // A folder whose name only begins like /tmp is outside (where / is writable).
+    const std::string sibling = "/tmp-kivtest-" + std::to_string(getpid());
+    std::error_code ec;
+    if (fs::create_directory(sibling, ec)) {
+        kivtest::writeFile(sibling + "/x.zip", "zip");
+        EXPECT_EQ(deleteTemp(sibling + "/x.zip"), 403);
+        EXPECT_TRUE(fs::exists(sibling + "/x.zip"));
+        fs::remove_all(sibling);
+    }
 
     // Outside, directly, through "..", and through a link: refused, kept.
     const std::string outside = outsideFolder("archives-delete-guard");
