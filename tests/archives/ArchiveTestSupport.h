@@ -120,7 +120,8 @@ protected:
     }
 
     // "CreateZip" of the files; the status, *zip the path and *size the size answered.
-    int createZip(const std::vector<std::string>& paths, std::string* zip, long long* size) {
+    int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr,
+                  long long* size = nullptr) {
         CLocalVariant in, out, sizeValue;
         createZipInput(in.get(), paths);
         const int rc = satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr());
@@ -128,9 +129,10 @@ protected:
         EXPECT_EQ(VUtil::GetArrayLength(out.get()), 2);
         VUtil::GetElement(out.get(), 1, sizeValue.get());
         EXPECT_EQ(sizeValue.vt(), VT_I8);
-        *size = sizeValue.get().llVal;
+        if (size) *size = sizeValue.get().llVal;
         std::lock_guard<std::mutex> lock(zipsMutex);
-        zips.push_back(*zip = VUtil::GetStringElement(out.get(), 0));
+        zips.push_back(VUtil::GetStringElement(out.get(), 0));
+        if (zip) *zip = zips.back();
         return rc;
     }
     int deleteTemp(const std::string& path) {

@@ -18,7 +18,7 @@ protected:
     const std::string target = media.file("local/clip.bin");
 };
 
-TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutput) {
+TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
     std::string output;
     ASSERT_EQ(get(path + " -o " + target + " --chunk 7K", &output), 0) << output;
     EXPECT_TRUE(kivtest::readFile(target) == content);
@@ -29,6 +29,11 @@ TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutput) {
     EXPECT_THAT(proxyLog(), Not(HasSubstr("offset: 100352"))) << "no request past the end";
     ASSERT_EQ(get(path + " -o - --chunk 64K", &output), 0);
     EXPECT_TRUE(output == content) << "stdout holds exactly the file";
+    for (const std::string& options : {path + " --chunk 0", path + " --chunk 5X", path + " --chunk 4G",
+                                       path + " -o - --continue", path + " --bogus", std::string()})
+        EXPECT_EQ(get(options), 64) << options;
+    EXPECT_EQ(get("--help", &output), 0);
+    EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
 TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
@@ -46,15 +51,6 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
     kivtest::writeFile(target, content + "extra");
     EXPECT_EQ(get(path + " -o " + target + " --continue", &output), 2) << output;
     EXPECT_EQ(kivtest::readFile(target).size(), content.size() + 5);
-}
-
-TEST_F(KivctlGetTest, UsageErrors) {
-    for (const std::string& options : {path + " --chunk 0", path + " --chunk 5X", path + " --chunk 4G",
-                                       path + " -o - --continue", path + " --bogus", std::string()})
-        EXPECT_EQ(get(options), 64) << options;
-    std::string output;
-    EXPECT_EQ(get("--help", &output), 0);
-    EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
 // Run in the source's own folder without -o, get would write over its source;
@@ -100,11 +96,7 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     kivtest::writeFile(media.file("remote/sub/clip.bin"), "other");
     const std::string none = media.file("remote/none.bin"), folder = media.file("remote");
     const std::string x = " -o " + out.file("x"), zip = " -o " + out.file("z.zip");
-    const struct {
-        std::string command;
-        int exit;
-        std::string says;
-    } cases[] = {
+    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
         {"get " + none + x, 1, "no such file"},
         {"get " + folder + x, 1, "a folder"},
         {"get " + none, 1, "no such file"},
@@ -112,11 +104,11 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
         {"zip " + folder + zip, 1, "a folder"},
         {"zip " + path + " " + media.file("remote/sub/clip.bin") + zip, 64, "both be the entry"},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
+    for (const auto& [command, exit, says] : cases) {
+        SCOPED_TRACE(command);
         std::string output;
-        EXPECT_EQ(kivctl(c.command, &output, here), c.exit) << output;
-        EXPECT_THAT(output, HasSubstr(c.says));
+        EXPECT_EQ(kivctl(command, &output, here), exit) << output;
+        EXPECT_THAT(output, HasSubstr(says));
         EXPECT_TRUE(std::filesystem::is_empty(out.path())) << "a file is left";
     }
     // A good archive, with --chunk given as for get.

@@ -6,7 +6,6 @@
 // medium ids.
 #include <dirent.h>
 
-#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <thread>
@@ -64,13 +63,8 @@ protected:
     // Column `column` of every row of a folder answer [names, rows, folders, files].
     static Names column(const tagVARIANT& out, int column) {
         Names values;
-        CLocalVariant rows;
-        VUtil::GetElement(out, 1, rows.get());
-        for (int i = 0; i < VUtil::GetArrayLength(rows.get()); ++i) {
-            CLocalVariant row;
-            VUtil::GetElement(rows.get(), i, row.get());
-            values.push_back(VUtil::GetStringElement(row.get(), column));
-        }
+        const nlohmann::json answer = nlohmann::json::parse(json(out));
+        for (const auto& row : answer[1]) values.push_back(row[column]);
         return values;
     }
 

@@ -34,11 +34,11 @@ protected:
 
     // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
     bool startCatalog(const std::string& catalogJson) {
-        const std::string out = media.file("catalog.out");
-        kivtest::writeFile(media.file("catalog.json"), catalogJson);
-        catalogPid = std::stoi(kivtest::runCommand(KIV_BINARY_DIR "/bin/kiv-media-catalog --catalog " +
-                                                   media.file("catalog.json") + " --root " + media.path() +
-                                                   " --server " + hostPort() + " >" + out + " 2>&1 & echo $!"));
+        const std::string file = media.file("catalog.json"), out = media.file("catalog.out");
+        kivtest::writeFile(file, catalogJson);
+        const std::string command = std::string(KIV_BINARY_DIR) + "/bin/kiv-media-catalog --catalog " + file +
+                                    " --root " + media.path() + " --server " + hostPort();
+        catalogPid = std::stoi(kivtest::runCommand(command + " >" + out + " 2>&1 & echo $!"));
         for (int i = 0; i < 3000 && kill(catalogPid, 0) == 0; ++i, usleep(20000))  // a safety net of 60 s
             if (kivtest::readFile(out).find("ready\n") != std::string::npos) return true;
         return false;

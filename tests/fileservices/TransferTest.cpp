@@ -68,17 +68,14 @@ TEST_F(GetFileTest, SlicesWithEachIntegerTypeAndNoOtherType) {
     }
     ASSERT_EQ(getFile(path, "I4", 1, 2, &got), 0) << "the proxy goes on serving";
     EXPECT_TRUE(got == content.substr(1, 2));
-}
 
-TEST_F(GetFileTest, OffsetsBeyondFourGiB) {
-    // A sparse 4 GiB + 64 file with 16 known bytes past the 32-bit range.
+    // Offsets beyond 4 GiB: a sparse 4 GiB + 64 file with 16 known bytes past the 32-bit range.
     const std::string sparse = media.file("sparse.bin");
     const long long at = (4ll << 30) + 32;
     kivtest::writeFile(sparse, "");
     ASSERT_EQ(truncate(sparse.c_str(), (4ll << 30) + 64), 0);
     kivtest::runCommand("printf 0123456789abcdef | dd of=" + sparse + " bs=1 seek=" + std::to_string(at) +
                         " conv=notrunc 2>/dev/null");
-    std::string got;
     for (const char* type : {"I8", "UI8"}) {
         ASSERT_EQ(getFile(sparse, type, at, 16, &got), 0);
         EXPECT_EQ(got, "0123456789abcdef");
@@ -102,10 +99,7 @@ TEST(GetFileMemoryTest, AnUnallocatableChunkAnswersEightAndLeavesOutAlone) {
     ASSERT_GE(child, 0);
     if (child == 0) {
         KivRequestProxySatellite satellite;
-        JsonVariant in("[\"" + path + "\"]");
-        CLocalVariant out;
-        out.get().vt = VT_I4;
-        out.get().lVal = 99;
+        JsonVariant in(listOf(path)), out("99");
         struct rlimit limit = {1ull << 30, 1ull << 30};  // far below the 4 GiB chunk
         if (setrlimit(RLIMIT_AS, &limit) != 0) _exit(100);
         const int rc = satellite.CabServiceGetFile("GetFile", in.get(), out.ptr());
@@ -157,23 +151,6 @@ TEST_F(LargeFileTest, FetchedWholeAndInChunks) {
     }
 }
 
-class QueryFileSizeTest : public TransferTest {
-protected:
-    void SetUp() override {
-        TransferTest::SetUp();
-        kivtest::writeFile(media.file("music/a song.mp3"), std::string(1000, 'a'));
-        kivtest::writeFile(media.file("photos/b.png"), std::string(234, 'b'));
-        kivtest::writeFile(media.file("docs/c+d.txt"), std::string(56, 'c'));
-    }
-    std::string id(const std::string& name) {
-        return CFileTools::PathToFileBrowserMediumId(media.file(name));
-    }
-    // The answer [count, total] with its types.
-    static std::string sizes(int count, long long total) {
-        return "[" + std::to_string(count) + "," + typed("I8", total) + "]";
-    }
-};
-
 std::atomic<int> refusedLookups{0};
 int refuseLookup(const char*, const tagVARIANT&, tagVARIANT*) {
     ++refusedLookups;
@@ -181,7 +158,14 @@ int refuseLookup(const char*, const tagVARIANT&, tagVARIANT*) {
 }
 
 // File-browser ids are resolved by the proxy, catalog ids by kiv-media-catalog.
-TEST_F(QueryFileSizeTest, FileBrowserAndCatalogIdsUnresolvableItemsAndWrongShapes) {
+TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAndWrongShapes) {
+    kivtest::writeFile(media.file("music/a song.mp3"), std::string(1000, 'a'));
+    kivtest::writeFile(media.file("photos/b.png"), std::string(234, 'b'));
+    kivtest::writeFile(media.file("docs/c+d.txt"), std::string(56, 'c'));
+    auto id = [&](const char* name) { return CFileTools::PathToFileBrowserMediumId(media.file(name)); };
+    auto sizes = [](int count, long long total) {  // the answer [count, total] with its types
+        return "[" + std::to_string(count) + "," + typed("I8", total) + "]";
+    };
     const std::string song = id("music/a song.mp3");
     EXPECT_EQ(querySizes(song, {song, id("docs/c+d.txt")}), sizes(2, 1056));
     // A missing file still counts, with size 0.

@@ -30,11 +30,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     kivtest::TempDir dir;
     kivtest::writeFile(dir.file("a.log"), "first\nsecond\nthird\n");
-    const struct {
-        std::string command;
-        int exit;
-        std::vector<std::string> output, absent;  // texts the output holds, and must not hold
-    } cases[] = {
+    typedef std::vector<std::string> Texts;
+    const std::tuple<std::string, int, Texts, Texts> cases[] = {  // command, exit, shown, not shown
         {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}, {}},
         {"call NoSuchSatellite Echo", 2, {"-1002"}, {}},
         {"call VorpaMediaProxy Echo '[1,'", 64, {}, {}},
@@ -56,12 +53,12 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.command);
+    for (const auto& [command, exit, shown, absent] : cases) {
+        SCOPED_TRACE(command);
         std::string out;
-        EXPECT_EQ(kivctl(c.command, &out), c.exit) << out;
-        for (const auto& text : c.output) EXPECT_THAT(out, HasSubstr(text));
-        for (const auto& text : c.absent) EXPECT_THAT(out, Not(HasSubstr(text)));
+        EXPECT_EQ(kivctl(command, &out), exit) << out;
+        for (const auto& text : shown) EXPECT_THAT(out, HasSubstr(text));
+        for (const auto& text : absent) EXPECT_THAT(out, Not(HasSubstr(text)));
     }
     // Without the proxy's settings at hand, the one-character form is explained.
     std::string out;
@@ -142,14 +139,11 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     std::ifstream doc(KIV_SOURCE_DIR "/docs/services.md");
     bool inOutput = false;
     for (std::string line; std::getline(doc, line);) {
-        if (line.rfind("$ kivctl call ", 0) == 0) {
-            examples.push_back({line.substr(2), ""});
-            inOutput = true;
-        } else if (line.rfind("```", 0) == 0) {
-            inOutput = false;
-        } else if (inOutput) {
-            examples.back().second += line + "\n";
-        }
+        const bool call = line.rfind("$ kivctl call ", 0) == 0;
+        if (call) examples.push_back({line.substr(2), ""});
+        else if (line.rfind("```", 0) == 0) inOutput = false;
+        else if (inOutput) examples.back().second += line + "\n";
+        inOutput = inOutput || call;
     }
     std::stable_partition(examples.begin(), examples.end(),
                           [](const auto& e) { return e.first.find("GenerateCrash") == std::string::npos; });
@@ -176,10 +170,10 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
             std::remove(made.get<std::string>().c_str());
         if (example.find("# varies") == std::string::npos) {
             EXPECT_EQ(got, want);
-            continue;
+        } else {  // the same kind of status and answer
+            const int gotStatus = got["status"].get<int>();
+            EXPECT_TRUE(CabIsLibraryStatus(status) ? CabIsLibraryStatus(gotStatus) : gotStatus == status);
+            EXPECT_EQ(got["out"].type(), want["out"].type()) << out;
         }
-        if (CabIsLibraryStatus(status)) EXPECT_TRUE(CabIsLibraryStatus(got["status"].get<int>())) << out;
-        else EXPECT_EQ(got["status"], want["status"]) << out;
-        EXPECT_EQ(got["out"].type(), want["out"].type()) << out;
     }
 }

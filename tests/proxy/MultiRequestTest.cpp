@@ -132,7 +132,8 @@ TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
         callers.emplace_back([&] {
             CLocalVariant out;
             const std::string text = call("MultiRequest", in.get(), out.ptr()) == 0 ? json(out.get()) : "";
-            for (size_t at = text.find("[[0],"); at != std::string::npos; at = text.find("[[0],", at + 1)) ++served;
+            for (size_t at = text.find("[[0],"); at != std::string::npos; at = text.find("[[0],", at + 1))
+                ++served;
             ++finished;
         });
     // Once the groups are running, another caller asks something small.
