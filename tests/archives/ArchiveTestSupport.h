@@ -1,7 +1,5 @@
-// Helpers of the archive tests, and the fixture of the in-process ones: one
-// satellite, not connected (file-browser ids are resolved locally, so no
-// broker is needed), a gate that holds archive threads before they write, and
-// the services called as clients call them.
+// Helpers of the archive tests, and the fixture of the in-process ones: a
+// satellite that is not connected (file-browser ids resolve locally).
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,7 +10,6 @@
 #include <functional>
 #include <map>
 #include <mutex>
-#include <random>
 #include <sstream>
 
 #include "archive/CMyPathTree.h"
@@ -20,34 +17,22 @@
 #include "files/CFileTools.h"
 #include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
-#include "tests/proxy/JsonVariant.h"
+#include "tests/proxy/TestHelpers.h"
 #include "tests/support/TempDir.h"
 #include "variant/VUtil.h"
 
 namespace fs = std::filesystem;
 typedef std::map<std::string, std::string> Methods;
 
-// Entry name -> method column of `unzip -v` ("Stored", "Defl:X", ...); empty when unreadable.
+// Entry name -> method column of `unzip -v` ("Stored", "Defl:X", ...); empty
+// when `unzip -t` finds an error in the archive.
 inline Methods zipMethods(const std::string& zip) {
-    std::istringstream rows(kivtest::runCommand("unzip -v '" + zip + "' 2>/dev/null | awk "
+    const std::string test = "unzip -tqq '" + zip + "' >/dev/null 2>&1";
+    std::istringstream rows(kivtest::runCommand(test + " && unzip -v '" + zip + "' | awk "
                                                 "'/^--------/ {n++; next} n == 1 {print $8, $2}'"));
     Methods out;
     for (std::string name, method; rows >> name >> method;) out[name] = method;
     return out;
-}
-
-inline bool zipTestsOk(const std::string& zip) {
-    int status = 0;
-    kivtest::runCommand("unzip -tq '" + zip + "' 2>&1", &status);
-    return status == 0;
-}
-
-// `size` pseudo-random (barely compressible) bytes.
-inline void writeRandomFile(const std::string& path, size_t size, unsigned pattern) {
-    std::mt19937 gen(pattern);
-    std::string data(size, '\0');
-    for (char& c : data) c = static_cast<char>(gen());
-    kivtest::writeFile(path, data);
 }
 
 // A new folder `name`-PID outside /tmp, /var/tmp and TMPDIR (under the build,

@@ -1,20 +1,15 @@
-// The file manager in process, asking a real media service: a nats-server, a
-// CatalogSatellite registered as "KivMediaV2" and a client satellite that the
-// manager sends its requests through. GetFolderContent (option bits, extension
-// filter, paging, sort order, the file-browser switch, single-file paths), the
-// extension map (built by concurrent first requests too), document types and
-// medium ids.
+// The file manager in process, asking a real media service ("KivMediaV2" on a
+// nats-server): folder listings, the extension map, document types, medium ids.
 #include <dirent.h>
 
 #include <atomic>
 #include <memory>
-#include <thread>
+#include <future>
 
 #include "cab/CabException.h"
 #include "files/CFileTools.h"
 #include "files/CKivFileManager.h"
-#include "host/CRegistry.h"
-#include "tests/proxy/JsonVariant.h"
+#include "tests/proxy/TestHelpers.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/TempDir.h"
 #include "tools/kiv-media-catalog/CatalogSatellite.h"
@@ -22,6 +17,7 @@
 
 namespace {
 
+using testing::AllOf;
 using testing::AnyOf;
 using testing::UnorderedElementsAre;
 
@@ -75,10 +71,7 @@ protected:
     std::unique_ptr<CKivFileManager> manager;
 };
 
-void setBrowser(const char* enabled) {
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
-                                               "app.fileBrowser.enabled", CStdStr(enabled));
-}
+void setBrowser(const char* enabled) { setting("app.fileBrowser.enabled", CStdStr(enabled)); }
 
 class FolderContentTest : public ManagerTest {
 protected:
@@ -124,21 +117,17 @@ TEST_F(FolderContentTest, AnswerLayoutAndCountsOverTheWholeListing) {
 TEST_F(FolderContentTest, PagingAtTheEdges) {
     const std::string many = dir.file("many");
     for (int i = 0; i < 10; ++i) kivtest::writeFile(many + "/f" + std::to_string(i) + ".txt", "x");
-    const struct {
-        long first, count;
-        size_t rows;
-        std::string firstTitle;
-    } cases[] = {
+    const std::tuple<long, long, size_t, std::string> cases[] = {  // first, count, rows, the first title
         {8, 5, 2, "f8.txt"}, {8, 0, 2, "f8.txt"}, {8, -1, 2, "f8.txt"}, {0, 3, 3, "f0.txt"},
         {0, 10, 10, "f0.txt"}, {9, 1, 1, "f9.txt"}, {10, 5, 0, ""}, {12, 5, 0, ""}, {12, 0, 0, ""},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(testing::Message() << "first " << c.first << " count " << c.count);
+    for (const auto& [first, count, size, firstTitle] : cases) {
+        SCOPED_TRACE(testing::Message() << "first " << first << " count " << count);
         CLocalVariant out;
-        ASSERT_EQ(folder(many, 2, "", "title", "title:asc", c.first, c.count, out.ptr()), 0);
+        ASSERT_EQ(folder(many, 2, "", "title", "title:asc", first, count, out.ptr()), 0);
         const Names rows = column(out.get(), 0);
-        ASSERT_EQ(rows.size(), c.rows);
-        EXPECT_EQ(rows.empty() ? "" : rows[0], c.firstTitle);
+        ASSERT_EQ(rows.size(), size);
+        EXPECT_EQ(rows.empty() ? "" : rows[0], firstTitle);
         EXPECT_EQ(VUtil::GetIntElement(out.get(), 2), 0);
         EXPECT_EQ(VUtil::GetIntElement(out.get(), 3), 10);
     }
@@ -165,8 +154,7 @@ TEST_F(FolderContentTest, TitleAloneKeepsTheDirectoryOrder) {
 
 TEST_F(FolderContentTest, SwitchedOffOnlyByTheExactTextFalse) {
     setBrowser("false");
-    CLocalVariant out;
-    out.get().vt = VT_I4;
+    JsonVariant out("7");
     EXPECT_EQ(folder(root, 3, "", "title", "title", 0, 0, out.ptr()), 403);
     EXPECT_EQ(out.vt(), VT_I4) << "refused requests leave out untouched";
     for (const char* value : {"False", "FALSE", "true", "0"}) {
@@ -233,17 +221,16 @@ TEST_F(ManagerTest, NoMediaServiceLeavesTheMapEmptyAndListingsWork) {
 // A media service whose answer cannot be read: the wrong shape, or a refusal
 // (a positive status leaves no answer).
 std::atomic<bool> refuseExtensions{false};
-int unreadableExtensions(const char*, const tagVARIANT&, tagVARIANT* out) {
-    if (refuseExtensions) return 404;
-    VUtil::CreateArray(*out, VT_VARIANT, 1);
-    VUtil::PutElement(*out, 0, 42);
-    return 0;
-}
 
 TEST_F(ManagerTest, UnreadableAnswerEndsTheFolderRequestWithStatusOne) {
     media.reset();
     CabSatellite bad;
-    bad.AddService("GetExtensions", "", unreadableExtensions);
+    bad.AddService("GetExtensions", "", +[](const char*, const tagVARIANT&, tagVARIANT* out) {
+        if (refuseExtensions) return 404;
+        VUtil::CreateArray(*out, VT_VARIANT, 1);
+        VUtil::PutElement(*out, 0, 42);
+        return 0;
+    });
     ASSERT_EQ(bad.Connect(server.hostPort().c_str(), "KivMediaV2"), 0);
     for (bool refuse : {false, true}) {
         refuseExtensions = refuse;
@@ -301,21 +288,15 @@ TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
 TEST_F(ManagerTest, ConcurrentFirstRequestsBuildTheMapSafely) {
     for (int i = 0; i < 20; ++i)
         kivtest::writeFile(dir.file("f/" + std::to_string(i) + (i % 2 ? ".mp3" : ".mkv")), "x");
-    std::vector<std::thread> threads;
-    std::vector<int> statuses(6, -1);
-    std::vector<Names> types(6);
+    std::vector<std::future<Names>> types;  // each request's media types
     for (int t = 0; t < 6; ++t)
-        threads.emplace_back([&, t] {
+        types.push_back(std::async(std::launch::async, [&] {
             CLocalVariant out;
-            statuses[t] = folder(dir.file("f"), 2, "", "title,mediaType", "title:asc", 0, 0, out.ptr());
-            if (statuses[t] == 0) types[t] = column(out.get(), 1);
-        });
-    for (auto& th : threads) th.join();
-    for (int t = 0; t < 6; ++t) {
-        EXPECT_EQ(statuses[t], 0);
-        ASSERT_EQ(types[t].size(), 20u);
-        EXPECT_THAT(types[t], testing::Each(AnyOf("audio.file", "video.file")));
-    }
+            const int status = folder(dir.file("f"), 2, "", "title,mediaType", "title:asc", 0, 0, out.ptr());
+            return status == 0 ? column(out.get(), 1) : Names{"status " + std::to_string(status)};
+        }));
+    for (auto& t : types)
+        EXPECT_THAT(t.get(), AllOf(testing::SizeIs(20), testing::Each(AnyOf("audio.file", "video.file"))));
     EXPECT_EQ(manager->extensionMap().size(), 7u);
 }
 

@@ -1,9 +1,9 @@
-// "GetFile" and "QueryFileSize" through the real proxy: slices with each
-// integer type, offsets past the end and beyond 4 GiB, wrong types, a large
-// file whole and in chunks, answers nobody takes, and sizes of file-browser
-// and catalog ids.
+// "GetFile" and "QueryFileSize" through the real proxy: slices, large files,
+// answers nobody takes, sizes of file-browser and catalog ids; kivctl get.
 #include <nats/nats.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <cstring>
@@ -11,11 +11,78 @@
 #include "cab/Cab1.h"
 #include "files/CFileTools.h"
 #include "satellite/KivRequestProxySatellite.h"
-#include "tests/fileservices/TransferFixture.h"
+#include "tests/proxy/ProxyFixture.h"
 #include "tests/support/ProcStatus.h"
 #include "tests/support/Sanitizers.h"
 
 namespace {
+
+// The real proxy and, when a test starts it, the real kiv-media-catalog as
+// "KivMediaV2" over a catalog in `media`, the folder of the media files.
+class TransferTest : public ProxyTest {
+protected:
+    void SetUp() override {
+        ProxyTest::SetUp();
+        if (HasFatalFailure()) return;
+        if (maxPayload() > 0) {
+            ownServer.reset(new kivtest::NatsServer(maxPayload()));
+            ASSERT_TRUE(ownServer->start()) << ownServer->error();
+            ASSERT_TRUE(setting("cabDirectory.port", ownServer->port()));
+            client.reset(new CabClient);
+            ASSERT_EQ(client->Connect(ownServer->hostPort().c_str(), "TransferTestClient"), 0);
+        }
+        ASSERT_TRUE(startProxy()) << proxyOutput();
+    }
+    void TearDown() override {
+        stopCatalog();
+        ProxyTest::TearDown();
+        ownServer.reset();
+    }
+    // Non-zero: the proxy and the client use a directory of their own with this
+    // message size limit (big transfers then travel in fewer parts).
+    virtual int maxPayload() const { return 0; }
+    std::string hostPort() const override { return ownServer ? ownServer->hostPort() : server.hostPort(); }
+
+    // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
+    bool startCatalog(const std::string& catalogJson) {
+        const std::string file = media.file("catalog.json"), out = media.file("catalog.out");
+        kivtest::writeFile(file, catalogJson);
+        const std::string command = std::string(KIV_BINARY_DIR) + "/bin/kiv-media-catalog --catalog " + file +
+                                    " --root " + media.path() + " --server " + hostPort();
+        catalogPid = std::stoi(kivtest::runCommand(command + " >" + out + " 2>&1 & echo $!"));
+        for (int i = 0; i < 3000 && kill(catalogPid, 0) == 0; ++i, usleep(20000))  // a safety net of 60 s
+            if (kivtest::readFile(out).find("ready\n") != std::string::npos) return true;
+        return false;
+    }
+    void stopCatalog() {
+        if (catalogPid > 0) kill(catalogPid, SIGTERM);
+        catalogPid = -1;
+    }
+
+    // "GetFile" of the JSON in-array; *bytes gets the block.
+    int getFile(const std::string& in, std::string* bytes) {
+        CLocalVariant out;
+        const int status = call("GetFile", in, out.ptr());
+        *bytes = bytesOf(out.get());
+        EXPECT_TRUE(status != 0 || out.vt() == (VT_ARRAY | VT_UI1)) << out.vt();
+        return status;
+    }
+    // [path, offset, max] with both counts of variant type `type` ("I4", "UI8", ...).
+    int getFile(const std::string& path, const std::string& type, long long offset, long long max,
+                std::string* bytes) {
+        return getFile("[\"" + path + "\"," + typed(type, offset) + "," + typed(type, max) + "]", bytes);
+    }
+    // The JSON of the "QueryFileSize" answer to [medium, items], or "status N".
+    std::string querySizes(const std::string& medium, const std::vector<std::string>& items) {
+        CLocalVariant out;
+        const int status = call("QueryFileSize", nlohmann::json::array({medium, items}).dump(), out.ptr());
+        return status == 0 ? json(out.get()) : "status " + std::to_string(status);
+    }
+
+    std::unique_ptr<kivtest::NatsServer> ownServer;
+    kivtest::TempDir media{"kivmedia"};
+    pid_t catalogPid = -1;
+};
 
 class GetFileTest : public TransferTest {
 protected:
@@ -35,21 +102,18 @@ TEST_F(GetFileTest, SlicesWithEachIntegerTypeAndNoOtherType) {
     ASSERT_EQ(getFile("[\"" + path + "\"]", &got), 0);  // only a path: the whole file
     EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
     const std::vector<std::string> all = {"I4", "UI4", "I8", "UI8"}, signedOnes = {"I4", "I8"};
-    const struct {
-        std::vector<std::string> types;
-        long long offset, max;
-        size_t from, length;
-    } cases[] = {
+    const std::tuple<std::vector<std::string>, long long, long long, size_t, size_t> cases[] = {
+        // types, offset, maximum, and the slice: from, length
         {all, 0, 0, 0, 100000},           {all, 12345, 100, 12345, 100},
         {all, 99990, 100, 99990, 10},     {signedOnes, 500, -1, 500, 99500},
         {signedOnes, -20, 10, 0, 10},     {{"I8"}, 100000, 10, 0, 0},
         {{"UI8"}, 1ll << 40, 0, 0, 0},    {{"UI4"}, 0xFFFFFFFFll, 0xFFFFFFFFll, 0, 0},
     };
-    for (const auto& c : cases)
-        for (const std::string& type : c.types) {
-            SCOPED_TRACE(type + " " + std::to_string(c.offset) + " " + std::to_string(c.max));
-            ASSERT_EQ(getFile(path, type, c.offset, c.max, &got), 0);
-            EXPECT_TRUE(got == content.substr(c.from, c.length)) << got.size() << " bytes";
+    for (const auto& [types, offset, max, from, length] : cases)
+        for (const std::string& type : types) {
+            SCOPED_TRACE(type + " " + std::to_string(offset) + " " + std::to_string(max));
+            ASSERT_EQ(getFile(path, type, offset, max, &got), 0);
+            EXPECT_TRUE(got == content.substr(from, length)) << got.size() << " bytes";
         }
     for (const std::string& empty : {media.file("no/such/file"), media.path()}) {  // a missing file, a folder
         ASSERT_EQ(getFile("[\"" + empty + "\"]", &got), 0) << empty;
@@ -152,10 +216,6 @@ TEST_F(LargeFileTest, FetchedWholeAndInChunks) {
 }
 
 std::atomic<int> refusedLookups{0};
-int refuseLookup(const char*, const tagVARIANT&, tagVARIANT*) {
-    ++refusedLookups;
-    return 404;
-}
 
 // File-browser ids are resolved by the proxy, catalog ids by kiv-media-catalog.
 TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAndWrongShapes) {
@@ -172,12 +232,14 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     EXPECT_EQ(querySizes(id("x"), {id("photos/b.png"), id("gone.bin")}), sizes(2, 234));
     EXPECT_EQ(querySizes("x", {}), "status 1") << "no first item";
     EXPECT_EQ(querySizes("x", {""}), "status 1");
-    // No media service: the lookup fails.
-    EXPECT_EQ(querySizes("M1", {"M1"}), "status -1");
+    EXPECT_EQ(querySizes("M1", {"M1"}), "status -1") << "no media service";
     EXPECT_TRUE(waitForLog("GetMediumListPath: "));
     // A media service that refuses (404) leaves no answer to read: the lookup fails the same way.
     CabSatellite refusing;
-    refusing.AddService("GetMediumListInfoFromId", "", refuseLookup);
+    refusing.AddService("GetMediumListInfoFromId", "", +[](const char*, const tagVARIANT&, tagVARIANT*) {
+        ++refusedLookups;
+        return 404;
+    });
     ASSERT_EQ(refusing.Connect(hostPort().c_str(), "KivMediaV2"), 0);
     EXPECT_EQ(querySizes("M1", {"M1"}), "status -1");
     EXPECT_EQ(refusedLookups, 1);
@@ -199,12 +261,126 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     EXPECT_EQ(querySizes("M1", {"M1", id("docs/c+d.txt")}), sizes(1, 1000));
 }
 
-// Answers nobody takes: requesters that ask for whole 1 GiB files, never grant
-// credit and then go away. The proxy holds only each answer's window, keeps
-// its workers free, cannot be cancelled by a guessed credit subject, and frees
-// everything once the credit time-out has passed. Past the bytes that answers
-// may hold together, a further answer is refused with CAB_E_BUSY; a file that
-// shrinks while it is sent ends its transfer at once.
+// kivctl get and zip: chunked download, resume with --continue, output to
+// stdout, usage errors, and what failures leave behind.
+class KivctlGetTest : public TransferTest {
+protected:
+    void SetUp() override {
+        TransferTest::SetUp();
+        kivtest::writeFile(path, content);
+        kivtest::writeFile(target, "");
+    }
+    int get(const std::string& options, std::string* out = nullptr) { return kivctl("get " + options, out); }
+    const std::string content = patternBytes(100000, 7), path = media.file("remote/clip.bin");
+    const std::string target = media.file("local/clip.bin");
+};
+
+TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
+    std::string output;
+    ASSERT_EQ(get(path + " -o " + target + " --chunk 7K", &output), 0) << output;
+    EXPECT_TRUE(kivtest::readFile(target) == content);
+    EXPECT_THAT(output, HasSubstr("100000 bytes"));
+    EXPECT_THAT(output, Not(HasSubstr("\r"))) << "no progress bar when not on a terminal";
+    // 100000 bytes in 7168-byte chunks: the last request starts at 13 * 7168.
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 93184, maxBytes: 7168"));
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("offset: 100352"))) << "no request past the end";
+    ASSERT_EQ(get(path + " -o - --chunk 64K", &output), 0);
+    EXPECT_TRUE(output == content) << "stdout holds exactly the file";
+    for (const std::string& options : {path + " --chunk 0", path + " --chunk 5X", path + " --chunk 4G",
+                                       path + " -o - --continue", path + " --bogus", std::string()})
+        EXPECT_EQ(get(options), 64) << options;
+    EXPECT_EQ(get("--help", &output), 0);
+    EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
+}
+
+TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
+    kivtest::writeFile(target, content.substr(0, 30000));
+    std::string output;
+    ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
+    EXPECT_TRUE(kivtest::readFile(target) == content);
+    EXPECT_FALSE(std::filesystem::exists(target + ".part"));
+    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 30000, maxBytes: 4194304"));
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + path + ", offset: 0,"))) << "nothing fetched twice";
+    // Complete already: nothing to do, still success.
+    ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
+    EXPECT_TRUE(kivtest::readFile(target) == content);
+    // Longer than the remote file: refused, the local file is kept.
+    kivtest::writeFile(target, content + "extra");
+    EXPECT_EQ(get(path + " -o " + target + " --continue", &output), 2) << output;
+    EXPECT_EQ(kivtest::readFile(target).size(), content.size() + 5);
+}
+
+// Run in the source's own folder without -o, get would write over its source;
+// it refuses. An interrupted download keeps FILE.part, which --continue resumes.
+TEST_F(KivctlGetTest, NeverWritesOverItsSourceAndKeepsAnInterruptedPart) {
+    std::string output;
+    EXPECT_EQ(kivctl("get " + path, &output, "cd " + media.file("remote") + " && "), 64) << output;
+    EXPECT_THAT(output, HasSubstr("refusing to write over"));
+    ASSERT_EQ(symlink(path.c_str(), media.file("local/link.bin").c_str()), 0);
+    EXPECT_EQ(get(path + " -o " + media.file("local/link.bin")), 64);
+    EXPECT_TRUE(kivtest::readFile(path) == content) << "the source is untouched";
+
+    const std::string big = media.file("remote/big.bin"), out = media.file("local/big.bin");
+    const std::string bigContent = patternBytes(16 << 20, 3), log = media.file("local/log");
+    const std::string pidFile = media.file("local/pid"), rcFile = media.file("local/rc");
+    kivtest::writeFile(big, bigContent);
+    kivtest::runCommand("sh -c '" KIV_BINARY_DIR "/bin/kivctl get --server " + hostPort() + " " + big +
+                        " -o " + out + " --chunk 4K >" + log + " 2>&1 & echo $! >" + pidFile + "; wait $!; " +
+                        "echo $? >" + rcFile + "' >/dev/null 2>&1 &");
+    struct stat st;
+    auto started = [&] {
+        return stat((out + ".part").c_str(), &st) == 0 && st.st_size > 0 && kivtest::readFile(pidFile) != "";
+    };
+    for (int i = 0; i < 6000 && !started(); ++i) usleep(10 * 1000);
+    ASSERT_TRUE(started()) << kivtest::readFile(log);
+    kill(atoi(kivtest::readFile(pidFile).c_str()), SIGTERM);
+    for (int i = 0; i < 6000 && kivtest::readFile(rcFile).empty(); ++i) usleep(10 * 1000);
+    EXPECT_EQ(atoi(kivtest::readFile(rcFile).c_str()), 128 + SIGTERM);
+    EXPECT_THAT(kivtest::readFile(log), HasSubstr("resume with: kivctl get --continue"));
+    EXPECT_FALSE(std::filesystem::exists(out)) << "only the part file is left";
+    ASSERT_TRUE(std::filesystem::exists(out + ".part"));
+    ASSERT_LT(std::filesystem::file_size(out + ".part"), bigContent.size());
+    ASSERT_EQ(get(big + " -o " + out + " --continue", &output), 0) << output;
+    EXPECT_TRUE(kivtest::readFile(out) == bigContent);
+    EXPECT_FALSE(std::filesystem::exists(out + ".part"));
+}
+
+// Failures exit non-zero and leave no file: missing files, folders, clashing
+// names, and a proxy that does not answer.
+TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
+    kivtest::TempDir out("kivout");
+    const std::string here = "cd " + out.path() + " && ";
+    kivtest::writeFile(media.file("remote/sub/clip.bin"), "other");
+    const std::string none = media.file("remote/none.bin"), folder = media.file("remote");
+    const std::string x = " -o " + out.file("x"), zip = " -o " + out.file("z.zip");
+    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
+        {"get " + none + x, 1, "no such file"},
+        {"get " + folder + x, 1, "a folder"},
+        {"get " + none, 1, "no such file"},
+        {"zip " + none + " " + media.file("remote/none2.bin") + zip, 1, "none2.bin: no such file"},
+        {"zip " + folder + zip, 1, "a folder"},
+        {"zip " + path + " " + media.file("remote/sub/clip.bin") + zip, 64, "both be the entry"},
+    };
+    for (const auto& [command, exit, says] : cases) {
+        SCOPED_TRACE(command);
+        std::string output;
+        EXPECT_EQ(kivctl(command, &output, here), exit) << output;
+        EXPECT_THAT(output, HasSubstr(says));
+        EXPECT_TRUE(std::filesystem::is_empty(out.path())) << "a file is left";
+    }
+    std::string output;
+    // The directory answers, the proxy does not.
+    ASSERT_EQ(stopProxy(), 0);
+    EXPECT_EQ(kivctl("get " + path + x, &output, here), 2) << output;
+    EXPECT_EQ(kivctl("zip " + path + zip, &output, here), 2) << output;
+    EXPECT_TRUE(std::filesystem::is_empty(out.path()));
+}
+
+// Answers nobody takes (last in this program: its settings stay): requesters
+// ask for whole 1 GiB files, never grant credit and then go away. The proxy
+// holds each answer's window only, keeps its workers free, survives guessed
+// credit subjects, frees everything after the credit time-out, and refuses
+// answers past maxAnswerBytes with CAB_E_BUSY.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
 std::string header(natsMsg* m, const char* key) {

@@ -25,10 +25,7 @@ std::string nestedGroups(int levels) {
 // Samples a process's thread count every few milliseconds until stopped.
 struct ThreadPeak {
     explicit ThreadPeak(pid_t pid) : sampler([this, pid] {
-        for (; !done; std::this_thread::sleep_for(std::chrono::milliseconds(2))) {
-            now = static_cast<int>(kivtest::statusKiB(pid, "Threads:"));
-            peak = std::max(peak.load(), now.load());
-        }
+        for (; !done; usleep(2000)) peak = std::max<int>(peak, now = kivtest::statusKiB(pid, "Threads:"));
     }) {}
     ~ThreadPeak() { stop(); }
     int stop() {

@@ -1,10 +1,10 @@
-// A real nats-server, the real KivRequestProxy executable connected to it, an
-// echo satellite "EchoA" and a client, all inside the test's KIV_ROOT and
-// settings folder. Shared by the proxy, transfer and archive tests.
+// A real nats-server, the real KivRequestProxy executable, an echo satellite
+// "EchoA" and a client, inside the test's KIV_ROOT and settings folder.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <filesystem>
@@ -14,19 +14,11 @@
 #include <thread>
 
 #include "cab/CabSatellite.h"
-#include "host/CRegistry.h"
-#include "tests/proxy/JsonVariant.h"
+#include "tests/proxy/TestHelpers.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
 #include "tools/cab-echo/EchoSatellite.h"
-
-inline const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
-
-template <class T>
-bool setting(const char* name, const T& value, const char* key = kConfigKey) {
-    return CRegistry::getInstance()->WriteSettingImpl(key, name, value);
-}
 
 class ProxyTest : public testing::Test {
 protected:
@@ -40,8 +32,7 @@ protected:
         client.reset(new CabClient);
         client->setRequestTimeoutMs(60000);  // a lost request fails the test in a minute, not five
         ASSERT_EQ(client->Connect(server.hostPort().c_str(), "ProxyTestClient"), 0);
-        std::error_code ec;
-        std::filesystem::create_directories(root, ec);
+        std::filesystem::create_directories(root);
     }
     void TearDown() override {
         proxy.stop(SIGKILL);
@@ -76,20 +67,16 @@ protected:
         return status;
     }
     std::string proxyOutput() const { return kivtest::readFile(root + "/proxy.out"); }
-    std::string logsFolder() const { return root + "/Library/Logs/KivFoundry"; }
     // The proxy's log, its rotated part first (the binary's tests share it).
     std::string proxyLog() const {
-        const std::string log = logsFolder() + "/KivRequestProxy.log";
+        const std::string log = root + "/Library/Logs/KivFoundry/KivRequestProxy.log";
         return kivtest::readFile(log + ".back") + kivtest::readFile(log);
     }
     // Waits until the log holds `text` (the logger writes on its own thread).
     bool waitForLog(const std::string& text) {
-        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-        while (proxyLog().find(text) == std::string::npos) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return true;
+        for (int i = 0; i < 1500; ++i, usleep(20000))  // 30 s at most, a safety net
+            if (proxyLog().find(text) != std::string::npos) return true;
+        return false;
     }
 
     const std::string root = getenv("KIV_ROOT");

@@ -153,7 +153,7 @@ TEST_F(ProxyTest, GenerateCrashEndsTheProcessThroughTheCrashHandler) {
     });
     EXPECT_EQ(proxy.wait(), 0) << proxyOutput();
     sender.join();
-    EXPECT_THAT(kivtest::readFile(logsFolder() + "/errors.log"),
+    EXPECT_THAT(kivtest::readFile(root + "/Library/Logs/KivFoundry/errors.log"),
                 HasSubstr("crash of KivRequestProxy. minidump generated as "));
     // The reporter beside the executable filed the dump with a summary that names the program.
     const std::string reports = "cd " + root + "/Library/KivFoundry/CrashReports && ";

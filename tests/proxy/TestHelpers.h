@@ -1,17 +1,25 @@
-// Variants written in tests as their JSON form ({"$vt":"I8","v":5} names a
-// type), and the matchers the tests use.
+// Helpers of the proxy, transfer and archive tests: variants written as their
+// JSON form ({"$vt":"I8","v":5} names a type), matchers and test data.
 #pragma once
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 
 #include "cab/VariantJson.h"
+#include "host/CRegistry.h"
 #include "variant/CLocalVariant.h"
 
 using testing::HasSubstr;
 using testing::Not;
+
+// Writes a setting, by default under the configuration key.
+template <class T>
+bool setting(const char* name, const T& value, const char* key = "Software\\Kiv Foundry\\Kiv\\Config") {
+    return CRegistry::getInstance()->WriteSettingImpl(key, name, value);
+}
 
 struct JsonVariant : CLocalVariant {
     explicit JsonVariant(const std::string& text) {
@@ -30,4 +38,11 @@ inline std::string typed(const std::string& type, long long value) {
 inline std::string bytesOf(const tagVARIANT& v) {
     if (v.vt != (VT_ARRAY | VT_UI1)) return std::string();
     return std::string(static_cast<const char*>(v.parray->pvData), v.parray->rgsabound[0].cElements);
+}
+// `size` pseudo-random (barely compressible) bytes.
+inline std::string patternBytes(size_t size, unsigned pattern) {
+    std::mt19937 gen(pattern);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(gen());
+    return bytes;
 }
