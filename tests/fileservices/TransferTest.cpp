@@ -84,20 +84,13 @@ protected:
     pid_t catalogPid = -1;
 };
 
-class GetFileTest : public TransferTest {
-protected:
-    void SetUp() override {
-        TransferTest::SetUp();
-        kivtest::writeFile(path, content);
-    }
-    const std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
-};
-
 // Each (offset, maximum) pair with the count types it is given in: the block
 // is that slice of the file. A maximum of 0 or below means to the end, a
 // negative offset starts at 0, offsets past the end give an empty block, and
 // the log line shows the counts as converted. Other count types are refused.
-TEST_F(GetFileTest, SlicesWithEachIntegerTypeAndNoOtherType) {
+TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
+    const std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
+    kivtest::writeFile(path, content);
     std::string got;
     ASSERT_EQ(getFile("[\"" + path + "\"]", &got), 0);  // only a path: the whole file
     EXPECT_TRUE(got == content) << "got " << got.size() << " bytes";
