@@ -39,29 +39,21 @@ TEST(EntryContents, GetDataFromBeginCurrentAndEnd) {
     CFileTools file(dir.file("data.bin"));
     ASSERT_TRUE(file.writeString("0123456789"));
     char buf[16] = {};
-    unsigned long long count = 4;
-    EXPECT_TRUE(file.getData(buf, count, 2, CFileTools::begin));
-    EXPECT_EQ(count, 4u);
-    EXPECT_EQ(std::string(buf, 4), "2345");
-    count = 2;
-    EXPECT_TRUE(file.getData(buf, count, 1, CFileTools::current));  // position was 6
-    EXPECT_EQ(std::string(buf, 2), "78");
-    const unsigned long long minus3 = static_cast<unsigned long long>(-3LL);
-    count = 3;
-    EXPECT_TRUE(file.getData(buf, count, minus3, CFileTools::end));  // the last three bytes
-    EXPECT_EQ(std::string(buf, 3), "789");
-    count = 2;
-    EXPECT_TRUE(file.getData(buf, count, minus3, CFileTools::current));  // position was 10
-    EXPECT_EQ(std::string(buf, 2), "78");
-    count = 3;  // a positive offset from the end is past it
-    EXPECT_FALSE(file.getData(buf, count, 3, CFileTools::end));
-    count = 20;  // before the start of the file: refused
-    EXPECT_FALSE(file.getData(buf, count, static_cast<unsigned long long>(-20LL), CFileTools::end));
-    count = 100;  // asks past the end: only what is there
-    EXPECT_TRUE(file.getData(buf, count, 8, CFileTools::begin));
-    EXPECT_EQ(count, 2u);
-    count = 5;
-    EXPECT_FALSE(file.getData(buf, count, 50, CFileTools::begin));
+    unsigned long long count = 0;
+    // The bytes read, or "refused"; `count` is what getData left in it.
+    auto read = [&](unsigned long long n, long long offset, CFileTools::SeekDirection from) {
+        count = n;
+        return file.getData(buf, count, static_cast<unsigned long long>(offset), from) ? std::string(buf, count)
+                                                                                     : "refused";
+    };
+    EXPECT_EQ(read(4, 2, CFileTools::begin), "2345");
+    EXPECT_EQ(read(2, 1, CFileTools::current), "78");  // position was 6
+    EXPECT_EQ(read(3, -3, CFileTools::end), "789");    // the last three bytes
+    EXPECT_EQ(read(2, -3, CFileTools::current), "78"); // position was 10
+    EXPECT_EQ(read(3, 3, CFileTools::end), "refused");  // a positive offset from the end is past it
+    EXPECT_EQ(read(20, -20, CFileTools::end), "refused");  // before the start of the file
+    EXPECT_EQ(read(100, 8, CFileTools::begin), "89");  // asks past the end: only what is there
+    EXPECT_EQ(read(5, 50, CFileTools::begin), "refused");
     EXPECT_EQ(count, 0u);
 
     // writeBytes replaces the contents, also while the file was open for reading.
@@ -99,30 +91,28 @@ TEST(EntryContents, LargeReadStraightIntoCallerBuffer) {
 }
 
 TEST(PathNames, ThresholdsOfEachHelper) {
-    EXPECT_EQ(CFileTools("/music/a.mp3").getDisplayName(), "a.mp3");
-    EXPECT_EQ(CFileTools("/root").getDisplayName(), "/root");  // only "/" is the first character
-    EXPECT_EQ(CFileTools("plain").getDisplayName(), "plain");
     EXPECT_EQ(CFileTools("/x", "given").getDisplayName(), "given");
     EXPECT_EQ(CFileTools::GetDisplayNameFromPath("/root"), "root");
     EXPECT_EQ(CFileTools::GetDisplayNameFromPath("plain"), "plain");
     EXPECT_EQ(CFileTools::GetDisplayNameFromPath("/a/"), "");
-
-    EXPECT_EQ(CFileTools("/music/a.MP3").getExtension(), "MP3");
-    EXPECT_EQ(CFileTools("/music/README").getExtension(), "/music/README");
-    EXPECT_EQ(CFileTools("/my.music/README").getExtension(), "music/README");  // last "." anywhere
-    EXPECT_EQ(CFileTools(".hidden").getExtension(), ".hidden");
-
-    EXPECT_EQ(CFileTools("/music/album/a.mp3").getDirectory(), "a.mp3");
-    EXPECT_EQ(CFileTools("/root").getDirectory(), "/root");
-
+    const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
+        // path, display name (only "/" as the first character is kept), extension (last "." anywhere), directory
+        {"/music/a.MP3", "a.MP3", "MP3", "a.MP3"},     {"/root", "/root", "/root", "/root"},
+        {"plain", "plain", "plain", "plain"},          {"/music/README", "README", "/music/README", "README"},
+        {"/my.music/README", "README", "music/README", "README"}, {".hidden", ".hidden", ".hidden", ".hidden"},
+        {"/music/album/a.mp3", "a.mp3", "mp3", "a.mp3"},
+    };
+    for (const auto& [path, name, extension, directory] : cases) {
+        CFileTools entry(path);
+        EXPECT_EQ(entry.getDisplayName(), name) << path;
+        EXPECT_EQ(entry.getExtension(), extension) << path;
+        EXPECT_EQ(entry.getDirectory(), directory) << path;
+    }
     CFileTools entry("/f/Song.Mp3");
-    EXPECT_EQ(entry.getFieldValue("title"), "Song.Mp3");
-    EXPECT_EQ(entry.getFieldValue("path"), "/f/Song.Mp3");
-    EXPECT_EQ(entry.getFieldValue("path.extension"), "Mp3");
-    EXPECT_EQ(entry.getFieldValue("path.directory"), "Song.Mp3");
-    EXPECT_EQ(entry.getFieldValue("path.filename"), "Song.Mp3");
-    EXPECT_EQ(entry.getFieldValue("Title"), "");
-    EXPECT_EQ(entry.getFieldValue("nonsense"), "");
+    const std::pair<const char*, const char*> fields[] = {{"title", "Song.Mp3"}, {"path", "/f/Song.Mp3"},
+        {"path.extension", "Mp3"}, {"path.directory", "Song.Mp3"}, {"path.filename", "Song.Mp3"}, {"Title", ""},
+        {"nonsense", ""}};
+    for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
 }
 
 TEST(FileOperations, CreateCopyRenameDelete) {

@@ -14,18 +14,14 @@
 using kivtest::ScopedEnv;
 
 TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
-    CStdStr home = CFileTools::GetUserHomeFolder();
+    const std::string home = CFileTools::GetUserHomeFolder();
     ASSERT_FALSE(home.empty());
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%mydocuments%"), home + "/Documents");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYDOCUMENTS%/x"), home + "/Documents");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("before%MyMusic%after"), home + "/Music");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%desktop%"), home + "/Desktop");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYPICTURES%"), home + "/Pictures");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYVIDEO%"), home + "/Videos");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%MYCOMPUTER%"), home + "/");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("%UNKNOWN%"), home);
-    EXPECT_EQ(CFileTools::resolveSpecialPath("/plain/path"), "/plain/path");
-    EXPECT_EQ(CFileTools::resolveSpecialPath("/one%sign"), "/one%sign");
+    const std::pair<const char*, std::string> cases[] = {{"%mydocuments%", home + "/Documents"},
+        {"%MYDOCUMENTS%/x", home + "/Documents"}, {"before%MyMusic%after", home + "/Music"},
+        {"%desktop%", home + "/Desktop"}, {"%MYPICTURES%", home + "/Pictures"}, {"%MYVIDEO%", home + "/Videos"},
+        {"%MYCOMPUTER%", home + "/"}, {"%UNKNOWN%", home}, {"/plain/path", "/plain/path"},
+        {"/one%sign", "/one%sign"}};
+    for (const auto& [path, resolved] : cases) EXPECT_EQ(CFileTools::resolveSpecialPath(path), resolved);
     EXPECT_EQ(CFileTools::resolveShortcut("/any/path"), "");
     EXPECT_EQ(CFileTools::GetPathFromCSIDL(5), "");
 }
@@ -41,15 +37,10 @@ TEST(TempFolders, TmpdirThenVarTmpThenTmp) {
         EXPECT_EQ(sub, dir.path() + "/zips");
         EXPECT_TRUE(CFileTools(sub).isFolder());
     }
-    {
-        ScopedEnv env("TMPDIR", (dir.path() + "/missing").c_str());
-        CStdStr expected = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
-        EXPECT_EQ(CFileTools::getTmpFolder(), expected);
-    }
-    {
-        ScopedEnv env("TMPDIR", nullptr);
-        CStdStr expected = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
-        EXPECT_EQ(CFileTools::getTmpFolder(), expected);
+    const CStdStr fallback = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
+    for (const std::string& tmpdir : {dir.path() + "/missing", std::string()}) {
+        ScopedEnv env("TMPDIR", tmpdir.empty() ? nullptr : tmpdir.c_str());
+        EXPECT_EQ(CFileTools::getTmpFolder(), fallback) << tmpdir;
     }
     CStdStr temp = CFileTools::GenerateTempFilePath();
     ASSERT_EQ(temp.Left(9), "/tmp/file");
@@ -60,7 +51,7 @@ TEST(TempFolders, TmpdirThenVarTmpThenTmp) {
     EXPECT_TRUE(CFileTools::DeleteFile(temp));
 }
 
-TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRoot) {
+TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRootOrThrows) {
     CStdStr data = CFileTools::GetKivDataFolder();
     EXPECT_EQ(data, KivFolders::DataFolder());
     struct stat st;
@@ -74,13 +65,9 @@ TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRoot) {
     ASSERT_EQ(stat(sub.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0750u);
     EXPECT_EQ(CFileTools::GetLogsDirectory(), KivFolders::LogsDirectory());
-}
-
-TEST(DataFolder, UncreatableSubfolderThrowsLogicError) {
-    CStdStr data = CFileTools::GetKivDataFolder();
     try {
         CFileTools::GetKivDataSubFolder("no/such/parent");
-        FAIL() << "expected std::logic_error";
+        ADD_FAILURE() << "an uncreatable subfolder throws std::logic_error";
     } catch (const std::logic_error& e) {
         EXPECT_EQ(CStdStr(e.what()).Left(35), "Failed to create Kiv data subfolder");
     }
@@ -116,12 +103,7 @@ TEST(MediumId, RoundTripAndLossyCharacters) {
 }
 
 TEST(StdPath, AppendInsertsOneSeparatorOnlyWhereNeeded) {
-    CStdPath a("/base");
-    EXPECT_EQ(a.AppendPath("x"), "/base/x");
-    CStdPath b("/base/");
-    EXPECT_EQ(b.AppendPath("x"), "/base/x");
-    CStdPath c("/base");
-    EXPECT_EQ(c.AppendPath(""), "/base");
-    CStdPath d("");
-    EXPECT_EQ(d.AppendPath("x"), "x");
+    const std::tuple<const char*, const char*, const char*> cases[] = {
+        {"/base", "x", "/base/x"}, {"/base/", "x", "/base/x"}, {"/base", "", "/base"}, {"", "x", "x"}};
+    for (const auto& [base, part, joined] : cases) EXPECT_EQ(CStdPath(base).AppendPath(part), joined);
 }
