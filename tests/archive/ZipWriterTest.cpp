@@ -76,21 +76,9 @@ void setModified(const std::string& path, time_t when) {
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
 }
 
-// The local date and time the entry of a file modified at `when` must carry
-// (seconds rounded down to even, the DOS resolution).
-std::string localDate(time_t when) {
-    struct tm t;
-    localtime_r(&when, &t);
+std::string dateText(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute, unsigned second) {
     char text[80];
-    snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
-             t.tm_hour, t.tm_min, t.tm_sec / 2 * 2);
-    return text;
-}
-
-std::string entryDate(const tm_unz& d) {
-    char text[80];
-    snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour,
-             d.tm_min, d.tm_sec);
+    snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", year, month, day, hour, minute, second);
     return text;
 }
 
@@ -100,48 +88,44 @@ TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
     kivtest::TempDir dir;
     const std::string big = pattern(131073);  // two chunks: 131,072 bytes and 1
     const std::string text(50000, 'a');
-    kivtest::writeFile(dir.file("src/big.bin"), big);
-    kivtest::writeFile(dir.file("src/text.txt"), text);
-    kivtest::writeFile(dir.file("src/empty"), "");
-    kivtest::writeFile(dir.file("grp/set\\one.txt"), "one");
-    const time_t modified[] = {1614834368, 1700000001, 0, 1234567890};  // 2021, 2023, 1970, 2009
-    setModified(dir.file("src/big.bin"), modified[0]);
-    setModified(dir.file("src/text.txt"), modified[1]);
-    setModified(dir.file("src/empty"), modified[2]);
-    setModified(dir.file("grp/set\\one.txt"), modified[3]);
-
+    // path, contents, modified (2021, 2023, 1970, 2009); the last is missing: an empty entry.
+    const std::tuple<std::string, std::string, time_t> files[] = {{"src/big.bin", big, 1614834368},
+        {"src/text.txt", text, 1700000001}, {"src/empty", "", 0}, {"grp/set\\one.txt", "one", 1234567890},
+        {"grp/set\\vanished", "", -1}};
+    for (const auto& [name, content, modified] : files) {
+        if (modified < 0) continue;
+        kivtest::writeFile(dir.file(name), content);
+        setModified(dir.file(name), modified);
+    }
     for (bool store : {true, false}) {
         CMyPathTree tree;
-        tree.AddFile(dir.file("src/big.bin"));
-        tree.AddFile(dir.file("src/text.txt"));
-        tree.AddFile(dir.file("src/empty"));
-        tree.AddFile(dir.file("grp/set\\one.txt"));
-        tree.AddFile(dir.file("grp/set\\vanished"));  // missing: an empty entry
+        for (const auto& file : files) tree.AddFile(dir.file(std::get<0>(file)));
         std::string zip = dir.file(store ? "stored.zip" : "deflated.zip");
         CStdStr error;
         EXPECT_TRUE(tree.createZip(zip.c_str(), store, &error)) << error;
 
         std::vector<Entry> entries = readZip(zip);
         ASSERT_EQ(entries.size(), 5u);
-        const int method = store ? 0 : Z_DEFLATED;
-        EXPECT_EQ(entries[0].name, "big.bin");
-        EXPECT_EQ(entries[1].name, "text.txt");
-        EXPECT_EQ(entries[2].name, "empty");
         // The backslash name makes a folder node; the file added after it has the same parent.
-        EXPECT_EQ(entries[3].name, "set/set\\one.txt");
-        EXPECT_EQ(entries[4].name, "set/set\\vanished");
-        const std::string contents[] = {big, text, "", "one", ""};
+        const char* names[] = {"big.bin", "text.txt", "empty", "set/set\\one.txt", "set/set\\vanished"};
         for (size_t i = 0; i < entries.size(); ++i) {
-            EXPECT_EQ(entries[i].method, method) << entries[i].name;
-            EXPECT_EQ(entries[i].size, contents[i].size()) << entries[i].name;
-            EXPECT_EQ(entries[i].crc, crcOf(contents[i])) << entries[i].name;
-            EXPECT_TRUE(entries[i].data == contents[i]) << entries[i].name;
-            if (i < 4) {
-                // Before 1980 a DOS date cannot say it: the earliest one is used.
-                EXPECT_EQ(entryDate(entries[i].date), i == 2 ? "1980-01-01 00:00:00" : localDate(modified[i]))
-                    << entries[i].name;
-                EXPECT_EQ(entries[i].utcTime, static_cast<long long>(modified[i])) << entries[i].name;
-            }
+            const auto& [path, content, modified] = files[i];
+            SCOPED_TRACE(path);
+            EXPECT_EQ(entries[i].name, names[i]);
+            EXPECT_EQ(entries[i].method, store ? 0 : Z_DEFLATED);
+            EXPECT_EQ(entries[i].size, content.size());
+            EXPECT_EQ(entries[i].crc, crcOf(content));
+            EXPECT_TRUE(entries[i].data == content);
+            if (modified < 0) continue;
+            // The local time in the DOS date, seconds rounded down to even; before 1980 the earliest date.
+            struct tm t;
+            localtime_r(&modified, &t);
+            const tm_unz& d = entries[i].date;
+            EXPECT_EQ(dateText(d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour, d.tm_min, d.tm_sec),
+                      modified == 0 ? "1980-01-01 00:00:00"
+                                    : dateText(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min,
+                                               t.tm_sec / 2 * 2));
+            EXPECT_EQ(entries[i].utcTime, static_cast<long long>(modified));
         }
     }
 }
