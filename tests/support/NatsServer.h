@@ -23,7 +23,6 @@ public:
     bool start();
     void stop();
     bool restart();
-    bool running() const { return m_pid > 0; }
 
     int port() const { return m_port; }
     pid_t pid() const { return m_pid; }
@@ -34,9 +33,6 @@ public:
     std::string logPath() const { return m_dir.file("nats.log"); }
 
 private:
-    bool waitForPort(int timeoutMs);
-    bool readPortsFile(int timeoutMs);
-
     TempDir m_dir;
     int m_maxPayload;
     std::string m_extra;
