@@ -32,9 +32,6 @@ namespace {
 
 typedef PThreadDelegateMember<KivRequestProxySatellite> ThreadDelegate;
 
-// How long "CreateZip" waits for its archive before answering the estimate.
-const int kCreateZipWaitSeconds = 5;
-
 long long fileSize(const CStdStr& path) { return static_cast<long long>(CFileTools(path).getFileSize()); }
 
 struct timespec deadlineIn(long long milliseconds) {
@@ -117,7 +114,7 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
     CStdStr failed;
     {
         PLockGuard lock(record->completion);
-        const struct timespec deadline = deadlineIn(kCreateZipWaitSeconds * 1000LL);
+        const struct timespec deadline = deadlineIn(ArchiveThreads::createZipWaitMs());
         while (!record->done) {
             if (!record->completion.waitUntil(deadline)) break;
         }

@@ -20,6 +20,7 @@ Bookkeeping& book() {
 }
 
 std::atomic<ArchiveThreads::Hook> s_beforeWrite{nullptr};
+std::atomic<int> s_createZipWaitMs{5000};
 
 }  // namespace
 
@@ -58,5 +59,7 @@ void waitForAll(const KivRequestProxySatellite* owner) {
 
 void setBeforeWriteHook(Hook hook) { s_beforeWrite.store(hook); }
 Hook beforeWriteHook() { return s_beforeWrite.load(); }
+void setCreateZipWaitMs(int milliseconds) { s_createZipWaitMs.store(milliseconds); }
+int createZipWaitMs() { return s_createZipWaitMs.load(); }
 
 }  // namespace ArchiveThreads

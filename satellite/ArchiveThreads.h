@@ -32,4 +32,9 @@ typedef void (*Hook)(const char* zipPath);
 void setBeforeWriteHook(Hook hook);
 Hook beforeWriteHook();
 
+// How long "CreateZip" waits for its archive before it answers the estimate:
+// 5000 ms; tests only may shorten it.
+void setCreateZipWaitMs(int milliseconds);
+int createZipWaitMs();
+
 }  // namespace ArchiveThreads

@@ -44,7 +44,7 @@ TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
     EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
 }
 
-// Archives held back past the 5-second wait: the answer is the estimate, the
+// Archives held back past the wait: the answer is the estimate, the
 // path is pending, a fetch waits for the finished file, and a deletion while
 // pending leaves nothing behind.
 TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
@@ -55,7 +55,7 @@ TEST_F(ArchiveServicesTest, SlowArchiveAnswersEstimateAndIsFetchedComplete) {
     setGate(false);
     std::string keptZip, droppedZip;
     long long keptSize = 0, droppedSize = 0;
-    // Both requests wait out their 5 seconds side by side.
+    // Both requests wait out their time side by side.
     std::thread other([&] { EXPECT_EQ(createZip(dropped, &droppedZip, &droppedSize), 0); });
     ASSERT_EQ(createZip(kept, &keptZip, &keptSize), 0);
     other.join();

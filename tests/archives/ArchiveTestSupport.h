@@ -93,9 +93,11 @@ protected:
         gateChanged.wait(lock, [] { return gateOpen; });
         --waiting;
     }
+    // While the gate is closed no archive completes, so "CreateZip" need not wait its 5 s for one.
     static void setGate(bool open) {
         std::lock_guard<std::mutex> lock(gateMutex);
         gateOpen = open;
+        ArchiveThreads::setCreateZipWaitMs(open ? 5000 : 200);
         gateChanged.notify_all();
     }
     // The zip path of the last archive that reached the gate, and how many wait there.
