@@ -16,8 +16,11 @@
 #include "satellite/ArchiveFolders.h"
 #include "satellite/ArchiveLeftovers.h"
 #include "tests/archives/ArchiveTestSupport.h"
+#include "tests/support/Eventually.h"
 
 namespace {
+
+using kivtest::eventually;
 
 TEST_F(ArchiveServicesTest, OneFileIsDeflatedAndSeveralAreStored) {
     const std::string a = dir.file("media/a.txt"), b = dir.file("media/b.txt");
@@ -203,13 +206,6 @@ struct CapturingLog : CBBLog {
     std::mutex mutex;  // guards errors
     std::string errors;
 };
-
-// Polls `condition` until it holds; the deadline is only a safety net.
-bool eventually(const std::function<bool()>& condition) {
-    for (int i = 0; i < 12000; ++i, usleep(5000))  // 60 s at most
-        if (condition()) return true;
-    return false;
-}
 
 // Archives in /tmp, named as GenerateTempFilePath names them.
 int archivesInTmp() { return std::stoi(kivtest::runCommand("ls /tmp | grep -cx 'file......'")); }

@@ -1,5 +1,5 @@
 // A fixture with a real nats-server, an echo satellite "EchoA" and a client,
-// plus helpers to build and compare variants.
+// a satellite whose handlers wait for the test, and helpers for variants.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,7 +7,9 @@
 #include <memory>
 #include <string>
 
+#include "cab/CabConnection.h"
 #include "cab/CabSatellite.h"
+#include "host/PThread.h"
 #include "tests/support/NatsServer.h"
 #include "tools/cab-echo/EchoSatellite.h"
 
@@ -35,3 +37,51 @@ struct Var {
 
 std::string encodingOf(const tagVARIANT& v);
 void setI4(tagVARIANT* v, int32_t n);
+
+// "Meet" returns once `expected` calls are inside it together, or fails
+// after ten seconds; "Hold" blocks until the test opens the gate.
+class GateSatellite : public CabSatellite {
+public:
+    ~GateSatellite() override { openAndWaitEmpty(); }  // a handler must end before the object goes
+    int CreateServices() override {
+        AddService("Meet", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::meet));
+        return AddService("Hold", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::hold));
+    }
+    int meet(const char*, const tagVARIANT&, tagVARIANT*) {
+        PLockGuard guard(lock);
+        ++inside;
+        lock.broadcast();
+        struct timespec deadline = cabDeadline(10000);
+        while (inside < expected)
+            if (!lock.waitUntil(deadline)) return 1;
+        return 0;
+    }
+    int hold(const char*, const tagVARIANT&, tagVARIANT*) {
+        PLockGuard guard(lock);
+        ++holding;
+        lock.broadcast();
+        while (!open) lock.wait();
+        --holding;
+        lock.broadcast();
+        return 0;
+    }
+    void expect(int n) {
+        PLockGuard guard(lock);
+        expected = n;
+    }
+    void waitHolding(int n) {
+        PLockGuard guard(lock);
+        while (holding < n) lock.wait();
+    }
+    void openAndWaitEmpty() {
+        PLockGuard guard(lock);
+        open = true;
+        lock.broadcast();
+        while (holding > 0) lock.wait();
+    }
+    PCondMutex lock;   // guards the four below
+    int inside = 0;    // lock: in "Meet"
+    int holding = 0;   // lock: in "Hold"
+    int expected = 3;  // lock
+    bool open = false; // lock
+};

@@ -9,46 +9,29 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <nats/nats.h>
-
 #include "cab/VariantJson.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/ProxyProcess.h"
+#include "tests/support/RawNats.h"
 #include "variant/CLocalVariant.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using kivtest::eventually;
+using kivtest::msSince;
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 const char* const kProxy = "VorpaMediaProxy";
-
-int64_t msSince(Clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
-}
-
-// Polls `done` every 20 ms; false after the safety time-out.
-template <class F>
-bool eventually(F done, int ms = 60000) {
-    auto end = Clock::now() + std::chrono::milliseconds(ms);
-    while (Clock::now() < end) {
-        if (done()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return done();
-}
 
 int freePort() {
     int fd = socket(AF_INET, SOCK_STREAM, 0);
@@ -144,42 +127,6 @@ std::string dataFolderOf(CabSatellite& client, const std::string& target) {
     return out.get().bstrVal;
 }
 
-// An echo satellite whose "Hold" service waits until released, so a test
-// knows when requests are in flight.
-class HoldingEcho : public EchoSatellite {
-public:
-    ~HoldingEcho() override {
-        release();
-        Disconnect();
-    }
-    int CreateServices() override {
-        EchoSatellite::CreateServices();
-        return AddService("Hold", "", new CabSatelliteDelegateMember<HoldingEcho>(this, &HoldingEcho::Hold));
-    }
-    int Hold(const char*, const tagVARIANT&, tagVARIANT*) {
-        std::unique_lock<std::mutex> lock(m_lock);  // guards m_entered, m_released
-        ++m_entered;
-        m_cond.notify_all();
-        m_cond.wait_for(lock, std::chrono::seconds(60), [this] { return m_released; });
-        return 0;
-    }
-    bool waitForEntered(int n) {
-        std::unique_lock<std::mutex> lock(m_lock);
-        return m_cond.wait_for(lock, std::chrono::seconds(60), [&] { return m_entered >= n; });
-    }
-    void release() {
-        std::lock_guard<std::mutex> lock(m_lock);
-        m_released = true;
-        m_cond.notify_all();
-    }
-
-private:
-    std::mutex m_lock;
-    std::condition_variable m_cond;
-    int m_entered = 0;       // m_lock
-    bool m_released = false;  // m_lock
-};
-
 std::string patternFile(const kivtest::TempDir& dir, size_t bytes) {
     std::string path = dir.file("pattern.bin");
     std::string data(bytes, '\0');
@@ -234,7 +181,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     int a = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
     ASSERT_GE(a, 0) << proxy.log();
     int b = (a + 1) % 3, c = (a + 2) % 3;
-    HoldingEcho echo;
+    GateSatellite echo;
     ASSERT_EQ(0, echo.Connect(cluster.servers[b]->url().c_str(), "EchoA")) << CabGetLastError();
     std::unique_ptr<CabClient> onA = clientOf(*cluster.servers[a], "ClientOnA");
     std::unique_ptr<CabClient> onB = clientOf(*cluster.servers[b], "ClientOnB");
@@ -257,7 +204,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
         o->json = VariantToJson(out.get());
     };
     std::thread ta(send, onA.get(), &viaA), tb(send, onB.get(), &viaB);
-    ASSERT_TRUE(echo.waitForEntered(2));
+    echo.waitHolding(2);
     // And a 24 MiB answer in parts to a raw requester on B that grants no
     // credit: the proxy has sent its window and waits.
     kivtest::TempDir dir("kivcluster");
@@ -266,23 +213,15 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     natsSubscription* held = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&raw, cluster.servers[b]->url().c_str()));
     ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&held, raw, "held.reply"));
-    {
-        Var in;
-        std::string error;
-        ASSERT_TRUE(VariantFromJson("[\"" + path + "\"]", &in, &error)) << error;
-        std::string payload = encodingOf(in.v);
-        natsMsg* m = nullptr;
-        natsMsg_Create(&m, "cab.VorpaMediaProxy.GetFile", "held.reply", payload.data(), (int)payload.size());
-        natsMsgHeader_Set(m, "Cab-Proto", "1");
-        ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(raw, m));
-        natsMsg_Destroy(m);
-        natsMsg* first = nullptr;
-        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&first, held, 30000));
-        const char* parts = nullptr;
-        natsMsgHeader_Get(first, "Cab-Parts", &parts);
-        EXPECT_STREQ("25", parts);
-        natsMsg_Destroy(first);
-    }
+    CLocalVariant in;
+    std::string error;
+    ASSERT_TRUE(VariantFromJson("[\"" + path + "\"]", in.ptr(), &error)) << error;
+    ASSERT_EQ(NATS_OK, kivtest::publish(raw, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1", encodingOf(in.get()),
+                                        "held.reply"));
+    natsMsg* first = nullptr;
+    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&first, held, 30000));
+    EXPECT_EQ("25", kivtest::header(first, "Cab-Parts"));
+    natsMsg_Destroy(first);
 
     auto t0 = Clock::now();
     ASSERT_EQ(0, kill(cluster.servers[a]->pid(), SIGKILL));
@@ -306,12 +245,10 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     int partsBefore = 1, noticePart = -1;
     for (natsMsg* m = nullptr; notice.empty() && natsSubscription_NextMsg(&m, held, 5000) == NATS_OK;
          natsMsg_Destroy(m)) {
-        const char *st = nullptr, *part = nullptr;
         if (natsMsg_GetDataLength(m) > 0) {
             ++partsBefore;
-        } else if (natsMsgHeader_Get(m, "Cab-Status", &st) == NATS_OK) {
-            notice = st;
-            if (natsMsgHeader_Get(m, "Cab-Part", &part) == NATS_OK) noticePart = atoi(part);
+        } else if (!(notice = kivtest::header(m, "Cab-Status")).empty()) {
+            noticePart = atoi(kivtest::header(m, "Cab-Part").c_str());
         }
     }
     EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
@@ -320,7 +257,6 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     natsConnection_Destroy(raw);
     std::string now = proxy.urlAfter("reconnected to");
     EXPECT_TRUE(cluster.indexOf(now) == b || cluster.indexOf(now) == c) << proxy.log();
-    echo.release();
     cluster.servers[a]->stop();
 }
 

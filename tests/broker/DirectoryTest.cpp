@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tests/broker/BrokerTestFixture.h"
+#include "tests/support/Eventually.h"
 
 TEST_F(BrokerTest, DiscoveryDescribesTheSatelliteAndCountsRequests) {
     Var in, out;
@@ -84,14 +85,11 @@ TEST_F(BrokerTest, SatelliteServesAgainAfterTheDirectoryRestarts) {
         });
     }
     // Let the load run, then pull the directory away under it.
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (okBefore < 20 && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    kivtest::eventually([&] { return okBefore >= 20; }, 30000);
     ASSERT_TRUE(server.restart()) << server.error();
-    // Serving again: wait (bounded) for a successful answer after the restart.
-    int before = okBefore;
-    bool served = false;
-    until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!served && std::chrono::steady_clock::now() < until) served = okBefore > before + 10;
+    // Serving again: wait (bounded) for successful answers after the restart.
+    const int before = okBefore;
+    const bool served = kivtest::eventually([&] { return okBefore > before + 10; }, 30000);
     stop = true;
     for (auto& t : load) t.join();
     EXPECT_TRUE(served);
@@ -107,15 +105,13 @@ TEST_F(BrokerTest, DisconnectWithTheDirectoryGoneStillEnds) {
     // Nothing to drain towards: Disconnect must neither hang nor crash, and
     // the satellite can connect again once the directory is back.
     server.stop();
-    auto start = std::chrono::steady_clock::now();
+    const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(0, echo->Disconnect());
-    auto took = std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_LT(took, 30);  // a safety net only: the drain is bounded by its own time-out
+    EXPECT_LT(kivtest::msSince(start), 30000);  // a safety net only: the drain is bounded by its own time-out
     ASSERT_TRUE(server.restart()) << server.error();
     ASSERT_EQ(0, echo->Connect(server.hostPort().c_str(), "EchoA"));
-    // The client reconnects on its own schedule; wait (bounded) for it.
-    auto until = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (!client->isConnected() && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    // The client reconnects on its own schedule.
+    kivtest::eventually([&] { return client->isConnected(); }, 30000);
     Var in, out;
     setI4(&in.v, 7);
     EXPECT_EQ(0, call("EchoA", "Echo", in.v, &out));

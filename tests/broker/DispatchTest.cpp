@@ -5,61 +5,10 @@
 #include <thread>
 #include <vector>
 
-#include <nats/nats.h>
-
-#include "cab/CabConnection.h"
 #include "cab/CabStatus.h"
 #include "host/CRegistry.h"
-#include "host/PThread.h"
 #include "tests/broker/BrokerTestFixture.h"
-
-namespace {
-
-// "Meet" returns once `expected` calls are inside it together, or fails
-// after ten seconds; "Hold" blocks until the test opens the gate.
-class GateSatellite : public CabSatellite {
-public:
-    ~GateSatellite() override { openAndWaitEmpty(); }  // a handler must end before the object goes
-    int CreateServices() override {
-        AddService("Meet", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::meet));
-        return AddService("Hold", "", new CabSatelliteDelegateMember<GateSatellite>(this, &GateSatellite::hold));
-    }
-    int meet(const char*, const tagVARIANT&, tagVARIANT*) {
-        PLockGuard guard(lock);
-        ++inside;
-        lock.broadcast();
-        struct timespec deadline = cabDeadline(10000);
-        while (inside < expected)
-            if (!lock.waitUntil(deadline)) return 1;
-        return 0;
-    }
-    int hold(const char*, const tagVARIANT&, tagVARIANT*) {
-        PLockGuard guard(lock);
-        ++holding;
-        lock.broadcast();
-        while (!open) lock.wait();
-        --holding;
-        lock.broadcast();
-        return 0;
-    }
-    void waitHolding(int n) {
-        PLockGuard guard(lock);
-        while (holding < n) lock.wait();
-    }
-    void openAndWaitEmpty() {
-        PLockGuard guard(lock);
-        open = true;
-        lock.broadcast();
-        while (holding > 0) lock.wait();
-    }
-    PCondMutex lock;   // guards the four below
-    int inside = 0;    // lock: in "Meet"
-    int holding = 0;   // lock: in "Hold"
-    int expected = 3;  // lock
-    bool open = false; // lock
-};
-
-}  // namespace
+#include "tests/support/RawNats.h"
 
 TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     GateSatellite gate;
@@ -67,15 +16,9 @@ TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     // One request first, so that the service threads are in their steady
     // state: a handler that blocks is relieved by the deputy.
     Var in, out;
-    {
-        PLockGuard guard(gate.lock);
-        gate.expected = 1;
-    }
+    gate.expect(1);
     ASSERT_EQ(0, call("Gate", "Meet", in.v, &out));
-    {
-        PLockGuard guard(gate.lock);
-        gate.expected = 4;
-    }
+    gate.expect(4);
     std::vector<std::thread> ts;
     std::vector<int> status(3, -1);
     for (int i = 0; i < 3; ++i)
@@ -105,11 +48,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
     natsSubscription* answers = nullptr;
     ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&answers, nc, "queued.answer"));
-    natsMsg* m = nullptr;
-    natsMsg_Create(&m, "cab.Gate.Hold", "queued.answer", nullptr, 0);
-    natsMsgHeader_Set(m, "Cab-Proto", "1");
-    ASSERT_EQ(NATS_OK, natsConnection_PublishMsg(nc, m));
-    natsMsg_Destroy(m);
+    ASSERT_EQ(NATS_OK, kivtest::publish(nc, "cab.Gate.Hold", "Cab-Proto", "1", "", "queued.answer"));
     ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
     auto start = std::chrono::steady_clock::now();
     gate.Disconnect();
@@ -118,9 +57,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     EXPECT_EQ(CAB_E_CANCELLED, status);
     natsMsg* r = nullptr;
     EXPECT_EQ(NATS_OK, natsSubscription_NextMsg(&r, answers, 30000));
-    const char* queued = nullptr;
-    if (r) natsMsgHeader_Get(r, "Cab-Status", &queued);
-    EXPECT_EQ(std::to_string(CAB_E_CANCELLED), queued ? queued : "");
+    EXPECT_EQ(std::to_string(CAB_E_CANCELLED), kivtest::header(r, "Cab-Status"));
     natsMsg_Destroy(r);
     natsSubscription_Destroy(answers);
     natsConnection_Destroy(nc);
@@ -130,10 +67,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
 TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
     GateSatellite gate;
     ASSERT_EQ(0, gate.Connect(server.hostPort().c_str(), "Gate"));
-    {
-        PLockGuard guard(gate.lock);
-        gate.expected = 1;
-    }
+    gate.expect(1);
     Var in, out;
     ASSERT_EQ(0, call("Gate", "Meet", in.v, &out));
     ASSERT_EQ(0, gate.RemoveService("Meet"));

@@ -14,10 +14,12 @@
 #include "cab/CabConnection.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
+#include "tests/support/Eventually.h"
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using kivtest::msSince;
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 
 // The authorization block make run would write for these identities.
@@ -39,10 +41,6 @@ std::string authorization() {
                      "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
                      "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
     return conf;
-}
-
-int64_t msSince(Clock::time_point t0) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - t0).count();
 }
 
 class SecurityTest : public testing::Test {

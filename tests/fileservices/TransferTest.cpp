@@ -1,6 +1,5 @@
 // "GetFile" and "QueryFileSize" through the real proxy: slices, large files,
 // answers nobody takes, sizes of file-browser and catalog ids; kivctl get.
-#include <nats/nats.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,9 +12,13 @@
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/ProcStatus.h"
+#include "tests/support/RawNats.h"
 #include "tests/support/Sanitizers.h"
 
 namespace {
+
+using kivtest::header;
+using kivtest::publish;
 
 // The real proxy and, when a test starts it, the real kiv-media-catalog as
 // "KivMediaV2" over a catalog in `media`, the folder of the media files.
@@ -50,9 +53,9 @@ protected:
         const std::string command = std::string(KIV_BINARY_DIR) + "/bin/kiv-media-catalog --catalog " + file +
                                     " --root " + media.path() + " --server " + hostPort();
         catalogPid = std::stoi(kivtest::runCommand(command + " >" + out + " 2>&1 & echo $!"));
-        for (int i = 0; i < 3000 && kill(catalogPid, 0) == 0; ++i, usleep(20000))  // a safety net of 60 s
-            if (kivtest::readFile(out).find("ready\n") != std::string::npos) return true;
-        return false;
+        return kivtest::eventually([&] {
+            return kill(catalogPid, 0) != 0 || kivtest::readFile(out).find("ready\n") != std::string::npos;
+        }) && kivtest::readFile(out).find("ready\n") != std::string::npos;
     }
     void stopCatalog() {
         if (catalogPid > 0) kill(catalogPid, SIGTERM);
@@ -324,10 +327,9 @@ TEST_F(KivctlGetTest, NeverWritesOverItsSourceAndKeepsAnInterruptedPart) {
     auto started = [&] {
         return stat((out + ".part").c_str(), &st) == 0 && st.st_size > 0 && kivtest::readFile(pidFile) != "";
     };
-    for (int i = 0; i < 6000 && !started(); ++i) usleep(10 * 1000);
-    ASSERT_TRUE(started()) << kivtest::readFile(log);
+    ASSERT_TRUE(kivtest::eventually(started)) << kivtest::readFile(log);
     kill(atoi(kivtest::readFile(pidFile).c_str()), SIGTERM);
-    for (int i = 0; i < 6000 && kivtest::readFile(rcFile).empty(); ++i) usleep(10 * 1000);
+    kivtest::eventually([&] { return !kivtest::readFile(rcFile).empty(); });
     EXPECT_EQ(atoi(kivtest::readFile(rcFile).c_str()), 128 + SIGTERM);
     EXPECT_THAT(kivtest::readFile(log), HasSubstr("resume with: kivctl get --continue"));
     EXPECT_FALSE(std::filesystem::exists(out)) << "only the part file is left";
@@ -375,22 +377,6 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
 // credit subjects, frees everything after the credit time-out, and refuses
 // answers past maxAnswerBytes with CAB_E_BUSY.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
-
-std::string header(natsMsg* m, const char* key) {
-    const char* v = nullptr;
-    return natsMsgHeader_Get(m, key, &v) == NATS_OK && v ? v : "";
-}
-
-// Publishes to `subject` a message with one header, `payload` and the reply subject `reply`.
-natsStatus publish(natsConnection* nc, const std::string& subject, const char* key, const char* value,
-                   const std::string& payload = "", const char* reply = nullptr) {
-    natsMsg* m = nullptr;
-    natsMsg_Create(&m, subject.c_str(), reply, payload.data(), (int)payload.size());
-    natsMsgHeader_Set(m, key, value);
-    natsStatus s = natsConnection_PublishMsg(nc, m);
-    natsMsg_Destroy(m);
-    return s;
-}
 
 // A raw "GetFile" request for the whole of `path`, answered to `reply`.
 natsStatus requestWholeFile(natsConnection* nc, const std::string& path, const std::string& reply) {

@@ -71,9 +71,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     const std::string pid = dir.file("follow.pid");
     kivctl("tail -f --interval 20 " + followed + " >" + capture + " 2>&1 & echo $! >" + pid);
     auto shows = [&](const std::string& text) {
-        for (int i = 0; i < 3000; ++i, usleep(10000))
-            if (kivtest::readFile(capture).find(text) != std::string::npos) return true;
-        return false;
+        return kivtest::eventually([&] { return kivtest::readFile(capture).find(text) != std::string::npos; }, 30000);
     };
     const std::pair<std::string, std::string> steps[] = {  // a command on @, what the output then shows
         {"", "old line\n"}, {"printf 'added\\n' >> @", "added\n"}, {"printf 'old' > @", "truncated"},

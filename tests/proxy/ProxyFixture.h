@@ -15,6 +15,7 @@
 
 #include "cab/CabSatellite.h"
 #include "tests/proxy/TestHelpers.h"
+#include "tests/support/Eventually.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
@@ -74,9 +75,7 @@ protected:
     }
     // Waits until the log holds `text` (the logger writes on its own thread).
     bool waitForLog(const std::string& text) {
-        for (int i = 0; i < 1500; ++i, usleep(20000))  // 30 s at most, a safety net
-            if (proxyLog().find(text) != std::string::npos) return true;
-        return false;
+        return kivtest::eventually([&] { return proxyLog().find(text) != std::string::npos; }, 30000);
     }
 
     const std::string root = getenv("KIV_ROOT");

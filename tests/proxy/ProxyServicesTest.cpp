@@ -52,8 +52,7 @@ TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
         status = call("MultiRequest", R"([["EchoA", "Sleep", 20000]])", out.ptr());
     });
     // The sub-request is on its way once the proxy logs it.
-    for (int i = 0; i < 3000 && proxyOutput().find("Request Sleep...") == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    kivtest::eventually([&] { return proxyOutput().find("Request Sleep...") != std::string::npos; });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(stopProxy(SIGTERM), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "a grace of 1 s + 2 s";
