@@ -8,9 +8,8 @@
 #include <random>
 #include <string>
 
-#include "cab/VariantJson.h"
 #include "host/CRegistry.h"
-#include "variant/CLocalVariant.h"
+#include "tests/support/JsonVariant.h"
 
 using testing::HasSubstr;
 using testing::Not;
@@ -21,13 +20,6 @@ bool setting(const char* name, const T& value, const char* key = "Software\\Kiv 
     return CRegistry::getInstance()->WriteSettingImpl(key, name, value);
 }
 
-struct JsonVariant : CLocalVariant {
-    explicit JsonVariant(const std::string& text) {
-        std::string error;
-        EXPECT_TRUE(VariantFromJson(text, ptr(), &error)) << error << " in " << text;
-    }
-};
-inline std::string json(const tagVARIANT& v) { return VariantToJson(v); }
 // The JSON array of one string.
 inline std::string listOf(const std::string& text) { return nlohmann::json::array({text}).dump(); }
 // The JSON form of an integer of variant type `type` ("I8", "UI4", ...).

@@ -2,6 +2,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/JsonVariant.h"
 #include "tests/variant/VariantTestHelpers.h"
 #include "variant/VUtil.h"
 
@@ -9,39 +10,8 @@ namespace {
 
 // An argument list: [I4 -7, EMPTY, BSTR "text", R8 2.5, R4 1.5, BOOL true,
 // I2 3, UI2 0, DATE noon of 1 Jan 1970, NULL, BSTR null, I4 0].
-void buildArguments(CLocalVariant& list) {
-    vtest::makeArray(list, VT_VARIANT, 12);
-    CLocalVariant e;
-    vtest::setI4(e, -7);
-    vtest::put(list, 0, e.get());
-    vtest::setString(e, "text");
-    vtest::put(list, 2, e.get());
-    VariantClear(e.ptr());
-    e.get().vt = VT_R8;
-    e.get().dblVal = 2.5;
-    vtest::put(list, 3, e.get());
-    e.get().vt = VT_R4;
-    e.get().fltVal = 1.5f;
-    vtest::put(list, 4, e.get());
-    e.get().vt = VT_BOOL;
-    e.get().boolVal = VARIANT_TRUE;
-    vtest::put(list, 5, e.get());
-    e.get().vt = VT_I2;
-    e.get().iVal = 3;
-    vtest::put(list, 6, e.get());
-    e.get().vt = VT_UI2;
-    e.get().uiVal = 0;
-    vtest::put(list, 7, e.get());
-    e.get().vt = VT_DATE;
-    e.get().date = 25569.5;
-    vtest::put(list, 8, e.get());
-    e.get().vt = VT_NULL;
-    vtest::put(list, 9, e.get());
-    vtest::setString(e, nullptr);
-    vtest::put(list, 10, e.get());
-    vtest::setI4(e, 0);
-    vtest::put(list, 11, e.get());
-}
+const char* const kArguments = R"([-7, null, "text", 2.5, {"$vt":"R4","v":1.5}, true, {"$vt":"I2","v":3},
+    {"$vt":"UI2","v":0}, {"$vt":"DATE","v":25569.5}, {"$vt":"NULL"}, {"$vt":"BSTR","v":null}, 0])";
 
 }  // namespace
 
@@ -108,8 +78,7 @@ TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
 }
 
 TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
-    CLocalVariant list;
-    buildArguments(list);
+    JsonVariant list(kArguments);
     const tagVARIANT& l = list.get();
 
     EXPECT_EQ(-7, VUtil::GetIntElement(l, 0));

@@ -1,0 +1,18 @@
+// Variants written in their JSON form ({"$vt":"I2","v":3} names a type) and
+// read back as JSON, so that tests state values in one line.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "cab/VariantJson.h"
+#include "variant/CLocalVariant.h"
+
+struct JsonVariant : CLocalVariant {
+    explicit JsonVariant(const std::string& text) {
+        std::string error;
+        EXPECT_TRUE(VariantFromJson(text, ptr(), &error)) << error << " in " << text;
+    }
+};
+inline std::string json(const tagVARIANT& v) { return VariantToJson(v); }
