@@ -8,11 +8,10 @@
 #include <atomic>
 #include <boost/make_shared.hpp>
 #include <chrono>
-#include <cstdarg>
 #include <fstream>
 #include <thread>
 
-#include "diag/CBBLog.h"
+#include "tests/support/CapturingLog.h"
 #include "satellite/ArchiveFolders.h"
 #include "satellite/ArchiveLeftovers.h"
 #include "tests/archives/ArchiveTestSupport.h"
@@ -193,20 +192,6 @@ TEST(AddFolderToTreeTest, AddsFilesOfAllSubfoldersButNoFolders) {
 
 using Clock = std::chrono::steady_clock;
 
-// Keeps the error lines logged through the process logger instead of writing them.
-struct CapturingLog : CBBLog {
-    CapturingLog() : CBBLog("capture.log", false, 1 << 20) { setLogLevel(LOGLEVEL_DEBUG); }
-    using CBBLog::_AddLog;
-    void _AddLog(const char* format, va_list args, LOGLEVEL level) override {
-        CStdStr line;
-        line.FormatV(format, args);
-        std::lock_guard<std::mutex> lock(mutex);
-        if (level <= LOGLEVEL_ERROR) errors += line + "\n";
-    }
-    std::mutex mutex;  // guards errors
-    std::string errors;
-};
-
 // Archives in /tmp, named as GenerateTempFilePath names them.
 int archivesInTmp() { return std::stoi(kivtest::runCommand("ls /tmp | grep -cx 'file......'")); }
 
@@ -271,8 +256,7 @@ TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
     EXPECT_THAT(logsError, HasSubstr("No space left on device"));
     EXPECT_EQ(archivesInTmp(), 0);
     EXPECT_FALSE(fs::exists(ArchiveLeftovers::recordPath().c_str())) << "no archive is left pending";
-    std::lock_guard<std::mutex> lock(log->mutex);
-    EXPECT_THAT(log->errors, HasSubstr("No space left on device; the partial file was removed"));
+    EXPECT_THAT(log->linesUpTo(LOGLEVEL_ERROR), HasSubstr("No space left on device; the partial file was removed"));
     CBBLog::setLogger(boost::shared_ptr<CBBLog>());
 }
 

@@ -1,33 +1,19 @@
 #include <climits>
 #include <cmath>
-#include <cstdarg>
 #include <cstdlib>
 #include <ctime>
 #include <vector>
 
 #include <boost/make_shared.hpp>
 
-#include "diag/CBBLog.h"
+#include "tests/support/CapturingLog.h"
 #include "tests/variant/VariantTestHelpers.h"
 #include "variant/TimeUtils.h"
 #include "variant/VUtil.h"
 
-namespace {
+#define EXPECT_TIME_FAILURE(stmt, text) EXPECT_CAB_THROW(stmt, -1, text)
 
-// Keeps the lines logged through the process logger instead of writing them.
-class CapturingLog : public CBBLog {
-public:
-    CapturingLog() : CBBLog("capture.log", false, 1 << 20) {}
-    using CBBLog::_AddLog;
-    void _AddLog(const char* format, va_list args, LOGLEVEL level) override {
-        CStdStr line;
-        line.FormatV(format, args);
-        lines.push_back(line);
-        levels.push_back(level);
-    }
-    std::vector<CStdStr> lines;
-    std::vector<LOGLEVEL> levels;
-};
+namespace {
 
 const long k20080304050607 = 1204607167;  // 2008-03-04 05:06:07 UTC
 
@@ -48,18 +34,6 @@ protected:
     }
     boost::shared_ptr<CapturingLog> log;
 };
-
-// Expects `stmt` to throw a CabException with code -1 and exactly `text`.
-#define EXPECT_TIME_FAILURE(stmt, text)                      \
-    do {                                                     \
-        try {                                                \
-            stmt;                                            \
-            ADD_FAILURE() << "no exception from " #stmt;     \
-        } catch (const CabException& e) {                    \
-            EXPECT_STREQ(text, e.getMessage());              \
-            EXPECT_EQ(-1, e.getCode());                      \
-        }                                                    \
-    } while (0)
 
 }  // namespace
 

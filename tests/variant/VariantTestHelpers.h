@@ -8,17 +8,19 @@
 #include "cab/Variant.h"
 #include "variant/CLocalVariant.h"
 
-// Expects `stmt` to throw CabInvalidParameterException with exactly `text`.
-#define EXPECT_INVALID(stmt, text)                                              \
-    do {                                                                        \
-        try {                                                                   \
-            stmt;                                                               \
-            ADD_FAILURE() << "no exception from " #stmt;                        \
-        } catch (const CabInvalidParameterException& e) {                       \
-            EXPECT_STREQ(text, e.getMessage()) << #stmt;                        \
-            EXPECT_EQ(1, e.getCode());                                          \
-        }                                                                       \
+// Expects `stmt` to throw a CabException with `code` and exactly `text`;
+// an invalid parameter has the code 1.
+#define EXPECT_CAB_THROW(stmt, code, text)                 \
+    do {                                                   \
+        try {                                              \
+            stmt;                                          \
+            ADD_FAILURE() << "no exception from " #stmt;   \
+        } catch (const CabException& e) {                  \
+            EXPECT_STREQ(text, e.getMessage()) << #stmt;   \
+            EXPECT_EQ(code, e.getCode());                  \
+        }                                                  \
     } while (0)
+#define EXPECT_INVALID(stmt, text) EXPECT_CAB_THROW(stmt, 1, text)
 
 namespace vtest {
 
