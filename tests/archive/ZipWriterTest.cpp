@@ -4,7 +4,6 @@
 #include <zlib.h>
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>

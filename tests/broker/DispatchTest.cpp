@@ -5,7 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "cab/CabStatus.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/RawNats.h"

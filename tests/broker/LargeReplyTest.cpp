@@ -7,8 +7,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fstream>
 #include <string>
 
 #include "tests/broker/BrokerTestFixture.h"

@@ -1,6 +1,5 @@
 // Values of every variant type travel to a satellite and back unchanged.
 #include <random>
-#include <vector>
 
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/cab/VariantSamples.h"

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "CrashTestSupport.h"
 #include "diag/MinidumpModules.h"

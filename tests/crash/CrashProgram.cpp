@@ -4,10 +4,8 @@
 // MODE: null, usr1, abort, throw, throw-int, overflow, overflow-thread, threads, none.
 #include <pthread.h>
 #include <signal.h>
-#include <unistd.h>
 
 #include <cstdio>
-#include <cstring>
 #include <stdexcept>
 #include <string>
 

@@ -6,7 +6,6 @@
 #include <sstream>
 
 #include "host/KivFolders.h"
-#include "tests/support/TempDir.h"
 
 namespace crashtest {
 

@@ -1,7 +1,6 @@
 // The reader refuses damaged files with a reason and never reads past the end.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <random>
 
 #include "CrashTestSupport.h"

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <ctime>
-#include <memory>
 
 #include "files/CFileTools.h"
 #include "tests/support/TempDir.h"

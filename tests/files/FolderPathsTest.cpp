@@ -2,8 +2,6 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
-
 #include "files/CFileTools.h"
 #include "files/CStdPath.h"
 #include "host/CRegistry.h"

@@ -11,7 +11,6 @@
 #include "files/CFileTools.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
-#include "tests/support/ProcStatus.h"
 #include "tests/support/RawNats.h"
 #include "tests/support/Sanitizers.h"
 

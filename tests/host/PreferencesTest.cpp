@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdio>
 #include <future>
 #include <map>
 #include <sstream>
@@ -16,9 +15,7 @@
 
 #include "host/CRegistry.h"
 #include "host/Preferences.h"
-#include "host/PreferencesCodec.h"
 #include "tests/host/SettingsFixture.h"
-#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -35,7 +32,6 @@ TEST(CreateKey, MapsKeyPathsToDomains) {
     EXPECT_EQ("com.kiv-foundry.kiv.com.kiv-foundry.kiv", r.createKey("Software\\Kiv Foundry\\Kiv\\Software\\Kiv Foundry\\Kiv"));
     EXPECT_EQ("", r.createKey(""));
 }
-
 
 TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     CRegistryImpl r;

@@ -8,7 +8,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/CabStatus.h"
 #include "files/CFileTools.h"
 #include "tests/proxy/ProxyFixture.h"
 

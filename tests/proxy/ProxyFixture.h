@@ -4,14 +4,11 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <unistd.h>
 
-#include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
-#include <thread>
 
 #include "cab/CabSatellite.h"
 #include "tests/proxy/TestHelpers.h"

@@ -1,6 +1,5 @@
 #include <cmath>
 #include <string>
-#include <vector>
 
 #include "tests/support/JsonVariant.h"
 #include "tests/variant/VariantTestHelpers.h"
