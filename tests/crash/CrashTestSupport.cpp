@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "host/KivFolders.h"
+#include "tests/support/TempDir.h"
 
 namespace crashtest {
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <future>
 
+#include "cab/CabException.h"
 #include "files/CFileTools.h"
 #include "files/CKivFileManager.h"
 #include "tests/proxy/TestHelpers.h"

@@ -11,6 +11,7 @@
 #include "files/CFileTools.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
+#include "tests/support/ProcStatus.h"
 #include "tests/support/RawNats.h"
 #include "tests/support/Sanitizers.h"
 
@@ -51,10 +52,8 @@ protected:
         kivtest::writeFile(file, catalogJson);
         const std::string command = std::string(KIV_BINARY_DIR) + "/bin/kiv-media-catalog --catalog " + file +
                                     " --root " + media.path() + " --server " + hostPort();
-        catalogPid = std::stoi(kivtest::runCommand(command + " >" + out + " 2>&1 & echo $!"));
-        return kivtest::eventually([&] {
-            return kill(catalogPid, 0) != 0 || kivtest::readFile(out).find("ready\n") != std::string::npos;
-        }) && kivtest::readFile(out).find("ready\n") != std::string::npos;
+        catalogPid = kivtest::startInBackground(command, out, "ready\n");
+        return catalogPid > 0;
     }
     void stopCatalog() {
         if (catalogPid > 0) kill(catalogPid, SIGTERM);

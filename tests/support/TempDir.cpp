@@ -1,6 +1,7 @@
 #include "tests/support/TempDir.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/wait.h>
 
 #include <cstdio>
@@ -9,6 +10,8 @@
 #include <fstream>
 #include <sstream>
 #include <vector>
+
+#include "tests/support/Eventually.h"
 
 namespace kivtest {
 
@@ -60,6 +63,13 @@ std::string runCommand(const std::string& command, int* status) {
     int rc = pclose(p);
     if (status) *status = WIFEXITED(rc) ? WEXITSTATUS(rc) : -1;
     return out;
+}
+
+int startInBackground(const std::string& command, const std::string& outputFile, const std::string& ready) {
+    const int pid = std::stoi("0" + runCommand(command + " >'" + outputFile + "' 2>&1 & echo $!"));
+    auto isReady = [&] { return readFile(outputFile).find(ready) != std::string::npos; };
+    eventually([&] { return kill(pid, 0) != 0 || isReady(); });
+    return pid > 0 && isReady() ? pid : -1;
 }
 
 }  // namespace kivtest

@@ -28,5 +28,8 @@ void writeFile(const std::string& path, const std::string& content);
 std::string readFile(const std::string& path);
 // Runs a shell command and returns its standard output; *status gets the exit status.
 std::string runCommand(const std::string& command, int* status = nullptr);
+// Starts a shell command in the background, its output to `outputFile`, and
+// waits until that output holds `ready`. Its pid; -1 when it ended first.
+int startInBackground(const std::string& command, const std::string& outputFile, const std::string& ready);
 
 }  // namespace kivtest
