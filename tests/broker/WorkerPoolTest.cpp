@@ -4,42 +4,21 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <condition_variable>
+#include <future>
 #include <mutex>
-#include <thread>
 
 #include "cab/CabWorkerPool.h"
+#include "tests/support/Eventually.h"
 
 namespace {
 
 // A one-shot flag that threads can wait on with a safety time-out.
-class Flag {
-public:
-    void set() {
-        std::lock_guard<std::mutex> g(m_lock);
-        m_set = true;
-        m_cond.notify_all();
-    }
-    bool wait(int seconds = 30) {
-        std::unique_lock<std::mutex> g(m_lock);
-        return m_cond.wait_for(g, std::chrono::seconds(seconds), [this] { return m_set; });
-    }
-
-private:
-    std::mutex m_lock;            // guards m_set
-    std::condition_variable m_cond;
-    bool m_set = false;           // m_lock
+struct Flag {
+    std::promise<void> promise;
+    std::shared_future<void> future = promise.get_future().share();
+    void set() { promise.set_value(); }
+    bool wait(int seconds = 30) { return future.wait_for(std::chrono::seconds(seconds)) == std::future_status::ready; }
 };
-
-// Waits (bounded) until the pool has `n` threads waiting for work.
-bool waitIdle(CabWorkerPool& pool, int n) {
-    auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (pool.idleCount() != n) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        std::this_thread::yield();
-    }
-    return true;
-}
 
 }  // namespace
 
@@ -48,7 +27,7 @@ TEST(WorkerPool, BackToBackJobsDoNotShareTheOneIdleThread) {
     Flag warm;
     ASSERT_TRUE(pool.submit([&] { warm.set(); }));
     ASSERT_TRUE(warm.wait());
-    ASSERT_TRUE(waitIdle(pool, 1));
+    ASSERT_TRUE(kivtest::eventually([&] { return pool.idleCount() == 1; }));
     // Both jobs are queued before the idle thread can wake; the first waits for
     // the second, which must therefore get a thread of its own.
     Flag second, firstDone;

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -27,16 +28,8 @@ protected:
 
     static std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> out;
-        size_t start = 0;
-        while (start < text.size()) {
-            size_t end = text.find('\n', start);
-            if (end == std::string::npos) {
-                out.push_back(text.substr(start));
-                break;
-            }
-            out.push_back(text.substr(start, end - start));
-            start = end + 1;
-        }
+        std::istringstream in(text);
+        for (std::string line; std::getline(in, line);) out.push_back(line);
         return out;
     }
 
