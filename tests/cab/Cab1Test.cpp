@@ -7,6 +7,7 @@
 
 #include "cab/Cab1.h"
 #include "tests/cab/VariantSamples.h"
+#include "tests/support/JsonVariant.h"
 
 using kivtest::IdenticalVariants;
 using kivtest::OwnedVariant;
@@ -15,18 +16,14 @@ namespace {
 
 std::string unhex(const std::string& h) {
     std::string out;
-    for (size_t i = 0; i + 1 < h.size();) {
-        if (h[i] == ' ') { ++i; continue; }
-        out.push_back(char(std::stoi(h.substr(i, 2), nullptr, 16)));
-        i += 2;
-    }
+    for (size_t i = 0; i + 1 < h.size(); i += h[i] == ' ' ? 1 : 2)
+        if (h[i] != ' ') out.push_back(char(std::stoi(h.substr(i, 2), nullptr, 16)));
     return out;
 }
 
 std::string hex(const std::string& b) {
-    static const char* d = "0123456789abcdef";
     std::string out;
-    for (unsigned char c : b) { out += d[c >> 4]; out += d[c & 15]; }
+    for (unsigned char c : b) out += "0123456789abcdef"[c >> 4] + std::string(1, "0123456789abcdef"[c & 15]);
     return out;
 }
 
@@ -62,32 +59,22 @@ void countRelease(void*) { ++g_released; }
 }  // namespace
 
 TEST(Cab1, EncodesTheDocumentedBytes) {
-    OwnedVariant list;
-    std::vector<tagVARIANT> e(4);
-    VariantInit(&e[0]); e[0].vt = VT_I4; e[0].lVal = 1;
-    kivtest::MakeString(&e[1], "a");
-    VariantInit(&e[2]); e[2].vt = VT_I8; e[2].llVal = 5;
-    VariantInit(&e[3]);
-    kivtest::MakeVariantArray(&list.v, e);
-    Cab1Encoding enc(list.v);
-    ASSERT_TRUE(enc.ok()) << enc.error();
-    EXPECT_EQ(hex(enc.str()),
-              "0c20" "00000000" "04000000"
-              "0300" "01000000"
-              "0800" "01000000" "61"
-              "1400" "0500000000000000"
-              "0000");
-
-    OwnedVariant nullString;
-    nullString.v.vt = VT_BSTR;
-    EXPECT_EQ(hex(Cab1Encoding(nullString.v).str()), "0800ffffffff");
-    OwnedVariant truth;
-    truth.v.vt = VT_BOOL;
-    truth.v.boolVal = VARIANT_TRUE;
-    EXPECT_EQ(hex(Cab1Encoding(truth.v).str()), "0b00ffff");
-    OwnedVariant bytes;
-    kivtest::MakeBytes(&bytes.v, "\x01\x02", -1);
-    EXPECT_EQ(hex(Cab1Encoding(bytes.v).str()), "1120ffffffff020000000102");
+    const std::pair<const char*, std::string> cases[] = {
+        {R"([1, "a", {"$vt":"I8","v":5}, null])", "0c20" "00000000" "04000000"
+                                                   "0300" "01000000"
+                                                   "0800" "01000000" "61"
+                                                   "1400" "0500000000000000"
+                                                   "0000"},
+        {R"({"$vt":"BSTR","v":null})", "0800ffffffff"},
+        {"true", "0b00ffff"},
+        {R"({"$vt":"UI1[]","lb":-1,"base64":"AQI="})", "1120ffffffff020000000102"},
+    };
+    for (const auto& [value, bytes] : cases) {
+        JsonVariant v(value);
+        Cab1Encoding enc(v.get());
+        ASSERT_TRUE(enc.ok()) << enc.error();
+        EXPECT_EQ(hex(enc.str()), bytes) << value;
+    }
 }
 
 TEST(Cab1, EmptyInputsDecodeToEmpty) {
