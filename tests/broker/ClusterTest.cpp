@@ -17,10 +17,10 @@
 #include <thread>
 #include <vector>
 
-#include "cab/VariantJson.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/JsonVariant.h"
 #include "tests/support/ProxyProcess.h"
 #include "tests/support/RawNats.h"
 #include "variant/CLocalVariant.h"
@@ -113,10 +113,8 @@ std::unique_ptr<CabClient> clientOf(const kivtest::NatsServer& server, const cha
 
 int request(CabSatellite& client, const std::string& target, const char* service, const std::string& jsonIn,
             tagVARIANT* out) {
-    CLocalVariant in, rc;
-    std::string error;
-    EXPECT_TRUE(VariantFromJson(jsonIn, in.ptr(), &error)) << error;
-    client.Request(target.c_str(), service, in.get(), out, 0, rc.ptr());
+    CLocalVariant rc;
+    client.Request(target.c_str(), service, JsonVariant(jsonIn).get(), out, 0, rc.ptr());
     return CabRetcode(rc.get());
 }
 
@@ -209,19 +207,11 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     // credit: the proxy has sent its window and waits.
     kivtest::TempDir dir("kivcluster");
     std::string path = patternFile(dir, 24u << 20);
-    natsConnection* raw = nullptr;
-    natsSubscription* held = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&raw, cluster.servers[b]->url().c_str()));
-    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&held, raw, "held.reply"));
-    CLocalVariant in;
-    std::string error;
-    ASSERT_TRUE(VariantFromJson("[\"" + path + "\"]", in.ptr(), &error)) << error;
-    ASSERT_EQ(NATS_OK, kivtest::publish(raw, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1", encodingOf(in.get()),
-                                        "held.reply"));
-    natsMsg* first = nullptr;
-    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&first, held, 30000));
-    EXPECT_EQ("25", kivtest::header(first, "Cab-Parts"));
-    natsMsg_Destroy(first);
+    kivtest::RawInbox held(cluster.servers[b]->url(), "held.reply");
+    ASSERT_TRUE(held.ok());
+    ASSERT_EQ(NATS_OK, kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
+                                        encodingOf(JsonVariant(listOf(path)).get()), "held.reply"));
+    EXPECT_EQ("25", kivtest::header(held.next(30000).get(), "Cab-Parts"));
 
     auto t0 = Clock::now();
     ASSERT_EQ(0, kill(cluster.servers[a]->pid(), SIGKILL));
@@ -243,18 +233,15 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     // after every part that arrived (a requester waits for one of those).
     std::string notice;
     int partsBefore = 1, noticePart = -1;
-    for (natsMsg* m = nullptr; notice.empty() && natsSubscription_NextMsg(&m, held, 5000) == NATS_OK;
-         natsMsg_Destroy(m)) {
-        if (natsMsg_GetDataLength(m) > 0) {
+    for (kivtest::Msg m(nullptr, &natsMsg_Destroy); notice.empty() && (m = held.next(5000));) {
+        if (natsMsg_GetDataLength(m.get()) > 0) {
             ++partsBefore;
-        } else if (!(notice = kivtest::header(m, "Cab-Status")).empty()) {
-            noticePart = atoi(kivtest::header(m, "Cab-Part").c_str());
+        } else if (!(notice = kivtest::header(m.get(), "Cab-Status")).empty()) {
+            noticePart = atoi(kivtest::header(m.get(), "Cab-Part").c_str());
         }
     }
     EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
     EXPECT_GE(noticePart, partsBefore);
-    natsSubscription_Destroy(held);
-    natsConnection_Destroy(raw);
     std::string now = proxy.urlAfter("reconnected to");
     EXPECT_TRUE(cluster.indexOf(now) == b || cluster.indexOf(now) == c) << proxy.log();
     cluster.servers[a]->stop();

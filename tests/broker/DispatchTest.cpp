@@ -43,23 +43,16 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     gate.waitHolding(1);
     // The second waits in the subscription: the one handler allowed is busy.
     // After the flush's round trip the server has routed it to the satellite.
-    natsConnection* nc = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
-    natsSubscription* answers = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&answers, nc, "queued.answer"));
-    ASSERT_EQ(NATS_OK, kivtest::publish(nc, "cab.Gate.Hold", "Cab-Proto", "1", "", "queued.answer"));
-    ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
+    kivtest::RawInbox answers(server.url(), "queued.answer");
+    ASSERT_TRUE(answers.ok());
+    ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.Gate.Hold", "Cab-Proto", "1", "", "queued.answer"));
+    ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     auto start = std::chrono::steady_clock::now();
     gate.Disconnect();
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(2300));  // grace + close
     first.join();
     EXPECT_EQ(CAB_E_CANCELLED, status);
-    natsMsg* r = nullptr;
-    EXPECT_EQ(NATS_OK, natsSubscription_NextMsg(&r, answers, 30000));
-    EXPECT_EQ(std::to_string(CAB_E_CANCELLED), kivtest::header(r, "Cab-Status"));
-    natsMsg_Destroy(r);
-    natsSubscription_Destroy(answers);
-    natsConnection_Destroy(nc);
+    EXPECT_EQ(std::to_string(CAB_E_CANCELLED), kivtest::header(answers.next().get(), "Cab-Status"));
     EXPECT_EQ(1, gate.handlersStillRunning());
 }
 

@@ -146,26 +146,19 @@ TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     EchoSatellite slow;
     slow.setMaxHandlers(1);
     ASSERT_EQ(0, slow.Connect(server.hostPort().c_str(), "EchoSlow"));
-    natsConnection* nc = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, server.url().c_str()));
-    natsSubscription* answers = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&answers, nc, "drain.answers"));
+    kivtest::RawInbox answers(server.url(), "drain.answers");
+    ASSERT_TRUE(answers.ok());
     Var ms;
     setI4(&ms.v, 20);
-    std::string payload = encodingOf(ms.v);
     const int count = 20;
     for (int i = 0; i < count; ++i)
-        ASSERT_EQ(NATS_OK, kivtest::publish(nc, "cab.EchoSlow.Sleep", "Cab-Proto", "1", payload, "drain.answers"));
+        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoSlow.Sleep", "Cab-Proto", "1", encodingOf(ms.v),
+                                            "drain.answers"));
     // After the round trip the server has routed every request to the satellite.
-    ASSERT_EQ(NATS_OK, natsConnection_Flush(nc));
+    ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     slow.Disconnect();
     int answered = 0;
-    for (natsMsg* r = nullptr; answered < count; ++answered) {
-        if (natsSubscription_NextMsg(&r, answers, 30000) != NATS_OK) break;
-        EXPECT_EQ("0", kivtest::header(r, "Cab-Status"));
-        natsMsg_Destroy(r);
-    }
+    for (kivtest::Msg r(nullptr, &natsMsg_Destroy); answered < count && (r = answers.next(30000)); ++answered)
+        EXPECT_EQ("0", kivtest::header(r.get(), "Cab-Status"));
     EXPECT_EQ(count, answered);
-    natsSubscription_Destroy(answers);
-    natsConnection_Destroy(nc);
 }

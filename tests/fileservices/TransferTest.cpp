@@ -400,30 +400,26 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     ASSERT_EQ(truncate(path.c_str(), 1ll << 30), 0);  // 1 GiB without blocks on disk
     const int64_t idle = kivtest::statusKiB(proxy.pid(), "VmRSS:");
     ASSERT_GT(idle, 0);
-    natsConnection* nc = nullptr;
-    natsSubscription* inbox = nullptr;
-    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
-    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&inbox, nc, "greedy.inbox.*"));
+    std::unique_ptr<kivtest::RawInbox> inbox(new kivtest::RawInbox("nats://" + hostPort(), "greedy.inbox.*"));
+    ASSERT_TRUE(inbox->ok());
     const int kTransfers = 4;
     for (int i = 0; i <= kTransfers; ++i)
-        ASSERT_EQ(NATS_OK, requestWholeFile(nc, path, "greedy.inbox." + std::to_string(i)));
+        ASSERT_EQ(NATS_OK, requestWholeFile(inbox->nc, path, "greedy.inbox." + std::to_string(i)));
     // Each answer sends its first window, then waits for credit that never
     // comes; the fifth does not fit beside them and is refused.
     std::vector<std::string> creditTo(kTransfers + 1);
     int parts = 0, busy = 0;
-    for (natsMsg* m = nullptr; parts + busy < kTransfers * 8 + 1; natsMsg_Destroy(m)) {
-        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&m, inbox, 60000)) << "after " << parts << " parts";
-        const std::string part = header(m, "Cab-Part");
-        if (part.empty()) {
-            EXPECT_EQ(std::to_string(CAB_E_BUSY), header(m, "Cab-Status"));
-        }
+    while (parts + busy < kTransfers * 8 + 1) {
+        kivtest::Msg m = inbox->next();
+        ASSERT_TRUE(m) << "after " << parts << " parts";
+        const std::string part = header(m.get(), "Cab-Part");
+        EXPECT_TRUE(!part.empty() || header(m.get(), "Cab-Status") == std::to_string(CAB_E_BUSY)) << "a refusal";
         ++(part.empty() ? busy : parts);
-        const int index = std::string(natsMsg_GetSubject(m)).back() - '0';
-        if (part == "0") creditTo[index] = header(m, "Cab-Credit-To");
+        const int index = std::string(natsMsg_GetSubject(m.get())).back() - '0';
+        if (part == "0") creditTo[index] = header(m.get(), "Cab-Credit-To");
     }
     EXPECT_EQ(1, busy);
-    natsMsg* extra = nullptr;
-    EXPECT_NE(NATS_OK, natsSubscription_NextMsg(&extra, inbox, 200)) << "a part beyond the window";
+    EXPECT_FALSE(inbox->next(200)) << "a part beyond the window";
 
     // The workers are free: another caller is served while all four wait.
     CLocalVariant version;
@@ -433,12 +429,11 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     const std::string credit = creditTo[0].empty() ? creditTo[1] : creditTo[0];
     ASSERT_EQ(credit.size() - credit.rfind('.') - 1, 32u) << credit;
     for (int guess = 0; guess < 64; ++guess)
-        publish(nc, credit.substr(0, credit.rfind('.') + 1) + std::to_string(guess), "Cab-Cancel", "1");
-    publish(nc, credit, "Cab-Received", "1");
-    natsMsg* next = nullptr;
-    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&next, inbox, 60000)) << "a guess cancelled the transfer";
-    EXPECT_EQ("8", header(next, "Cab-Part"));
-    natsMsg_Destroy(next);
+        publish(inbox->nc, credit.substr(0, credit.rfind('.') + 1) + std::to_string(guess), "Cab-Cancel", "1");
+    publish(inbox->nc, credit, "Cab-Received", "1");
+    kivtest::Msg next = inbox->next();
+    ASSERT_TRUE(next) << "a guess cancelled the transfer";
+    EXPECT_EQ("8", header(next.get(), "Cab-Part"));
 #ifndef KIV_SANITIZED
     const int64_t peak = kivtest::statusKiB(proxy.pid(), "VmHWM:");
     EXPECT_LT(peak - idle, 128 * kMiB) << "idle " << idle << " KiB, peak " << peak << " KiB";
@@ -446,8 +441,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
            (long long)peak, kTransfers);
 #endif
     // The requester goes away; after the credit time-out every transfer is abandoned.
-    natsSubscription_Destroy(inbox);
-    natsConnection_Destroy(nc);
+    inbox.reset();
     for (int i = 0; i <= kTransfers; ++i)
         if (!creditTo[i].empty()) {
             ASSERT_TRUE(waitForLog("greedy.inbox." + std::to_string(i) + " abandoned"));
@@ -462,27 +456,22 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     // that says why, instead of leaving the requester to time out.
     const std::string shrinking = media.file("shrinking.bin");
     kivtest::writeFile(shrinking, std::string(12 << 20, 'x'));
-    ASSERT_EQ(NATS_OK, natsConnection_ConnectTo(&nc, ("nats://" + hostPort()).c_str()));
-    ASSERT_EQ(NATS_OK, natsConnection_SubscribeSync(&inbox, nc, "shrink.inbox"));
-    ASSERT_EQ(NATS_OK, requestWholeFile(nc, shrinking, "shrink.inbox"));
+    kivtest::RawInbox shrink("nats://" + hostPort(), "shrink.inbox");
+    ASSERT_EQ(NATS_OK, requestWholeFile(shrink.nc, shrinking, "shrink.inbox"));
     std::string shrinkCredit;
     for (int i = 0; i < 8; ++i) {
-        natsMsg* m = nullptr;
-        ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&m, inbox, 60000));
-        if (i == 0) shrinkCredit = header(m, "Cab-Credit-To");
-        natsMsg_Destroy(m);
+        kivtest::Msg m = shrink.next();
+        ASSERT_TRUE(m);
+        if (i == 0) shrinkCredit = header(m.get(), "Cab-Credit-To");
     }
     ASSERT_EQ(0, truncate(shrinking.c_str(), 0));
-    publish(nc, shrinkCredit, "Cab-Received", "8");
-    natsMsg* stop = nullptr;
-    ASSERT_EQ(NATS_OK, natsSubscription_NextMsg(&stop, inbox, 60000));
-    EXPECT_EQ("8", header(stop, "Cab-Part"));
-    EXPECT_EQ(0, natsMsg_GetDataLength(stop));
-    EXPECT_EQ("1", header(stop, "Cab-Status"));
-    EXPECT_THAT(header(stop, "Cab-Error"), HasSubstr("shrank"));
-    natsMsg_Destroy(stop);
-    natsSubscription_Destroy(inbox);
-    natsConnection_Destroy(nc);
+    publish(shrink.nc, shrinkCredit, "Cab-Received", "8");
+    kivtest::Msg stop = shrink.next();
+    ASSERT_TRUE(stop);
+    EXPECT_EQ("8", header(stop.get(), "Cab-Part"));
+    EXPECT_EQ(0, natsMsg_GetDataLength(stop.get()));
+    EXPECT_EQ("1", header(stop.get(), "Cab-Status"));
+    EXPECT_THAT(header(stop.get(), "Cab-Error"), HasSubstr("shrank"));
 }
 
 }  // namespace

@@ -20,8 +20,6 @@ bool setting(const char* name, const T& value, const char* key = "Software\\Kiv 
     return CRegistry::getInstance()->WriteSettingImpl(key, name, value);
 }
 
-// The JSON array of one string.
-inline std::string listOf(const std::string& text) { return nlohmann::json::array({text}).dump(); }
 // The JSON form of an integer of variant type `type` ("I8", "UI4", ...).
 inline std::string typed(const std::string& type, long long value) {
     return "{\"$vt\":\"" + type + "\",\"v\":" + std::to_string(value) + "}";

@@ -16,3 +16,5 @@ struct JsonVariant : CLocalVariant {
     }
 };
 inline std::string json(const tagVARIANT& v) { return VariantToJson(v); }
+// The JSON array of one string.
+inline std::string listOf(const std::string& text) { return nlohmann::json::array({text}).dump(); }

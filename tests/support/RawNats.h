@@ -4,6 +4,7 @@
 
 #include <nats/nats.h>
 
+#include <memory>
 #include <string>
 
 namespace kivtest {
@@ -24,5 +25,29 @@ inline natsStatus publish(natsConnection* nc, const std::string& subject, const 
     natsMsg_Destroy(m);
     return s;
 }
+
+typedef std::unique_ptr<natsMsg, decltype(&natsMsg_Destroy)> Msg;
+
+// A plain connection to `url` with one synchronous subscription to `subject`;
+// both end with the object. ok() is false when either failed.
+struct RawInbox {
+    RawInbox(const std::string& url, const std::string& subject) {
+        if (natsConnection_ConnectTo(&nc, url.c_str()) == NATS_OK)
+            natsConnection_SubscribeSync(&sub, nc, subject.c_str());
+    }
+    ~RawInbox() {
+        natsSubscription_Destroy(sub);
+        natsConnection_Destroy(nc);
+    }
+    bool ok() const { return sub != nullptr; }
+    // The next message, or null after `ms`.
+    Msg next(int ms = 60000) {
+        natsMsg* m = nullptr;
+        natsSubscription_NextMsg(&m, sub, ms);
+        return Msg(m, &natsMsg_Destroy);
+    }
+    natsConnection* nc = nullptr;
+    natsSubscription* sub = nullptr;
+};
 
 }  // namespace kivtest
