@@ -36,6 +36,9 @@ struct Var {
 };
 
 std::string encodingOf(const tagVARIANT& v);
+// The authorization block make run writes for `users` (lines of "satellite
+// NAME PASSWORD [HOST...]" or "client NAME PASSWORD").
+std::string directoryUsers(const std::string& users);
 void setI4(tagVARIANT* v, int32_t n);
 
 // "Meet" returns once `expected` calls are inside it together, or fails

@@ -288,14 +288,8 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
 // The permission scripts/cab-directory-users grants for a satellite's hosts:
 // its host-scoped subjects, and no other host's.
 TEST(ClusterPermissions, ASatelliteServesUnderTheHostsItIsGranted) {
-    kivtest::TempDir dir("kivauth");
-    kivtest::writeFile(dir.file("users"), "satellite EchoA echoPassword0123456 alpha\n"
-                                          "client cli cliPassword012345678\n");
-    int status = -1;
-    std::string script = std::string(KIV_SOURCE_DIR) + "/scripts/cab-directory-users";
-    std::string conf = kivtest::runCommand("bash '" + script + "' < '" + dir.file("users") + "'", &status);
-    ASSERT_EQ(0, status) << conf;
-    kivtest::NatsServer server(64 * 1024, conf);
+    kivtest::NatsServer server(64 * 1024, directoryUsers("satellite EchoA echoPassword0123456 alpha\n"
+                                                        "client cli cliPassword012345678\n"));
     ASSERT_TRUE(server.start()) << server.error();
     configure("", 1);
     setenv("KIV_HOSTNAME", "alpha", 1);

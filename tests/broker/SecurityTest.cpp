@@ -1,10 +1,5 @@
 // Identities on the directory: the users and permissions that make run
 // writes (scripts/cab-directory-users), TLS, and make run's own directory.
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <chrono>
 #include <set>
 #include <string>
@@ -24,22 +19,14 @@ const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 
 // The authorization block make run would write for these identities.
 std::string authorization() {
-    kivtest::TempDir dir("kivauth");
-    kivtest::writeFile(dir.file("users"),
-                       "satellite EchoA echoPassword0123456\n"
-                       "satellite Other otherPassword012345\n"
-                       "client cli cliPassword012345678\n"
-                       "client snoop snoopPassword0123456\n");
-    int status = -1;
-    std::string conf = kivtest::runCommand(std::string("bash '") + KIV_SOURCE_DIR + "/scripts/cab-directory-users' < '" +
-                                               dir.file("users") + "'",
-                                           &status);
-    EXPECT_EQ(0, status) << conf;
+    std::string conf = directoryUsers("satellite EchoA echoPassword0123456\n"
+                                      "satellite Other otherPassword012345\n"
+                                      "client cli cliPassword012345678\n"
+                                      "client snoop snoopPassword0123456\n");
     // A user allowed to send requests to EchoA only: its other requests are refused.
-    size_t end = conf.rfind("  ]");
-    conf.insert(end, "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
-                     "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
-                     "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
+    conf.insert(conf.rfind("  ]"), "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
+                                   "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
+                                   "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
     return conf;
 }
 
@@ -191,27 +178,18 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
 }
 
 TEST(SecurityRunLocal, RefusesATakenPortAndNeverUsesTheServerOnIt) {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    ASSERT_GE(fd, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    ASSERT_EQ(0, bind(fd, (sockaddr*)&a, sizeof a));
-    ASSERT_EQ(0, listen(fd, 4));
-    ASSERT_EQ(0, getsockname(fd, (sockaddr*)&a, &len));
-    int port = ntohs(a.sin_port);
-
+    kivtest::NatsServer other;  // another directory holds the port
+    ASSERT_TRUE(other.start()) << other.error();
+    const std::string port = std::to_string(other.port());
     kivtest::TempDir var("kivrun");
     int status = -1;
     // No build folder: the script must refuse before it needs any program of ours.
-    std::string out = kivtest::runCommand("KIV_PORT=" + std::to_string(port) + " KIV_VAR='" + var.path() +
-                                              "' KIV_BIN=/nonexistent bash '" + KIV_SOURCE_DIR +
-                                              "/scripts/run-local' 2>&1",
-                                          &status);
-    close(fd);
+    const std::string out = kivtest::runCommand("KIV_PORT=" + port + " KIV_VAR='" + var.path() +
+                                                    "' KIV_BIN=/nonexistent bash '" KIV_SOURCE_DIR
+                                                    "/scripts/run-local' 2>&1",
+                                                &status);
     EXPECT_NE(0, status) << out;
-    EXPECT_NE(std::string::npos, out.find("port " + std::to_string(port) + " is taken")) << out;
+    EXPECT_NE(std::string::npos, out.find("port " + port + " is taken")) << out;
     EXPECT_EQ("", kivtest::readFile(var.path() + "/directory/nats-server.pid"));
 }
 
