@@ -4,6 +4,9 @@
 #include <cstring>
 #include <limits>
 
+#include "cab/Cab1.h"
+#include "cab/VariantJson.h"
+
 namespace kivtest {
 
 namespace {
@@ -122,56 +125,13 @@ void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out) {
     }
 }
 
+// Two independent writers, each exact to the bit: a value one of them loses
+// is still told apart by the other.
 bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::string* why) {
-    auto differ = [&](const std::string& what) {
-        if (why) *why = what;
-        return false;
-    };
-    if (a.vt != b.vt) return differ("type " + std::to_string(a.vt) + " vs " + std::to_string(b.vt));
-    if (a.vt & VT_ARRAY) {
-        const SAFEARRAY* x = a.parray;
-        const SAFEARRAY* y = b.parray;
-        if (!x || !y) return x == y ? true : differ("null array");
-        if (x->vt != y->vt || x->rgsabound[0].cElements != y->rgsabound[0].cElements ||
-            x->rgsabound[0].lLbound != y->rgsabound[0].lLbound)
-            return differ("array shape");
-        uint32_t n = x->rgsabound[0].cElements;
-        for (uint32_t i = 0; i < n; ++i) {
-            if (x->vt == VT_VARIANT) {
-                std::string inner;
-                if (!IdenticalVariants(static_cast<tagVARIANT*>(x->pvData)[i], static_cast<tagVARIANT*>(y->pvData)[i],
-                                       &inner))
-                    return differ("[" + std::to_string(i) + "] " + inner);
-            } else if (x->vt == VT_BSTR) {
-                BSTR s = static_cast<BSTR*>(x->pvData)[i];
-                BSTR t = static_cast<BSTR*>(y->pvData)[i];
-                if ((s == nullptr) != (t == nullptr) || SysStringLen(s) != SysStringLen(t) ||
-                    (s && memcmp(s, t, SysStringLen(s))))
-                    return differ("string element " + std::to_string(i));
-            }
-        }
-        if (x->vt != VT_VARIANT && x->vt != VT_BSTR &&
-            memcmp(x->pvData, y->pvData, size_t(n) * x->cbElements))
-            return differ("array data");
-        return true;
-    }
-    if (a.vt == VT_BSTR) {
-        if ((a.bstrVal == nullptr) != (b.bstrVal == nullptr)) return differ("null string");
-        if (SysStringLen(a.bstrVal) != SysStringLen(b.bstrVal) ||
-            (a.bstrVal && memcmp(a.bstrVal, b.bstrVal, SysStringLen(a.bstrVal))))
-            return differ("string");
-        return true;
-    }
-    size_t n = 0;
-    switch (a.vt) {
-    case VT_I1: case VT_UI1: n = 1; break;
-    case VT_I2: case VT_UI2: case VT_BOOL: n = 2; break;
-    case VT_I4: case VT_UI4: case VT_R4: n = 4; break;
-    case VT_I8: case VT_UI8: case VT_R8: case VT_DATE: n = 8; break;
-    default: break;
-    }
-    if (n && memcmp(&a.llVal, &b.llVal, n)) return differ("value bits");
-    return true;
+    const std::string ja = VariantToJson(a), jb = VariantToJson(b);
+    if (ja == jb && Cab1Encoding(a).str() == Cab1Encoding(b).str()) return true;
+    if (why) *why = ja + "\n  vs " + jb;
+    return false;
 }
 
 }  // namespace kivtest

@@ -26,7 +26,7 @@ struct OwnedVariant {
 void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out);
 
 // True when a and b hold the same type, the same bits and the same array
-// bounds, recursively; *why (may be null) says where they differ.
+// bounds, recursively; *why (may be null) shows both.
 bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::string* why = nullptr);
 
 // Builders; the caller owns the result.
