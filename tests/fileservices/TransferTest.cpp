@@ -27,24 +27,12 @@ protected:
     void SetUp() override {
         ProxyTest::SetUp();
         if (HasFatalFailure()) return;
-        if (maxPayload() > 0) {
-            ownServer.reset(new kivtest::NatsServer(maxPayload()));
-            ASSERT_TRUE(ownServer->start()) << ownServer->error();
-            ASSERT_TRUE(setting("cabDirectory.port", ownServer->port()));
-            client.reset(new CabClient);
-            ASSERT_EQ(client->Connect(ownServer->hostPort().c_str(), "TransferTestClient"), 0);
-        }
         ASSERT_TRUE(startProxy()) << proxyOutput();
     }
     void TearDown() override {
         stopCatalog();
         ProxyTest::TearDown();
-        ownServer.reset();
     }
-    // Non-zero: the proxy and the client use a directory of their own with this
-    // message size limit (big transfers then travel in fewer parts).
-    virtual int maxPayload() const { return 0; }
-    std::string hostPort() const override { return ownServer ? ownServer->hostPort() : server.hostPort(); }
 
     // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
     bool startCatalog(const std::string& catalogJson) {
@@ -80,7 +68,6 @@ protected:
         return status == 0 ? json(out.get()) : "status " + std::to_string(status);
     }
 
-    std::unique_ptr<kivtest::NatsServer> ownServer;
     kivtest::TempDir media{"kivmedia"};
     pid_t catalogPid = -1;
 };

@@ -21,6 +21,7 @@
 class ProxyTest : public testing::Test {
 protected:
     void SetUp() override {
+        server.setMaxPayload(maxPayload());
         ASSERT_TRUE(server.start()) << server.error();
         ASSERT_TRUE(setting("cabDirectory.host", CStdStr("127.0.0.1")));
         ASSERT_TRUE(setting("cabDirectory.port", server.port()));
@@ -38,8 +39,10 @@ protected:
         echo.reset();
     }
 
+    // The directory's message size limit (big answers travel in parts of it).
+    virtual int maxPayload() const { return 64 * 1024; }
     // "127.0.0.1:PORT" of the directory the proxy uses.
-    virtual std::string hostPort() const { return server.hostPort(); }
+    std::string hostPort() const { return server.hostPort(); }
     // Starts the proxy (an empty value unsets a variable) and waits until it serves.
     bool startProxy(const std::map<std::string, std::string>& env = {}) {
         return proxy.start(env, root + "/proxy.out") && proxy.waitUntilServing(*client);
@@ -76,7 +79,7 @@ protected:
     }
 
     const std::string root = getenv("KIV_ROOT");
-    kivtest::NatsServer server{64 * 1024};
+    kivtest::NatsServer server;
     std::unique_ptr<EchoSatellite> echo;
     std::unique_ptr<CabClient> client;
     kivtest::ProxyProcess proxy;

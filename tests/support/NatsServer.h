@@ -20,6 +20,7 @@ public:
     NatsServer(const NatsServer&) = delete;
     NatsServer& operator=(const NatsServer&) = delete;
 
+    void setMaxPayload(int bytes) { m_maxPayload = bytes; }  // for the next start()
     bool start();
     void stop();
     bool restart();
