@@ -3,7 +3,6 @@
 #include "tests/variant/VariantTestHelpers.h"
 #include "variant/VUtil.h"
 
-using vtest::makeArray;
 
 TEST(VUtilArrays, LengthOfEmptyNonArrayAndShiftedArrays) {
     CLocalVariant empty;
@@ -15,8 +14,7 @@ TEST(VUtilArrays, LengthOfEmptyNonArrayAndShiftedArrays) {
     EXPECT_INVALID(VUtil::GetArrayLengthEmpty(scalar.get()),
                    "Variant passed to VUtil::GetArrayLengthEmpty is not an array");
 
-    CLocalVariant shifted;
-    makeArray(shifted, VT_I4, 3, 1);
+    vtest::Array shifted(VT_I4, 3, 1);
     EXPECT_INVALID(VUtil::GetArrayLength(shifted.get()), "Array is not zero indexed! (VUtil::GetArrayLength)");
     EXPECT_INVALID(VUtil::GetArrayLengthEmpty(shifted.get()), "Array is not zero indexed! (VUtil::GetArrayLength)");
 
@@ -52,10 +50,9 @@ TEST(VUtilArrays, CheckTypeMessages) {
 }
 
 TEST(VUtilArrays, CheckArrayTypeExactOrMore) {
-    CLocalVariant two, three, one;
-    makeArray(two, VT_I4, 2);
-    makeArray(three, VT_I4, 3);
-    makeArray(one, VT_I4, 1);
+    vtest::Array two(VT_I4, 2);
+    vtest::Array three(VT_I4, 3);
+    vtest::Array one(VT_I4, 1);
 
     EXPECT_EQ(2, VUtil::CheckArrayType(two.get(), VT_I4, 2, nullptr));
     EXPECT_EQ(2, VUtil::CheckArrayType(two.get(), VT_I4, 2, true, nullptr));
@@ -67,8 +64,7 @@ TEST(VUtilArrays, CheckArrayTypeExactOrMore) {
     EXPECT_INVALID(VUtil::CheckArrayType(two.get(), VT_BSTR, 2, "ctx"),
                    "ctx: checkArrayType failed, got 8195, expected 8200");
 
-    CLocalVariant shifted;
-    makeArray(shifted, VT_I4, 2, 1);
+    vtest::Array shifted(VT_I4, 2, 1);
     EXPECT_INVALID(VUtil::CheckArrayType(shifted.get(), VT_I4, 2, nullptr),
                    "Array is not zero indexed! (VUtil::GetArrayLength)");
 }

@@ -32,12 +32,10 @@ TEST(VUtilBytes, SlicesOfAByteArray) {
     EXPECT_EQ(5, VUtil::GetBinaryElement(v.get(), buffer, 0, 5));
     EXPECT_EQ(0, memcmp(buffer, data.data(), 5));
 
-    CLocalVariant signedBytes;
-    vtest::makeArray(signedBytes, VT_I1, 4);
+    vtest::Array signedBytes(VT_I1, 4);
     EXPECT_EQ(4, VUtil::GetBinaryElement(signedBytes.get(), buffer, 0, 10));
 
-    CLocalVariant words;
-    vtest::makeArray(words, VT_I2, 4);
+    vtest::Array words(VT_I2, 4);
     EXPECT_INVALID(VUtil::GetBinaryElement(words.get(), buffer, 0, 10),
                    "Element is not an array of (unsigned) char: 8194");
 
@@ -53,6 +51,7 @@ TEST(VUtilBytes, ByteArrayElementsOfAVariantArray) {
     std::vector<unsigned char> data = pattern(33);
     CLocalVariant list, bytes, text;
     vtest::makeArray(list, VT_VARIANT, 2);
+
     VUtil::PutBinaryIntoVariant(bytes.ptr(), data.data(), 33);
     vtest::put(list, 0, bytes.get());
     vtest::setString(text, "not bytes");

@@ -34,8 +34,7 @@ TEST(VUtilPairs, PutAndGetPairs) {
     EXPECT_INVALID(VUtil::GetPair(list.get(), 2, name, value), "Element is not a string");
     EXPECT_INVALID(VUtil::GetPair(list.get(), 9, name, value), "SafeArrayGetElement failed in VUtil::GetPair");
 
-    CLocalVariant strings;
-    vtest::makeArray(strings, VT_BSTR, 2);
+    vtest::Array strings(VT_BSTR, 2);
     EXPECT_INVALID(VUtil::GetPair(strings.get(), 0, name, value), "Variant passed to VUtil::GetPair is not an array");
     EXPECT_INVALID(VUtil::PutPair(strings.get(), 0, "a", CStdStr("b")),
                    "PutPair: the given variant is not an array of variants");
@@ -80,8 +79,7 @@ TEST(VUtilPairs, FindPairIsCaseSensitiveAndNoCaseIsNot) {
 }
 
 TEST(VUtilPairs, StringMapsAndCsv) {
-    CLocalVariant list;
-    vtest::makeArray(list, VT_VARIANT, 3);
+    vtest::Array list(VT_VARIANT, 3);
     VUtil::PutPair(list.get(), 0, "a", CStdStr("1"));
     VUtil::PutPair(list.get(), 2, "A", CStdStr("2"));
     VUtil::StringMap lower = VUtil::toStringMap(list.get(), true);
@@ -89,11 +87,9 @@ TEST(VUtilPairs, StringMapsAndCsv) {
     VUtil::StringMap exact = VUtil::toStringAMap(list.get(), false);
     EXPECT_EQ((VUtil::StringMap{{"A", "2"}, {"a", "1"}}), exact);
 
-    CLocalVariant empty;
-    vtest::makeArray(empty, VT_VARIANT, 0);
+    vtest::Array empty(VT_VARIANT, 0);
     EXPECT_TRUE(VUtil::toStringMap(empty.get(), false).empty());
-    CLocalVariant strings;
-    vtest::makeArray(strings, VT_BSTR, 1);
+    vtest::Array strings(VT_BSTR, 1);
     EXPECT_INVALID(VUtil::toStringMap(strings.get(), false), "Variant passed to VUtil::toStringAMap is not an array");
     EXPECT_INVALID(VUtil::toStringAMap(strings.get(), true), "Variant passed to VUtil::toStringAMap is not an array");
     VUtil::PutElement(list.get(), 1, 5L);  // not a pair: the whole map fails
@@ -117,8 +113,7 @@ TEST(VUtilPairs, ReturnCodesAndOutputStrings) {
     vtest::setI4(status, 3);
     VUtil::CheckSingleRetcode(status.get(), "Call");
 
-    CLocalVariant out;
-    vtest::makeArray(out, VT_VARIANT, 2);
+    vtest::Array out(VT_VARIANT, 2);
     VUtil::PutElement(out.get(), 0, 0L);
     VUtil::PutElement(out.get(), 1, "answer");
     EXPECT_EQ(0L, VUtil::GetSingleRetcode(out.get()));

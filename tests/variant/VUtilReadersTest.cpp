@@ -15,11 +15,7 @@ const char* const kArguments = R"([-7, null, "text", 2.5, {"$vt":"R4","v":1.5}, 
 }  // namespace
 
 TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
-    CLocalVariant i4;
-    vtest::makeArray(i4, VT_I4, 1);
-    int32_t minusFive = -5;
-    int32_t zero = 0;
-    ASSERT_EQ(S_OK, SafeArrayPutElement(i4.get().parray, &zero, &minusFive));
+    JsonVariant i4(R"({"$vt":"I4[]","v":[-5]})");
     long asLong = 0x7777777777L;  // all 64 bits must be replaced
     VUtil::GetElement(i4.get(), 0, asLong);
     EXPECT_EQ(-5L, asLong);
@@ -27,17 +23,12 @@ TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
     VUtil::GetElement(i4.get(), 0, asInt);
     EXPECT_EQ(-5, asInt);
 
-    CLocalVariant ui4;
-    vtest::makeArray(ui4, VT_UI4, 1);
-    uint32_t big = 0xFFFFFFF0u;
-    ASSERT_EQ(S_OK, SafeArrayPutElement(ui4.get().parray, &zero, &big));
+    JsonVariant ui4(R"({"$vt":"UI4[]","v":[4294967280]})");
     unsigned long asUnsigned = ~0UL;
     VUtil::GetElement(ui4.get(), 0, asUnsigned);
     EXPECT_EQ(0xFFFFFFF0UL, asUnsigned);
 
-    CLocalVariant strings;
-    vtest::makeArray(strings, VT_BSTR, 2);
-    VUtil::PutElement(strings.get(), 0, "abc");
+    JsonVariant strings(R"({"$vt":"BSTR[]","v":["abc",null]})");
     CStdStr s = "old";
     VUtil::GetElement(strings.get(), 0, s);
     EXPECT_EQ("abc", s);
@@ -48,8 +39,7 @@ TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
     EXPECT_INVALID(VUtil::GetElement(i4.get(), -1, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
 
     // Each strict reader's refusal of a wrong array type.
-    CLocalVariant list;
-    vtest::makeArray(list, VT_VARIANT, 1);
+    vtest::Array list(VT_VARIANT, 1);
     const tagVARIANT& l = list.get();
     short sh;
     unsigned short ush;
@@ -126,8 +116,7 @@ TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
 }
 
 TEST(VUtilReaders, ConvertingReadersOnTypedArrays) {
-    CLocalVariant doubles;
-    vtest::makeArray(doubles, VT_R8, 1);
+    vtest::Array doubles(VT_R8, 1);
     VUtil::PutElement(doubles.get(), 0, 0.1);
     EXPECT_EQ(0.1f, VUtil::GetFloatElement(doubles.get(), 0));
     EXPECT_EQ(0.1, VUtil::GetDoubleElement(doubles.get(), 0));
@@ -135,27 +124,23 @@ TEST(VUtilReaders, ConvertingReadersOnTypedArrays) {
     EXPECT_TRUE(std::isinf(VUtil::GetFloatElement(doubles.get(), 0)));
 
     // Booleans travel in arrays of variants: a typed bool array is refused.
-    CLocalVariant bools;
-    vtest::makeArray(bools, VT_BOOL, 1);
+    vtest::Array bools(VT_BOOL, 1);
     EXPECT_INVALID(VUtil::GetBoolElement(bools.get(), 0), "Variant passed to VUtil::GetElement is not a short array");
     EXPECT_INVALID(VUtil::GetBoolElementEmpty(bools.get(), 0),
                    "Variant passed to VUtil::GetElement is not a short array");
 
-    CLocalVariant dates;
-    vtest::makeArray(dates, VT_DATE, 1);
+    vtest::Array dates(VT_DATE, 1);
     VUtil::PutDateElement(dates.get(), 0, 86399);
     EXPECT_EQ(86399L, VUtil::GetDateElement(dates.get(), 0));
     EXPECT_INVALID(VUtil::GetDateElement(dates.get(), 5), "SafeArrayGetElement failed in VUtil::GetDateElement");
 
-    CLocalVariant ints;
-    vtest::makeArray(ints, VT_I4, 2);
+    vtest::Array ints(VT_I4, 2);
     VUtil::PutElement(ints.get(), 1, 42L);
     EXPECT_EQ(42, VUtil::GetIntElement(ints.get(), 1));
     EXPECT_EQ(42L, VUtil::GetLongElementEmpty(ints.get(), 1));
 
     // Every converting reader's refusal of an array of another type.
-    CLocalVariant other;
-    vtest::makeArray(other, VT_UI8, 1);
+    vtest::Array other(VT_UI8, 1);
     const tagVARIANT& o = other.get();
     EXPECT_INVALID(VUtil::GetIntElement(o, 0), "Not an array of variant or int");
     EXPECT_INVALID(VUtil::GetLongElement(o, 0), "Not an array of variant or long");

@@ -2,12 +2,10 @@
 #include "variant/VUtil.h"
 
 TEST(VUtilWriters, EachWriterRefusesAnArrayOfAnotherType) {
-    CLocalVariant strings;
-    vtest::makeArray(strings, VT_BSTR, 1);
+    vtest::Array strings(VT_BSTR, 1);
     EXPECT_INVALID(VUtil::PutElement(strings.get(), 0, 5L), "PutElement failed: not an array of I4 nor VARIANT");
 
-    CLocalVariant v;
-    vtest::makeArray(v, VT_UI4, 1);
+    vtest::Array v(VT_UI4, 1);
     tagVARIANT& a = v.get();
     EXPECT_INVALID(VUtil::PutElement(a, 0, 5), "PutElement failed: not an array of I4 nor VARIANT");
     EXPECT_INVALID(VUtil::PutElement(a, 0, short(5)), "PutElement failed: not an array of I2 nor VARIANT");
@@ -31,8 +29,7 @@ TEST(VUtilWriters, EachWriterRefusesAnArrayOfAnotherType) {
 }
 
 TEST(VUtilWriters, TypedArraysKeepValuesAndFailedStoresChangeNothing) {
-    CLocalVariant i4;
-    vtest::makeArray(i4, VT_I4, 2);
+    vtest::Array i4(VT_I4, 2);
     VUtil::PutElement(i4.get(), 0, -3L);
     VUtil::PutElement(i4.get(), 1, 9);
     EXPECT_EQ(-3L, VUtil::GetLongElement(i4.get(), 0));
@@ -40,15 +37,13 @@ TEST(VUtilWriters, TypedArraysKeepValuesAndFailedStoresChangeNothing) {
     EXPECT_INVALID(VUtil::PutElement(i4.get(), 2, 1L), "SafeArrayPutElement failed");
     EXPECT_EQ(2, VUtil::GetArrayLength(i4.get()));
 
-    CLocalVariant i8;
-    vtest::makeArray(i8, VT_I8, 1);
+    vtest::Array i8(VT_I8, 1);
     VUtil::PutElement(i8.get(), 0, -(1LL << 40));
     long long ll = 0;
     VUtil::GetElement(i8.get(), 0, ll);
     EXPECT_EQ(-(1LL << 40), ll);
 
-    CLocalVariant bools;
-    vtest::makeArray(bools, VT_BOOL, 2);
+    vtest::Array bools(VT_BOOL, 2);
     VUtil::PutBoolElement(bools.get(), 0, true);
     VUtil::PutBoolElement(bools.get(), 1, false);
     VARIANT_BOOL stored[2] = {7, 7};
@@ -56,8 +51,7 @@ TEST(VUtilWriters, TypedArraysKeepValuesAndFailedStoresChangeNothing) {
     EXPECT_EQ(1, stored[0]);  // the typed array gets 1, not -1
     EXPECT_EQ(0, stored[1]);
 
-    CLocalVariant strings;
-    vtest::makeArray(strings, VT_BSTR, 2);
+    vtest::Array strings(VT_BSTR, 2);
     VUtil::PutElement(strings.get(), 0, CStdStr("first"));
     VUtil::PutElement(strings.get(), 0, "second");  // replaces, freeing the first
     VUtil::PutElement(strings.get(), 1, static_cast<const char*>(nullptr));
@@ -69,8 +63,7 @@ TEST(VUtilWriters, TypedArraysKeepValuesAndFailedStoresChangeNothing) {
 }
 
 TEST(VUtilWriters, VariantArraysGetWrappedValues) {
-    CLocalVariant list;
-    vtest::makeArray(list, VT_VARIANT, 8);
+    vtest::Array list(VT_VARIANT, 8);
     tagVARIANT& l = list.get();
     VUtil::PutElement(l, 0, 12L);
     VUtil::PutElement(l, 1, "str");
@@ -101,8 +94,7 @@ TEST(VUtilWriters, VariantArraysGetWrappedValues) {
 
     // The array keeps its own deep copy of a stored variant.
     {
-        CLocalVariant inner;
-        vtest::makeArray(inner, VT_BSTR, 1);
+        vtest::Array inner(VT_BSTR, 1);
         VUtil::PutElement(inner.get(), 0, "deep");
         VUtil::PutElement(l, 7, inner.get());
     }

@@ -32,6 +32,13 @@ inline void makeArray(CLocalVariant& v, VARTYPE elementType, uint32_t count, int
     v.get().vt = static_cast<VARTYPE>(VT_ARRAY | elementType);
 }
 
+// A new array, as makeArray makes it.
+struct Array : CLocalVariant {
+    Array(VARTYPE elementType, uint32_t count, int32_t lowerBound = 0) {
+        makeArray(*this, elementType, count, lowerBound);
+    }
+};
+
 // Stores `element` (copied) at `index` of an array of variants.
 inline void put(CLocalVariant& array, int32_t index, const tagVARIANT& element) {
     ASSERT_EQ(S_OK, SafeArrayPutElement(array.get().parray, &index, &element));
