@@ -24,6 +24,10 @@ int BrokerTest::call(const char* target, const char* service, const tagVARIANT& 
     return CabRetcode(codes.v, -99999);
 }
 
+int BrokerTest::call(const char* target, const char* service, const std::string& jsonIn, tagVARIANT* out, int* rc) {
+    return call(target, service, JsonVariant(jsonIn).get(), out, rc);
+}
+
 std::string encodingOf(const tagVARIANT& v) {
     Cab1Encoding e(v);
     return e.ok() ? e.str() : "invalid: " + e.error();

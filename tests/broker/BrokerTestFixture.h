@@ -10,6 +10,7 @@
 #include "cab/CabConnection.h"
 #include "cab/CabSatellite.h"
 #include "host/PThread.h"
+#include "tests/support/JsonVariant.h"
 #include "tests/support/NatsServer.h"
 #include "tools/cab-echo/EchoSatellite.h"
 
@@ -20,6 +21,9 @@ protected:
 
     // Request on the client; returns the retcode (status) and fills *out.
     int call(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out, int* rc = nullptr);
+    // The same with the input in its JSON form.
+    int call(const char* target, const char* service, const std::string& jsonIn, tagVARIANT* out,
+             int* rc = nullptr);
 
     kivtest::NatsServer server{64 * 1024};
     std::unique_ptr<EchoSatellite> echo;

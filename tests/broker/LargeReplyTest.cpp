@@ -34,10 +34,9 @@ TEST_F(BrokerTest, HugeReplyArrivesWholeWithBoundedServingMemory) {
     int64_t serverBaseKiB = statusKiB(server.pid(), "VmRSS:");
     ASSERT_GT(baseKiB, 0);
 
-    Var in, out;
-    in.v.vt = VT_I8;
-    in.v.llVal = kSize;
-    ASSERT_EQ(0, call("EchoBig", "Blob", in.v, &out)) << CabGetLastError();
+    Var out;
+    ASSERT_EQ(0, call("EchoBig", "Blob", "{\"$vt\":\"I8\",\"v\":" + std::to_string(kSize) + "}", &out))
+        << CabGetLastError();
     ASSERT_EQ(VT_ARRAY | VT_UI1, out.v.vt);
     int32_t ub = 0;
     SafeArrayGetUBound(out.v.parray, 1, &ub);
