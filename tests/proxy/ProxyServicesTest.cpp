@@ -6,8 +6,9 @@
 #include "tests/proxy/ProxyFixture.h"
 #include "variant/VUtil.h"
 
-// The eleven services in order with their descriptions; SIGTERM and SIGINT end the proxy with status 0.
-TEST_F(ProxyTest, PublishesItsServicesAndSigtermAndSigintEndItWithStatusZero) {
+// The eleven services in order with their descriptions; SIGTERM and SIGINT end the proxy with status 0,
+// and so does a register that fails.
+TEST_F(ProxyTest, PublishesItsServicesAndEndsWithStatusZeroOnSignalsOrAFailingRegister) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     std::vector<std::string> replies;
     ASSERT_EQ(client->Discover("INFO", "VorpaMediaProxy", 3000, &replies), 0);
@@ -33,10 +34,9 @@ TEST_F(ProxyTest, PublishesItsServicesAndSigtermAndSigintEndItWithStatusZero) {
     EXPECT_EQ(stopProxy(SIGINT), 0);
     // The log holds what the writer thread drained before the exit.
     EXPECT_THAT(proxyLog(), HasSubstr("~KivModuleBase KivRequestProxy"));
-}
 
-TEST_F(ProxyTest, FailingRegisterIsLoggedAndExitsWithStatusZero) {
-    server.stop();  // no directory at the configured port
+    // No directory at the configured port: the failing register is logged, and the exit status is 0.
+    server.stop();
     ASSERT_TRUE(proxy.start({}, root + "/proxy.out"));
     EXPECT_EQ(proxy.wait(), 0);
     EXPECT_THAT(proxyOutput(), HasSubstr("Register returned 0x"));
@@ -60,7 +60,7 @@ TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
     EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
 }
 
-TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTz) {
+TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLastBytesCapped) {
     ASSERT_TRUE(setting("Version", CStdStr("7.1.2"), "Software\\Kiv Foundry\\Kiv"));
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr("42")));
     ASSERT_TRUE(startProxy({{"TZ", ":Europe/Paris"}})) << proxyOutput();
@@ -71,6 +71,19 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTz) {
     EXPECT_LE(std::labs(VUtil::GetDateElement(out.get(), 2) - static_cast<long>(before)), 5);
     VUtil::PutElement(out.get(), 2, 0);  // the date is checked: the rest as JSON; the zone exactly as set
     EXPECT_EQ(json(out.get()), R"([null,"7.1.2",0,":Europe/Paris","42","linux"])");
+
+    // The tail of a log: the last bytes, at most 5000000, and all of a file shorter than asked for.
+    kivtest::TempDir dir;
+    kivtest::writeFile(dir.file("small.txt"), "abcd");
+    kivtest::writeFile(dir.file("big.txt"), std::string(5000095, 'x') + "TAIL!");
+    CLocalVariant small;
+    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("small.txt") + "\", 10]", small.ptr()), 0);
+    EXPECT_EQ(json(small.get()), "[4,4,\"abcd\"]");
+    for (const char* count : {"-1", "6000000"}) {
+        CLocalVariant big;
+        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("big.txt") + "\", " + count + "]", big.ptr()), 0);
+        EXPECT_EQ(json(big.get()), "[5000100,5000000,\"" + std::string(4999995, 'x') + "TAIL!\"]") << count;
+    }
     EXPECT_EQ(stopProxy(), 0);
 
     // Without TZ the machine's own sources answer, as this process finds them.
@@ -81,23 +94,6 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTz) {
     const std::string expected = FindTimeZoneName(sources);
     const nlohmann::json zone = nlohmann::json::parse(json(noTz.get()))[3];
     EXPECT_EQ(zone, expected.empty() ? nullptr : nlohmann::json(expected));
-}
-
-// The last bytes, at most 5000000, and all of a file shorter than asked for (the
-// reference's examples show a shorter tail and a missing file).
-TEST_F(ProxyTest, TailReturnsTheLastBytesCapped) {
-    kivtest::TempDir dir;
-    kivtest::writeFile(dir.file("small.txt"), "abcd");
-    kivtest::writeFile(dir.file("big.txt"), std::string(5000095, 'x') + "TAIL!");
-    ASSERT_TRUE(startProxy()) << proxyOutput();
-    CLocalVariant small;
-    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("small.txt") + "\", 10]", small.ptr()), 0);
-    EXPECT_EQ(json(small.get()), "[4,4,\"abcd\"]");
-    for (const char* count : {"-1", "6000000"}) {
-        CLocalVariant big;
-        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("big.txt") + "\", " + count + "]", big.ptr()), 0);
-        EXPECT_EQ(json(big.get()), "[5000100,5000000,\"" + std::string(4999995, 'x') + "TAIL!\"]") << count;
-    }
 }
 
 TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThrows) {
