@@ -35,15 +35,10 @@ TEST(CrashReporter, FilesTheDumpWithASummaryAndKivctlListsIt) {
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(dump).permissions() & fs::perms::all);
 
     nlohmann::json j = nlohmann::json::parse(kivtest::readFile(summaries[0]));
-    EXPECT_EQ("Proxy", j["application"]);
-    EXPECT_EQ("abc", j["appData"]);
-    EXPECT_EQ(SIGSEGV, j["signal"]);
-    EXPECT_EQ("SIGSEGV", j["signalName"]);
-    EXPECT_EQ("0x0000000000000000", j["faultAddress"]);
-    EXPECT_EQ(dump, j["dump"]);
-    ASSERT_TRUE(j["modules"].is_array());
-    ASSERT_FALSE(j["modules"].empty());
-    EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), j["modules"][0]);
+    const nlohmann::json expected = {{"application", "Proxy"}, {"appData", "abc"}, {"signal", SIGSEGV},
+        {"signalName", "SIGSEGV"}, {"faultAddress", "0x0000000000000000"}, {"dump", dump}};
+    for (const auto& [key, value] : expected.items()) EXPECT_EQ(j[key], value) << key;
+    EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), j["modules"].at(0));  // the program first
 
     crashtest::ChildResult list = crashtest::runProgram({KIVCTL_PROGRAM, "crashes"});
     EXPECT_EQ(0, list.status) << list.output;
