@@ -96,13 +96,9 @@ TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
     EXPECT_TRUE(VUtil::GetBoolElement(l, 5));
     EXPECT_INVALID(VUtil::GetBoolElement(l, 6), "Element is not a bool");
     EXPECT_INVALID(VUtil::GetBoolElement(l, 1), "Element is not a bool");
-    EXPECT_TRUE(VUtil::GetBoolElementEmpty(l, 5));
-    EXPECT_TRUE(VUtil::GetBoolElementEmpty(l, 6));    // I2 3
-    EXPECT_FALSE(VUtil::GetBoolElementEmpty(l, 7));   // UI2 0
-    EXPECT_TRUE(VUtil::GetBoolElementEmpty(l, 0));    // I4 -7
-    EXPECT_FALSE(VUtil::GetBoolElementEmpty(l, 11));  // I4 0
-    EXPECT_FALSE(VUtil::GetBoolElementEmpty(l, 9));   // NULL
-    EXPECT_FALSE(VUtil::GetBoolElementEmpty(l, 1));   // EMPTY
+    // BOOL true, I2 3, I4 -7 are true; UI2 0, I4 0, NULL, EMPTY false.
+    for (int i : {5, 6, 0}) EXPECT_TRUE(VUtil::GetBoolElementEmpty(l, i)) << i;
+    for (int i : {7, 11, 9, 1}) EXPECT_FALSE(VUtil::GetBoolElementEmpty(l, i)) << i;
     EXPECT_INVALID(VUtil::GetBoolElementEmpty(l, 2), "Element is not a bool");
 
     EXPECT_EQ(43200L, VUtil::GetDateElement(l, 8));
