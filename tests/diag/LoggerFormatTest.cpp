@@ -32,7 +32,8 @@ TEST_F(LoggerTest, LinesHaveTheHeaderFormat) {
     ASSERT_EQ(7u, got.size());
     const char* const bodies[] = {R"( \[FATAL\] - KivRequestProxy - boom 42)", R"( \[ERROR\] - err)",
         R"( \[WARN \] - warn)", R"( \[INFO \] - info)", R"( \[DEBUG\] - debug text)", R"( \[INFO \] - fmt 1-two)"};
-    for (int i = 0; i < 6; ++i) EXPECT_TRUE(std::regex_match(got[i], std::regex(kStamp + std::string(bodies[i])))) << got[i];
+    for (int i = 0; i < 6; ++i)
+        EXPECT_TRUE(std::regex_match(got[i], std::regex(kStamp + std::string(bodies[i])))) << got[i];
     EXPECT_EQ("raw text without end", got[6]);
 
     // The FATAL line, and only it, is also in errors.log.

@@ -109,7 +109,8 @@ TEST(TimeUtilsParseInt, ClampsAndConverts) {
     // offset, length, the number; "-" alone is 0.
     const int cases[][3] = {{0, 4, 2008}, {5, 2, 3}, {-3, 2, 20}, {0, -1, 0}, {10, 2, 0}, {400, 2, 0}, {8, 100, 4},
                             {4, 1, 0}, {4, 3, -3}};
-    for (const auto& c : cases) EXPECT_EQ(c[2], TimeUtils::ParseInt("2008-03-04", c[0], c[1])) << c[0] << " " << c[1];
+    for (const auto& c : cases)
+        EXPECT_EQ(c[2], TimeUtils::ParseInt("2008-03-04", c[0], c[1])) << c[0] << " " << c[1];
     EXPECT_EQ(INT_MAX, TimeUtils::ParseInt("99999999999999999999", 0, 20));
 }
 
