@@ -25,11 +25,7 @@ TEST(CStdStr, ReplaceScansOnAfterInsertedText) {
 
 TEST(CStdStr, TokenizeSkipsRunsOfDelimiters) {
     CStdStr s(" a,,b , c ");
-    auto t = s.Tokens(", ");
-    ASSERT_EQ(t.size(), 3u);
-    EXPECT_EQ(t[0], "a");
-    EXPECT_EQ(t[1], "b");
-    EXPECT_EQ(t[2], "c");
+    EXPECT_EQ(s.Tokens(", "), (std::vector<CStdStr>{"a", "b", "c"}));
     EXPECT_TRUE(CStdStr(",,, ").Tokens(", ").empty());
 }
 

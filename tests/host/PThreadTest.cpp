@@ -3,7 +3,6 @@
 #include <atomic>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "host/MemoryPolicy.h"
 #include "host/PThread.h"
@@ -77,15 +76,6 @@ TEST(PThread, FailedCreationThrowsWithTheErrorNumber) {
         EXPECT_NE(std::string(e.what()), "Failed to create thread: 0");
     }
     pthread_attr_destroy(&attr);
-}
-
-TEST(PLocker, IsBothTheValueAndItsMutex) {
-    PLocker<std::vector<int>> v;
-    {
-        PLockGuard g(v);
-        v.push_back(1);
-    }
-    EXPECT_EQ(v.size(), 1u);
 }
 
 // The bound on allocator pools takes effect on this platform (it once
