@@ -64,12 +64,6 @@ unsigned long crcOf(const std::string& s) {
     return crc32(crc32(0L, Z_NULL, 0), reinterpret_cast<const Bytef*>(s.data()), static_cast<uInt>(s.size()));
 }
 
-std::string pattern(size_t n) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 7919) ^ (i >> 9));
-    return s;
-}
-
 void setModified(const std::string& path, time_t when) {
     struct timespec times[2] = {{when, 0}, {when, 0}};
     ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0) << path;
@@ -85,7 +79,7 @@ std::string dateText(unsigned year, unsigned month, unsigned day, unsigned hour,
 
 TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
     kivtest::TempDir dir;
-    const std::string big = pattern(131073);  // two chunks: 131,072 bytes and 1
+    const std::string big = kivtest::patternBytes(131073, 1);  // two chunks: 131,072 bytes and 1
     const std::string text(50000, 'a');
     // path, contents, modified (2021, 2023, 1970, 2009); the last is missing: an empty entry.
     const std::tuple<std::string, std::string, time_t> files[] = {{"src/big.bin", big, 1614834368},

@@ -125,14 +125,6 @@ std::string dataFolderOf(CabSatellite& client, const std::string& target) {
     return out.get().bstrVal;
 }
 
-std::string patternFile(const kivtest::TempDir& dir, size_t bytes) {
-    std::string path = dir.file("pattern.bin");
-    std::string data(bytes, '\0');
-    for (size_t i = 0; i < bytes; ++i) data[i] = (char)((i * 13 + (i >> 20)) % 251);
-    kivtest::writeFile(path, data);
-    return path;
-}
-
 class ClusterTest : public testing::Test {
 protected:
     void SetUp() override {
@@ -160,13 +152,13 @@ TEST_F(ClusterTest, ReachableThroughEveryServerAndALargeAnswerCrossesARoute) {
     // 24 MiB in parts of 1 MiB, from the proxy's server to another one.
     kivtest::TempDir dir("kivcluster");
     const size_t size = 24u << 20;
-    std::string path = patternFile(dir, size);
+    const std::string path = dir.file("pattern.bin"), expected = kivtest::patternBytes(size, 13);
+    kivtest::writeFile(path, expected);
     CLocalVariant out;
     ASSERT_EQ(0, request(*clients[(at + 1) % 3], kProxy, "GetFile", "[\"" + path + "\"]", out.ptr()))
         << CabGetLastError();
     ASSERT_EQ(VT_ARRAY | VT_UI1, out.vt());
     ASSERT_EQ(size, out.get().parray->rgsabound[0].cElements);
-    std::string expected = kivtest::readFile(path);
     EXPECT_EQ(0, memcmp(expected.data(), out.get().parray->pvData, size));
 }
 
@@ -206,7 +198,8 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     // And a 24 MiB answer in parts to a raw requester on B that grants no
     // credit: the proxy has sent its window and waits.
     kivtest::TempDir dir("kivcluster");
-    std::string path = patternFile(dir, 24u << 20);
+    const std::string path = dir.file("pattern.bin");
+    kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
     kivtest::RawInbox held(cluster.servers[b]->url(), "held.reply");
     ASSERT_TRUE(held.ok());
     ASSERT_EQ(NATS_OK, kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",

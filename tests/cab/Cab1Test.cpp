@@ -8,6 +8,7 @@
 #include "cab/Cab1.h"
 #include "tests/cab/VariantSamples.h"
 #include "tests/support/JsonVariant.h"
+#include "tests/support/TempDir.h"
 
 using kivtest::IdenticalVariants;
 using kivtest::OwnedVariant;
@@ -121,8 +122,7 @@ TEST(Cab1, RoundTripsGeneratedValues) {
 TEST(Cab1, CopyHandsOutAnyWindow) {
     // Strings and byte arrays large enough to be referenced in place, between small fields.
     std::vector<tagVARIANT> e(5);
-    std::string big(100000, '\0');
-    for (size_t i = 0; i < big.size(); ++i) big[i] = char(i * 7);
+    const std::string big = kivtest::patternBytes(100000, 7);
     kivtest::MakeBytes(&e[0], big);
     kivtest::MakeString(&e[1], std::string(5000, 'q'));
     VariantInit(&e[2]); e[2].vt = VT_R8; e[2].dblVal = 1.5;

@@ -79,8 +79,7 @@ TEST(EntryContents, GetDataFromBeginCurrentAndEnd) {
 
 TEST(EntryContents, LargeReadStraightIntoCallerBuffer) {
     kivtest::TempDir dir;
-    std::string content(3 * 1024 * 1024 + 17, '\0');
-    for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 131 + (i >> 12));
+    const std::string content = kivtest::patternBytes(3 * 1024 * 1024 + 17, 131);
     kivtest::writeFile(dir.file("big"), content);
     std::string out(content.size(), 'x');
     unsigned long long count = out.size();

@@ -5,11 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <random>
 #include <string>
 
 #include "host/CRegistry.h"
 #include "tests/support/JsonVariant.h"
+#include "tests/support/TempDir.h"
 
 using testing::HasSubstr;
 using testing::Not;
@@ -29,10 +29,4 @@ inline std::string bytesOf(const tagVARIANT& v) {
     if (v.vt != (VT_ARRAY | VT_UI1)) return std::string();
     return std::string(static_cast<const char*>(v.parray->pvData), v.parray->rgsabound[0].cElements);
 }
-// `size` pseudo-random (barely compressible) bytes.
-inline std::string patternBytes(size_t size, unsigned pattern) {
-    std::mt19937 gen(pattern);
-    std::string bytes(size, '\0');
-    for (char& c : bytes) c = static_cast<char>(gen());
-    return bytes;
-}
+using kivtest::patternBytes;

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <vector>
 
@@ -40,6 +41,13 @@ void writeFile(const std::string& path, const std::string& content) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     ASSERT_TRUE(f.good()) << "cannot write " << path;
     f.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+std::string patternBytes(size_t size, unsigned pattern) {
+    std::mt19937 gen(pattern);
+    std::string bytes(size, '\0');
+    for (char& c : bytes) c = static_cast<char>(gen());
+    return bytes;
 }
 
 std::string readFile(const std::string& path) {

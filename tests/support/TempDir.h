@@ -24,6 +24,8 @@ private:
 
 // Writes `content` to `path`, creating parent folders. Fails the test on error.
 void writeFile(const std::string& path, const std::string& content);
+// `size` pseudo-random (barely compressible) bytes, the same for the same `pattern`.
+std::string patternBytes(size_t size, unsigned pattern);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
 // Runs a shell command and returns its standard output; *status gets the exit status.
