@@ -19,6 +19,7 @@
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/TestHelpers.h"
 #include "tests/support/TempDir.h"
+#include "tests/support/Thrown.h"
 #include "variant/VUtil.h"
 
 namespace fs = std::filesystem;
@@ -60,15 +61,7 @@ inline void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths
         VUtil::PutElement(in, int(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
 }
 
-// The text of the CabException `request` throws; "(no exception)" when it answers.
-inline std::string thrownBy(const std::function<void()>& request) {
-    try {
-        request();
-    } catch (const CabException& e) {
-        return e.getMessage();
-    }
-    return "(no exception)";
-}
+using kivtest::thrownBy;
 
 // Archives made by a test are removed after it. While the gate is closed,
 // every archive thread waits before it writes.

@@ -1,4 +1,5 @@
 // Special folders, temporary folders, the data folder, medium ids and path joins.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -63,12 +64,9 @@ TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRootOrThrows) {
     ASSERT_EQ(stat(sub.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0750u);
     EXPECT_EQ(CFileTools::GetLogsDirectory(), KivFolders::LogsDirectory());
-    try {
-        CFileTools::GetKivDataSubFolder("no/such/parent");
-        ADD_FAILURE() << "an uncreatable subfolder throws std::logic_error";
-    } catch (const std::logic_error& e) {
-        EXPECT_EQ(CStdStr(e.what()).Left(35), "Failed to create Kiv data subfolder");
-    }
+    EXPECT_THAT([] { CFileTools::GetKivDataSubFolder("no/such/parent"); },
+                testing::ThrowsMessage<std::logic_error>(
+                    testing::StartsWith("Failed to create Kiv data subfolder")));
 }
 
 TEST(BinFolder, InstallDirSettingElseExecutableFolder) {

@@ -1,3 +1,4 @@
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -68,13 +69,9 @@ TEST(PThread, FailedCreationThrowsWithTheErrorNumber) {
     // A stack far beyond the address space makes pthread_create fail.
     ASSERT_EQ(pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46), 0);
     PThread t;
-    try {
-        t.init(&attr, new PThreadDelegateFunction(&markStarted), nullptr);
-        FAIL() << "expected an exception";
-    } catch (const std::runtime_error& e) {
-        EXPECT_TRUE(std::string(e.what()).rfind("Failed to create thread: ", 0) == 0) << e.what();
-        EXPECT_NE(std::string(e.what()), "Failed to create thread: 0");
-    }
+    EXPECT_THAT([&] { t.init(&attr, new PThreadDelegateFunction(&markStarted), nullptr); },
+                testing::ThrowsMessage<std::runtime_error>(testing::AllOf(
+                    testing::StartsWith("Failed to create thread: "), testing::Ne("Failed to create thread: 0"))));
     pthread_attr_destroy(&attr);
 }
 

@@ -1,5 +1,6 @@
 // The module base's one-per-process rule outside any real process start, and
 // the sources of the time zone name.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -21,12 +22,9 @@ TEST(KivModuleBase, OneModulePerProcessAndAbortEndsRun) {
     {
         TestModule first("FirstModule");
         EXPECT_EQ(KivModuleBase::kivModule, &first);
-        try {
-            TestModule second("SecondModule");
-            FAIL() << "a second module was allowed";
-        } catch (const std::logic_error& e) {
-            EXPECT_STREQ(e.what(), "Can't have more than one instance of KivModuleBase per module!");
-        }
+        EXPECT_THAT([] { TestModule second("SecondModule"); },
+                    testing::ThrowsMessage<std::logic_error>(
+                        "Can't have more than one instance of KivModuleBase per module!"));
         EXPECT_EQ(KivModuleBase::kivModule, &first);
         // abort() sends SIGTERM to the process; the blocked signal waits for run().
         first.abort();

@@ -1,5 +1,6 @@
 #include <string>
 
+#include "tests/support/Thrown.h"
 #include "tests/variant/VariantTestHelpers.h"
 #include "variant/VUtil.h"
 
@@ -72,10 +73,6 @@ TEST(VUtilArrays, CheckArrayTypeExactOrMore) {
 TEST(VUtilArrays, LongMessagesAreCutAt255Characters) {
     CLocalVariant v;
     std::string context(300, 'c');
-    try {
-        VUtil::CheckType(v.get(), VT_I4, context.c_str());
-        ADD_FAILURE() << "no exception";
-    } catch (const CabException& e) {
-        EXPECT_EQ(std::string(255, 'c'), e.getMessage());
-    }
+    EXPECT_EQ(std::string(255, 'c'),
+              kivtest::thrownBy([&] { VUtil::CheckType(v.get(), VT_I4, context.c_str()); }));
 }
