@@ -15,13 +15,10 @@
 
 namespace {
 
-std::string raw(int n) {
-    // Exactly 100 bytes, line end included.
-    char buf[128];
+std::string raw(int n) {  // exactly 100 bytes, line end included
+    char buf[16];
     snprintf(buf, sizeof buf, "line %04d ", n);
-    std::string s = buf;
-    s.resize(99, '.');
-    return s + "\n";
+    return buf + std::string(89, '.') + "\n";
 }
 
 TEST_F(LoggerTest, RotatesAtTheLimitAndReplacesTheOldBackup) {

@@ -56,22 +56,20 @@ const char* kEte = "\xc3\xa9t\xc3\xa9.ogg";
 }  // namespace
 
 TEST_F(SortFixture, EveryKeyKeepsFoldersFirst) {
-    EXPECT_EQ(order("title:asc"), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-    EXPECT_EQ(order("path:asc"), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-    EXPECT_EQ(order("title:desc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
-    EXPECT_EQ(order("path:desc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    for (std::string key : {"title", "path"}) {
+        EXPECT_EQ(order((key + ":asc").c_str()), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
+        EXPECT_EQ(order((key + ":desc").c_str()), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    }
     // The folders' paths hold no ".", so their extension is the whole path.
     EXPECT_EQ(order("path.extension:asc"), "Afolder zfolder A.mp3 " + std::string(kEte) + " b.txt c.wav");
     EXPECT_EQ(order("path.extension:desc"), "zfolder Afolder c.wav b.txt " + std::string(kEte) + " A.mp3");
     // Folders have no size: their order among themselves is open.
     EXPECT_EQ(order("size:asc").substr(16), std::string(kEte) + " A.mp3 c.wav b.txt");
     EXPECT_EQ(order("size:desc").substr(16), std::string("b.txt c.wav A.mp3 ") + kEte);
-    EXPECT_EQ(order("lastModified:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
-    EXPECT_EQ(order("lastModified:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
-    EXPECT_EQ(order("creationDate:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
-    EXPECT_EQ(order("creationDate:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
-    EXPECT_EQ(order("lastAccessTime:asc"), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
-    EXPECT_EQ(order("lastAccessTime:desc"), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+    for (std::string key : {"lastModified", "creationDate", "lastAccessTime"}) {
+        EXPECT_EQ(order((key + ":asc").c_str()), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
+        EXPECT_EQ(order((key + ":desc").c_str()), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+    }
 }
 
 TEST_F(SortFixture, OnlyTheFirstKeyCountsAndUnknownKeysSortByTitle) {

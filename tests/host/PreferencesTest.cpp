@@ -99,17 +99,10 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
 
 TEST_F(SettingsTest, OddByteStringsRoundTrip) {
     CRegistryImpl r;
-    const std::string cases[] = {
-        std::string(),
-        std::string("\0", 1),
-        std::string("a\0b\0", 4),
-        "\xff",
-        "caf\xe9",                  // Latin-1, not UTF-8
-        "\xc3\xa9t\xc3\xa9",        // valid UTF-8
-        "{\"$bytes\": \"AAAA\"}",   // looks like the escape form
-        "line\nbreak\ttab\\slash\"quote",
-        std::string(70000, 'x') + "\x80",
-    };
+    // Latin-1 (not UTF-8), valid UTF-8, a text that looks like the escape form, and more.
+    const std::string cases[] = {std::string(), std::string("\0", 1), std::string("a\0b\0", 4), "\xff", "caf\xe9",
+        "\xc3\xa9t\xc3\xa9", "{\"$bytes\": \"AAAA\"}", "line\nbreak\ttab\\slash\"quote",
+        std::string(70000, 'x') + "\x80"};
     int n = 0;
     for (const std::string& c : cases) {
         CStdStr name = CStdStr::Formatted("s%d", n++);
