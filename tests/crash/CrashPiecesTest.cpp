@@ -1,0 +1,184 @@
+// The parts of crash reporting that need no crash: the reporter command line
+// and MiniDumper's defaults and handlers, module identifiers (the GNU build id
+// when the file has one, else a stable MD5 of the .text section), and the
+// dump reader's refusal of damaged files.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <cstring>
+#include <exception>
+#include <random>
+
+#include "CrashTestSupport.h"
+#include "diag/MiniDumper.h"
+#include "diag/MinidumpModules.h"
+#include "diag/MinidumpReader.h"
+#include "host/CRegistry.h"
+#include "host/KivFolders.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+TEST(MiniDumperCommand, DefaultsAndTheThreeArgumentForm) {
+    MiniDumper d(nullptr, true, true, true, false, false);
+    EXPECT_EQ("Unknown", d.getApplicationName());
+    EXPECT_EQ("/tmp/", d.getDumpDirectory());
+    EXPECT_EQ(MiniDumper::escapeBlanks(KivFolders::BinFolder() + "/KivCrashReporter"), d.getCrashReporterPath());
+
+    MiniDumper p("KivRequestProxy", true, true, true, false, false);
+    p.SetCrashReporterPath("/opt/kiv/bin/KivCrashReporter");
+    EXPECT_EQ("/opt/kiv/bin/KivCrashReporter \"/tmp/x.dmp\" \"KivRequestProxy\"", p.commandLine("/tmp/x.dmp"));
+    p.setAppData("user data");
+    EXPECT_EQ("/opt/kiv/bin/KivCrashReporter \"/tmp/x.dmp\" \"KivRequestProxy\" -appData \"user data\"",
+              p.commandLine("/tmp/x.dmp"));
+    p.setDumpDirectory("/var/dumps");
+    EXPECT_EQ("/var/dumps/", p.getDumpDirectory());
+}
+
+TEST(MiniDumperCommand, ExtraArgumentsWinOverAppDataAndReporterDefaultsToTheCurrentFolder) {
+    MiniDumper d("App", "one", "two three", "/d");
+    d.setAppData("ignored");
+    EXPECT_EQ("./KivCrashReporter \"/d/id.dmp\" \"App\" \"one\" \"two three\"", d.commandLine("/d/id.dmp"));
+    EXPECT_EQ("/d/", d.getDumpDirectory());
+}
+
+TEST(MiniDumperCommand, BlanksInTheReporterPathAreEscapedOnce) {
+    EXPECT_EQ("/a\\ b/c\\ \\ d", MiniDumper::escapeBlanks("/a b/c  d"));
+    EXPECT_EQ("/a\\ b", MiniDumper::escapeBlanks("/a\\ b"));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir",
+                                                           CStdStr("/opt/My Kiv")));
+    MiniDumper d("App", true, true, true, false, false);
+    EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter", d.getCrashReporterPath());
+    EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter \"/tmp/i.dmp\" \"App\"", d.commandLine("/tmp/i.dmp"));
+    d.SetCrashReporterPath("/x y/KivCrashReporter");  // as given; the next initialisation escapes it
+    EXPECT_EQ("/x y/KivCrashReporter", d.getCrashReporterPath());
+    d.initialize(false, false);
+    EXPECT_EQ("/x\\ y/KivCrashReporter", d.getCrashReporterPath());
+}
+
+void (*currentHandler(int sig))(int) {
+    struct sigaction sa;
+    sigaction(sig, nullptr, &sa);
+    return sa.sa_handler;
+}
+
+TEST(MiniDumperHandlers, InstalledByTheNameConstructorAndPutBackOnDestruction) {
+    void (*usr1Before)(int) = currentHandler(SIGUSR1);
+    void (*abrtBefore)(int) = currentHandler(SIGABRT);
+    void (*segvBefore)(int) = currentHandler(SIGSEGV);
+    std::terminate_handler terminateBefore = std::get_terminate();
+    {
+        MiniDumper d("App");
+        EXPECT_EQ(&usr1Handler, currentHandler(SIGUSR1));
+        EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
+        EXPECT_EQ(&terminateHandler, std::get_terminate());
+        EXPECT_NE(segvBefore, currentHandler(SIGSEGV));
+        d.initialize(true, true);  // a second initialisation keeps them in place
+        EXPECT_EQ(&abortHandler, currentHandler(SIGABRT));
+    }
+    EXPECT_EQ(usr1Before, currentHandler(SIGUSR1));
+    EXPECT_EQ(abrtBefore, currentHandler(SIGABRT));
+    EXPECT_EQ(segvBefore, currentHandler(SIGSEGV));
+    EXPECT_EQ(terminateBefore, std::get_terminate());
+}
+
+// The build id, or else the hash of .text; files that are not ELF are refused.
+TEST(ModuleId, BuildIdOrTextHash) {
+    minidump::ModuleInfo withId{};
+    ASSERT_TRUE(minidump::identifyElfFile(CRASH_PROGRAM, withId));
+    EXPECT_TRUE(withId.isBuildId);
+    EXPECT_EQ(20u, withId.idSize);  // GNU ld's default SHA-1 build id
+
+    minidump::ModuleInfo hashed{}, again{};
+    ASSERT_TRUE(minidump::identifyElfFile(NO_BUILD_ID_PROGRAM, hashed));
+    ASSERT_TRUE(minidump::identifyElfFile(NO_BUILD_ID_PROGRAM, again));
+    EXPECT_FALSE(hashed.isBuildId);
+    ASSERT_EQ(16u, hashed.idSize);
+    EXPECT_EQ(0, memcmp(hashed.id, again.id, 16));
+    static const uint8_t zero[16] = {};
+    EXPECT_NE(0, memcmp(hashed.id, zero, 16));
+
+    kivtest::TempDir tmp("moduleid");
+    kivtest::writeFile(tmp.file("text"), std::string(200, 'a'));
+    minidump::ModuleInfo none{};
+    EXPECT_FALSE(minidump::identifyElfFile(tmp.file("text").c_str(), none));
+    EXPECT_FALSE(minidump::identifyElfFile(tmp.file("missing").c_str(), none));
+}
+
+TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
+    std::string exe = CRASH_PROGRAM;
+    std::string text = "1000-2000 r--p 00000000 08:01 42 " + exe + "\n" +
+                       "2000-3000 r-xp 00001000 08:01 42 " + exe + "\n" +
+                       "3000-4000 rw-p 00002000 08:01 42 " + exe + "\n" +
+                       "4000-5000 rw-p 00000000 00:00 0 \n" +
+                       "7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
+                       "garbage line\n"
+                       "9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
+    std::vector<char> buf(text.begin(), text.end());
+    buf.push_back('\0');
+    minidump::Mapping maps[16];
+    int n = minidump::parseMaps(buf.data(), maps, 16);
+    ASSERT_EQ(6, n);
+    EXPECT_TRUE(maps[1].executable);
+    EXPECT_STREQ("[stack]", maps[4].path);
+    EXPECT_EQ(&maps[4], minidump::findMapping(maps, n, 0x7fff));
+    EXPECT_EQ(nullptr, minidump::findMapping(maps, n, 0x6000));
+    minidump::ModuleInfo modules[4];
+    int m = minidump::collectModules(maps, n, modules, 4);
+    ASSERT_EQ(1, m);  // the unreadable file is no module
+    EXPECT_EQ(0x1000u, modules[0].base);
+    EXPECT_EQ(0x3000u, modules[0].size);
+}
+
+// The reader refuses damaged files with a reason and never reads past the end.
+std::vector<uint8_t> realDump() {
+    static std::vector<uint8_t> bytes;
+    if (!bytes.empty()) return bytes;
+    kivtest::TempDir tmp("readerdump");
+    std::string dumps = tmp.path() + "/";
+    crashtest::ChildResult r = crashtest::runCrashProgram("null", dumps, "/bin/true", {}, tmp.path() + "/rec");
+    EXPECT_EQ(0, r.status) << r.output;
+    std::vector<std::string> files = crashtest::filesEndingWith(tmp.path(), ".dmp");
+    if (files.size() != 1) return bytes;
+    std::string text = kivtest::readFile(files[0]);
+    bytes.assign(text.begin(), text.end());
+    return bytes;
+}
+
+TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
+    std::vector<uint8_t> good = realDump();
+    ASSERT_GT(good.size(), 1024u);
+    MinidumpReader reader;
+    ASSERT_TRUE(reader.parse(good)) << reader.error();
+    EXPECT_EQ(static_cast<uint16_t>(minidump::kCpuArchitectureAmd64), reader.systemInfo().processorArchitecture);
+    EXPECT_EQ(minidump::kOsLinux, reader.systemInfo().platformId);
+    EXPECT_FALSE(reader.modules().empty());
+
+    // Cut inside the header, the directory and the stream records.
+    for (size_t cut : {size_t(0), size_t(4), size_t(31), size_t(40), size_t(200), size_t(1000), good.size() / 2}) {
+        std::vector<uint8_t> part(good.begin(), good.begin() + static_cast<long>(cut));
+        EXPECT_FALSE(reader.parse(part)) << "cut at " << cut;
+        EXPECT_FALSE(reader.error().empty());
+    }
+    std::vector<uint8_t> bad = good;
+    bad[0] = 'X';
+    EXPECT_FALSE(reader.parse(bad));
+    EXPECT_EQ("not a minidump (bad signature)", reader.error());
+
+    // Random damage past the header: either refused or parsed, never a crash.
+    std::mt19937 rng(12345);
+    for (int round = 0; round < 200; ++round) {
+        std::vector<uint8_t> damaged = good;
+        for (int i = 0; i < 8; ++i) damaged[32 + rng() % (std::min<size_t>(damaged.size(), 4096) - 32)] = static_cast<uint8_t>(rng());
+        if (reader.parse(damaged)) {
+            reader.crashModules();
+            char buf[16];
+            reader.readMemory(reader.crashInstructionPointer(), sizeof buf, buf);
+        } else {
+            EXPECT_FALSE(reader.error().empty());
+        }
+    }
+    EXPECT_FALSE(reader.load("/nonexistent/dump.dmp"));
+}
+
+}  // namespace
