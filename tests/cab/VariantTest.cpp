@@ -10,6 +10,9 @@
 #include "cab/VariantJson.h"
 #include "tests/cab/VariantSamples.h"
 
+using kivtest::IdenticalVariants;
+using kivtest::OwnedVariant;
+
 TEST(VariantRuntime, StringsKeepLengthAndBytes) {
     BSTR s = SysAllocString("abc");
     ASSERT_NE(s, nullptr);
@@ -198,9 +201,6 @@ TEST(VariantRuntime, CopyAndClearOverGeneratedValues) {
         ASSERT_TRUE(IdenticalVariants(a.v, b.v, &why)) << n << ": " << why;
     }
 }
-
-using kivtest::IdenticalVariants;
-using kivtest::OwnedVariant;
 
 namespace {
 
