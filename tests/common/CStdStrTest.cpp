@@ -13,7 +13,7 @@ TEST(CStdStr, FormatHandlesAnyLength) {
     EXPECT_TRUE(s.EndsWith(">00007"));
 }
 
-TEST(CStdStr, ReplaceScansOnAfterInsertedText) {
+TEST(CStdStr, ReplaceScansOnAfterInsertedTextAndTokensSkipRunsOfDelimiters) {
     CStdStr s("aaa");
     EXPECT_EQ(s.Replace("a", "aa"), 3);
     EXPECT_EQ(s, "aaaaaa");
@@ -21,11 +21,8 @@ TEST(CStdStr, ReplaceScansOnAfterInsertedText) {
     p.Replace('\\', '.');
     EXPECT_EQ(p, "a.b.c");
     EXPECT_EQ(p.Replace("", "x"), 0);
-}
-
-TEST(CStdStr, TokenizeSkipsRunsOfDelimiters) {
-    CStdStr s(" a,,b , c ");
-    EXPECT_EQ(s.Tokens(", "), (std::vector<CStdStr>{"a", "b", "c"}));
+    // Tokens skip runs of delimiters.
+    EXPECT_EQ(CStdStr(" a,,b , c ").Tokens(", "), (std::vector<CStdStr>{"a", "b", "c"}));
     EXPECT_TRUE(CStdStr(",,, ").Tokens(", ").empty());
 }
 
@@ -45,8 +42,7 @@ TEST(CStdStr, CaseAndSubstringsNeverThrow) {
     EXPECT_EQ(s.ReverseFind('l'), 3);
     EXPECT_EQ(s.ReverseFind('z'), -1);
     EXPECT_EQ(s.Find("l", 3), 3);
-    CStdStr t("  x y \n");
-    EXPECT_EQ(t.Trim(), "x y");
+    EXPECT_EQ(CStdStr("  x y \n").Trim(), "x y");
     CStdStr u("//a//");
     EXPECT_EQ(u.TrimLeft("/"), "a//");
     EXPECT_EQ(u.TrimRight("/"), "a");

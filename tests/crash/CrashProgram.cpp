@@ -1,11 +1,14 @@
 // A program that installs the crash handler and then crashes in the way its
 // first argument names. Used by the crash tests as a child process.
 //   crash_program MODE DUMP_DIR REPORTER [appData=TEXT] [arg1=TEXT arg2=TEXT] [name=TEXT]
-// MODE: null, usr1, abort, throw, throw-int, overflow, overflow-thread, threads, none.
+// MODE: null, usr1, abort, throw, throw-int, overflow, overflow-thread, threads.
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <cstring>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -50,19 +53,14 @@ void* parkedThread(void*) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 4) {
-        fprintf(stderr, "usage: crash_program MODE DUMP_DIR REPORTER [key=value...]\n");
-        return 64;
-    }
+    if (argc < 4) return 64;  // see the usage above
     std::string mode = argv[1];
-    std::string name = "CrashProgram", appData, arg1, arg2;
+    std::map<std::string, std::string> opt = {{"name", "CrashProgram"}};
     for (int i = 4; i < argc; ++i) {
         std::string a = argv[i];
-        if (a.rfind("appData=", 0) == 0) appData = a.substr(8);
-        else if (a.rfind("arg1=", 0) == 0) arg1 = a.substr(5);
-        else if (a.rfind("arg2=", 0) == 0) arg2 = a.substr(5);
-        else if (a.rfind("name=", 0) == 0) name = a.substr(5);
+        opt[a.substr(0, a.find('='))] = a.substr(a.find('=') + 1);
     }
+    const std::string &name = opt["name"], &appData = opt["appData"], &arg1 = opt["arg1"], &arg2 = opt["arg2"];
 
     boost::shared_ptr<CBBLog> log(new CBBLog(name + ".log", false, 524288));
     log->initialize();
@@ -81,28 +79,22 @@ int main(int argc, char** argv) {
         while (g_waiting < 3) pthread_cond_wait(&g_cond, &g_lock);
         pthread_mutex_unlock(&g_lock);
         crashWithNullStore(7);
-    } else if (mode == "null") {
-        crashWithNullStore(1);
-    } else if (mode == "usr1") {
+    }
+    if (mode == "null") crashWithNullStore(1);
+    if (mode == "abort") abort();
+    if (mode == "throw") throw std::runtime_error("nobody catches this");
+    if (mode == "throw-int") throw 42;
+    if (mode == "overflow") return recurseForever(0);
+    if (mode == "usr1") {
         raise(SIGUSR1);
         for (;;) pause();  // the crash happens on the handler's new thread
-    } else if (mode == "abort") {
-        abort();
-    } else if (mode == "throw") {
-        throw std::runtime_error("nobody catches this");
-    } else if (mode == "throw-int") {
-        throw 42;
-    } else if (mode == "overflow") {
-        return recurseForever(0);
-    } else if (mode == "overflow-thread") {
+    }
+    if (mode == "overflow-thread") {
         // A thread started after the crash handler gets its own signal stack.
         PThread t;
         t.init(nullptr, new PThreadDelegateFunction([](void*) -> void* { return reinterpret_cast<void*>(recurseForever(0)); }),
                nullptr);
         t.join();
-    } else if (mode == "none") {
-        delete dumper;
-        return 3;
     }
     fprintf(stderr, "crash_program: unknown mode %s\n", mode.c_str());
     return 64;

@@ -1,29 +1,56 @@
 #include "CrashTestSupport.h"
 
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
-#include <cstdlib>
+#include <cstdio>
 #include <filesystem>
 #include <sstream>
 
 #include "host/KivFolders.h"
 #include "tests/support/TempDir.h"
 
+extern char** environ;
+
 namespace crashtest {
 
 namespace {
 
-// Runs `argv` under `env` (assignments for env(1)) through the shell, which
-// reports how the program ended: 128 + N for signal N.
-ChildResult run(const std::vector<std::string>& argv, const std::string& env) {
-    std::string command = "env " + env;
-    for (const std::string& a : argv) command += " '" + a + "'";
+ChildResult runWithEnv(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv) {
     ChildResult result;
-    result.output = kivtest::runCommand(command + " 2>&1; echo \"<exit $?>\"");
-    const size_t at = result.output.rfind("<exit ");
-    const int code = at == std::string::npos ? -1 : atoi(result.output.c_str() + at + 6);
-    result.output.erase(std::min(at, result.output.size()));
-    result.exited = code >= 0 && code < 128;
-    result.status = code >= 128 ? code - 128 : code;
+    int pipeFds[2];
+    if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
+    std::vector<std::string> env = extraEnv;  // these replace the variables of the same names
+    for (char** e = environ; *e; ++e) {
+        std::string s(*e);
+        auto sameName = [&s](const std::string& x) {
+            return s.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
+        };
+        if (std::none_of(extraEnv.begin(), extraEnv.end(), sameName)) env.push_back(s);
+    }
+    std::vector<char*> cargv, cenv;
+    for (const std::string& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
+    for (const std::string& e : env) cenv.push_back(const_cast<char*>(e.c_str()));
+    cargv.push_back(nullptr);
+    cenv.push_back(nullptr);
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipeFds[1], 1);
+        dup2(pipeFds[1], 2);
+        execve(cargv[0], cargv.data(), cenv.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    FILE* out = fdopen(pipeFds[0], "r");
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, out)) > 0;) result.output.append(buf, n);
+    fclose(out);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
+    result.exited = WIFEXITED(status);
+    result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
     return result;
 }
 
@@ -33,34 +60,30 @@ ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir,
                             const std::vector<std::string>& extra, const std::string& recordFile) {
     std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    return run(argv, "KIV_RECORD_FILE='" + recordFile + "' "
-                     "ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
-                     "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1 "
-                     // The reporter run after the dump allocates inside the signal handler by design.
-                     "TSAN_OPTIONS=report_signal_unsafe=0");
+    return runWithEnv(argv, {"KIV_RECORD_FILE=" + recordFile,
+                             "ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
+                             "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0",
+                             "UBSAN_OPTIONS=halt_on_error=1",
+                             // The reporter run after the dump allocates inside the signal handler by design.
+                             "TSAN_OPTIONS=report_signal_unsafe=0"});
 }
 
-ChildResult runProgram(const std::vector<std::string>& argv) { return run(argv, ""); }
+ChildResult runProgram(const std::vector<std::string>& argv) { return runWithEnv(argv, {}); }
 
 std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
     std::vector<std::string> out;
     std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(folder, ec)) {
-        std::string p = e.path().string();
-        if (e.is_regular_file() && p.size() >= suffix.size() && p.compare(p.size() - suffix.size(), suffix.size(), suffix) == 0)
-            out.push_back(p);
-    }
+    for (const auto& e : std::filesystem::directory_iterator(folder, ec))
+        if (e.is_regular_file() && e.path().extension() == suffix) out.push_back(e.path().string());
     return out;
 }
 
 std::vector<std::string> recordedArguments(const std::string& recordFile) {
     std::vector<std::string> args;
     std::istringstream in(kivtest::readFile(recordFile));
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.size() >= 2 && line.front() == '<' && line.back() == '>') args.push_back(line.substr(1, line.size() - 2));
-        else args.push_back("?" + line);
-    }
+    for (std::string l; std::getline(in, l);)
+        args.push_back(l.size() >= 2 && l.front() == '<' && l.back() == '>' ? l.substr(1, l.size() - 2)
+                                                                              : "?" + l);
     return args;
 }
 

@@ -21,7 +21,7 @@ ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir,
 // Runs a program with arguments and waits; output collected.
 ChildResult runProgram(const std::vector<std::string>& argv);
 
-// Regular files in folder whose names end with suffix.
+// Regular files in folder whose names end with the extension suffix (".dmp").
 std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix);
 
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.

@@ -17,8 +17,7 @@ namespace {
 
 unsigned modeOf(const std::string& path) {
     struct stat st;
-    if (stat(path.c_str(), &st) != 0) return 01000000;  // matches no mode
-    return st.st_mode & 07777;
+    return stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : 01000000;  // no mode when missing
 }
 
 // Folders 0750 and log files 0640 by default, 0777 and 0666 with

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,25 +13,17 @@
 
 class LoggerTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        m_dir.reset(new kivtest::TempDir("kivlog"));
-        m_root.reset(new kivtest::ScopedEnv("KIV_ROOT", (m_dir->path() + "/root").c_str()));
-        m_config.reset(new kivtest::ScopedEnv("XDG_CONFIG_HOME", (m_dir->path() + "/config").c_str()));
-    }
-    void TearDown() override {
-        m_config.reset();
-        m_root.reset();
-        m_dir.reset();
-    }
-    std::string logs() const { return m_dir->path() + "/root/Library/Logs/KivFoundry"; }
+    std::string logs() const { return m_dir.path() + "/root/Library/Logs/KivFoundry"; }
 
     static std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> out;
         std::istringstream in(text);
-        for (std::string line; std::getline(in, line);) out.push_back(line);
+        for (std::string l; std::getline(in, l);) out.push_back(l);
         return out;
     }
 
-    std::unique_ptr<kivtest::TempDir> m_dir;
-    std::unique_ptr<kivtest::ScopedEnv> m_root, m_config;
+    // Members are destroyed in reverse: the variables are put back before the folder goes.
+    kivtest::TempDir m_dir{"kivlog"};
+    kivtest::ScopedEnv m_root{"KIV_ROOT", (m_dir.path() + "/root").c_str()};
+    kivtest::ScopedEnv m_config{"XDG_CONFIG_HOME", (m_dir.path() + "/config").c_str()};
 };

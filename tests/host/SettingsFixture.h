@@ -4,24 +4,17 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
 #include <string>
 
+#include "host/CRegistry.h"
 #include "tests/support/ScopedEnv.h"
 #include "tests/support/TempDir.h"
 
 class SettingsTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        m_dir.reset(new kivtest::TempDir("kivsettings"));
-        m_env.reset(new kivtest::ScopedEnv("XDG_CONFIG_HOME", m_dir->path().c_str()));
-    }
-    void TearDown() override {
-        m_env.reset();
-        m_dir.reset();
-    }
-    std::string folder() const { return m_dir->path() + "/kivfoundry"; }
+    std::string folder() const { return m_dir.path() + "/kivfoundry"; }
 
-    std::unique_ptr<kivtest::TempDir> m_dir;
-    std::unique_ptr<kivtest::ScopedEnv> m_env;
+    kivtest::TempDir m_dir{"kivsettings"};
+    kivtest::ScopedEnv m_env{"XDG_CONFIG_HOME", m_dir.path().c_str()};
+    CRegistryImpl r;
 };

@@ -1,0 +1,175 @@
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <regex>
+#include <string>
+#include <tuple>
+
+#include "diag/CBBLog.h"
+#include "host/CRegistry.h"
+#include "tests/diag/LoggerFixture.h"
+
+namespace {
+
+const char* const kStamp = R"(\d{4}/\d{2}/\d{2} \d{2}:\d{2}:\d{2}\.\d{3})";
+
+TEST_F(LoggerTest, LinesHaveTheHeaderFormatWithOrWithoutTheProcessId) {
+    {
+        CBBLog log("KivRequestProxy.log", false, 524288);
+        log.setLogLevel(LOGLEVEL_DEBUG);
+        log.AddLog(LOGLEVEL_FATAL, "boom %d", 42);
+        log.AddLog(LOGLEVEL_ERROR, "err");
+        log.AddLog(LOGLEVEL_WARN, "warn");
+        log.AddLog(LOGLEVEL_INFO, "info");
+        log.AddLog("debug %s", "text");
+        log._AddLog(boost::format("fmt %1%-%2%") % 1 % "two", LOGLEVEL_INFO);
+        log.AddRawLog("raw text without end");
+        log.AddRawLog(nullptr);
+        EXPECT_EQ(logs() + "/KivRequestProxy.log", log.getLogFilePath());
+    }
+    std::vector<std::string> got = lines(kivtest::readFile(logs() + "/KivRequestProxy.log"));
+    ASSERT_EQ(7u, got.size());
+    const std::string s = kStamp;
+    const char* const expected[] = {R"( \[FATAL\] - KivRequestProxy - boom 42)", R"( \[ERROR\] - err)",
+                                    R"( \[WARN \] - warn)", R"( \[INFO \] - info)", R"( \[DEBUG\] - debug text)",
+                                    R"( \[INFO \] - fmt 1-two)"};
+    for (size_t i = 0; i < 6; ++i) EXPECT_TRUE(std::regex_match(got[i], std::regex(s + expected[i]))) << got[i];
+    EXPECT_EQ("raw text without end", got[6]);
+
+    // The FATAL line, and only it, is also in errors.log.
+    std::vector<std::string> errors = lines(kivtest::readFile(logs() + "/errors.log"));
+    ASSERT_EQ(1u, errors.size());
+    EXPECT_EQ(got[0], errors[0]);
+
+    EXPECT_TRUE(std::regex_match(std::string(CBBLog::getTimeString()), std::regex(s)));
+
+    // With the process id, the program name cut at its first dot, a message cut at the buffer.
+    {
+        CBBLog log("sub/My.Module.log", true, 524288);
+        log.setLogLevel(LOGLEVEL_INFO);
+        log.AddLog(LOGLEVEL_FATAL, "f");
+        log.AddLog(LOGLEVEL_WARN, "%s", std::string(30000, 'y').c_str());
+    }
+    got = lines(kivtest::readFile(logs() + "/sub/My.Module.log"));
+    ASSERT_EQ(2u, got.size());
+    std::string pid = std::to_string(getpid());
+    EXPECT_TRUE(std::regex_match(got[0], std::regex(s + R"( \[FATAL\] )" + pid + " - My - f"))) << got[0];
+    // Messages are cut at the 20,480-byte buffer.
+    size_t header = got[1].find(" - ") + 3;
+    EXPECT_EQ(20479u, got[1].size() - header);
+}
+
+TEST_F(LoggerTest, LevelRules) {
+    CRegistryImpl reg;
+    const char* key = "Software\\Kiv Foundry\\Kiv";
+    auto run = [&](const char* tag) {
+        CBBLog log("levels.log", false, 524288);
+        for (int level = LOGLEVEL_FATAL; level <= LOGLEVEL_DEBUG; ++level)
+            log.AddLog(static_cast<LOGLEVEL>(level), "%s at %d", tag, level);
+        return log.getLogLevel();
+    };
+    auto count = [&](const std::string& tag) {
+        int n = 0;
+        for (const std::string& l : lines(kivtest::readFile(logs() + "/levels.log")))
+            n += (l + " ").find(" - " + tag + " ") != std::string::npos;
+        return n;
+    };
+    EXPECT_EQ(LOGLEVEL_ERROR, run("absent"));  // default 1
+    EXPECT_EQ(2, count("absent"));
+    const std::tuple<int, const char*, int> rows[] = {{4, "four", 5}, {0, "zero", 1}, {-2, "neg", 0}};
+    for (const auto& [level, tag, n] : rows) {
+        ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", level));
+        run(tag);
+        EXPECT_EQ(n, count(tag)) << tag;
+    }
+
+    // -1 stored: every call reads the setting again.
+    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", -1));
+    {
+        CBBLog log("levels.log", false, 524288);
+        log.AddLog(LOGLEVEL_FATAL, "reread dropped");
+        EXPECT_EQ(LOGLEVEL_UNSET, log.getLogLevel());
+        ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", 3));
+        log.AddLog(LOGLEVEL_INFO, "reread kept");
+        EXPECT_EQ(LOGLEVEL_INFO, log.getLogLevel());
+    }
+    EXPECT_EQ(0, count("reread dropped"));
+    EXPECT_EQ(1, count("reread kept"));
+}
+
+TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
+    CBBLog::error("no logger: %d", 1);  // must do nothing
+    EXPECT_FALSE(CBBLog::isDebugEnabled());
+    {
+        boost::shared_ptr<CBBLog> log(new CBBLog("forms.log", false, 524288));
+        log->_fatal("member fatal while unset");
+        log->_error("member error while unset");
+        EXPECT_EQ(LOGLEVEL_UNSET, log->getLogLevel());
+
+        CBBLog::setLogger(log);
+        EXPECT_TRUE(CBBLog::isWarnEnabled());
+        EXPECT_TRUE(CBBLog::isDebugEnabled());  // true before the level is read
+        CBBLog::debug("static debug filtered");
+        EXPECT_EQ(LOGLEVEL_ERROR, log->getLogLevel());
+        EXPECT_FALSE(CBBLog::isWarnEnabled());
+        EXPECT_FALSE(CBBLog::isDebugEnabled());
+        CBBLog::error("static error %s", "kept");
+        CBBLog::error(boost::format("static format %1%") % "kept");
+        CBBLog::warn(log, "explicit warn filtered");
+        CBBLog::fatal(log, "explicit fatal kept");
+        log->_error("member error kept");
+        log->_warn("member warn filtered");
+
+        log->setLogLevel(LOGLEVEL_DEBUG);
+        EXPECT_TRUE(CBBLog::isInfoEnabled());
+        log->_debug("member debug kept");
+        CBBLog::info(boost::format("static info kept"));
+        CBBLog::setLogger(boost::shared_ptr<CBBLog>());
+        CBBLog::error("after reset filtered");
+    }
+    std::string text = kivtest::readFile(logs() + "/forms.log");
+    EXPECT_EQ(std::string::npos, text.find("unset")) << text;
+    EXPECT_EQ(std::string::npos, text.find("filtered")) << text;
+    for (const char* s : {"static error kept", "static format kept", "explicit fatal kept", "member error kept",
+                          "member debug kept", "static info kept"})
+        EXPECT_NE(std::string::npos, text.find(s)) << s;
+}
+
+TEST_F(LoggerTest, FatalReachesErrorsLogBeforeExit) {
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        // Leaked on purpose: the process ends without running destructors.
+        CBBLog* log = new CBBLog("crashing.log", false, 524288);
+        log->setLogLevel(LOGLEVEL_ERROR);
+        log->logFatalNow("last words");
+        _exit(0);
+    }
+    int status = -1;
+    ASSERT_TRUE(waitpid(child, &status, 0) == child && WIFEXITED(status));
+    std::string errors = kivtest::readFile(logs() + "/errors.log");
+    EXPECT_TRUE(std::regex_search(errors, std::regex(R"(\[FATAL\] - crashing - last words\n)"))) << errors;
+}
+
+TEST_F(LoggerTest, NoLogsFolderIsReportedAndHarmless) {
+    // KIV_ROOT names a regular file, so the logs folder cannot exist.
+    kivtest::writeFile(m_dir.path() + "/file", "x");
+    setenv("KIV_ROOT", (m_dir.path() + "/file").c_str(), 1);
+    testing::internal::CaptureStdout();
+    {
+        CBBLog log("nowhere.log", false, 524288);
+        log.setLogLevel(LOGLEVEL_DEBUG);
+        log.AddLog(LOGLEVEL_FATAL, "nothing");
+        log.AddLog(LOGLEVEL_ERROR, "nothing either");
+        EXPECT_EQ(-1, log.getFileSize());
+        EXPECT_TRUE(log.flush(10000));
+    }
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(std::string::npos, out.find("Error: could not open log file '")) << out;
+    EXPECT_NE(std::string::npos, out.find("Error: could not open error log file '")) << out;
+    EXPECT_EQ(std::string::npos, out.find("nothing")) << out;
+}
+
+}  // namespace
