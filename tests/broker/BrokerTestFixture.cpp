@@ -6,26 +6,33 @@ void BrokerTest::SetUp() {
     ASSERT_TRUE(server.start()) << server.error();
     echo.reset(new EchoSatellite);
     ASSERT_EQ(0, echo->Connect(server.hostPort().c_str(), "EchoA")) << CabGetLastError();
-    client.reset(new CabClient);
-    client->setRequestTimeoutMs(60000);
-    ASSERT_EQ(0, client->Connect(server.hostPort().c_str(), "TestClient")) << CabGetLastError();
+    client = connectClient(server.url(), "TestClient");
+    ASSERT_TRUE(client->isConnected());
 }
 
-void BrokerTest::TearDown() {
-    client.reset();
-    echo.reset();
-    server.stop();
-}
-
-int BrokerTest::call(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out, int* rc) {
-    Var codes;
-    int r = client->Request(target, service, in, out, 0, &codes.v);
+int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn,
+            tagVARIANT* out, int* rc) {
+    CLocalVariant codes;
+    int r = c.Request(target.c_str(), service, JsonVariant(jsonIn).get(), out, 0, codes.ptr());
     if (rc) *rc = r;
-    return CabRetcode(codes.v, -99999);
+    return CabRetcode(codes.get(), -99999);
 }
 
-int BrokerTest::call(const char* target, const char* service, const std::string& jsonIn, tagVARIANT* out, int* rc) {
-    return call(target, service, JsonVariant(jsonIn).get(), out, rc);
+std::unique_ptr<CabClient> connectClient(const std::string& url, const char* name, const char* user,
+                                         const char* password, int timeoutMs) {
+    std::unique_ptr<CabClient> c(new CabClient);
+    if (user) c->setUser(user, password);
+    c->setRequestTimeoutMs(timeoutMs);
+    EXPECT_EQ(0, c->Connect(url.c_str(), name)) << CabGetLastError();
+    return c;
+}
+
+int64_t blobErrors(const tagVARIANT& v, int64_t size, int64_t step) {
+    if (v.vt != (VT_ARRAY | VT_UI1) || !v.parray || v.parray->rgsabound[0].cElements != (uint64_t)size) return -1;
+    const unsigned char* p = static_cast<const unsigned char*>(v.parray->pvData);
+    int64_t bad = p[size - 1] != echoBlobByte((uint64_t)(size - 1));
+    for (int64_t i = 0; i < size; i += step) bad += p[i] != echoBlobByte((uint64_t)i);
+    return bad;
 }
 
 std::string encodingOf(const tagVARIANT& v) {
@@ -41,10 +48,4 @@ std::string directoryUsers(const std::string& users) {
                                                  dir.file("users") + "'", &status);
     EXPECT_EQ(0, status) << conf;
     return conf;
-}
-
-void setI4(tagVARIANT* v, int32_t n) {
-    VariantClear(v);
-    v->vt = VT_I4;
-    v->lVal = n;
 }

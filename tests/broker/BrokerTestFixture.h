@@ -1,5 +1,5 @@
 // A fixture with a real nats-server, an echo satellite "EchoA" and a client,
-// a satellite whose handlers wait for the test, and helpers for variants.
+// a satellite whose handlers wait for the test, and helpers for requests.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -14,36 +14,32 @@
 #include "tests/support/NatsServer.h"
 #include "tools/cab-echo/EchoSatellite.h"
 
+// A request on `c` with the input in its JSON form: returns the retcode (status),
+// fills *out and, given rc, the library's own result.
+int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn,
+            tagVARIANT* out, int* rc = nullptr);
+// A client connected to `url`, as `user` when one is given.
+std::unique_ptr<CabClient> connectClient(const std::string& url, const char* name, const char* user = nullptr,
+                                         const char* password = nullptr, int timeoutMs = 60000);
+// Wrong bytes in an echo "Blob" answer of `size` bytes (every `step`th byte and
+// the last are checked); -1 when it is not a byte array of that size.
+int64_t blobErrors(const tagVARIANT& v, int64_t size, int64_t step = 1);
+std::string encodingOf(const tagVARIANT& v);
+// The authorization block make run writes for `users` (lines of "satellite
+// NAME PASSWORD [HOST...]" or "client NAME PASSWORD").
+std::string directoryUsers(const std::string& users);
+
 class BrokerTest : public testing::Test {
 protected:
     void SetUp() override;
-    void TearDown() override;
-
-    // Request on the client; returns the retcode (status) and fills *out.
-    int call(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out, int* rc = nullptr);
-    // The same with the input in its JSON form.
-    int call(const char* target, const char* service, const std::string& jsonIn, tagVARIANT* out,
-             int* rc = nullptr);
+    int call(const char* target, const char* service, const std::string& jsonIn, tagVARIANT* out, int* rc = nullptr) {
+        return request(*client, target, service, jsonIn, out, rc);
+    }
 
     kivtest::NatsServer server{64 * 1024};
     std::unique_ptr<EchoSatellite> echo;
     std::unique_ptr<CabClient> client;
 };
-
-// Owns a variant for the length of a scope.
-struct Var {
-    tagVARIANT v;
-    Var() { VariantInit(&v); }
-    ~Var() { VariantClear(&v); }
-    Var(const Var&) = delete;
-    tagVARIANT* operator&() { return &v; }
-};
-
-std::string encodingOf(const tagVARIANT& v);
-// The authorization block make run writes for `users` (lines of "satellite
-// NAME PASSWORD [HOST...]" or "client NAME PASSWORD").
-std::string directoryUsers(const std::string& users);
-void setI4(tagVARIANT* v, int32_t n);
 
 // "Meet" returns once `expected` calls are inside it together, or fails
 // after ten seconds; "Hold" blocks until the test opens the gate.
