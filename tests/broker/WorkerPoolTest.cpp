@@ -3,9 +3,9 @@
 // never wait for each other's thread.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
-#include <mutex>
 
 #include "cab/CabWorkerPool.h"
 #include "tests/support/Eventually.h"
@@ -16,7 +16,6 @@ namespace {
 struct Flag {
     std::promise<void> promise;
     std::shared_future<void> future = promise.get_future().share();
-    void set() { promise.set_value(); }
     bool wait(int seconds = 30) { return future.wait_for(std::chrono::seconds(seconds)) == std::future_status::ready; }
 };
 
@@ -25,7 +24,7 @@ struct Flag {
 TEST(WorkerPool, BackToBackJobsDoNotShareTheOneIdleThread) {
     CabWorkerPool pool(8);
     Flag warm;
-    ASSERT_TRUE(pool.submit([&] { warm.set(); }));
+    ASSERT_TRUE(pool.submit([&] { warm.promise.set_value(); }));
     ASSERT_TRUE(warm.wait());
     ASSERT_TRUE(kivtest::eventually([&] { return pool.idleCount() == 1; }));
     // Both jobs are queued before the idle thread can wake; the first waits for
@@ -34,24 +33,22 @@ TEST(WorkerPool, BackToBackJobsDoNotShareTheOneIdleThread) {
     bool sawSecond = false;
     ASSERT_TRUE(pool.submit([&] {
         sawSecond = second.wait();
-        firstDone.set();
+        firstDone.promise.set_value();
     }));
-    ASSERT_TRUE(pool.submit([&] { second.set(); }));
+    ASSERT_TRUE(pool.submit([&] { second.promise.set_value(); }));
     ASSERT_TRUE(firstDone.wait(60));
     EXPECT_TRUE(sawSecond) << "the second job only ran after the first gave up";
     EXPECT_EQ(2, pool.threadCount());
-    pool.stop();
+    pool.stop();  // before the flags go
 }
 
 TEST(WorkerPool, BeyondTheCapJobsQueueAndAllRun) {
     CabWorkerPool pool(2);
-    std::mutex lock;   // guards done
-    int done = 0;      // lock
+    std::atomic<int> done{0};
     Flag all;
     for (int i = 0; i < 50; ++i)
         ASSERT_TRUE(pool.submit([&] {
-            std::lock_guard<std::mutex> g(lock);
-            if (++done == 50) all.set();
+            if (++done == 50) all.promise.set_value();
         }));
     ASSERT_TRUE(all.wait());
     EXPECT_LE(pool.threadCount(), 2);
