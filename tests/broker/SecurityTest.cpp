@@ -1,5 +1,7 @@
 // Identities on the directory: the users and permissions that make run
 // writes (scripts/cab-directory-users), TLS, and make run's own directory.
+#include <gmock/gmock.h>
+
 #include <chrono>
 #include <set>
 #include <string>
@@ -69,25 +71,19 @@ std::string refusal(natsConnection* nc, natsSubscription** sub, const char* subj
 }  // namespace
 
 TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
-    CabClient client;
-    client.setUser("cli", "cliPassword012345678");
-    client.setRequestTimeoutMs(60000);
-    ASSERT_EQ(0, client.Connect(server.hostPort().c_str(), "TestClient")) << CabGetLastError();
-
+    std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
     // An answer in more parts than the window: the client's credit reaches
     // the satellite's inbox, the parts reach the client's.
-    Var in, out, codes;
-    setI4(&in.v, 10 << 20);
-    ASSERT_EQ(0, client.Request("EchoA", "Blob", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
-    EXPECT_EQ(0, CabRetcode(codes.v, -1));
-    EXPECT_EQ((uint32_t)(10 << 20), out.v.parray ? out.v.parray->rgsabound[0].cElements : 0);
+    CLocalVariant out;
+    ASSERT_EQ(0, request(*client, "EchoA", "Blob", std::to_string(10 << 20), out.ptr())) << CabGetLastError();
+    EXPECT_EQ(0, blobErrors(out.get(), 10 << 20, 4093));
 
     // The client's user cannot serve as EchoA: refused at once, not a time-out.
     EchoSatellite fake, fake2;
     fake.setUser("cli", "cliPassword012345678");
     auto t0 = Clock::now();
     EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake.Connect(server.hostPort().c_str(), "EchoA"));
-    EXPECT_NE(std::string::npos, CabGetLastError().find("Permissions Violation for Subscription")) << CabGetLastError();
+    EXPECT_THAT(CabGetLastError(), testing::HasSubstr("Permissions Violation for Subscription"));
     EXPECT_LT(msSince(t0), 5000);
     // Nor can another satellite's user, in any queue group.
     fake2.setUser("Other", "otherPassword012345");
@@ -100,8 +96,7 @@ TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
     EXPECT_NE("", refusal(snoop, &b, "_INBOX_cli.>", nullptr));
     EXPECT_NE("", refusal(snoop, &c, ">", nullptr));
     // While the refused subscriptions stand, the client's traffic reaches none of them.
-    setI4(&in.v, 7);
-    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    ASSERT_EQ(0, request(*client, "EchoA", "Echo", "7", out.ptr())) << CabGetLastError();
     natsConnection_FlushTimeout(snoop, 5000);
     for (natsSubscription* s : {a, b, c}) {
         int pending = -1;
@@ -114,20 +109,17 @@ TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
 }
 
 TEST_F(SecurityTest, ARefusedRequestFailsAtOnceWithTheDirectorysText) {
-    CabClient client;
-    client.setUser("narrow", "narrowPassword0123");
-    client.setRequestTimeoutMs(60000);
-    ASSERT_EQ(0, client.Connect(server.hostPort().c_str(), "Narrow")) << CabGetLastError();
-    Var in, out, codes;
-    setI4(&in.v, 1);
-    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    std::unique_ptr<CabClient> client = connectClient(server.url(), "Narrow", "narrow", "narrowPassword0123");
+    CLocalVariant out;
+    ASSERT_EQ(0, request(*client, "EchoA", "Echo", "1", out.ptr())) << CabGetLastError();
     auto t0 = Clock::now();
-    EXPECT_EQ(CAB_E_PERMISSION_DENIED, client.Request("Other", "Echo", in.v, &out.v, 0, &codes.v));
-    EXPECT_EQ(CAB_E_PERMISSION_DENIED, CabRetcode(codes.v, -1));
-    EXPECT_NE(std::string::npos, CabGetLastError().find("cab.Other.Echo")) << CabGetLastError();
+    int rc = 0;
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, request(*client, "Other", "Echo", "1", out.ptr(), &rc));
+    EXPECT_EQ(CAB_E_PERMISSION_DENIED, rc);
+    EXPECT_THAT(CabGetLastError(), testing::HasSubstr("cab.Other.Echo"));
     EXPECT_LT(msSince(t0), 5000);
     // The connection stays usable.
-    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
+    ASSERT_EQ(0, request(*client, "EchoA", "Echo", "1", out.ptr())) << CabGetLastError();
 }
 
 TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
@@ -168,11 +160,9 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
     EchoSatellite echo;
     ASSERT_EQ(0, echo.Connect(url.c_str(), "EchoA")) << CabGetLastError();
     ASSERT_EQ(0, client.Connect(url.c_str(), "TlsClient")) << CabGetLastError();
-    Var in, out, codes;
-    setI4(&in.v, 42);
-    ASSERT_EQ(0, client.Request("EchoA", "Echo", in.v, &out.v, 0, &codes.v)) << CabGetLastError();
-    EXPECT_EQ(0, CabRetcode(codes.v, -1));
-    EXPECT_EQ(42, out.v.lVal);
+    CLocalVariant out;
+    ASSERT_EQ(0, request(client, "EchoA", "Echo", "42", out.ptr())) << CabGetLastError();
+    EXPECT_EQ("42", json(out.get()));
     for (const char* k : {"cabDirectory.tls.ca", "cabDirectory.tls.cert", "cabDirectory.tls.key"})
         registry->WriteSettingImpl(kConfigKey, k, CStdStr(""));
 }
