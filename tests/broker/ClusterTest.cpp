@@ -45,41 +45,6 @@ int freePort() {
     return port;
 }
 
-// Three servers, each routed to all three (a route to itself is ignored).
-struct Cluster {
-    std::vector<std::unique_ptr<kivtest::NatsServer>> servers;
-
-    bool start(int maxPayload, std::string* error) {
-        int route[3];
-        std::string routes;
-        for (int i = 0; i < 3; ++i) {
-            route[i] = freePort();
-            routes += (i ? ", " : "") + std::string("nats-route://127.0.0.1:") + std::to_string(route[i]);
-        }
-        for (int i = 0; i < 3; ++i) {
-            std::string conf = "cluster {\n  name: kiv\n  listen: 127.0.0.1:" + std::to_string(route[i]) +
-                               "\n  routes: [" + routes + "]\n}\n";
-            servers.emplace_back(new kivtest::NatsServer(1 << 20, conf));
-            if (!servers.back()->start()) {
-                *error = servers.back()->error();
-                return false;
-            }
-        }
-        return true;
-    }
-    std::string urls() const {
-        std::string u;
-        for (auto& s : servers) u += (u.empty() ? "" : ",") + s->url();
-        return u;
-    }
-    // The index of the server listening on the port in `url`; -1 if none.
-    int indexOf(const std::string& url) const {
-        for (size_t i = 0; i < servers.size(); ++i)
-            if (url == servers[i]->url()) return (int)i;
-        return -1;
-    }
-};
-
 // A proxy process with a KIV_ROOT of its own and, optionally, a host name.
 struct Proxy {
     kivtest::TempDir root{"kivproxy"};
@@ -104,20 +69,6 @@ void configure(const std::string& servers, int hostScope) {
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 4));
 }
 
-std::unique_ptr<CabClient> clientOf(const kivtest::NatsServer& server, const char* name, int timeoutMs = 60000) {
-    std::unique_ptr<CabClient> c(new CabClient);
-    c->setRequestTimeoutMs(timeoutMs);
-    EXPECT_EQ(0, c->Connect(server.url().c_str(), name)) << CabGetLastError();
-    return c;
-}
-
-int request(CabSatellite& client, const std::string& target, const char* service, const std::string& jsonIn,
-            tagVARIANT* out) {
-    CLocalVariant rc;
-    client.Request(target.c_str(), service, JsonVariant(jsonIn).get(), out, 0, rc.ptr());
-    return CabRetcode(rc.get());
-}
-
 // The data folder of whichever proxy answers `target`; "" on failure.
 std::string dataFolderOf(CabSatellite& client, const std::string& target) {
     CLocalVariant out;
@@ -125,28 +76,49 @@ std::string dataFolderOf(CabSatellite& client, const std::string& target) {
     return out.get().bstrVal;
 }
 
+// Three servers, each routed to all three (a route to itself is ignored).
 class ClusterTest : public testing::Test {
 protected:
     void SetUp() override {
-        std::string error;
-        ASSERT_TRUE(cluster.start(1 << 20, &error)) << error;
+        int route[3];
+        std::string routes;
+        for (int i = 0; i < 3; ++i) {
+            route[i] = freePort();
+            routes += (i ? ", " : "") + std::string("nats-route://127.0.0.1:") + std::to_string(route[i]);
+        }
+        for (int i = 0; i < 3; ++i) {
+            servers.emplace_back(new kivtest::NatsServer(1 << 20, "cluster {\n  name: kiv\n  listen: 127.0.0.1:" +
+                                 std::to_string(route[i]) + "\n  routes: [" + routes + "]\n}\n"));
+            ASSERT_TRUE(servers.back()->start()) << servers.back()->error();
+        }
     }
     void TearDown() override { configure("", 0); }
-    Cluster cluster;
+    std::string urls() const {
+        std::string u;
+        for (auto& s : servers) u += (u.empty() ? "" : ",") + s->url();
+        return u;
+    }
+    // The index of the server listening on the port in `url`; -1 if none.
+    int indexOf(const std::string& url) const {
+        for (size_t i = 0; i < servers.size(); ++i)
+            if (url == servers[i]->url()) return (int)i;
+        return -1;
+    }
+    std::vector<std::unique_ptr<kivtest::NatsServer>> servers;
 };
 
 }  // namespace
 
 TEST_F(ClusterTest, ReachableThroughEveryServerAndALargeAnswerCrossesARoute) {
-    configure(cluster.urls(), 0);
+    configure(urls(), 0);
     Proxy proxy;
     ASSERT_TRUE(proxy.start());
     std::vector<std::unique_ptr<CabClient>> clients;
     for (int i = 0; i < 3; ++i) {
-        clients.push_back(clientOf(*cluster.servers[i], ("ClusterClient" + std::to_string(i)).c_str()));
+        clients.push_back(connectClient(servers[i]->url(), ("ClusterClient" + std::to_string(i)).c_str()));
         ASSERT_TRUE(proxy.process.waitUntilServing(*clients[i])) << "through server " << i << ": " << proxy.log();
     }
-    int at = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
+    int at = indexOf(proxy.urlAfter("Connected to the directory at"));
     ASSERT_GE(at, 0) << proxy.log();
 
     // 24 MiB in parts of 1 MiB, from the proxy's server to another one.
@@ -163,19 +135,19 @@ TEST_F(ClusterTest, ReachableThroughEveryServerAndALargeAnswerCrossesARoute) {
 }
 
 TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServesOnElsewhere) {
-    configure(cluster.urls(), 0);
+    configure(urls(), 0);
     Proxy proxy;
     ASSERT_TRUE(proxy.start());
-    std::unique_ptr<CabClient> probe = clientOf(*cluster.servers[0], "ClusterProbe", 1000);
+    std::unique_ptr<CabClient> probe = connectClient(servers[0]->url(), "ClusterProbe", nullptr, nullptr, 1000);
     ASSERT_TRUE(proxy.process.waitUntilServing(*probe)) << proxy.log();
-    int a = cluster.indexOf(proxy.urlAfter("Connected to the directory at"));
+    int a = indexOf(proxy.urlAfter("Connected to the directory at"));
     ASSERT_GE(a, 0) << proxy.log();
     int b = (a + 1) % 3, c = (a + 2) % 3;
     GateSatellite echo;
-    ASSERT_EQ(0, echo.Connect(cluster.servers[b]->url().c_str(), "EchoA")) << CabGetLastError();
-    std::unique_ptr<CabClient> onA = clientOf(*cluster.servers[a], "ClientOnA");
-    std::unique_ptr<CabClient> onB = clientOf(*cluster.servers[b], "ClientOnB");
-    std::unique_ptr<CabClient> onC = clientOf(*cluster.servers[c], "ClientOnC", 250);
+    ASSERT_EQ(0, echo.Connect(servers[b]->url().c_str(), "EchoA")) << CabGetLastError();
+    std::unique_ptr<CabClient> onA = connectClient(servers[a]->url(), "ClientOnA");
+    std::unique_ptr<CabClient> onB = connectClient(servers[b]->url(), "ClientOnB");
+    std::unique_ptr<CabClient> onC = connectClient(servers[c]->url(), "ClientOnC", nullptr, nullptr, 250);
     ASSERT_TRUE(proxy.process.waitUntilServing(*onA));
     ASSERT_TRUE(proxy.process.waitUntilServing(*onB));
 
@@ -200,14 +172,14 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     kivtest::TempDir dir("kivcluster");
     const std::string path = dir.file("pattern.bin");
     kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
-    kivtest::RawInbox held(cluster.servers[b]->url(), "held.reply");
+    kivtest::RawInbox held(servers[b]->url(), "held.reply");
     ASSERT_TRUE(held.ok());
     ASSERT_EQ(NATS_OK, kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
                                         encodingOf(JsonVariant(listOf(path)).get()), "held.reply"));
     EXPECT_EQ("25", kivtest::header(held.next(30000).get(), "Cab-Parts"));
 
     auto t0 = Clock::now();
-    ASSERT_EQ(0, kill(cluster.servers[a]->pid(), SIGKILL));
+    ASSERT_EQ(0, kill(servers[a]->pid(), SIGKILL));
     // Serving again, asked through a server that stayed up.
     ASSERT_TRUE(eventually([&] { return !dataFolderOf(*onC, kProxy).empty(); }, 30000)) << proxy.log();
     int64_t failoverMs = msSince(t0);
@@ -227,26 +199,25 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     std::string notice;
     int partsBefore = 1, noticePart = -1;
     for (kivtest::Msg m(nullptr, &natsMsg_Destroy); notice.empty() && (m = held.next(5000));) {
-        if (natsMsg_GetDataLength(m.get()) > 0) {
+        if (natsMsg_GetDataLength(m.get()) > 0)
             ++partsBefore;
-        } else if (!(notice = kivtest::header(m.get(), "Cab-Status")).empty()) {
+        else if (!(notice = kivtest::header(m.get(), "Cab-Status")).empty())
             noticePart = atoi(kivtest::header(m.get(), "Cab-Part").c_str());
-        }
     }
     EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
     EXPECT_GE(noticePart, partsBefore);
     std::string now = proxy.urlAfter("reconnected to");
-    EXPECT_TRUE(cluster.indexOf(now) == b || cluster.indexOf(now) == c) << proxy.log();
-    cluster.servers[a]->stop();
+    EXPECT_TRUE(indexOf(now) == b || indexOf(now) == c) << proxy.log();
+    servers[a]->stop();
 }
 
 TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
-    configure(cluster.urls(), 1);
+    configure(urls(), 1);
     Proxy alpha, beta;
     ASSERT_TRUE(alpha.start("Alpha"));  // host names are lower-cased
     ASSERT_TRUE(beta.start("beta"));
-    std::unique_ptr<CabClient> c0 = clientOf(*cluster.servers[0], "HostClient0");
-    std::unique_ptr<CabClient> c2 = clientOf(*cluster.servers[2], "HostClient2");
+    std::unique_ptr<CabClient> c0 = connectClient(servers[0]->url(), "HostClient0");
+    std::unique_ptr<CabClient> c2 = connectClient(servers[2]->url(), "HostClient2");
     std::string folderA, folderB;
     ASSERT_TRUE(eventually([&] { return !(folderA = dataFolderOf(*c0, "VorpaMediaProxy@alpha")).empty(); }))
         << alpha.log();
@@ -275,7 +246,7 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
     for (const char* bad : {"VorpaMediaProxy@a@b", "@alpha", "VorpaMediaProxy@", "VorpaMediaProxy@al.pha"})
         EXPECT_EQ(CAB_E_INVALID_NAME, request(*c0, bad, "GetKivDataFolder", "null", out.ptr())) << bad;
     CabClient named;
-    EXPECT_EQ(CAB_E_INVALID_NAME, named.Connect(cluster.servers[0]->url().c_str(), "Vorpa@alpha"));
+    EXPECT_EQ(CAB_E_INVALID_NAME, named.Connect(servers[0]->url().c_str(), "Vorpa@alpha"));
 }
 
 // The permission scripts/cab-directory-users grants for a satellite's hosts:
@@ -295,11 +266,8 @@ TEST(ClusterPermissions, ASatelliteServesUnderTheHostsItIsGranted) {
     unsetenv("KIV_HOSTNAME");
     configure("", 0);
 
-    CabClient client;
-    client.setUser("cli", "cliPassword012345678");
-    client.setRequestTimeoutMs(60000);
-    ASSERT_EQ(0, client.Connect(server.url().c_str(), "Cli")) << CabGetLastError();
+    std::unique_ptr<CabClient> client = connectClient(server.url(), "Cli", "cli", "cliPassword012345678");
     CLocalVariant out;
-    EXPECT_EQ(0, request(client, "EchoA@alpha", "Echo", "7", out.ptr())) << CabGetLastError();
+    EXPECT_EQ(0, request(*client, "EchoA@alpha", "Echo", "7", out.ptr())) << CabGetLastError();
     EXPECT_EQ("7", VariantToJson(out.get()));
 }
