@@ -5,53 +5,50 @@
 
 #include <atomic>
 #include <chrono>
-#include <future>
+#include <condition_variable>
+#include <mutex>
 
 #include "cab/CabWorkerPool.h"
 #include "tests/support/Eventually.h"
 
 namespace {
 
-// A one-shot flag that threads can wait on with a safety time-out.
-struct Flag {
-    std::promise<void> promise;
-    std::shared_future<void> future = promise.get_future().share();
-    bool wait(int seconds = 30) { return future.wait_for(std::chrono::seconds(seconds)) == std::future_status::ready; }
+// Jobs that each wait, ten seconds at most, until `n` of them run together.
+struct Meeting {
+    std::mutex lock;
+    std::condition_variable cv;
+    int inside = 0;         // lock
+    std::atomic<int> met{0};
+    void join(int n) {
+        std::unique_lock<std::mutex> g(lock);
+        ++inside;
+        cv.notify_all();
+        if (cv.wait_for(g, std::chrono::seconds(10), [&] { return inside >= n; })) ++met;
+    }
 };
 
 }  // namespace
 
-TEST(WorkerPool, BackToBackJobsDoNotShareTheOneIdleThread) {
-    CabWorkerPool pool(8);
-    Flag warm;
-    ASSERT_TRUE(pool.submit([&] { warm.promise.set_value(); }));
-    ASSERT_TRUE(warm.wait());
-    ASSERT_TRUE(kivtest::eventually([&] { return pool.idleCount() == 1; }));
-    // Both jobs are queued before the idle thread can wake; the first waits for
-    // the second, which must therefore get a thread of its own.
-    Flag second, firstDone;
-    bool sawSecond = false;
-    ASSERT_TRUE(pool.submit([&] {
-        sawSecond = second.wait();
-        firstDone.promise.set_value();
-    }));
-    ASSERT_TRUE(pool.submit([&] { second.promise.set_value(); }));
-    ASSERT_TRUE(firstDone.wait(60));
-    EXPECT_TRUE(sawSecond) << "the second job only ran after the first gave up";
-    EXPECT_EQ(2, pool.threadCount());
-    pool.stop();  // before the flags go
+TEST(WorkerPool, BackToBackJobsDoNotShareTheIdleThreads) {
+    CabWorkerPool pool(16);
+    Meeting warm, nine;
+    for (int i = 0; i < 8; ++i) ASSERT_TRUE(pool.submit([&] { warm.join(8); }));
+    ASSERT_TRUE(kivtest::eventually([&] { return pool.idleCount() == 8; }));
+    // Queued faster than the eight idle threads wake: a thread signalled for
+    // one job is not free for the next, so the ninth gets a thread of its own.
+    for (int i = 0; i < 9; ++i) ASSERT_TRUE(pool.submit([&] { nine.join(9); }));
+    EXPECT_EQ(9, pool.threadCount());
+    pool.stop();  // lets every job end
+    EXPECT_EQ(8, warm.met.load());
+    EXPECT_EQ(9, nine.met.load()) << "jobs waited for a thread promised to an earlier job";
 }
 
 TEST(WorkerPool, BeyondTheCapJobsQueueAndAllRun) {
     CabWorkerPool pool(2);
     std::atomic<int> done{0};
-    Flag all;
-    for (int i = 0; i < 50; ++i)
-        ASSERT_TRUE(pool.submit([&] {
-            if (++done == 50) all.promise.set_value();
-        }));
-    ASSERT_TRUE(all.wait());
-    EXPECT_LE(pool.threadCount(), 2);
+    for (int i = 0; i < 50; ++i) ASSERT_TRUE(pool.submit([&] { ++done; }));
     pool.stop();
+    EXPECT_EQ(50, done.load());
+    EXPECT_LE(pool.threadCount(), 2);
     EXPECT_FALSE(pool.submit([] {}));
 }
