@@ -42,7 +42,7 @@ TEST_F(BrokerTest, RequestsEndWithTheirStatusAndTheSatelliteKeepsServing) {
     };
     const auto start = std::chrono::steady_clock::now();
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.target.substr(0, 20) + " " + row.service + " " + row.in.substr(0, 10));
+        SCOPED_TRACE(row.target.substr(0, 20) + " (" + std::to_string(row.target.size()) + ") " + row.service);
         CLocalVariant out;
         int rc = 99;
         EXPECT_EQ(row.status, call(row.target.c_str(), row.service, row.in, out.ptr(), &rc));
