@@ -9,7 +9,7 @@
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/RawNats.h"
 
-TEST_F(BrokerTest, RequestsToOneServiceRunTogetherUntilItIsRemoved) {
+TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     GateSatellite gate;
     ASSERT_EQ(0, gate.Connect(server.hostPort().c_str(), "Gate"));
     // One request first, so that the service threads are in their steady
@@ -27,10 +27,24 @@ TEST_F(BrokerTest, RequestsToOneServiceRunTogetherUntilItIsRemoved) {
         });
     for (auto& t : ts) t.join();
     EXPECT_EQ(std::vector<int>(3, 0), status) << "handlers of one service did not run at the same time";
-    ASSERT_EQ(0, gate.RemoveService("Meet"));
-    int rc = 0;
-    call("Gate", "Meet", "null", out.ptr(), &rc);
-    EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, rc) << CabGetLastError();
+}
+
+// Ten times: a request sent right after RemoveService finds no such service
+// (not a satellite that dropped it, which would leave the requester waiting).
+TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
+    client->setRequestTimeoutMs(5000);
+    CLocalVariant out;
+    for (int i = 0; i < 10; ++i) {
+        const std::string name = "Gone" + std::to_string(i);
+        auto none = +[](const char*, const tagVARIANT&, tagVARIANT*) { return 0; };
+        ASSERT_EQ(0, echo->AddService(name.c_str(), "", none));
+        ASSERT_EQ(0, call("EchoA", name.c_str(), "null", out.ptr()));
+        ASSERT_EQ(0, echo->RemoveService(name.c_str()));
+        int rc = 0;
+        call("EchoA", name.c_str(), "null", out.ptr(), &rc);
+        EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, rc) << name << ": " << CabGetLastError();
+    }
+    EXPECT_EQ(0, call("EchoA", "Echo", "1", out.ptr()));
 }
 
 TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
