@@ -10,6 +10,8 @@
 // holds across those helpers too.
 #pragma once
 
+#include <string>
+
 constexpr int kCabMaxInlineDepth = 16;
 
 // Inline calls the calling thread is inside of now (0 on a plain worker).
@@ -25,4 +27,22 @@ public:
 
 private:
     int m_saved;
+};
+
+// The directory user on whose behalf the calling thread works: the sender of
+// the request it serves, as the directory vouched for it, carried into the
+// inline calls it makes and (with CabCallerScope) into the threads that work
+// for it. "" when the thread serves no request or the directory did not say.
+const std::string& CabCurrentCaller();
+
+// Sets the calling thread's caller for the scope's lifetime.
+class CabCallerScope {
+public:
+    explicit CabCallerScope(std::string caller);
+    ~CabCallerScope();
+    CabCallerScope(const CabCallerScope&) = delete;
+    CabCallerScope& operator=(const CabCallerScope&) = delete;
+
+private:
+    std::string m_saved;
 };

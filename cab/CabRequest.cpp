@@ -19,6 +19,8 @@ namespace {
 
 // Inline calls the current thread is inside of; owned by that thread alone.
 thread_local int t_inlineDepth = 0;
+// The user the current thread works for; owned by that thread alone.
+thread_local std::string t_caller;
 
 // Closes a mailbox when the request ends, however it ends.
 struct MailboxGuard {
@@ -276,6 +278,12 @@ int CabInlineDepth() { return t_inlineDepth; }
 CabInlineDepthScope::CabInlineDepthScope(int depth) : m_saved(t_inlineDepth) { t_inlineDepth = depth; }
 
 CabInlineDepthScope::~CabInlineDepthScope() { t_inlineDepth = m_saved; }
+
+const std::string& CabCurrentCaller() { return t_caller; }
+
+CabCallerScope::CabCallerScope(std::string caller) : m_saved(std::move(t_caller)) { t_caller = std::move(caller); }
+
+CabCallerScope::~CabCallerScope() { t_caller = std::move(m_saved); }
 
 int CabSatellite::Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
                           CABFLAGS flags, tagVARIANT* retcodes) {

@@ -4,8 +4,11 @@
 #include <exception>
 #include <string>
 
+#include <nlohmann/json.hpp>
+
 #include "cab/Cab1.h"
 #include "cab/CabException.h"
+#include "cab/CabInline.h"
 #include "cab/CabLog.h"
 #include "cab/CabSatelliteState.h"
 #include "cab/CabWire.h"
@@ -22,6 +25,18 @@ void refuse(CabTransfers* transfers, const std::shared_ptr<CabServiceEntry>& ent
     cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
     entry->record(0, &why);
     transfers->send(replyTo, CAB_E_MALFORMED, why, 0, nullptr);
+}
+
+// Who sent `msg`: the "user" of the "Nats-Request-Info" header that the
+// directory writes into a request crossing from another account (it replaces
+// any value the sender put there). "" when there is none.
+std::string requestCaller(natsMsg* msg) {
+    std::string info = cabwire::header(msg, "Nats-Request-Info");
+    if (info.empty()) return "";
+    nlohmann::json j = nlohmann::json::parse(info, nullptr, false);
+    if (!j.is_object()) return "";
+    auto user = j.find("user");
+    return user != j.end() && user->is_string() ? user->get<std::string>() : "";
 }
 
 // The serving context of the calling thread; owned by that thread alone.
@@ -102,6 +117,7 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
                !cabwire::headerInt(msg, cabwire::kFlags, INT32_MIN, INT32_MAX, &flags)) {
         why = "bad Cab-Flags header";
     }
+    std::string caller = requestCaller(msg);
     tagVARIANT in;
     VariantInit(&in);
     if (why.empty()) {
@@ -121,7 +137,11 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
     int errorCode = 0;
     bool threw = false;
     CabServeContext context;
-    int status = cabInvokeHandler(state, entry, "", in, &out, &context, &error, &errorCode, &threw);
+    int status;
+    {
+        CabCallerScope callerScope(caller);
+        status = cabInvokeHandler(state, entry, caller.c_str(), in, &out, &context, &error, &errorCode, &threw);
+    }
     VariantClear(&in);
     entry->record(nowNs() - start, threw ? &error : nullptr);
     std::unique_ptr<CabAnswerSource> answer;

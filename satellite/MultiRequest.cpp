@@ -37,6 +37,7 @@ struct MultiRequestGroup {
     std::vector<MultiRequestRecord>* records;
     std::atomic<size_t> next{0};  // the next sub-request to take; lock-free
     int inlineDepth;              // the handler thread's, carried over to the helpers
+    std::string caller;           // the handler thread's, carried over to the helpers
 };
 
 void runSubRequests(MultiRequestGroup& group) {
@@ -58,6 +59,7 @@ void runSubRequests(MultiRequestGroup& group) {
 void* helperThread(void* p) {
     MultiRequestGroup& group = *static_cast<MultiRequestGroup*>(p);
     CabInlineDepthScope depth(group.inlineDepth);
+    CabCallerScope caller(group.caller);
     runSubRequests(group);
     return nullptr;
 }
@@ -145,6 +147,7 @@ int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIA
         group.satellite = this;
         group.records = &records;
         group.inlineDepth = CabInlineDepth();
+        group.caller = CabCurrentCaller();
         {
             HelperThreads helpers;  // joined before the group goes
             helpers.start(group, std::min(n, kMultiRequestThreadsPerGroup) - 1);
