@@ -159,6 +159,7 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     if (natsInbox_Create(&inbox) != NATS_OK) return CabFail(CAB_E_INTERNAL, "no inbox");
     // A user reads only its own inbox prefix: "_INBOX_<user>.<nuid>".
     c->m_inbox = o.user.empty() ? std::string(inbox) : "_INBOX_" + o.user + (inbox + strlen("_INBOX"));
+    c->m_caller = o.user.empty() ? std::string(cabwire::kAnonymous) : o.user;
     natsInbox_Destroy(inbox);
     natsSubscription* sub = nullptr;
     {

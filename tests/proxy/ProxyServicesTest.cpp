@@ -203,10 +203,16 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAndAtMostTen
 
     // The first sub-request finishes last; answers ([status], out) still come in
     // input order. With fewer than three elements a sub-request answers two empty values.
+    // The support services never run for a grouped request, at any depth.
     ASSERT_EQ(call("MultiRequest", R"([["EchoA","Sleep",300], ["EchoA","Echo","fast"],
-        ["NoSuchSatellite","Echo",1], ["EchoA","Status",5], ["EchoA","Echo"]])", out.ptr()), 0);
+        ["NoSuchSatellite","Echo",1], ["EchoA","Status",5], ["EchoA","Echo"],
+        ["VorpaMediaProxy","GenerateCrash",null], ["VorpaMediaProxy","MultiRequest",
+        [["VorpaMediaProxy","GetKivConfig",null], ["VorpaMediaProxy","my-KIV_TailLog",["/etc/hostname",9]]]]])",
+                   out.ptr()), 0);
+    const std::string denied = "[[" + std::to_string(CAB_E_PERMISSION_DENIED) + "],null]";
     EXPECT_EQ(json(out.get()), "[[[0],300],[[0],\"fast\"],[[" + std::to_string(CAB_E_NO_SUCH_SERVICE) +
-                                   "],null],[[5],null],[null,null]]");
+                                   "],null],[[5],null],[null,null]," + denied + ",[[0],[" + denied + "," +
+                                   denied + "]]]");
 
     // More sub-requests than one group has threads, finishing in a scrambled
     // order: every answer stays in its place, and the threads stay bounded.
