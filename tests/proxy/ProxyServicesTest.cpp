@@ -108,6 +108,9 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
         {"backup.nkeySeed", "Secret-3"}, {"backup.nkeyseedfile", "Secret-4"}};
     for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
     for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
+    // Credentials inside server URLs: masked wherever the value goes, the logs included.
+    const std::string servers = "nats://proxy:Secret-5@" + hostPort() + ",nats://Secret-6@" + hostPort();
+    ASSERT_TRUE(setting("cabDirectory.servers", CStdStr(servers)));
     ASSERT_TRUE(startProxy()) << proxyOutput();
     CLocalVariant out, folder, none;
     ASSERT_EQ(call("GetKivConfig", "null", out.ptr()), 0);
@@ -124,6 +127,9 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
     EXPECT_EQ(*shown.begin(), (std::pair<const std::string, std::string>("alpha", "alpha")));
     EXPECT_EQ(shown["mail.tokenLimit"], "mail.tokenLimit");
     for (const auto& s : secrets) EXPECT_EQ(shown[s.first], "********") << s.first;
+    EXPECT_EQ(shown["cabDirectory.servers"], "nats://proxy:********@" + hostPort() + ",nats://********@" + hostPort());
+    EXPECT_TRUE(waitForLog("Connecting to nats://proxy:********@"));
+    EXPECT_THAT(proxyLog() + proxyOutput(), Not(HasSubstr("Secret-")));
 
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
     const std::string data = root + "/Library/KivFoundry";
