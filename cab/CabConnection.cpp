@@ -15,6 +15,11 @@ namespace {
 const int kCloseFlushMs = 2000;  // a safety net: the round trip takes a millisecond
 }  // namespace
 
+int64_t remainingMs(std::chrono::steady_clock::time_point end) {
+    auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - std::chrono::steady_clock::now()).count();
+    return left < 1 ? 1 : left;
+}
+
 struct timespec cabDeadline(int64_t ms) {
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
@@ -334,8 +339,9 @@ void CabConnection::drain(const std::vector<natsSubscription*>& subs, int timeou
             natsSubscription_Unsubscribe(sub);
         }
     }
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (natsSubscription* sub : draining) {
-        natsStatus s = natsSubscription_WaitForDrainCompletion(sub, timeoutMs);
+        natsStatus s = natsSubscription_WaitForDrainCompletion(sub, remainingMs(end));
         if (s != NATS_OK)
             cablog::log(LOGLEVEL_WARN, "Drain of %s did not complete: %s", natsSubscription_GetSubject(sub),
                         natsStatus_GetText(s));

@@ -12,6 +12,8 @@
 // can run any more. All members are thread-safe.
 #pragma once
 
+#include <chrono>
+
 #include <cstdint>
 #include <ctime>
 #include <deque>
@@ -175,3 +177,5 @@ private:
 
 // Absolute CLOCK_REALTIME deadline `ms` from now.
 struct timespec cabDeadline(int64_t ms);
+// Milliseconds left until `end`, at least 1 (the client reads 0 as "no limit").
+int64_t remainingMs(std::chrono::steady_clock::time_point end);

@@ -1,8 +1,11 @@
 #include "cab/CabDispatcher.h"
 
+#include "cab/CabConnection.h"
 #include "cab/CabLog.h"
 
 #include <time.h>
+
+#include <chrono>
 
 namespace {
 // A leader waits this long before looking again; a subscription that ends
@@ -131,8 +134,11 @@ void CabDispatcher::drain(const std::vector<natsSubscription*>& subs, int timeou
             natsSubscription_Unsubscribe(c->sub);
         }
     }
+    // One deadline for all: a drain held up by busy handlers must not wait
+    // its whole time once per subscription.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
     for (Channel* c : started) {
-        natsStatus s = natsSubscription_WaitForDrainCompletion(c->sub, timeoutMs);
+        natsStatus s = natsSubscription_WaitForDrainCompletion(c->sub, remainingMs(end));
         if (s != NATS_OK)
             cablog::log(LOGLEVEL_WARN, "Drain of %s did not complete: %s", natsSubscription_GetSubject(c->sub),
                         natsStatus_GetText(s));
