@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: deps build test test-sanitize test-asan test-tsan run bench clean deb test-package
+.PHONY: deps build test test-sanitize test-asan test-tsan fuzz run bench clean deb test-package
 
 deps:
 	@scripts/install-deps
@@ -31,6 +31,20 @@ test-tsan: deps
 	@cmake --build build-tsan -j $(JOBS) --target kiv_tsan_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  setarch $$(uname -m) -R ctest $(CTEST_FLAGS) -L tsan
+
+# The libFuzzer targets (CAB1 decoder, JSON reader), built with clang, each
+# run for FUZZ_SECONDS from its corpus; a finding fails the target.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DKIV_BUILD_FUZZ=ON -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-fuzz -j $(JOBS) --target fuzz_cab1_decode fuzz_json_read
+	@for t in cab1_decode:corpus json_read:json-corpus; do \
+	  dir=$$(mktemp -d) && cp tests/fuzz/$${t#*:}/* $$dir/ && \
+	  echo "fuzz: $${t%%:*} for $(FUZZ_SECONDS) s" && \
+	  build-fuzz/tests/fuzz/fuzz_$${t%%:*} -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 $$dir 2>&1 | \
+	    grep -E '^(#[0-9]+ *DONE|stat::number_of_executed_units|==[0-9]+==ERROR|SUMMARY)' ; \
+	  rc=$${PIPESTATUS[0]}; rm -rf $$dir; [ $$rc -eq 0 ] || exit $$rc; \
+	done
 
 # make run [KIV_PORT=N] [KIV_VAR=DIR] [KIV_AUTH=token]: a directory of its
 # own on a free (or the given) loopback port; see scripts/run-local.
@@ -59,4 +73,4 @@ bench: build
 	@for b in build/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf build build-asan build-tsan
+	rm -rf build build-asan build-tsan build-fuzz
