@@ -47,6 +47,14 @@ bool CabMemoryBudget::Reservation::grow(uint64_t more, std::string* why) {
     return true;
 }
 
+bool CabMemoryBudget::Reservation::growAlone(uint64_t more, std::string* why) {
+    if (!more) return true;
+    if (!m_budget) return grow(more, why);
+    if (!m_budget->take(m_caller, more, why, true, m_bytes)) return false;
+    m_bytes += more;
+    return true;
+}
+
 void CabMemoryBudget::Reservation::shrinkTo(uint64_t bytes) {
     if (bytes >= m_bytes) return;
     if (m_budget) m_budget->give(m_caller, m_bytes - bytes);
@@ -93,19 +101,20 @@ void CabMemoryBudget::resetPeak() {
     m_peak = m_held;
 }
 
-bool CabMemoryBudget::take(const std::string& caller, uint64_t bytes, std::string* why) {
+bool CabMemoryBudget::take(const std::string& caller, uint64_t bytes, std::string* why, bool alone, uint64_t own) {
     PLockGuard guard(m_lock);
     auto it = m_byCaller.find(caller);
     const uint64_t mine = it == m_byCaller.end() ? 0 : it->second;
     const uint64_t holders = m_byCaller.size() + (it == m_byCaller.end() ? 1 : 0);
     const uint64_t share = m_limit / (holders + 1);
-    if (bytes > m_limit || m_held + bytes > m_limit) {
+    // With `alone` and nothing else held, granted whatever the limit and the share.
+    if (alone && m_held == own) {
+    } else if (bytes > m_limit || m_held + bytes > m_limit) {
         if (why)
             *why = std::to_string(bytes) + " bytes more would pass the " + std::to_string(m_limit) +
                    " bytes that answers may hold (" + std::to_string(m_held) + " held)";
         return false;
-    }
-    if (mine + bytes > share) {
+    } else if (mine + bytes > share) {
         if (why)
             *why = std::to_string(bytes) + " bytes more would pass the share of " + callerName(caller) + ": " +
                    std::to_string(share) + " bytes while " + std::to_string(holders) + " hold memory (" +

@@ -50,6 +50,10 @@ public:
         // Adds `more` bytes when the budget and the caller's share allow it;
         // otherwise false with *why (may be null), and nothing changes.
         bool grow(uint64_t more, std::string* why);
+        // As grow, but also granted past the limit and the share when this
+        // reservation would be all the budget holds: for an answer already
+        // built, which refusing would not keep from being allocated.
+        bool growAlone(uint64_t more, std::string* why);
         // Gives back what is held above `bytes`.
         void shrinkTo(uint64_t bytes);
         void release() { shrinkTo(0); }
@@ -78,7 +82,9 @@ public:
     void resetPeak();
 
 private:
-    bool take(const std::string& caller, uint64_t bytes, std::string* why);
+    // `alone`: granted anyway when the reservation already holding `own`
+    // bytes holds everything held.
+    bool take(const std::string& caller, uint64_t bytes, std::string* why, bool alone = false, uint64_t own = 0);
     void give(const std::string& caller, uint64_t bytes);
 
     mutable PMutex m_lock;                      // guards the four below

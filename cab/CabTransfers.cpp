@@ -168,13 +168,15 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
     }
     if (!refusalStatus) {
         // What the answer holds while it waits: more than its handler
-        // reserved must fit in the budget; less gives the rest back.
+        // reserved must fit in the budget; less gives the rest back. An
+        // answer that would be all the budget holds always goes, so that one
+        // answer of up to 4 GiB can be sent whatever the limit.
         if (!held.bound() && m_budget) held = m_budget->forCurrentCaller();
         const uint64_t want = t->src->heldBytes();
         std::string why;
         if (held.bytes() >= want) {
             held.shrinkTo(want);
-        } else if (!held.grow(want - held.bytes(), &why)) {
+        } else if (!held.growAlone(want - held.bytes(), &why)) {
             refusalStatus = CAB_E_BUSY;
             refusal = "an answer of " + std::to_string(total) + " bytes does not fit: " + why;
         }
@@ -394,8 +396,8 @@ void* CabTransfers::sweep(void*) {
             for (auto& kv : m_active) {
                 Transfer& t = *kv.second;
                 PLockGuard tg(t.lock);
-                if (t.pumping || t.done) continue;
-                if (now - t.idleSinceMs >= m_creditTimeoutMs) {
+                if (t.done) continue;
+                if (!t.pumping && now - t.idleSinceMs >= m_creditTimeoutMs) {
                     expired.push_back(kv.second);
                 } else if (perPeriod && now - t.periodStartMs >= m_creditTimeoutMs) {
                     const uint64_t done = std::min(t.total, t.periodStartReceived * t.part);
