@@ -400,9 +400,9 @@ void* CabTransfers::sweep(void*) {
                 if (!t.pumping && now - t.idleSinceMs >= m_creditTimeoutMs) {
                     expired.push_back(kv.second);
                 } else if (perPeriod && now - t.periodStartMs >= m_creditTimeoutMs) {
-                    const uint64_t done = std::min(t.total, t.periodStartReceived * t.part);
-                    const uint64_t took = std::min(t.total, t.received * t.part) - done;
-                    const uint64_t need = std::min(perPeriod, t.total - done);
+                    const uint64_t before = std::min(t.total, t.periodStartReceived * t.part);
+                    const uint64_t took = std::min(t.total, t.received * t.part) - before;
+                    const uint64_t need = std::min(perPeriod, t.total - before);
                     if (took < need) {
                         slow.emplace_back(kv.second, "the requester took " + std::to_string(took) + " bytes in " +
                                                          std::to_string(now - t.periodStartMs) +
