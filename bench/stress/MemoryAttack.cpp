@@ -158,9 +158,14 @@ int runMemoryAttack(const MemoryAttack& attack, const StressConnection& connecti
         if (status == 0) status = CabRetcode(rc.get());
         const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
         worstMs = std::max(worstMs, ms);
-        if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1)) ++answered;
-        else if (status == CAB_E_BUSY) ++busy;
-        else ++failed;
+        if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1))
+            ++answered;
+        else if (status == CAB_E_BUSY) {
+            ++busy;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));  // tries again later, as told
+        } else {
+            ++failed;
+        }
     }
     flood.join();
     // Alive: the process is there and answers.

@@ -6,7 +6,10 @@
 // for the whole run `perSecond` "GetFile"s of the whole file a second. The
 // victim, with its own connection, fetches 4 MiB chunks of the file one
 // after the other and counts how many were answered and how many refused
-// with CAB_E_BUSY. The proxy's peak resident memory is the figure to watch.
+// with CAB_E_BUSY (after which it waits 20 ms). The proxy's peak resident
+// memory is the figure to watch. The victim is another caller only when the
+// directory tells the proxy who asks (Nats-Request-Info); otherwise both are
+// the one unknown caller and share one share.
 // Everything runs on threads of this module; the counts are atomics.
 #pragma once
 
