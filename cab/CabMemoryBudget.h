@@ -4,7 +4,9 @@
 // Promises:
 // - Everything reserved and not yet released stays within limit(): a
 //   reservation that would pass it is refused, nothing changes and the
-//   caller is told why (it answers CAB_E_BUSY).
+//   caller is told why (it answers CAB_E_BUSY). The one exception,
+//   growAlone(), is for an answer already built that would be all the
+//   budget holds.
 // - A share per caller: a caller (CabCurrentCaller(), the directory user of
 //   the request being served; all unknown callers are the one caller "") may
 //   hold at most limit / (N + 1), where N counts the callers holding memory,
