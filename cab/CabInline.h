@@ -3,7 +3,9 @@
 // handler on the calling thread, without the directory and without a worker.
 // A handler that waits on its own satellite therefore never needs a free
 // worker. Such calls nest at most kCabMaxInlineDepth deep per thread; a call
-// past that is refused with CAB_E_TOO_LARGE.
+// past that is refused with CAB_E_TOO_LARGE. Their outputs count in the
+// memory budget of the request the calling thread serves
+// (cab/CabMemoryBudget.h); one that does not fit fails with CAB_E_BUSY.
 //
 // A thread that works for a handler (as the helpers of a grouped request do)
 // takes over the handler thread's depth with CabInlineDepthScope, so the bound

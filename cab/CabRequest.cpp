@@ -14,6 +14,7 @@
 #include "cab/Cab1.h"
 #include "cab/CabInline.h"
 #include "cab/CabLog.h"
+#include "cab/CabMemoryBudget.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabSatelliteState.h"
 #include "cab/CabWire.h"
@@ -100,6 +101,13 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         !cabwire::headerInt(first, cabwire::kParts, 1, total, &parts) || creditTo.empty()) {
         cabwire::destroy(first);
         return CabFail(CAB_E_MALFORMED, "first part without valid Cab-Size, Cab-Parts and Cab-Credit-To");
+    }
+    // A handler's thread counts the answer in its own before the parts come.
+    std::string refused;
+    if (!CabReserveAnswerMemory((uint64_t)total, &refused)) {
+        cabwire::destroy(first);
+        sendControl(conn, creditTo, cabwire::kCancel, "1");
+        return CabFail(CAB_E_BUSY, "an answer of " + std::to_string(total) + " bytes does not fit: " + refused);
     }
     PartList list;
     // Credit matters only when the responder cannot send every part ahead of it.
@@ -202,12 +210,32 @@ int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntr
     int errorCode = 0;
     bool threw = false;
     int status;
+    // The output becomes part of the caller's answer: it is counted in the
+    // ledger of the request the caller serves, or, on a thread that serves
+    // none, in one held until the call returns.
+    std::unique_ptr<CabMemoryLedger> own;
+    CabMemoryLedger* outer = CabCurrentLedger();
+    if (!outer) {
+        own.reset(new CabMemoryLedger(state->budget));
+        outer = own.get();
+    }
+    CabMemoryLedger call(outer);
     {
         CabInlineDepthScope depth(t_inlineDepth + 1);
+        CabLedgerScope ledger(&call);
         // No serving context: the caller's answer is not this handler's.
         status = cabInvokeHandler(state, entry, target, in, &result, nullptr, &error, &errorCode, &threw);
     }
     entry->record(nowNs() - start, threw ? &error : nullptr);
+    // What the handler did not reserve while it built its output must fit now.
+    const uint64_t bytes = cabAnswerBytes(result), counted = call.counted();
+    std::string why;
+    if (bytes > counted && !call.reserve(bytes - counted, &why)) {
+        VariantClear(&result);
+        status = CAB_E_BUSY;
+        error = "its answer of " + std::to_string(bytes) + " bytes does not fit: " + why;
+        cablog::log(LOGLEVEL_WARN, "Refused answer of %s: %s", subject.c_str(), error.c_str());
+    }
     takeDecoded(&result, out);
     CabSetLastError("");  // the handler's own requests leave theirs behind
     if (!error.empty() || CabIsLibraryStatus(status))
@@ -274,6 +302,14 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     std::string error = cabwire::header(r, cabwire::kError);
     int drc;
     if (cabwire::header(r, cabwire::kParts).empty()) {
+        // A handler's thread counts the answer in its own.
+        const int len = natsMsg_GetDataLength(r);
+        std::string refused;
+        if (!CabReserveAnswerMemory(len > 0 ? (uint64_t)len : 0, &refused)) {
+            cabwire::destroy(r);
+            return CabFail(CAB_E_BUSY,
+                           subject + ": an answer of " + std::to_string(len) + " bytes does not fit: " + refused);
+        }
         drc = decodeMessage(r, out);
     } else {
         drc = receiveParts(conn, box, r, timeoutMs, out);

@@ -264,6 +264,8 @@ void CabSatellite::setMaxHandlers(int count) {
     m_state->maxHandlers = count;
 }
 
+std::shared_ptr<CabMemoryBudget> CabSatellite::memoryBudget() const { return m_state->budget; }
+
 bool CabSatellite::isConnected() const {
     std::shared_ptr<CabConnection> c = m_state->connection();
     return c && c->connected();
@@ -312,7 +314,9 @@ int CabSatellite::Connect(const char* host, const char* name) {
     }
     conn->setStateListener([this](int state) { OnStatusChange(state, 0); });
     int creditTimeoutMs = cabsettings::integer("cabDirectory.creditTimeoutMs", 30000);
-    int maxAnswerBytes = cabsettings::integer("cabDirectory.maxAnswerBytes", 1 << 30);
+    int maxAnswerBytes = cabsettings::integer("cabDirectory.maxAnswerBytes", (int)kCabDefaultAnswerBytes);
+    int minRate = cabsettings::integer("cabDirectory.minTransferBytesPerSecond", 256 << 10);
+    m_state->budget->setLimit(maxAnswerBytes > 0 ? (uint64_t)maxAnswerBytes : kCabDefaultAnswerBytes);
     {
         PLockGuard guard(m_state->lock);
         m_state->name = name;
@@ -322,7 +326,7 @@ int CabSatellite::Connect(const char* host, const char* name) {
         m_state->dispatcher = std::make_shared<CabDispatcher>(maxHandlers);
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
         m_state->transfers = std::make_shared<CabTransfers>(conn, m_state->pool, creditTimeoutMs,
-                                                            (uint64_t)(maxAnswerBytes > 0 ? maxAnswerBytes : 1 << 30));
+                                                            (uint64_t)(minRate > 0 ? minRate : 0), m_state->budget);
     }
     char at[256] = "";
     if (natsConnection_GetConnectedUrl(conn->nc(), at, sizeof at) != NATS_OK || !*at)

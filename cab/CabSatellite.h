@@ -29,9 +29,14 @@
 //   requester; the satellite logs it and keeps serving.
 // - An answer larger than one message waits for its requester's credit
 //   without holding a thread; one that gets no credit for
-//   "cabDirectory.creditTimeoutMs" (default 30000) is abandoned, and answers
-//   waiting for credit hold at most "cabDirectory.maxAnswerBytes" (default
-//   1 GiB) together: past it a new one is refused with CAB_E_BUSY.
+//   "cabDirectory.creditTimeoutMs" (default 30000), or less than
+//   "cabDirectory.minTransferBytesPerSecond" (default 256 KiB) over such a
+//   period, is abandoned.
+// - Everything the answers hold (waiting for credit, built by handlers, the
+//   outputs of inline calls and answers received for a served request)
+//   stays within "cabDirectory.maxAnswerBytes" (default 1 GiB), with a share
+//   per caller (cab/CabMemoryBudget.h): past it the request, or the inline
+//   call, is refused with CAB_E_BUSY.
 // - Request blocks until the whole answer arrived (replies up to 4 GiB, sent
 //   in parts under flow control) or the time-out ("cabDirectory.requestTimeoutMs",
 //   default 300000) passed. *retcodes becomes VT_ARRAY|VT_VARIANT with one
@@ -55,6 +60,7 @@
 #include "cab/Variant.h"
 
 class CBBLog;
+class CabMemoryBudget;
 
 typedef int CABFLAGS;
 typedef int CABSTATUS;
@@ -175,6 +181,8 @@ public:
     void setUser(const std::string& user, const std::string& password);
     void setRequestTimeoutMs(int ms);
     void setMaxHandlers(int count);
+    // The budget of what this satellite's answers hold.
+    std::shared_ptr<CabMemoryBudget> memoryBudget() const;
 
     bool isConnected() const;
     std::string name() const;

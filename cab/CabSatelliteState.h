@@ -15,10 +15,14 @@
 #include "cab/CabAnswerSource.h"
 #include "cab/CabConnection.h"
 #include "cab/CabDispatcher.h"
+#include "cab/CabMemoryBudget.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabTransfers.h"
 #include "cab/CabWorkerPool.h"
 #include "host/PThread.h"
+
+// The default of "cabDirectory.maxAnswerBytes": 1 GiB.
+constexpr uint64_t kCabDefaultAnswerBytes = 1ull << 30;
 
 struct CabServiceStats {
     uint64_t requests = 0;
@@ -43,6 +47,9 @@ struct CabServiceEntry {
 
 struct CabSatelliteState {
     CabSatellite* owner = nullptr;
+    // What the answers hold, for the life of the satellite (its limit is set
+    // on Connect); the pointer never changes, the budget has its own lock.
+    const std::shared_ptr<CabMemoryBudget> budget = std::make_shared<CabMemoryBudget>(kCabDefaultAnswerBytes);
 
     mutable PMutex lock;  // guards every field below
     std::string name;

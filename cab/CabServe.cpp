@@ -138,9 +138,13 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
     bool threw = false;
     CabServeContext context;
     int status;
+    CabMemoryBudget::Reservation held;  // what the handler reserved for its answer
     {
         CabCallerScope callerScope(caller);
+        CabMemoryLedger ledger(state->budget);
+        CabLedgerScope ledgerScope(&ledger);
         status = cabInvokeHandler(state, entry, caller.c_str(), in, &out, &context, &error, &errorCode, &threw);
+        held = ledger.take();
     }
     VariantClear(&in);
     entry->record(nowNs() - start, threw ? &error : nullptr);
@@ -162,5 +166,5 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
                     entry->name.c_str(), CabStatusName(CAB_E_CANCELLED));
         return;
     }
-    transfers->send(replyTo, status, error, errorCode, std::move(answer));
+    transfers->send(replyTo, status, error, errorCode, std::move(answer), std::move(held));
 }

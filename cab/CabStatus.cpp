@@ -24,7 +24,7 @@ const Entry kEntries[] = {
     {CAB_E_CANCELLED, "CAB_E_CANCELLED", "cancelled: the satellite is shutting down"},
     {CAB_E_INTERNAL, "CAB_E_INTERNAL", "internal failure of the NATS client"},
     {CAB_E_PERMISSION_DENIED, "CAB_E_PERMISSION_DENIED", "permission denied by the directory"},
-    {CAB_E_BUSY, "CAB_E_BUSY", "the satellite holds too many answers in flight; try again later"},
+    {CAB_E_BUSY, "CAB_E_BUSY", "no room for the answer in the memory budget or the caller's share; try again later"},
 };
 
 const Entry* find(int status) {

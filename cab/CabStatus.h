@@ -22,7 +22,7 @@ enum CabStatusCode : int {
     CAB_E_CANCELLED = -1011,          // the satellite is shutting down
     CAB_E_INTERNAL = -1012,           // an unexpected failure of the NATS client
     CAB_E_PERMISSION_DENIED = -1013,  // the directory refused a publish or subscribe for this identity
-    CAB_E_BUSY = -1014,               // the satellite holds as many answers as it may; try again later
+    CAB_E_BUSY = -1014,               // past the memory budget of answers or the caller's share; try again later
 };
 
 // "CAB_E_TIMEOUT" and the like; "CAB_OK" for 0; "" for a handler's own status.

@@ -77,25 +77,28 @@ struct CabTransfers::Transfer {
     uint64_t part = 0;
     uint64_t parts = 0;
     int64_t window = 0;
-    uint64_t held = 0;
+    CabMemoryBudget::Reservation held;  // touched by send() before the transfer is shared, then by finish() once
     int status = 0;
     std::string error;
     int errorCode = 0;
 
-    PMutex lock;            // guards the five below
+    PMutex lock;            // guards the seven below
     uint64_t next = 0;      // lock: the next part to send
     uint64_t received = 0;  // lock: parts the requester has consumed
     bool pumping = false;   // lock: a pump is sending parts
     bool done = false;      // lock: finished, cancelled or abandoned
     int64_t idleSinceMs = 0;  // lock: when it last sent or got credit
+    int64_t periodStartMs = 0;       // lock: when the current period of the rate bound began
+    uint64_t periodStartReceived = 0;  // lock: `received` then
 };
 
 CabTransfers::CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool,
-                           int creditTimeoutMs, uint64_t maxBytes)
+                           int creditTimeoutMs, uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget)
     : m_conn(std::move(conn)),
       m_pool(pool),
       m_creditTimeoutMs(creditTimeoutMs > 0 ? creditTimeoutMs : 30000),
-      m_maxBytes(maxBytes) {}
+      m_minBytesPerSecond(minBytesPerSecond),
+      m_budget(std::move(budget)) {}
 
 CabTransfers::~CabTransfers() {
     abandonAll("the satellite is leaving");
@@ -112,13 +115,8 @@ size_t CabTransfers::active() {
     return m_active.size();
 }
 
-uint64_t CabTransfers::heldBytes() {
-    PLockGuard guard(m_lock);
-    return m_held;
-}
-
 void CabTransfers::send(const std::string& replyTo, int status, const std::string& errorIn, int errorCode,
-                        std::unique_ptr<CabAnswerSource> answer) {
+                        std::unique_ptr<CabAnswerSource> answer, CabMemoryBudget::Reservation held) {
     std::string error = errorIn;
     uint64_t total = answer ? answer->size() : 0;
     if (total > cabwire::kMaxReply) {
@@ -152,12 +150,12 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
     t->parts = (total + t->part - 1) / t->part;
     t->part = (t->total + t->parts - 1) / t->parts;  // equal parts: no small tail message
     t->window = cabwire::windowParts((size_t)t->part);
-    t->held = answer->heldBytes();
     t->src = std::move(answer);
     t->status = status;
     t->error = error;
     t->errorCode = errorCode;
     t->idleSinceMs = nowMs();
+    t->periodStartMs = t->idleSinceMs;
 
     std::string refusal;
     int refusalStatus = 0;
@@ -166,18 +164,28 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
         if (m_stopping) {
             refusalStatus = CAB_E_CANCELLED;
             refusal = "the satellite is leaving";
-        } else if (m_held > 0 && m_held + t->held > m_maxBytes) {  // one answer alone always goes
-            refusalStatus = CAB_E_BUSY;
-            refusal = "an answer of " + std::to_string(total) + " bytes would pass the " +
-                      std::to_string(m_maxBytes) + " bytes that may wait for requesters (" +
-                      std::to_string(m_held) + " do now)";
-        } else {
-            m_held += t->held;
         }
+    }
+    if (!refusalStatus) {
+        // What the answer holds while it waits: more than its handler
+        // reserved must fit in the budget; less gives the rest back. An
+        // answer that would be all the budget holds always goes, so that one
+        // answer of up to 4 GiB can be sent whatever the limit.
+        if (!held.bound() && m_budget) held = m_budget->forCurrentCaller();
+        const uint64_t want = t->src->heldBytes();
+        std::string why;
+        if (held.bytes() >= want) {
+            held.shrinkTo(want);
+        } else if (!held.growAlone(want - held.bytes(), &why)) {
+            refusalStatus = CAB_E_BUSY;
+            refusal = "an answer of " + std::to_string(total) + " bytes does not fit: " + why;
+        }
+        t->held = std::move(held);
     }
     if (refusalStatus) {
         cablog::log(LOGLEVEL_WARN, "Answer to %s refused: %s", replyTo.c_str(), refusal.c_str());
         t->src.reset();
+        t->held.release();
         send(replyTo, refusalStatus, refusal, 0, nullptr);
         return;
     }
@@ -327,7 +335,7 @@ void CabTransfers::tellConnectionLost(const std::shared_ptr<Transfer>& t) {
     cabwire::destroy(m);
 }
 
-void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string& why) {
+void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string& why, int tellStatus) {
     uint64_t next, parts;
     {
         PLockGuard guard(t->lock);
@@ -336,11 +344,21 @@ void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string&
         next = t->next;
         parts = t->parts;
     }
+    if (tellStatus && next < parts) {
+        // Numbered after every part sent (a pump may still be publishing the
+        // last of them): the requester ends its wait with our status.
+        if (natsMsg* m = makeMsg(t->replyTo, "", 0)) {
+            setStatusHeaders(m, tellStatus, why, 0);
+            natsMsgHeader_Set(m, cabwire::kPart, std::to_string(next).c_str());
+            m_conn->publishMsg(m);
+            cabwire::destroy(m);
+        }
+    }
     {
         PLockGuard guard(m_lock);
         m_active.erase(t->token);
-        m_held -= t->held;
     }
+    t->held.release();
     // Late credit for it is dropped from now on; the answer itself goes with
     // the last reference (a pump still reading it keeps one).
     m_conn->closeMailbox(t->token);
@@ -364,8 +382,11 @@ void CabTransfers::abandonAll(const char* why) {
 void* CabTransfers::sweep(void*) {
     // Looks a few times per time-out, at most once a second.
     int64_t period = std::max<int64_t>(20, std::min<int64_t>(1000, m_creditTimeoutMs / 4));
+    // The rate bound: what a requester must take in each period of the credit time-out.
+    const uint64_t perPeriod = m_minBytesPerSecond * (uint64_t)m_creditTimeoutMs / 1000;
     for (;;) {
         std::vector<std::shared_ptr<Transfer>> expired;
+        std::vector<std::pair<std::shared_ptr<Transfer>, std::string>> slow;
         {
             PLockGuard guard(m_lock);
             if (m_stopping) break;
@@ -375,11 +396,28 @@ void* CabTransfers::sweep(void*) {
             for (auto& kv : m_active) {
                 Transfer& t = *kv.second;
                 PLockGuard tg(t.lock);
-                if (!t.pumping && !t.done && now - t.idleSinceMs >= m_creditTimeoutMs) expired.push_back(kv.second);
+                if (t.done) continue;
+                if (!t.pumping && now - t.idleSinceMs >= m_creditTimeoutMs) {
+                    expired.push_back(kv.second);
+                } else if (perPeriod && now - t.periodStartMs >= m_creditTimeoutMs) {
+                    const uint64_t before = std::min(t.total, t.periodStartReceived * t.part);
+                    const uint64_t took = std::min(t.total, t.received * t.part) - before;
+                    const uint64_t need = std::min(perPeriod, t.total - before);
+                    if (took < need) {
+                        slow.emplace_back(kv.second, "the requester took " + std::to_string(took) + " bytes in " +
+                                                         std::to_string(now - t.periodStartMs) +
+                                                         " ms; an answer must go at least " +
+                                                         std::to_string(m_minBytesPerSecond) + " bytes a second");
+                    } else {
+                        t.periodStartMs = now;
+                        t.periodStartReceived = t.received;
+                    }
+                }
             }
         }
         for (auto& t : expired)
             finish(t, "no credit for " + std::to_string(m_creditTimeoutMs) + " ms");
+        for (auto& s : slow) finish(s.first, s.second, CAB_E_TIMEOUT);
     }
     return nullptr;
 }

@@ -7,9 +7,14 @@
 //   memory (the answer, or the open file) freed; so is one whose requester
 //   cancels it or whose connection is lost (then the requester gets an
 //   empty part with CAB_E_CONNECTION_LOST through the next server);
-// - the memory held by all transfers waiting for credit stays within
-//   `maxBytes`: a new answer that would pass it is refused with CAB_E_BUSY
-//   (an answer is never refused while it would be the only one);
+// - a transfer whose requester trickles credit is ended too: in every period
+//   of `creditTimeoutMs` the requester must take at least `minBytesPerSecond`
+//   times the period (or the whole rest of the answer), else it gets an
+//   empty part with CAB_E_TIMEOUT and the answer is freed (0: no such bound);
+// - a transfer holds its answer's memory in the satellite's memory budget
+//   (cab/CabMemoryBudget.h) from the reservation its handler made, grown to
+//   what the answer holds while it waits; an answer that does not fit in the
+//   budget or its caller's share is refused with CAB_E_BUSY;
 // - abandonAll() (and the destructor) ends every transfer at once.
 // Held by a shared pointer (its callbacks keep weak ones). All members are
 // thread-safe.
@@ -22,26 +27,28 @@
 
 #include "cab/CabAnswerSource.h"
 #include "cab/CabConnection.h"
+#include "cab/CabMemoryBudget.h"
 #include "cab/CabWorkerPool.h"
 #include "host/PThread.h"
 
 class CabTransfers : public std::enable_shared_from_this<CabTransfers> {
 public:
     CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool, int creditTimeoutMs,
-                 uint64_t maxBytes);
+                 uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget);
     ~CabTransfers();
     CabTransfers(const CabTransfers&) = delete;
     CabTransfers& operator=(const CabTransfers&) = delete;
 
-    // Sends an answer to `replyTo`; `answer` may be null (no output).
+    // Sends an answer to `replyTo`; `answer` may be null (no output). `held`
+    // is what the handler reserved for it (freed once the answer is gone); an
+    // unbound one stands for the calling thread's caller.
     void send(const std::string& replyTo, int status, const std::string& error, int errorCode,
-              std::unique_ptr<CabAnswerSource> answer);
+              std::unique_ptr<CabAnswerSource> answer, CabMemoryBudget::Reservation held = {});
     // Ends every transfer still waiting for credit; logs `why` for each.
     void abandonAll(const char* why);
 
-    // Transfers waiting for credit, and the memory they hold.
+    // Transfers waiting for credit.
     size_t active();
-    uint64_t heldBytes();
 
 private:
     struct Transfer;
@@ -50,18 +57,19 @@ private:
     // After our server was lost: tells the requester, through the next
     // server, that the answer ends with CAB_E_CONNECTION_LOST.
     void tellConnectionLost(const std::shared_ptr<Transfer>& t);
-    // Removes t from the table (once) and frees what it holds.
-    void finish(const std::shared_ptr<Transfer>& t, const std::string& why);
+    // Removes t from the table (once) and frees what it holds. With a
+    // `tellStatus`, the requester gets an empty part saying so and why.
+    void finish(const std::shared_ptr<Transfer>& t, const std::string& why, int tellStatus = 0);
     void* sweep(void*);
 
     const std::shared_ptr<CabConnection> m_conn;
     const std::weak_ptr<CabWorkerPool> m_pool;
     const int m_creditTimeoutMs;
-    const uint64_t m_maxBytes;
+    const uint64_t m_minBytesPerSecond;
+    const std::shared_ptr<CabMemoryBudget> m_budget;
 
-    PCondMutex m_lock;                                        // guards the four below
+    PCondMutex m_lock;                                        // guards the three below
     std::map<uint64_t, std::shared_ptr<Transfer>> m_active;   // m_lock: by mailbox token
-    uint64_t m_held = 0;                                      // m_lock
     bool m_stopping = false;                                  // m_lock
     std::unique_ptr<PThread> m_sweeper;                       // m_lock: started with the first transfer
 };

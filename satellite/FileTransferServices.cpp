@@ -8,6 +8,7 @@
 #include <cinttypes>
 
 #include "cab/CabException.h"
+#include "cab/CabMemoryBudget.h"
 #include "diag/CBBLog.h"
 #include "files/CFileTools.h"
 #include "host/CRegistry.h"
@@ -79,7 +80,14 @@ int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIA
     // while it is sent: however long it is, it never sits in memory whole.
     if (length > 0 && CabSatellite::AnswerWithFileRange(fd, start, length)) return 0;
 
-    // Otherwise the chunk is read straight into the array that goes out.
+    // Otherwise the chunk is read straight into the array that goes out,
+    // once the answer's memory budget has room for it (and its framing).
+    std::string refused;
+    if (!CabReserveAnswerMemory(length + 64, &refused)) {
+        if (fd >= 0) ::close(fd);
+        CBBLog::warn("GetFile %s refused: %s", path.c_str(), refused.c_str());
+        return CAB_E_BUSY;
+    }
     SAFEARRAYBOUND bound{static_cast<uint32_t>(length), 0};
     SAFEARRAY* bytes = SafeArrayCreateEx(VT_UI1, bound, false);
     if (!bytes) {

@@ -1,6 +1,8 @@
 // "MultiRequest": several requests to any satellites' services, forwarded in
 // parallel on a bounded set of threads and answered together, in the order
-// asked.
+// asked. Every row counts in the memory budget of the answer as it arrives
+// (the library reserves it, cab/CabMemoryBudget.h): a row that does not fit
+// says CAB_E_BUSY and holds nothing.
 #include <algorithm>
 #include <atomic>
 #include <exception>
@@ -9,6 +11,7 @@
 
 #include "cab/CabException.h"
 #include "cab/CabInline.h"
+#include "cab/CabMemoryBudget.h"
 #include "diag/CBBLog.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "variant/CLocalVariant.h"
@@ -38,7 +41,12 @@ struct MultiRequestGroup {
     std::atomic<size_t> next{0};  // the next sub-request to take; lock-free
     int inlineDepth;              // the handler thread's, carried over to the helpers
     std::string caller;           // the handler thread's, carried over to the helpers
+    CabMemoryLedger* ledger;      // the handler thread's, carried over to the helpers
 };
+
+// What one row costs around its output: the record, its slot in the answer
+// and the row's framing in the answer's encoding (about 30 bytes).
+const uint64_t kRowBytes = 128;
 
 void runSubRequests(MultiRequestGroup& group) {
     for (;;) {
@@ -60,6 +68,7 @@ void* helperThread(void* p) {
     MultiRequestGroup& group = *static_cast<MultiRequestGroup*>(p);
     CabInlineDepthScope depth(group.inlineDepth);
     CabCallerScope caller(group.caller);
+    CabLedgerScope ledger(group.ledger);
     runSubRequests(group);
     return nullptr;
 }
@@ -131,6 +140,11 @@ int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIA
         throw CabException(why.c_str(), 403);
     }
     CBBLog::debug("Multirequest (%d)", n);
+    std::string refused;
+    if (!CabReserveAnswerMemory(static_cast<uint64_t>(n) * kRowBytes, &refused)) {
+        CBBLog::warn("MultiRequest of %d sub-requests refused: %s", n, refused.c_str());
+        return CAB_E_BUSY;
+    }
 
     std::vector<MultiRequestRecord> records(static_cast<size_t>(n));
     for (MultiRequestRecord& r : records) {
@@ -148,6 +162,7 @@ int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIA
         group.records = &records;
         group.inlineDepth = CabInlineDepth();
         group.caller = CabCurrentCaller();
+        group.ledger = CabCurrentLedger();
         {
             HelperThreads helpers;  // joined before the group goes
             helpers.start(group, std::min(n, kMultiRequestThreadsPerGroup) - 1);
@@ -186,8 +201,15 @@ void* KivRequestProxySatellite::threadCabRequest(void* p) {
         long status = VUtil::GetLongElement(retcodes.get(), 0);
         CBBLog::debug("Request %s returned %ld", service.c_str(), status);
 
-        VUtil::PutElement(record->answer, 0, retcodes.get());
-        VUtil::PutElement(record->answer, 1, output.get());
+        // Moved, not copied: a row of many megabytes is never held twice.
+        tagVARIANT* slots = nullptr;
+        if (SafeArrayAccessData(record->answer.parray, reinterpret_cast<void**>(&slots)) != S_OK || !slots)
+            throw CabException("MultiRequest: the answer row cannot be filled", 8);
+        VariantClear(&slots[0]);
+        slots[0] = retcodes.release();
+        VariantClear(&slots[1]);
+        slots[1] = output.release();
+        SafeArrayUnaccessData(record->answer.parray);
         return nullptr;
     } catch (const CabException& e) {
         CBBLog::warn("threadCabRequest exception: %s", e.getMessage());

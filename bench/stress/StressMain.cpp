@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/stress/MemoryAttack.h"
 #include "bench/stress/StressClient.h"
 #include "bench/stress/StressReport.h"
 #include "host/CRegistry.h"
@@ -50,7 +51,13 @@ const char* const kUsage =
     "from the settings, as for kivctl; against `make run`:\n"
     "  XDG_CONFIG_HOME=var/settings/kivctl bench_stress --attach --pid PID\n"
     "\n"
+    "With --mode memory it runs the memory attack instead (bench/stress/MemoryAttack.h):\n"
+    "5 grouped requests of 100 inline \"GetFile\"s of a 10 MiB file and 130 whole-file\n"
+    "\"GetFile\"s a second, none ever credited, while a victim fetches 4 MiB chunks;\n"
+    "it passes when the proxy still answers and its peak RSS stayed within 1.5 GiB.\n"
+    "\n"
     "Options:\n"
+    "  --mode MODE          mix (the default) or memory\n"
     "  --requesters N       requesters at once (default 16)\n"
     "  --seconds T          how long they send requests (default 30)\n"
     "  --server URL         attach to the directory at nats://HOST:PORT (or HOST:PORT)\n"
@@ -60,7 +67,7 @@ const char* const kUsage =
     "                       figures (without it they show n/a)\n"
     "  --token TOKEN        directory token (default: setting cabDirectory.token)\n"
     "  --timeout MS         request time-out in milliseconds (default 60000)\n"
-    "  --file-mib M         size of the test file in MiB (default 32)\n"
+    "  --file-mib M         size of the test file in MiB (default 32; memory: 10)\n"
     "  --max-chunk-mib C    largest \"GetFile\" length asked for, in MiB (default 16)\n"
     "  --keep               keep the temporary folder (with our own proxy: its log)\n"
     "  --help               this text\n"
@@ -143,7 +150,8 @@ void watchSignals() {
 
 int main(int argc, char** argv) {
     kivctl::Args args;
-    for (const char* v : {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib"})
+    for (const char* v :
+         {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib", "mode"})
         args.value(v);
     args.flag("keep");
     args.flag("attach");
@@ -156,9 +164,15 @@ int main(int argc, char** argv) {
         fputs(kUsage, stdout);
         return 0;
     }
+    const std::string mode = args.get("mode", "mix");
+    if (mode != "mix" && mode != "memory") {
+        fprintf(stderr, "bench_stress: --mode is mix or memory\n");
+        return 64;
+    }
     const long long requesters = positive(args, "requesters", 16), seconds = positive(args, "seconds", 30),
                     pidArg = positive(args, "pid", 0), timeoutMs = positive(args, "timeout", 60000),
-                    fileMiB = positive(args, "file-mib", 32), chunkMiB = positive(args, "max-chunk-mib", 16);
+                    fileMiB = positive(args, "file-mib", mode == "memory" ? 10 : 32),
+                    chunkMiB = positive(args, "max-chunk-mib", 16);
     for (const char* name : {"requesters", "seconds", "pid", "timeout", "file-mib", "max-chunk-mib"})
         if (positive(args, name, 1) < 0) {
             fprintf(stderr, "bench_stress: --%s needs a positive whole number\n", name);
@@ -224,6 +238,15 @@ int main(int argc, char** argv) {
             return 2;
         }
         proxyPid = proxy.pid();
+    }
+
+    if (mode == "memory") {
+        stress::MemoryAttack attack;
+        attack.seconds = (int)seconds;
+        const int rc = stress::runMemoryAttack(attack, connection, data, proxyPid);
+        if (!attach) printf("proxy stopped with exit status %d\n", proxy.stop(SIGTERM));
+        if (rc != 0 || args.has("keep")) work.keep();
+        return rc;
     }
 
     std::vector<std::unique_ptr<stress::StressRequester>> clients;

@@ -376,7 +376,8 @@ protected:
         // Two workers: four transfers that held theirs would lock the proxy up.
         ASSERT_TRUE(setting("cabDirectory.maxHandlers", 2));
         ASSERT_TRUE(setting("cabDirectory.creditTimeoutMs", 1500));
-        ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 32 << 20));  // room for four windows of 8 MiB
+        // Half of it for one caller: room for four windows of 8 MiB.
+        ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 64 << 20));
         TransferTest::SetUp();
     }
 };
