@@ -4,6 +4,7 @@
 
 #include "satellite/ArchiveJob.h"
 #include "satellite/ArchiveLeftovers.h"
+#include "satellite/ArchiveThreads.h"
 
 ArchiveJobTable::ArchiveJobTable() { ArchiveLeftovers::cleanUp(); }
 
@@ -13,12 +14,19 @@ void ArchiveJobTable::forgetFailure(const CStdStr& path) {
     if (it != m_failureOrder.end()) m_failureOrder.erase(it);
 }
 
+void ArchiveJobTable::forgetMade(const CStdStr& path) {
+    if (!m_made.erase(path)) return;
+    auto it = std::find(m_madeOrder.begin(), m_madeOrder.end(), path);
+    if (it != m_madeOrder.end()) m_madeOrder.erase(it);
+}
+
 void ArchiveJobTable::add(TCreateZipThreadData* record) {
     PLockGuard lock(m_lock);
     if (m_stopping) record->abandon = true;
     m_running[record->zipPath] = record;
     // A path of a failed archive may be handed out again: the new one starts clean.
     forgetFailure(record->zipPath);
+    forgetMade(record->zipPath);
 }
 
 void ArchiveJobTable::makePending(TCreateZipThreadData* record) {
@@ -26,13 +34,23 @@ void ArchiveJobTable::makePending(TCreateZipThreadData* record) {
     m_pending[record->zipPath] = record;
 }
 
-void ArchiveJobTable::finish(TCreateZipThreadData* record, const CStdStr& error) {
+void ArchiveJobTable::finish(TCreateZipThreadData* record, const CStdStr& error, const TempEntryId& made) {
     PLockGuard lock(m_lock);
     auto running = m_running.find(record->zipPath);
     if (running != m_running.end() && running->second == record) m_running.erase(running);
     auto pending = m_pending.find(record->zipPath);
     if (pending != m_pending.end() && pending->second == record) m_pending.erase(pending);
-    if (error.empty() || m_failures.count(record->zipPath)) return;
+    if (error.empty()) {
+        if (m_made.count(record->zipPath)) return;
+        m_made[record->zipPath] = made;
+        m_madeOrder.push_back(record->zipPath);
+        if (m_madeOrder.size() > kMaxMade) {
+            m_made.erase(m_madeOrder.front());
+            m_madeOrder.pop_front();
+        }
+        return;
+    }
+    if (m_failures.count(record->zipPath)) return;
     m_failures[record->zipPath] = error;
     m_failureOrder.push_back(record->zipPath);
     if (m_failureOrder.size() > kMaxFailures) {
@@ -52,9 +70,23 @@ CStdStr ArchiveJobTable::failure(const CStdStr& path) const {
     return it == m_failures.end() ? CStdStr() : it->second;
 }
 
+bool ArchiveJobTable::made(const CStdStr& path, TempEntryId* id) const {
+    PLockGuard lock(m_lock);
+    auto it = m_made.find(path);
+    if (it == m_made.end()) return false;
+    *id = it->second;
+    return true;
+}
+
+bool ArchiveJobTable::stopping() const {
+    PLockGuard lock(m_lock);
+    return m_stopping;
+}
+
 bool ArchiveJobTable::discard(const CStdStr& path) {
     PLockGuard lock(m_lock);
     forgetFailure(path);
+    forgetMade(path);
     auto it = m_running.find(path);
     if (it == m_running.end()) return false;
     // Still pending until its thread finishes: reads keep waiting, then see the failure.
@@ -63,7 +95,11 @@ bool ArchiveJobTable::discard(const CStdStr& path) {
 }
 
 void ArchiveJobTable::abandonAll() {
-    PLockGuard lock(m_lock);
-    m_stopping = true;
-    for (auto& entry : m_running) entry.second->abandon = true;
+    {
+        PLockGuard lock(m_lock);
+        m_stopping = true;
+        for (auto& entry : m_running) entry.second->abandon = true;
+    }
+    // Readers waiting for an archive stop waiting (after m_lock: the lock order).
+    ArchiveThreads::wakeWaiters();
 }
