@@ -34,23 +34,23 @@ void ArchiveJobTable::makePending(TCreateZipThreadData* record) {
     m_pending[record->zipPath] = record;
 }
 
-void ArchiveJobTable::finish(TCreateZipThreadData* record, const CStdStr& error, const TempEntryId& made) {
+void ArchiveJobTable::complete(TCreateZipThreadData* record, const TempEntryId& made) {
+    PLockGuard lock(m_lock);
+    if (!m_made.count(record->zipPath)) m_madeOrder.push_back(record->zipPath);
+    m_made[record->zipPath] = made;
+    if (m_madeOrder.size() > kMaxMade) {
+        m_made.erase(m_madeOrder.front());
+        m_madeOrder.pop_front();
+    }
+}
+
+void ArchiveJobTable::finish(TCreateZipThreadData* record, const CStdStr& error) {
     PLockGuard lock(m_lock);
     auto running = m_running.find(record->zipPath);
     if (running != m_running.end() && running->second == record) m_running.erase(running);
     auto pending = m_pending.find(record->zipPath);
     if (pending != m_pending.end() && pending->second == record) m_pending.erase(pending);
-    if (error.empty()) {
-        if (m_made.count(record->zipPath)) return;
-        m_made[record->zipPath] = made;
-        m_madeOrder.push_back(record->zipPath);
-        if (m_madeOrder.size() > kMaxMade) {
-            m_made.erase(m_madeOrder.front());
-            m_madeOrder.pop_front();
-        }
-        return;
-    }
-    if (m_failures.count(record->zipPath)) return;
+    if (error.empty() || m_failures.count(record->zipPath)) return;
     m_failures[record->zipPath] = error;
     m_failureOrder.push_back(record->zipPath);
     if (m_failureOrder.size() > kMaxFailures) {

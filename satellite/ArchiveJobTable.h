@@ -9,7 +9,7 @@
 //   discarded or used again for a new archive (at most kMaxFailures kept,
 //   the oldest forgotten first), so later reads of it are refused.
 // - A complete archive is known as made here (its path and which file it is)
-//   from finish until the path is discarded or used again (at most
+//   from complete until the path is discarded or used again (at most
 //   kMaxMade kept, the oldest forgotten first): only those are served.
 // - After abandonAll every archive being written, and every one added later,
 //   is asked to stop at its next block, and stopping() is true.
@@ -42,9 +42,11 @@ public:
     // Its requester stopped waiting; call under the record's `completion`
     // while the archive is not done, so that finish is certain to find it.
     void makePending(TCreateZipThreadData* record);
-    // The thread is done with the archive; `error` is empty when complete,
-    // and then `made` is the file written.
-    void finish(TCreateZipThreadData* record, const CStdStr& error, const TempEntryId& made = TempEntryId());
+    // The archive is complete and `made` is its file: from now on it is served.
+    // Called before its requester learns that it is done.
+    void complete(TCreateZipThreadData* record, const TempEntryId& made);
+    // The thread is done with the archive; `error` is empty when complete.
+    void finish(TCreateZipThreadData* record, const CStdStr& error);
 
     bool pending(const CStdStr& path) const;
     // Why the archive at `path` failed; empty when it did not (or is unknown).

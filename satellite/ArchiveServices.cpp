@@ -191,6 +191,10 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
                           removed ? "the partial file was removed" : "the partial file could not be removed");
     }
     long long size = error.empty() ? fileSize(record->zipPath) : 0;
+    // Served from the moment its requester may hear that it is done.
+    TempEntryId made;
+    if (error.empty() && !tempEntryId(record->zipPath, &made)) error = "the archive's file is gone";
+    if (error.empty()) m_zipJobs.complete(record, made);
     {
         PLockGuard lock(record->completion);
         record->error = error;
@@ -203,9 +207,7 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
         CBBLog::debug("Built %s zip in %ds. Size=%d", record->zipPath.c_str(), static_cast<int>(ms / 1000),
                       static_cast<int>(size));
     }
-    TempEntryId made;
-    if (error.empty() && !tempEntryId(record->zipPath, &made)) error = "the archive's file is gone";
-    m_zipJobs.finish(record, error, made);
+    m_zipJobs.finish(record, error);
     ArchiveBudget::release(record->budgeted);
     ArchiveLeftovers::remove(record->zipPath);
     ArchiveThreads::finished(this);
