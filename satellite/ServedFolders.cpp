@@ -241,5 +241,10 @@ bool ServedFolders::excluded(int fd, const struct stat& st, CStdStr* why) const 
         *why = "a settings, directory configuration or password file";
         return true;
     }
+    // A minidump holds the memory of a process, credentials included.
+    if (endsWith(name, ".dmp")) {
+        *why = "a crash dump";
+        return true;
+    }
     return false;
 }

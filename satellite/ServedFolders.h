@@ -11,7 +11,8 @@
 // - Never served, whatever "files.roots" says: the settings folder and any
 //   settings file of the product, the credential files named by settings
 //   (cabDirectory.nkeySeedFile, cabDirectory.tls.key), /etc/kivfoundry, the
-//   directory's configuration and password files (by name), /proc, /sys, /dev.
+//   directory's configuration and password files (by name), crash dumps
+//   ("*.dmp", in the data folder too), /proc, /sys, /dev.
 // - Only regular files: folders, FIFOs, sockets and devices are refused, and
 //   no open can block (O_NONBLOCK, O_NOCTTY; O_PATH for a size).
 // - A refusal logs one WARN with the service, the path and why. A file that

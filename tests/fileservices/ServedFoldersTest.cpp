@@ -68,6 +68,8 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
     const std::string settings = Preferences::DomainFile("com.kiv-foundry.kiv.config");
     const std::string ownLog = CFileTools::GetLogsDirectory() + "/KivRequestProxy.log";
     kivtest::writeFile(ownLog, "a log line\n");
+    const std::string dump = CFileTools::GetKivDataFolder() + "/CrashReports/x.dmp";
+    kivtest::writeFile(dump, "memory");
     auto log = boost::make_shared<CapturingLog>();
     CBBLog::setLogger(log);
     KivRequestProxySatellite satellite;
@@ -78,6 +80,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {media + "//sub/b.txt", "bee", ""},
         {media + "/link-in", "bee", ""},                       // a link that stays inside
         {ownLog, "a log line\n", ""},                          // the proxy's own log folder
+        {dump, "", "a crash dump"},                            // in its data folder, but holds its memory
         {media + "/none.txt", "", ""},                         // missing: no refusal
         {media + "/../outside/secret.txt", "", "leads out"},   // ".."
         {media + "/link-out", "", "leads out"},                // a link inside to outside
