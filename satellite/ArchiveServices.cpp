@@ -179,6 +179,9 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
     } catch (const std::exception& e) {
         error = e.what();
     }
+    // Which file was written: only that file is served as this archive.
+    TempEntryId made;
+    if (error.empty() && !tempEntryId(record->zipPath, &made)) error = "the archive is no longer a regular file";
     // Abandoned (deleted, or the proxy stops) even if the last block made it.
     if (record->abandon) error = "abandoned";
     if (!error.empty()) {
@@ -192,8 +195,6 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
     }
     long long size = error.empty() ? fileSize(record->zipPath) : 0;
     // Served from the moment its requester may hear that it is done.
-    TempEntryId made;
-    if (error.empty() && !tempEntryId(record->zipPath, &made)) error = "the archive's file is gone";
     if (error.empty()) m_zipJobs.complete(record, made);
     {
         PLockGuard lock(record->completion);
