@@ -1,5 +1,8 @@
 #include "archive/CMyPathTree.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <zip.h>
 
 #include <cerrno>
@@ -8,7 +11,6 @@
 
 #include "archive/ZipEntryTime.h"
 #include "cab/CabException.h"
-#include "files/CFileTools.h"
 
 namespace {
 
@@ -146,8 +148,18 @@ CStdStr failure(const char* step, int savedErrno) {
 
 }  // namespace
 
+int CMyPathTree::openRegularFile(const CStdStr& path) {
+    const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat st;
+    if (fd >= 0 && (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode))) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
 bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
-                            const std::function<bool()>& abandoned) {
+                            const std::function<bool()>& abandoned, const InputOpener& openInput) {
     CStdStr reason;
     auto fail = [&](const char* step) {
         if (reason.empty()) reason = failure(step, errno);
@@ -163,15 +175,18 @@ bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
     const int level = store ? 0 : 9;
     std::vector<char> buffer(kChunk);
     for (const CMyPathNode* node : m_files) {
-        CFileTools file(node->getFullPath());
-        const unsigned long long size = file.getFileSize();
-        const ZipEntryTime date(file.getLastModified());
+        const int fd = openInput ? openInput(node->getFullPath()) : openRegularFile(node->getFullPath());
+        struct stat st;
+        const bool readable = fd >= 0 && ::fstat(fd, &st) == 0;
+        const unsigned long long size = readable ? static_cast<unsigned long long>(st.st_size) : 0;
+        const ZipEntryTime date(readable ? st.st_mtime : time(nullptr));
         const CStdStr name = node->GetRelativePath();
         errno = 0;
         if (zipOpenNewFileInZip64(zf, name.c_str(), &date.info, date.extra, ZipEntryTime::kExtraSize, date.extra,
                                   ZipEntryTime::kExtraSize, nullptr, method, level, size >= 0xffffffffULL ? 1 : 0) !=
             ZIP_OK) {
             fail("write");
+            if (fd >= 0) ::close(fd);
             break;
         }
         unsigned long long offset = 0;
@@ -180,16 +195,18 @@ bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
                 reason = "abandoned";
                 break;
             }
-            unsigned long long count = size - offset < kChunk ? size - offset : kChunk;
-            file.getData(buffer.data(), count, offset, CFileTools::begin);
-            if (count == 0) break;  // unreadable, or shorter than it was: the entry ends here
+            const size_t want = static_cast<size_t>(size - offset < kChunk ? size - offset : kChunk);
+            ssize_t count = ::pread(fd, buffer.data(), want, static_cast<off_t>(offset));
+            if (count < 0 && errno == EINTR) continue;
+            if (count <= 0) break;  // unreadable, or shorter than it was: the entry ends here
             errno = 0;
             if (zipWriteInFileInZip(zf, buffer.data(), static_cast<unsigned>(count)) != ZIP_OK) {
                 fail("write");
                 break;
             }
-            offset += count;
+            offset += static_cast<unsigned long long>(count);
         }
+        if (fd >= 0) ::close(fd);
         errno = 0;
         if (zipCloseFileInZip(zf) != ZIP_OK) fail("write");
         if (!reason.empty()) break;

@@ -19,6 +19,10 @@
 //   partial file is left for the caller to remove.
 // - createZip asks `abandoned` before each block of 128 KiB it copies; once
 //   that answers true it stops within that block and returns false.
+// - createZip reads each file through a descriptor from `openInput` (by
+//   default a non-blocking read-only open of a regular file); a file it gives
+//   none for (-1) is an empty entry dated now, as a missing file. Nothing it
+//   does can block on a FIFO or a device.
 // - The tree owns all its nodes. One thread at a time.
 #pragma once
 
@@ -38,10 +42,16 @@ public:
 
     void AddFile(const CStdStr& path);
     uint32_t getZipHeaderSize() const;
+    // A read-only descriptor of a regular file to put in the archive (the
+    // archive closes it), or -1 to write an empty entry.
+    typedef std::function<int(const CStdStr& path)> InputOpener;
+    static int openRegularFile(const CStdStr& path);
+
     // True when the archive was written completely. On false, `error` (when
     // given) gets the reason, e.g. "No space left on device" or "abandoned".
     bool createZip(const char* zipPath, bool store, CStdStr* error = nullptr,
-                   const std::function<bool()>& abandoned = std::function<bool()>());
+                   const std::function<bool()>& abandoned = std::function<bool()>(),
+                   const InputOpener& openInput = InputOpener());
 
     const std::vector<CMyPathNode*>& fileNodes() const { return m_files; }
     const std::vector<CMyPathNode*>& folderNodes() const { return m_folders; }

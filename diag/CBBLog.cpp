@@ -435,7 +435,11 @@ void CBBLog::rotateIfNeeded(int& fd, const CStdStr& path) {
     if (fstat(fd, &open) != 0) return;
     struct stat named;
     bool reopen = false;
-    if (stat(path.c_str(), &named) != 0) {
+    if (open.st_nlink == 0) {
+        // Deleted (its folder with it, say): whatever the path says now, never
+        // write on into a file nobody can read.
+        reopen = true;
+    } else if (stat(path.c_str(), &named) != 0) {
         if (errno != ENOENT) return;
         reopen = true;  // removed or moved away
     } else if (named.st_ino != open.st_ino || named.st_dev != open.st_dev) {

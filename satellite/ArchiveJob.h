@@ -15,6 +15,7 @@
 #pragma once
 
 #include <atomic>
+#include <set>
 
 #include "archive/CMyPathTree.h"
 #include "common/CStdStr.h"
@@ -34,6 +35,8 @@ struct TCreateZipThreadData {
     CStdStr zipPath;         // fixed before the thread starts
     CMyPathTree* tree;       // owned; only the building thread uses it once started
     bool store;              // fixed before the thread starts
+    std::set<CStdStr> refused;  // fixed before the thread starts: inputs refused already, written empty
+    long long budgeted = 0;  // fixed before the thread starts: counted in ArchiveBudget until the thread ends
     int holders = 2;         // guarded by `completion`: requester + building thread
     std::atomic<bool> abandon{false};  // set by the job table (stop, deletion); the writer stops at its next block
 };

@@ -8,8 +8,11 @@
 // - The failure of an archive is remembered from finish until the path is
 //   discarded or used again for a new archive (at most kMaxFailures kept,
 //   the oldest forgotten first), so later reads of it are refused.
+// - A complete archive is known as made here (its path and which file it is)
+//   from complete until the path is discarded or used again (at most
+//   kMaxMade kept, the oldest forgotten first): only those are served.
 // - After abandonAll every archive being written, and every one added later,
-//   is asked to stop at its next block.
+//   is asked to stop at its next block, and stopping() is true.
 // - Records found in the table are live (ArchiveJob.h): the thread leaves the
 //   table in finish before it lets go of its record.
 // One lock, m_lock, guards all of it. Lock order: a record's `completion`,
@@ -21,12 +24,14 @@
 
 #include "common/CStdStr.h"
 #include "host/PThread.h"
+#include "satellite/ArchiveTempPath.h"
 
 struct TCreateZipThreadData;
 
 class ArchiveJobTable {
 public:
     static const size_t kMaxFailures = 1024;
+    static const size_t kMaxMade = 4096;
 
     ArchiveJobTable();
     ArchiveJobTable(const ArchiveJobTable&) = delete;
@@ -37,12 +42,18 @@ public:
     // Its requester stopped waiting; call under the record's `completion`
     // while the archive is not done, so that finish is certain to find it.
     void makePending(TCreateZipThreadData* record);
+    // The archive is complete and `made` is its file: from now on it is served.
+    // Called before its requester learns that it is done.
+    void complete(TCreateZipThreadData* record, const TempEntryId& made);
     // The thread is done with the archive; `error` is empty when complete.
     void finish(TCreateZipThreadData* record, const CStdStr& error);
 
     bool pending(const CStdStr& path) const;
     // Why the archive at `path` failed; empty when it did not (or is unknown).
     CStdStr failure(const CStdStr& path) const;
+    // Whether a complete archive made here is at `path`, and which file it is.
+    bool made(const CStdStr& path, TempEntryId* id) const;
+    bool stopping() const;
 
     // "DeleteTempFile": forgets the path's failure; when the archive is still
     // being written, asks it to stop and returns true (its thread removes the
@@ -54,11 +65,14 @@ public:
 
 private:
     void forgetFailure(const CStdStr& path);  // m_lock held
+    void forgetMade(const CStdStr& path);     // m_lock held
 
     mutable PMutex m_lock;                                    // guards everything below
     std::map<CStdStr, TCreateZipThreadData*> m_running;       // every archive being written, by path
     std::map<CStdStr, TCreateZipThreadData*> m_pending;       // those whose requester stopped waiting
     std::map<CStdStr, CStdStr> m_failures;                    // path -> reason
     std::deque<CStdStr> m_failureOrder;                       // oldest first, to bound m_failures
+    std::map<CStdStr, TempEntryId> m_made;                    // complete archives, by path
+    std::deque<CStdStr> m_madeOrder;                          // oldest first, to bound m_made
     bool m_stopping = false;
 };

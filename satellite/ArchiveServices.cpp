@@ -7,6 +7,10 @@
 // while written, or the proxy stopping) is removed at once; the request that
 // waits for it, and any later "GetFile" or "QueryFileSize" of its path, fail
 // with a CabException that names the archive and the reason.
+//
+// Inputs are read only from the served folders (ServedFolders); a refused one
+// is an empty entry, as a missing file. An archive the budget refuses
+// (ArchiveBudget: too many at once, or too little disk left) is never started.
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -14,12 +18,14 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "archive/CMyPathTree.h"
 #include "cab/CabException.h"
 #include "diag/CBBLog.h"
 #include "files/CFileTools.h"
+#include "satellite/ArchiveBudget.h"
 #include "satellite/ArchiveJob.h"
 #include "satellite/ArchiveLeftovers.h"
 #include "satellite/ArchiveTempPath.h"
@@ -33,6 +39,12 @@ namespace {
 typedef PThreadDelegateMember<KivRequestProxySatellite> ThreadDelegate;
 
 long long fileSize(const CStdStr& path) { return static_cast<long long>(CFileTools(path).getFileSize()); }
+
+// An archive the budget refuses answers as a failed one does (-1004, code 1).
+CabException archiveRefused(const char* service, const CStdStr& why) {
+    CBBLog::warn("%s refused an archive: %s", service, why.c_str());
+    return CabException(CStdStr::Formatted("%s: archive refused: %s", service, why.c_str()).c_str(), 1);
+}
 
 struct timespec deadlineIn(long long milliseconds) {
     struct timeval now;
@@ -59,6 +71,7 @@ static bool startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTa
     } catch (const std::exception& e) {
         CBBLog::error("Cannot start the thread for %s: %s", record->zipPath.c_str(), e.what());
         jobs.finish(record, CStdStr());
+        ArchiveBudget::release(record->budgeted);
         ArchiveLeftovers::remove(record->zipPath);
         ::unlink(record->zipPath.c_str());
         ArchiveThreads::finished(satellite);
@@ -92,22 +105,30 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
     }
 
     std::unique_ptr<CMyPathTree> layout(new CMyPathTree);  // AddFile throws for paths it cannot place
+    std::set<CStdStr> refused;
     long long total = 0;
     for (const CStdStr& path : paths) {
         layout->AddFile(path);
-        total += fileSize(path);
+        const long long size = m_served.sizeOf(path, "CreateZip");
+        if (size < 0)
+            refused.insert(path);  // missing or refused: an empty entry
+        else
+            total += size;
     }
-    CMyPathTree* tree = layout.release();
-    long long estimate = total + static_cast<long long>(tree->getZipHeaderSize());
+    long long estimate = total + static_cast<long long>(layout->getZipHeaderSize());
     CBBLog::info("Creating zip of %d files (%lld -> %lld)", static_cast<int>(paths.size()), total, estimate);
+    CStdStr why;
+    if (!ArchiveBudget::admit(estimate, &why)) throw archiveRefused("CreateZip", why);
 
     CStdStr zipPath = CFileTools::GenerateTempFilePath();
     if (zipPath.empty()) {
         CBBLog::error("CreateZip: cannot create a temporary file for the archive");
-        delete tree;
+        ArchiveBudget::release(estimate);
         return 1;
     }
-    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, true);
+    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, layout.release(), true);
+    record->refused.swap(refused);
+    record->budgeted = estimate;
     if (!startArchiveThread(this, m_zipJobs, record)) return 1;
 
     long long size = estimate;
@@ -144,15 +165,23 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
     // A single file is always compressed; several are stored when asked.
     bool store = record->store && record->tree->fileNodes().size() > 1;
     if (ArchiveThreads::Hook hook = ArchiveThreads::beforeWriteHook()) hook(record->zipPath.c_str());
+    // Inputs refused when the archive was asked for are written empty without
+    // a second look (and a second log line).
+    auto openInput = [this, record](const CStdStr& path) {
+        return record->refused.count(path) ? -1 : m_served.openForReading(path, "CreateZip");
+    };
     CStdStr error;
     try {
         if (!record->tree->createZip(record->zipPath.c_str(), store, &error,
-                                     [record] { return record->abandon.load(); }) &&
+                                     [record] { return record->abandon.load(); }, openInput) &&
             error.empty())
             error = "write failed";
     } catch (const std::exception& e) {
         error = e.what();
     }
+    // Which file was written: only that file is served as this archive.
+    TempEntryId made;
+    if (error.empty() && !tempEntryId(record->zipPath, &made)) error = "the archive is no longer a regular file";
     // Abandoned (deleted, or the proxy stops) even if the last block made it.
     if (record->abandon) error = "abandoned";
     if (!error.empty()) {
@@ -165,6 +194,8 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
                           removed ? "the partial file was removed" : "the partial file could not be removed");
     }
     long long size = error.empty() ? fileSize(record->zipPath) : 0;
+    // Served from the moment its requester may hear that it is done.
+    if (error.empty()) m_zipJobs.complete(record, made);
     {
         PLockGuard lock(record->completion);
         record->error = error;
@@ -178,6 +209,7 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
                       static_cast<int>(size));
     }
     m_zipJobs.finish(record, error);
+    ArchiveBudget::release(record->budgeted);
     ArchiveLeftovers::remove(record->zipPath);
     ArchiveThreads::finished(this);
     // From here on the satellite may be gone: touch only the record.
@@ -186,13 +218,20 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
 }
 
 CStdStr KivRequestProxySatellite::waitForPendingArchive(const CStdStr& path, int timeoutMs) {
-    auto pending = [this, &path]() { return m_zipJobs.pending(path); };
-    if (pending()) {
+    if (m_zipJobs.pending(path)) {
         CBBLog::debug("Waiting for %s to be complete", path.c_str());
-        if (ArchiveThreads::waitWhile(pending, deadlineIn(timeoutMs > 0 ? timeoutMs : 0))) {
-            CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
+        auto waiting = [this, &path]() { return m_zipJobs.pending(path) && !m_zipJobs.stopping(); };
+        bool turnedAway = false;
+        if (ArchiveThreads::waitWhile(waiting, deadlineIn(timeoutMs > 0 ? timeoutMs : 0), &turnedAway)) {
+            if (turnedAway)
+                CBBLog::warn("%s is still being written; not waiting, %d readers wait for archives already",
+                             path.c_str(), ArchiveThreads::kMaxWaiters);
+            else
+                CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
             return CStdStr::Formatted("archive %s is still being written", path.c_str());
         }
+        // The satellite stops: the archive is being abandoned.
+        if (m_zipJobs.pending(path)) return CStdStr::Formatted("archive %s failed: abandoned", path.c_str());
     }
     const CStdStr failed = m_zipJobs.failure(path);
     if (failed.empty()) return failed;
@@ -211,24 +250,33 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
 
     std::vector<std::unique_ptr<CFileTools>> owned(files.begin(), files.end());
     std::unique_ptr<CMyPathTree> layout(new CMyPathTree);  // AddFile throws for paths it cannot place
+    std::set<CStdStr> refused;
     long long total = 0;
     for (const auto& file : owned) {
         layout->AddFile(file->getPath());
-        total += static_cast<long long>(file->getFileSize());
+        const long long size = m_served.sizeOf(file->getPath(), "ZipLogs");
+        if (size < 0)
+            refused.insert(file->getPath());
+        else
+            total += size;
     }
-    CMyPathTree* tree = layout.release();
+    const long long estimate = total + static_cast<long long>(layout->getZipHeaderSize());
     if (CBBLog::isDebugEnabled())
         CBBLog::debug("Creating zip of %d log files (%lld -> %lld)", static_cast<int>(files.size()), total,
-                      total + static_cast<long long>(tree->getZipHeaderSize()));
+                      estimate);
+    CStdStr why;
+    if (!ArchiveBudget::admit(estimate, &why)) throw archiveRefused("ZipLogs", why);
 
     CStdStr zipPath = CFileTools::GenerateTempFilePath();
     if (zipPath.empty()) {
         CBBLog::error("ZipLogs: cannot create a temporary file for the archive");
-        delete tree;
+        ArchiveBudget::release(estimate);
         return 1;
     }
     // Log archives are always deflated.
-    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, tree, false);
+    TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, layout.release(), false);
+    record->refused.swap(refused);
+    record->budgeted = estimate;
     if (!startArchiveThread(this, m_zipJobs, record)) return 1;
     // Joined while still holding the record, so the thread cannot free it first.
     record->thread.join();

@@ -17,15 +17,6 @@ namespace {
 
 int openFolder(const CStdStr& path) { return ::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }
 
-// Where the opened folder really is, links resolved; empty when unknown.
-CStdStr folderLocation(int fd) {
-    char link[64], target[PATH_MAX + 1];
-    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
-    ssize_t n = ::readlink(link, target, PATH_MAX);
-    if (n <= 0 || target[0] != '/') return CStdStr();
-    return CStdStr(target, static_cast<size_t>(n));
-}
-
 bool entryAt(int fd, const CStdStr& name, struct stat* st) {
     return ::fstatat(fd, name.c_str(), st, AT_SYMLINK_NOFOLLOW) == 0;
 }
@@ -65,6 +56,14 @@ private:
 
 }  // namespace
 
+CStdStr descriptorLocation(int fd) {
+    char link[64], target[PATH_MAX + 1];
+    snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+    ssize_t n = ::readlink(link, target, PATH_MAX);
+    if (n <= 0 || target[0] != '/') return CStdStr();
+    return CStdStr(target, static_cast<size_t>(n));
+}
+
 TempDeletion deleteTempEntry(const CStdStr& path, const TempEntryId* expected, CStdStr* detail) {
     CStdStr unused;
     if (!detail) detail = &unused;
@@ -81,7 +80,7 @@ TempDeletion deleteTempEntry(const CStdStr& path, const TempEntryId* expected, C
         *detail = CStdStr::Formatted("cannot open %s: %s", parent.c_str(), strerror(errno));
         return TempDeletion::Outside;
     }
-    const CStdStr location = folderLocation(folder.get());
+    const CStdStr location = descriptorLocation(folder.get());
     *detail = location.empty() ? CStdStr("unknown folder") : location;
     if (location.empty() || !insideTemporaryFolders(location)) return TempDeletion::Outside;
 

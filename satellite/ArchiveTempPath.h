@@ -38,3 +38,7 @@ TempDeletion deleteTempEntry(const CStdStr& path, const TempEntryId* expected, C
 
 // The identity of the regular file at `path` (a last link is not followed).
 bool tempEntryId(const CStdStr& path, TempEntryId* id);
+
+// Where an open descriptor really is (links resolved, from /proc/self/fd);
+// empty when unknown. A deleted file reads as its old path + " (deleted)".
+CStdStr descriptorLocation(int fd);

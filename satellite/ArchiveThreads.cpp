@@ -9,8 +9,9 @@
 namespace {
 
 struct Bookkeeping {
-    PCondMutex signal;                                        // guards running; broadcast on every finish
+    PCondMutex signal;                                        // guards both below; broadcast on every finish
     std::map<const KivRequestProxySatellite*, int> running;  // threads per satellite
+    int waiters = 0;                                          // threads in waitWhile
 };
 
 // Never destroyed: an archive thread may still finish while the process exits.
@@ -39,13 +40,37 @@ void finished(const KivRequestProxySatellite* owner) {
     b.signal.broadcast();
 }
 
-bool waitWhile(const std::function<bool()>& stillWaiting, const struct timespec& deadline) {
+bool waitWhile(const std::function<bool()>& stillWaiting, const struct timespec& deadline, bool* turnedAway) {
     Bookkeeping& b = book();
     PLockGuard lock(b.signal);
-    while (stillWaiting()) {
-        if (!b.signal.waitUntil(deadline)) return stillWaiting();
+    *turnedAway = false;
+    if (!stillWaiting()) return false;
+    if (b.waiters >= kMaxWaiters) {
+        *turnedAway = true;
+        return true;
     }
-    return false;
+    ++b.waiters;
+    bool waiting = true;
+    while ((waiting = stillWaiting())) {
+        if (!b.signal.waitUntil(deadline)) {
+            waiting = stillWaiting();
+            break;
+        }
+    }
+    --b.waiters;
+    return waiting;
+}
+
+void wakeWaiters() {
+    Bookkeeping& b = book();
+    PLockGuard lock(b.signal);
+    b.signal.broadcast();
+}
+
+int waiters() {
+    Bookkeeping& b = book();
+    PLockGuard lock(b.signal);
+    return b.waiters;
 }
 
 void waitForAll(const KivRequestProxySatellite* owner) {

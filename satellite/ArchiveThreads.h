@@ -18,10 +18,20 @@ namespace ArchiveThreads {
 void started(const KivRequestProxySatellite* owner);
 void finished(const KivRequestProxySatellite* owner);
 
+// At most this many threads wait for pending archives at once, across the
+// process: a reader beyond them is turned away at once, so readers of
+// archives never hold more handlers than this.
+const int kMaxWaiters = 4;
+
 // Calls `stillWaiting()` with the bookkeeping mutex held, and waits for the
-// next completion while it returns true, until the absolute CLOCK_REALTIME
-// `deadline`. Returns the last answer of `stillWaiting`.
-bool waitWhile(const std::function<bool()>& stillWaiting, const struct timespec& deadline);
+// next completion (or wakeWaiters) while it returns true, until the absolute
+// CLOCK_REALTIME `deadline`. Returns the last answer of `stillWaiting`; when
+// kMaxWaiters already wait, returns true at once and sets *turnedAway.
+bool waitWhile(const std::function<bool()>& stillWaiting, const struct timespec& deadline, bool* turnedAway);
+// Wakes every waiter to ask its `stillWaiting` again (the satellite stops).
+void wakeWaiters();
+// How many threads wait in waitWhile now; for tests.
+int waiters();
 
 // Blocks until no thread of `owner` is running; for the satellite's destructor.
 void waitForAll(const KivRequestProxySatellite* owner);

@@ -1,5 +1,9 @@
 // Diagnostic services: the tail of a file, the configuration, the data folder
 // and a deliberate crash.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -33,16 +37,26 @@ int KivRequestProxySatellite::CabServiceTailLog(const char*, const tagVARIANT& i
     uint64_t count = static_cast<uint64_t>(static_cast<int64_t>(requested));
     if (count > kTailLimit) count = kTailLimit;
 
-    CFileTools file(path);
-    if (!file.exists()) return 404;
-    uint64_t size = file.getFileSize();
+    // Only a served regular file: anything else answers as a missing file.
+    const int fd = m_served.openForReading(path, "my-KIV_TailLog");
+    if (fd < 0) return 404;
+    struct stat st;
+    const uint64_t size = ::fstat(fd, &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
     if (size < count) count = size;
 
     std::unique_ptr<char[]> text(new (std::nothrow) char[count + 1]);
-    if (!text) return 0;
-    unsigned long long read = count;
-    const unsigned long long lastBytes = static_cast<unsigned long long>(-static_cast<long long>(count));
-    if (count > 0 && !file.getData(text.get(), read, lastBytes, CFileTools::end)) read = 0;
+    if (!text) {
+        ::close(fd);
+        return 0;
+    }
+    uint64_t read = 0;
+    while (read < count) {
+        const ssize_t n = ::pread(fd, text.get() + read, count - read, static_cast<off_t>(size - count + read));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        read += static_cast<uint64_t>(n);
+    }
+    ::close(fd);
     text[read] = '\0';
 
     VUtil::CreateArray(*out, VT_VARIANT, 3);

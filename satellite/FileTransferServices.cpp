@@ -1,6 +1,6 @@
 // "GetFile" and "QueryFileSize": file contents in chunks and the size of a
-// set of media items.
-#include <fcntl.h>
+// set of media items. Only served files are read (ServedFolders); a refused
+// path answers as a missing one: an empty block, a size of 0.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,7 +10,6 @@
 #include "cab/CabException.h"
 #include "cab/CabMemoryBudget.h"
 #include "diag/CBBLog.h"
-#include "files/CFileTools.h"
 #include "host/CRegistry.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "variant/CLocalVariant.h"
@@ -67,10 +66,10 @@ int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIA
     if (CStdStr refused = waitForPendingArchive(path, pendingArchiveWaitMs()); !refused.empty())
         throw CabException(refused.c_str(), 1);
     // Size and bytes come from one open descriptor, so they describe the same file.
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    int fd = m_served.openForReading(path, "GetFile");
     struct stat st;
     const unsigned long long size =
-        fd >= 0 && ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) ? static_cast<unsigned long long>(st.st_size) : 0;
+        fd >= 0 && ::fstat(fd, &st) == 0 ? static_cast<unsigned long long>(st.st_size) : 0;
     const unsigned long long start = offset < size ? offset : size;
     const unsigned long long remaining = size - start;
     unsigned long long length = maxBytes == 0 ? remaining : (maxBytes < remaining ? maxBytes : remaining);
@@ -134,7 +133,8 @@ int KivRequestProxySatellite::CabServiceQueryFileSize(const char* name, const ta
     for (const CStdStr& path : paths) {
         if (CStdStr refused = waitForPendingArchive(path, pendingArchiveWaitMs()); !refused.empty())
             throw CabException(refused.c_str(), 1);
-        total += static_cast<long long>(CFileTools(path).getFileSize());
+        const long long size = m_served.sizeOf(path, "QueryFileSize");
+        if (size > 0) total += size;
     }
     VariantClear(out);
     VUtil::CreateArray(*out, VT_VARIANT, 2);

@@ -3,7 +3,8 @@
 // (default 127.0.0.1) and publishes the eleven services of CreateServices(),
 // in their fixed order with their fixed descriptions. Handlers run on the
 // broker library's threads, several at once; the only state they share is the
-// table of archive jobs, guarded by its own mutex.
+// table of archive jobs, guarded by its own mutex. Every service that reads a
+// file asks the served folders (ServedFolders) for it.
 #pragma once
 
 #include <map>
@@ -14,6 +15,7 @@
 #include "files/CKivFileManager.h"
 #include "host/PThread.h"
 #include "satellite/ArchiveJobTable.h"
+#include "satellite/ServedFolders.h"
 
 struct TCreateZipThreadData;
 
@@ -73,18 +75,22 @@ public:
     // Thread body that writes one archive; `record` is a TCreateZipThreadData.
     void* createZipThread(void* record);
     // When `path` is an archive still being written, waits until it is
-    // complete (at most `timeoutMs`); returns at once otherwise. Returns ""
-    // when the file may be read, else why not (the archive failed, or is
-    // still being written at the deadline).
+    // complete (at most `timeoutMs`, and only while fewer than
+    // ArchiveThreads::kMaxWaiters wait; the satellite stopping ends the wait);
+    // returns at once otherwise. Returns "" when the file may be read, else
+    // why not (the archive failed, or is still being written).
     CStdStr waitForPendingArchive(const CStdStr& path, int timeoutMs);
     // Stop: archives still being written are abandoned and their files removed.
     void abandonArchives();
 
     CKivFileManager& fileManager() { return m_fileManager; }
+    const ServedFolders& servedFolders() const { return m_served; }
 
 private:
     // Archives being written, pending and failed; guarded by its own lock.
     ArchiveJobTable m_zipJobs;
+    // What the file services may read; fixed when the satellite is made.
+    ServedFolders m_served;
     // Destroyed before the job table (members go in reverse order).
     CKivFileManager m_fileManager;
 };

@@ -10,7 +10,9 @@ const char* kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 typedef CabSatelliteDelegateMember<KivRequestProxySatellite> Delegate;
 }  // namespace
 
-KivRequestProxySatellite::KivRequestProxySatellite() : m_fileManager(this) {}
+KivRequestProxySatellite::KivRequestProxySatellite()
+    : m_served([this](const CStdStr& path, TempEntryId* id) { return m_zipJobs.made(path, id); }),
+      m_fileManager(this) {}
 
 KivRequestProxySatellite::~KivRequestProxySatellite() {
     // Archives still being written stop at their next block and are removed.

@@ -180,6 +180,7 @@ int main(int argc, char** argv) {
     const char* config = "Software\\Kiv Foundry\\Kiv\\Config";
     CRegistry::getInstance()->WriteSettingImpl(config, "cabDirectory.port", server.port());
     CRegistry::getInstance()->WriteSettingImpl(config, "cabDirectory.requestTimeoutMs", 600000);
+    CRegistry::getInstance()->WriteSettingImpl(config, "files.roots", CStdStr(sandbox.path()));
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
 
     CabClient client;

@@ -255,6 +255,8 @@ int main(int argc, char** argv) {
     }
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port", server.port());
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "files.roots",
+                                               CStdStr(sandbox.path()));
 
     natsOptions* opts = nullptr;
     natsOptions_Create(&opts);

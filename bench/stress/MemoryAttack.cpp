@@ -63,6 +63,7 @@ public:
         }
         const std::string user = settingText("cabDirectory.user"), password = settingText("cabDirectory.password");
         const std::string token = connection.token.empty() ? settingText("cabDirectory.token") : connection.token;
+        m_caller = user.empty() ? std::string("-") : user;  // the name its requests go under
         m_inbox = (user.empty() ? std::string("_INBOX") : "_INBOX_" + user) + ".memory-attack-" +
                   std::to_string(getpid());
         natsOptions* o = nullptr;
@@ -93,7 +94,7 @@ public:
         const std::string payload = Cab1Encoding(in).str();
         natsMsg* m = nullptr;
         const std::string reply = m_inbox + "." + std::to_string(++m_asked);
-        if (natsMsg_Create(&m, (std::string("cab.VorpaMediaProxy.") + service).c_str(), reply.c_str(),
+        if (natsMsg_Create(&m, ("cab.VorpaMediaProxy." + std::string(service) + "." + m_caller).c_str(), reply.c_str(),
                            payload.data(), (int)payload.size()) != NATS_OK)
             return;
         natsMsgHeader_Set(m, "Cab-Proto", "1");
@@ -105,6 +106,7 @@ private:
     natsConnection* m_nc = nullptr;
     natsSubscription* m_sub = nullptr;
     std::string m_inbox;
+    std::string m_caller;
     std::string m_error;
     AttackerTally m_tally;
     std::atomic<long long> m_asked{0}, m_sent{0};

@@ -17,8 +17,10 @@
 
 #include "bench/stress/MemoryAttack.h"
 #include "bench/stress/StressClient.h"
+#include "bench/stress/StressFileAttacks.h"
 #include "bench/stress/StressReport.h"
 #include "host/CRegistry.h"
+#include "host/Preferences.h"
 #include "tests/support/NatsServer.h"
 #include "tests/support/ProxyProcess.h"
 #include "tests/support/TempDir.h"
@@ -45,9 +47,10 @@ const char* const kUsage =
     "run, at its peak (sampled every 100 ms) and 5 s after the run.\n"
     "\n"
     "By default it starts its own nats-server (1 MiB messages) and proxy in a\n"
-    "temporary folder. With --server or --attach it uses a running directory\n"
-    "and proxy instead; the proxy must be able to read this machine's temporary\n"
-    "folder (TMPDIR or /tmp), where the test files are written. Credentials come\n"
+    "temporary folder, serving the test files (files.roots). With --server or\n"
+    "--attach it uses a running directory and proxy instead; the proxy must\n"
+    "serve this machine's temporary folder (TMPDIR or /tmp, in its files.roots),\n"
+    "where the test files are written. Credentials come\n"
     "from the settings, as for kivctl; against `make run`:\n"
     "  XDG_CONFIG_HOME=var/settings/kivctl bench_stress --attach --pid PID\n"
     "\n"
@@ -69,6 +72,12 @@ const char* const kUsage =
     "  --timeout MS         request time-out in milliseconds (default 60000)\n"
     "  --file-mib M         size of the test file in MiB (default 32; memory: 10)\n"
     "  --max-chunk-mib C    largest \"GetFile\" length asked for, in MiB (default 16)\n"
+    "  --attack files       also run attackers that ask for what must be neither\n"
+    "                       served nor waited on: a FIFO, a socket, links out of\n"
+    "                       the served folder, \"..\", paths outside, the settings\n"
+    "                       file (\"GetFile\", \"my-KIV_TailLog\", \"QueryFileSize\");\n"
+    "                       any answer but a missing file's is a failure\n"
+    "  --attackers N        attackers at once with --attack (default 64)\n"
     "  --keep               keep the temporary folder (with our own proxy: its log)\n"
     "  --help               this text\n"
     "\n"
@@ -150,8 +159,8 @@ void watchSignals() {
 
 int main(int argc, char** argv) {
     kivctl::Args args;
-    for (const char* v :
-         {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib", "mode"})
+    for (const char* v : {"requesters", "seconds", "server", "pid", "token", "timeout", "file-mib", "max-chunk-mib",
+                          "mode", "attack", "attackers"})
         args.value(v);
     args.flag("keep");
     args.flag("attach");
@@ -172,15 +181,20 @@ int main(int argc, char** argv) {
     const long long requesters = positive(args, "requesters", 16), seconds = positive(args, "seconds", 30),
                     pidArg = positive(args, "pid", 0), timeoutMs = positive(args, "timeout", 60000),
                     fileMiB = positive(args, "file-mib", mode == "memory" ? 10 : 32),
-                    chunkMiB = positive(args, "max-chunk-mib", 16);
-    for (const char* name : {"requesters", "seconds", "pid", "timeout", "file-mib", "max-chunk-mib"})
+                    chunkMiB = positive(args, "max-chunk-mib", 16),
+                    attackers = args.has("attack") ? positive(args, "attackers", 64) : 0;
+    if (args.has("attack") && args.get("attack") != "files") {
+        fprintf(stderr, "bench_stress: --attack takes 'files'\n");
+        return 64;
+    }
+    for (const char* name : {"requesters", "seconds", "pid", "timeout", "file-mib", "max-chunk-mib", "attackers"})
         if (positive(args, name, 1) < 0) {
             fprintf(stderr, "bench_stress: --%s needs a positive whole number\n", name);
             return 64;
         }
-    if (requesters > 4096 || pidArg > 0x7FFFFFFF || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 ||
+    if (requesters > 4096 || attackers > 4096 || pidArg > 0x7FFFFFFF || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 ||
         chunkMiB > 4095) {
-        fprintf(stderr, "bench_stress: a value is out of range (requesters <= 4096, file-mib <= 4096,\n"
+        fprintf(stderr, "bench_stress: a value is out of range (requesters, attackers <= 4096, file-mib <= 4096,\n"
                         "max-chunk-mib <= 4095, timeout <= one day)\n");
         return 64;
     }
@@ -228,6 +242,8 @@ int main(int argc, char** argv) {
         CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port",
                                                    server->port());
         CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "files.roots",
+                                                   CStdStr(work.path()));
         connection.server = server->url();
         watchSignals();  // after nats-server, which must keep SIGTERM unblocked
         CabClient probe;
@@ -249,6 +265,24 @@ int main(int argc, char** argv) {
         return rc;
     }
 
+    // Outside the served folder: the attacks' links lead there.
+    kivtest::TempDir outside("kivstress-outside");
+    std::vector<std::string> targets;
+    if (attackers > 0 && !stress::makeFileAttackTargets(work.path(), outside.file("secrets"),
+                                                        Preferences::DomainFile("com.kiv-foundry.kiv.config"),
+                                                        &targets)) {
+        fprintf(stderr, "bench_stress: cannot make the attack targets in %s\n", work.path().c_str());
+        return 2;
+    }
+    std::vector<std::unique_ptr<stress::FileAttacker>> attackerClients;
+    for (int i = 0; i < attackers; ++i) {
+        attackerClients.emplace_back(new stress::FileAttacker(i, targets, connection));
+        if (!attackerClients.back()->connect()) {
+            fprintf(stderr, "bench_stress: an attacker cannot connect: %s\n", attackerClients.back()->error().c_str());
+            return 2;
+        }
+    }
+
     std::vector<std::unique_ptr<stress::StressRequester>> clients;
     for (int i = 0; i < requesters; ++i) {
         clients.emplace_back(new stress::StressRequester(i, data, connection));
@@ -260,9 +294,9 @@ int main(int argc, char** argv) {
         }
     }
 
-    printf("bench_stress: %lld requesters for %lld s against %s proxy, directory %s\n"
+    printf("bench_stress: %lld requesters and %lld file attackers for %lld s against %s proxy, directory %s\n"
            "test file %lld MiB, \"GetFile\" lengths up to %lld MiB\n",
-           requesters, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
+           requesters, attackers, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
            data.maxChunk >> 20);
     fflush(stdout);
     const long rssBefore = proxyPid > 0 ? stress::rssKiB(proxyPid) : -1;
@@ -272,12 +306,15 @@ int main(int argc, char** argv) {
     const auto until = start + std::chrono::seconds(seconds);
     std::vector<std::thread> threads;
     for (auto& c : clients) threads.emplace_back([&c, until] { c->run(until, g_interrupted); });
+    for (auto& a : attackerClients) threads.emplace_back([&a, until] { a->run(until, g_interrupted); });
     for (auto& t : threads) t.join();
     const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
     for (auto& c : clients) c->disconnect();
+    for (auto& a : attackerClients) a->disconnect();
 
     stress::StressTally total;
     for (auto& c : clients) total.merge(c->tally());
+    for (auto& a : attackerClients) total.merge(a->tally());
     // The memory a while after the load, once transfers and archives are done
     // with; the peak covers that wait too.
     long rssAfter = -1;

@@ -10,9 +10,10 @@ protected:
     void SetUp() override {
         ProxyTest::SetUp();
         if (HasFatalFailure()) return;
+        ASSERT_TRUE(setting("archive.diskReserveMB", 0));  // an 8 GiB archive on any machine
         ASSERT_TRUE(startProxy()) << proxyOutput();
     }
-    kivtest::TempDir dir{"archives-proxy"};
+    const kivtest::TempDir& dir = data;
 };
 
 // An archive still being written when the proxy ends: SIGTERM stops the

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "tests/support/CapturingLog.h"
+#include "satellite/ArchiveBudget.h"
 #include "satellite/ArchiveFolders.h"
 #include "satellite/ArchiveLeftovers.h"
 #include "tests/archives/ArchiveTestSupport.h"
@@ -366,6 +367,56 @@ TEST_F(ArchiveServicesTest, DeleteTempFileRacedByAFolderSwapDeletesNothingOutsid
     EXPECT_EQ(outsideDeleted, 0) << "of " << calls << " calls";
     EXPECT_GT(insideDeleted, 0) << "of " << calls << " calls";
     fs::remove_all(outside);
+}
+
+// Readers of a pending archive hold at most ArchiveThreads::kMaxWaiters
+// handlers: the others are answered at once as at the deadline, and the
+// satellite stopping ends the wait of those that wait.
+TEST_F(ArchiveServicesTest, FewReadersWaitForAPendingArchiveAndStoppingEndsTheirWait) {
+    const std::string file = dir.file("w.txt");
+    kivtest::writeFile(file, "wait");
+    setGate(false);
+    std::string zip;
+    ASSERT_EQ(createZip({file}, &zip), 0);  // pending: its thread is held at the gate
+    const int kMax = ArchiveThreads::kMaxWaiters, kReaders = 3 * kMax;
+    std::vector<std::string> errors(kReaders);
+    std::atomic<int> answered{0};
+    std::vector<std::thread> readers;
+    for (int i = 0; i < kReaders; ++i)
+        readers.emplace_back([&, i] {
+            errors[i] = thrownBy([&] { getFile(zip); });
+            ++answered;
+        });
+    ASSERT_TRUE(eventually([&] { return answered == kReaders - kMax; })) << "turned away while the archive is held";
+    EXPECT_EQ(ArchiveThreads::waiters(), kMax);
+    satellite.abandonArchives();
+    for (std::thread& t : readers) t.join();
+    int turnedAway = 0, abandoned = 0;
+    for (const std::string& e : errors) {
+        turnedAway += e.find("archive " + zip + " is still being written") != std::string::npos;
+        abandoned += e.find("archive " + zip + " failed: abandoned") != std::string::npos;
+    }
+    EXPECT_EQ(turnedAway, kReaders - kMax);
+    EXPECT_EQ(abandoned, kMax);
+}
+
+// Refused before anything is written, as a failed archive answers: too
+// little disk would be left, or too many archives are being written.
+TEST_F(ArchiveServicesTest, ArchivesBeyondTheBudgetAreRefused) {
+    const std::string file = dir.file("b.txt");
+    kivtest::writeFile(file, "budget");
+    ASSERT_TRUE(setting("archive.diskReserveMB", 2000000000));  // more than any disk
+    EXPECT_THAT(thrownBy([&] { createZip({file}); }), HasSubstr("CreateZip: archive refused: it needs"));
+    CLocalVariant out;
+    EXPECT_THAT(thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); }),
+                HasSubstr("ZipLogs: archive refused: "));
+    ASSERT_TRUE(setting("archive.diskReserveMB", 0));
+    setGate(false);
+    for (int i = 0; i < ArchiveBudget::kMaxAtOnce; ++i) ASSERT_EQ(createZip({file}), 0);
+    EXPECT_THAT(thrownBy([&] { createZip({file}); }), HasSubstr("archives are being written already"));
+    setGate(true);
+    ArchiveThreads::waitForAll(&satellite);
+    EXPECT_EQ(createZip({file}), 0) << "room again once they are done";
 }
 
 }  // namespace

@@ -141,8 +141,11 @@ protected:
     static inline bool gateOpen = true;
     static inline int waiting = 0;
     static inline std::string lastPath;
-    KivRequestProxySatellite satellite;
     kivtest::TempDir dir{"archives"};
+    // The satellite serves the files of `dir` (set before it is made); no
+    // disk reserve, so that no machine refuses the tests' archives.
+    const bool served = setting("files.roots", CStdStr(dir.path())) && setting("archive.diskReserveMB", 0);
+    KivRequestProxySatellite satellite;
     std::mutex zipsMutex;           // guards zips (requests may run on several threads)
     std::vector<std::string> zips;  // archives removed at the end of each test
 };

@@ -132,9 +132,10 @@ TEST_F(ClusterTest, ReachableThroughEveryServerAndALargeAnswerCrossesARoute) {
     ASSERT_GE(at, 0) << proxy.log();
 
     // 24 MiB in parts of 1 MiB, from the proxy's server to another one.
-    kivtest::TempDir dir("kivcluster");
+    // In the proxy's data folder, which it serves of its own.
     const size_t size = 24u << 20;
-    const std::string path = dir.file("pattern.bin"), expected = kivtest::patternBytes(size, 13);
+    const std::string path = proxy.root.file("Library/KivFoundry/pattern.bin");
+    const std::string expected = kivtest::patternBytes(size, 13);
     kivtest::writeFile(path, expected);
     CLocalVariant out;
     ASSERT_EQ(0, request(*clients[(at + 1) % 3], kProxy, "GetFile", "[\"" + path + "\"]", out.ptr()))
@@ -179,8 +180,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     echo.waitHolding(2);
     // And a 24 MiB answer in parts to a raw requester on B that grants no
     // credit: the proxy has sent its window and waits.
-    kivtest::TempDir dir("kivcluster");
-    const std::string path = dir.file("pattern.bin");
+    const std::string path = proxy.root.file("Library/KivFoundry/pattern.bin");
     kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
     kivtest::RawInbox held(servers[b]->url(), "held.reply");
     ASSERT_TRUE(held.ok());

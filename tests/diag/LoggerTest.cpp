@@ -232,6 +232,18 @@ TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgain) {
     ASSERT_TRUE(log.flush(60000));
     EXPECT_NE(std::string::npos, kivtest::readFile(path).find("third"));
     EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/errors.log").find("third"));
+
+    // The folder goes and its path cannot be looked into (here a file takes
+    // it): no descriptor stays on the deleted files, and once the path is
+    // free again the next FATAL line is in a new errors.log.
+    kivtest::runCommand("rm -rf '" + logs() + "' && touch '" + logs() + "'");
+    log.AddLog(LOGLEVEL_FATAL, "fourth");
+    ASSERT_TRUE(log.flush(60000));
+    EXPECT_EQ("", kivtest::runCommand("ls -l /proc/" + std::to_string(getpid()) + "/fd | grep '(deleted)'"));
+    unlink(logs().c_str());
+    log.AddLog(LOGLEVEL_FATAL, "fifth");
+    ASSERT_TRUE(log.flush(60000));
+    EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/errors.log").find("fifth"));
 }
 
 TEST_F(LoggerTest, DestructorDrainsAndThreadsDoNotTearLines) {

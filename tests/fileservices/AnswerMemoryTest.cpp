@@ -95,7 +95,7 @@ TEST_F(AnswerMemoryTest, ATransferSlowerThanTheRateBoundIsEnded) {
     ASSERT_EQ(0, truncate(path.c_str(), 3ll << 30));  // no blocks on disk
     kivtest::RawInbox requester(server.url(), "slow.inbox");
     ASSERT_TRUE(requester.ok());
-    ASSERT_EQ(NATS_OK, kivtest::publish(requester.nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
+    ASSERT_EQ(NATS_OK, kivtest::publish(requester.nc, "cab.VorpaMediaProxy.GetFile.-", "Cab-Proto", "1",
                                         Cab1Encoding(JsonVariant(listOf(path)).get()).str(), "slow.inbox"));
     std::string creditTo, status, error;
     long long parts = 0;

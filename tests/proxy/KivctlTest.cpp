@@ -27,7 +27,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     ASSERT_TRUE(setting("Version", CStdStr(), "Software\\Kiv Foundry\\Kiv"));
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr()));
     ASSERT_TRUE(startProxy()) << proxyOutput();
-    kivtest::TempDir dir;
+    const kivtest::TempDir& dir = data;
     kivtest::writeFile(dir.file("a.log"), "first\nsecond\nthird\n");
     typedef std::vector<std::string> Texts;
     const std::tuple<std::string, int, Texts, Texts> cases[] = {  // command, exit, shown, not shown
@@ -128,7 +128,7 @@ TEST(KivctlConnection, ExplainsARefusedCredential) {
 // unless the example says it varies (then the same kind of answer).
 TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
-    kivtest::TempDir files("kivdoc");
+    const kivtest::TempDir& files = data;
     kivtest::writeFile(files.file("hello.txt"), "hello, world\n");
     kivtest::writeFile(files.file("two.txt"), "a second file\n");
     // The "$ kivctl call ..." lines and the output under each; the crash last.

@@ -1,5 +1,6 @@
 // A real nats-server, the real KivRequestProxy executable, an echo satellite
-// "EchoA" and a client, inside the test's KIV_ROOT and settings folder.
+// "EchoA" and a client, inside the test's KIV_ROOT and settings folder; the
+// proxy serves the files of `data`.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -26,6 +27,8 @@ protected:
         ASSERT_TRUE(setting("cabDirectory.host", CStdStr("127.0.0.1")));
         ASSERT_TRUE(setting("cabDirectory.port", server.port()));
         ASSERT_TRUE(setting("LogLevel", 4, "Software\\Kiv Foundry\\Kiv"));
+        // The proxy serves the files of `data` (and its own folders) only.
+        ASSERT_TRUE(setting("files.roots", CStdStr(data.path())));
         echo.reset(new EchoSatellite);
         ASSERT_EQ(echo->Connect(server.hostPort().c_str(), "EchoA"), 0);
         client.reset(new CabClient);
@@ -79,6 +82,7 @@ protected:
     }
 
     const std::string root = getenv("KIV_ROOT");
+    kivtest::TempDir data{"kivdata"};  // the test's files, served to clients
     kivtest::NatsServer server;
     std::unique_ptr<EchoSatellite> echo;
     std::unique_ptr<CabClient> client;

@@ -78,7 +78,7 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLa
     EXPECT_EQ(json(out.get()), R"([null,"7.1.2",0,":Europe/Paris","42","linux"])");
 
     // The tail of a log: the last bytes, at most 5000000, and all of a file shorter than asked for.
-    kivtest::TempDir dir;
+    const kivtest::TempDir& dir = data;
     kivtest::writeFile(dir.file("small.txt"), "abcd");
     kivtest::writeFile(dir.file("big.txt"), std::string(5000095, 'x') + "TAIL!");
     CLocalVariant small;
@@ -130,6 +130,7 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
     EXPECT_EQ(shown["cabDirectory.servers"], "nats://proxy:********@" + hostPort() + ",nats://********@" + hostPort());
     EXPECT_TRUE(waitForLog("Connecting to nats://proxy:********@"));
     EXPECT_THAT(proxyLog() + proxyOutput(), Not(HasSubstr("Secret-")));
+    ASSERT_TRUE(setting("cabDirectory.servers", CStdStr("")));  // the later tests' clients use the host
 
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
     const std::string data = root + "/Library/KivFoundry";

@@ -20,6 +20,9 @@ const char* kUsage =
     "  cabDirectory.user, cabDirectory.password  its directory user (VorpaMediaProxy)\n"
     "  cabDirectory.tls.ca, .cert, .key           TLS files (with a tls:// host)\n"
     "  cabDirectory.token  shared token, only for a directory without users\n"
+    "  files.roots         folders whose files it serves, separated by ':' (besides\n"
+    "                      its own logs, data folder and archives; read at start)\n"
+    "  archive.diskReserveMB  space an archive must leave free in /tmp (default 512)\n"
     "Log level: the integer LogLevel under 'Software\\Kiv Foundry\\Kiv' (0-4, default 1).\n"
     "Logs go to /Library/Logs/KivFoundry/KivRequestProxy.log, under $KIV_ROOT when set.\n";
 }
