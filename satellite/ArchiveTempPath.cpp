@@ -40,6 +40,19 @@ bool insideTemporaryFolders(const CStdStr& folder) {
     return inside(folder, realFolder(CFileTools::getTmpFolder())) || inside(folder, realFolder("/tmp"));
 }
 
+// True when the nearest folder of `path` that exists (itself or an
+// ancestor) lies inside one of the temporary folders.
+bool nearestFolderInsideTemporaryFolders(CStdStr path) {
+    for (;;) {
+        const size_t slash = path.rfind('/');
+        if (slash == CStdStr::npos || slash == 0) return false;
+        path = CStdStr(path.substr(0, slash));
+        const CStdStr real = realFolder(path);
+        if (!real.empty()) return insideTemporaryFolders(real);
+        if (errno != ENOENT) return false;
+    }
+}
+
 class Descriptor {
 public:
     explicit Descriptor(int fd) : m_fd(fd) {}
@@ -78,6 +91,9 @@ TempDeletion deleteTempEntry(const CStdStr& path, const TempEntryId* expected, C
     Descriptor folder(openFolder(parent));
     if (folder.get() < 0) {
         *detail = CStdStr::Formatted("cannot open %s: %s", parent.c_str(), strerror(errno));
+        // A folder that does not exist holds nothing: inside the temporary
+        // folder that is a name nothing has, as for a missing file.
+        if (errno == ENOENT && nearestFolderInsideTemporaryFolders(parent)) return TempDeletion::Missing;
         return TempDeletion::Outside;
     }
     const CStdStr location = descriptorLocation(folder.get());
