@@ -116,7 +116,7 @@ void OperatorJournal::libraryLine(LOGLEVEL level, const std::string& text) {
         {
             std::lock_guard<std::mutex> guard(m_lock);
             const std::string url = text.substr(sizeof kReconnected - 1);
-            if (!url.empty()) m_url = url;
+            if (!url.empty() && url[0] != '(') m_url = url;
         }
         connection = true;
         status = servingText();
