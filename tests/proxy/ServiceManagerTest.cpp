@@ -48,8 +48,12 @@ TEST_F(ProxyTest, TellsTheServiceManagerAndTheJournal) {
     ASSERT_TRUE(setting("LogLevel", 1, "Software\\Kiv Foundry\\Kiv"));
     NotifySocket manager(root + "/notify");
     ASSERT_TRUE(manager.bound);
-    const std::map<std::string, std::string> env = {
-        {"NOTIFY_SOCKET", root + "/notify"}, {"WATCHDOG_USEC", "200000"}, {"WATCHDOG_PID", ""}};
+    // A root of its own: the log file is this test's alone.
+    const std::string own = root + "/service-manager";
+    const std::map<std::string, std::string> env = {{"NOTIFY_SOCKET", root + "/notify"},
+                                                    {"WATCHDOG_USEC", "200000"},
+                                                    {"WATCHDOG_PID", ""},
+                                                    {"KIV_ROOT", own}};
 
     // The directory is not there: no READY=1, a STATUS= saying so, status 0.
     const int port = server.port();
@@ -77,5 +81,7 @@ TEST_F(ProxyTest, TellsTheServiceManagerAndTheJournal) {
     for (const char* line : {"KivRequestProxy ", "Connected to the directory at nats://", serving.c_str(),
                              "stopping (SIGTERM received)", "\nstopped\n"})
         EXPECT_THAT(journal, testing::HasSubstr(line));
-    EXPECT_THAT(proxyLog(), testing::Not(testing::HasSubstr("[INFO ]"))) << "LogLevel 1 keeps no INFO line";
+    const std::string log = kivtest::readFile(own + "/Library/Logs/KivFoundry/KivRequestProxy.log");
+    EXPECT_THAT(log, testing::HasSubstr("[ERROR] - not serving")) << "the log file keeps errors";
+    EXPECT_EQ(log.find("[INFO ]"), std::string::npos) << "LogLevel 1 keeps no INFO line";
 }
