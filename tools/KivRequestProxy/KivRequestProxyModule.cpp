@@ -33,8 +33,8 @@ bool KivRequestProxyModule::init(const std::vector<CStdStr>&) {
         const std::string why = CabGetLastError();
         m_journal->notice(LOGLEVEL_ERROR, "not serving: registering with the directory failed (0x%x%s%s); exiting",
                           static_cast<unsigned>(rc), why.empty() ? "" : ": ", why.c_str());
-        m_journal->manager().status("directory unreachable or refused (0x" + std::to_string(rc) +
-                                    "); exiting, to be started again");
+        m_journal->manager().status("directory unreachable or refused" + (why.empty() ? "" : " (" + why + ")") +
+                                    "; exiting, to be started again");
         return false;
     }
     // The run loop wakes at least four times per watchdog period.
