@@ -225,6 +225,23 @@ run_services() {
     note "services: answered on 127.0.0.1:$port, a crash exited 0 and was filed in $reports"
 }
 
+# The unit's start back-off, as kiv in a runtime folder of its own: short
+# runs in a row are counted and make the start wait (capped), a long run
+# clears the count.
+check_backoff() {
+    local dir out
+    dir=$(mktemp -d) && chown kiv:kiv "$dir"
+    backoff() { "${as_kiv[@]}" RUNTIME_DIRECTORY="$dir" KIV_MAX_WAIT=1 /usr/lib/kivfoundry/kiv-start-backoff "$1" 2>&1; }
+    out=$(backoff start; backoff stopped; backoff start; backoff stopped; backoff start)
+    [ "$(cat "$dir/short-runs")" = 2 ] || fail "kiv-start-backoff counted $(cat "$dir/short-runs") short runs, want 2"
+    grep -qx 'kiv-start-backoff: 2 short runs in a row; starting in 1 s' <<<"$out" || fail "kiv-start-backoff: $out"
+    echo 0 >"$dir/started"
+    backoff stopped >/dev/null
+    [ "$(cat "$dir/short-runs")" = 0 ] || fail "a long run did not clear the count of short runs"
+    rm -rf "$dir"
+    note "kiv-start-backoff: short runs counted and waited for, a long run clears them"
+}
+
 # The README's commands for a kivctl credential ("A credential for kivctl"),
 # as root, as written (the port is the installed one); then an unreadable
 # password file must not store an empty password.
@@ -267,6 +284,7 @@ inside() {
     if command -v man >/dev/null; then man -w kivctl >/dev/null || fail "man kivctl finds no page"; fi
 
     run_services 4223
+    check_backoff
 
     # A changed port in the conffile survives a reinstall and reaches the
     # proxy's settings; the passwords stay.
