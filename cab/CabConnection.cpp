@@ -415,7 +415,7 @@ void CabConnection::onReconnected(natsConnection* nc, void* closure) {
     // The client has resent every subscription (services, discovery, the
     // inbox) before this runs; say where we are now.
     char url[256] = "";
-    if (natsConnection_GetConnectedUrl(nc, url, sizeof url) != NATS_OK) snprintf(url, sizeof url, "(unknown)");
+    if (natsConnection_GetConnectedUrl(nc, url, sizeof url) != NATS_OK || !*url) snprintf(url, sizeof url, "(unknown)");
     cablog::log(LOGLEVEL_INFO, "reconnected to %s", url);
     static_cast<CabConnection*>(closure)->notify(CAB_STATE_RECONNECTED);
 }

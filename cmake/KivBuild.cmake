@@ -7,6 +7,31 @@ if(KIV_SANITIZE)
   add_link_options(-fsanitize=${KIV_SANITIZE})
 endif()
 
+# Debian's hardening flags (fortify, stack protector, relro, BIND_NOW) as
+# dpkg-buildflags gives them, in every build but the sanitizer builds, so the
+# packaged programs and the tested ones are the same. The build type keeps
+# choosing optimisation and debug information (-O, -g and the prefix map are
+# dropped from what dpkg-buildflags says). All executables are PIE.
+option(KIV_HARDEN "Build with the hardening flags of dpkg-buildflags" ON)
+find_program(KIV_DPKG_BUILDFLAGS dpkg-buildflags)
+if(KIV_HARDEN AND NOT KIV_SANITIZE AND KIV_DPKG_BUILDFLAGS)
+  foreach(kind CPPFLAGS CXXFLAGS LDFLAGS)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env DEB_BUILD_MAINT_OPTIONS=hardening=+all
+                            ${KIV_DPKG_BUILDFLAGS} --get ${kind}
+                    OUTPUT_VARIABLE flags OUTPUT_STRIP_TRAILING_WHITESPACE)
+    separate_arguments(flags UNIX_COMMAND "${flags}")
+    list(FILTER flags EXCLUDE REGEX "^-(g|O.*|ffile-prefix-map=.*|fdebug-prefix-map=.*)$")
+    if(kind STREQUAL LDFLAGS)
+      add_link_options(${flags})
+    else()
+      add_compile_options(${flags})
+    endif()
+  endforeach()
+endif()
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+include(CheckPIESupported)
+check_pie_supported()
+
 # kiv_library(NAME folder-name DEPS targets...)
 # Builds every .cpp of the calling folder into the static library kiv_<NAME>.
 # Headers are included as "folder/File.h" from the source root.

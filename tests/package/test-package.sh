@@ -1,15 +1,18 @@
 #!/usr/bin/env bash
 # make test-package: checks the kivfoundry package that make deb built.
-#   1. its control fields, conffiles, maintainer scripts and contents (dpkg-deb);
+#   1. its control fields, conffiles, maintainer scripts and contents (dpkg-deb),
+#      and lintian (no error, no warning);
 #   2. as root, a whole life of the package in a throw-away copy of this
 #      machine: an overlay of / in mount, pid and network namespaces of its
 #      own, with an empty /run (so no systemd runs there) and a private /tmp.
 #      dpkg -i; what the postinst made, with which modes; systemd-analyze
 #      verify of the installed units; the directory and the proxy started as
-#      the units start them; a request from kivctl with the installed
-#      credential; a crash filed by the crash reporter beside the proxy; a
-#      reinstall after a port change, which keeps the passwords and the edited
-#      conffile; dpkg -r; dpkg -P. Nothing of this machine changes.
+#      the units start them, each as its own user; the README's administrator
+#      commands, as written; a crash filed by the crash reporter beside the
+#      proxy; an upgrade from a version whose users file was the proxy's
+#      group's, after a port change, which keeps the passwords, the edited
+#      conffile and served folders set by hand; dpkg -r; dpkg -P. Nothing of
+#      this machine changes.
 # Usage: test-package.sh PACKAGE.deb       (the inner part: --inside PACKAGE.deb)
 set -euo pipefail
 
@@ -43,7 +46,7 @@ check_package() {
     [ "$(basename "$deb")" = "kivfoundry_${version}_${arch}.deb" ] || fail "file name $(basename "$deb")"
     local depends
     depends=$(dpkg-deb -f "$deb" Depends)
-    for d in nats-server adduser libc6 'libnats3\.4' libssl3 libminizip1 'libboost-filesystem'; do
+    for d in nats-server adduser debconf libc6 'libnats3\.4' libssl3 libminizip1 'libboost-filesystem' libsystemd0; do
         grep -Eq "(^|, )$d" <<<"$depends" || fail "Depends lacks $d (from dpkg-shlibdeps or the package): $depends"
     done
 
@@ -52,7 +55,8 @@ check_package() {
     trap 'rm -rf "$control"' RETURN
     dpkg-deb -e "$deb" "$control"
     [ "$(cat "$control/conffiles")" = /etc/kivfoundry/cab-directory.conf ] || fail "conffiles: $(cat "$control/conffiles")"
-    for f in postinst prerm postrm; do
+    [ -s "$control/templates" ] || fail "no debconf templates"
+    for f in config postinst prerm postrm; do
         [ -x "$control/$f" ] || fail "no executable $f"
         sh -n "$control/$f" || fail "$f is not valid sh"
     done
@@ -65,6 +69,7 @@ check_package() {
     done <<'EOF'
 -rwxr-xr-x /usr/lib/kivfoundry/KivRequestProxy
 -rwxr-xr-x /usr/lib/kivfoundry/KivCrashReporter
+-rwxr-xr-x /usr/lib/kivfoundry/kiv-start-backoff
 -rwxr-xr-x /usr/bin/kivctl
 -rw-r--r-- /lib/systemd/system/kiv-cab-directory.service
 -rw-r--r-- /lib/systemd/system/kiv-request-proxy.service
@@ -73,6 +78,8 @@ check_package() {
 -rwxr-xr-x /usr/share/kivfoundry/scripts/cab-directory-users
 -rw-r--r-- /usr/share/man/man1/kivctl.1.gz
 -rw-r--r-- /usr/share/doc/kivfoundry/README.md
+-rw-r--r-- /usr/share/doc/kivfoundry/copyright
+-rw-r--r-- /usr/share/doc/kivfoundry/changelog.gz
 -rw-r--r-- /usr/share/doc/kivfoundry/docs/protocol.md
 EOF
     # Nothing that only the tests or make run use, nothing owned by a builder.
@@ -87,6 +94,13 @@ EOF
     done
     zcat "$x/usr/share/man/man1/kivctl.1.gz" | grep -q '^\.SS defaults$' || { rm -rf "$x"; fail "man page lacks the commands"; }
     rm -rf "$x"
+    if command -v lintian >/dev/null; then
+        local out
+        out=$(lintian --fail-on error,warning "$deb" 2>&1) || fail "lintian: $out"
+        note "lintian: no error, no warning"
+    else
+        note "SKIPPED lintian: not installed (scripts/install-deps installs it)"
+    fi
     note "package: $(basename "$deb"), Depends: $depends"
 }
 
@@ -97,6 +111,12 @@ config='Software\Kiv Foundry\Kiv\Config'
 # env exec it, so the pid of `as_kiv ... &` (an array, not a function, which
 # would fork a subshell) is the program's own.
 as_kiv=(setpriv --reuid=kiv --regid=kiv --init-groups env -u XDG_CONFIG_HOME -u KIV_ROOT)
+as_directory=(setpriv --reuid=kiv-directory --regid=kiv-directory --init-groups)
+# The served folders preseeded before the first install: a relative one is
+# dropped, a missing one kept.
+served_answer='/srv/kiv media:relative/folder:/srv/missing'
+served_setting='/srv/kiv media:/srv/missing'
+
 setting() { "${as_kiv[@]}" HOME="$kiv_home" /usr/bin/kivctl defaults read "$config" "$1"; }
 
 check_installed() {
@@ -108,7 +128,12 @@ check_installed() {
     [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] || fail "kiv has a login shell"
     [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] || fail "kiv is not a system user"
     mode_is "$kiv_home" 700 kiv:kiv
-    mode_is "$users_conf" 640 root:kiv
+    pw=$(getent passwd kiv-directory) || fail "no user kiv-directory"
+    [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] && [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] ||
+        fail "kiv-directory is not a system user without a shell: $pw"
+    mode_is "$users_conf" 640 root:kiv-directory
+    if "${as_kiv[@]}" cat "$users_conf" >/dev/null 2>&1; then fail "the proxy's user kiv can read $users_conf"; fi
+    "${as_directory[@]}" cat "$users_conf" >/dev/null || fail "kiv-directory cannot read $users_conf"
     mode_is /etc/kivfoundry/kivctl.password 600 root:root
     mode_is /etc/kivfoundry/admin.password 600 root:root
     mode_is /etc/kivfoundry/cab-directory.conf 644 root:root
@@ -157,7 +182,7 @@ run_services() {
         return 0
     fi
     view=$(hardened_view)
-    chroot "$view" "${as_kiv[@]}" HOME="$kiv_home" /usr/sbin/nats-server -c /etc/kivfoundry/cab-directory.conf \
+    chroot "$view" "${as_directory[@]}" /usr/sbin/nats-server -c /etc/kivfoundry/cab-directory.conf \
         >/tmp/directory.log 2>&1 &
     nats=$!
     # The proxy starts once the directory listens (its unit's ExecStartPost).
@@ -174,6 +199,11 @@ run_services() {
         fail "kivctl version got no answer from the installed proxy on port $port"
     fi
     ask | head -n 3
+    # At the default LogLevel the log file keeps no INFO line; the service's
+    # standard error (the journal) still says where it connected.
+    grep -q "Connected to the directory at nats://127.0.0.1:$port as VorpaMediaProxy" /tmp/proxy.log ||
+        { cat /tmp/proxy.log >&2; fail "the proxy's standard error does not say where it connected"; }
+    readme_commands "$port"
     # Another user's password is refused.
     printf 'not-the-password-0123456789\n' >/tmp/wrong.password
     if /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl --password-file /tmp/wrong.password \
@@ -195,12 +225,51 @@ run_services() {
     note "services: answered on 127.0.0.1:$port, a crash exited 0 and was filed in $reports"
 }
 
+# The unit's start back-off, as kiv in a runtime folder of its own: short
+# runs in a row are counted and make the start wait (capped), a long run
+# clears the count.
+check_backoff() {
+    local dir out
+    dir=$(mktemp -d) && chown kiv:kiv "$dir"
+    backoff() { "${as_kiv[@]}" RUNTIME_DIRECTORY="$dir" KIV_MAX_WAIT=1 /usr/lib/kivfoundry/kiv-start-backoff "$1" 2>&1; }
+    out=$(backoff start; backoff stopped; backoff start; backoff stopped; backoff start)
+    [ "$(cat "$dir/short-runs")" = 2 ] || fail "kiv-start-backoff counted $(cat "$dir/short-runs") short runs, want 2"
+    grep -qx 'kiv-start-backoff: 2 short runs in a row; starting in 1 s' <<<"$out" || fail "kiv-start-backoff: $out"
+    echo 0 >"$dir/started"
+    backoff stopped >/dev/null
+    [ "$(cat "$dir/short-runs")" = 0 ] || fail "a long run did not clear the count of short runs"
+    rm -rf "$dir"
+    note "kiv-start-backoff: short runs counted and waited for, a long run clears them"
+}
+
+# The README's commands for a kivctl credential ("A credential for kivctl"),
+# as root, as written (the port is the installed one); then an unreadable
+# password file must not store an empty password.
+readme_commands() {
+    local port=$1 commands
+    commands=$(sed -n '/^### A credential for kivctl/,/^The "kivctl" user/{/^    /s/^    //p}' \
+        /usr/share/doc/kivfoundry/README.md | sed "s/127\.0\.0\.1:4223/127.0.0.1:$port/; s/-int 4223/-int $port/")
+    [ "$(wc -l <<<"$commands")" -ge 5 ] || fail "the README's kivctl commands were not found: $commands"
+    local out
+    out=$(cd /root && env -u XDG_CONFIG_HOME HOME=/root bash -euo pipefail -c "$commands" 2>&1) ||
+        fail "the README's commands failed: $out"
+    [ "$(grep -c 'VorpaMediaProxy' <<<"$out")" -ge 2 ] || fail "the README's kivctl list lines do not list the proxy: $out"
+    if (cd /root && HOME=/root kivctl defaults write 'Software\Kiv Foundry\Kiv\Config' cabDirectory.password \
+        -string "$(cat /nonexistent/kivctl.password 2>/dev/null)") 2>/dev/null; then
+        fail "kivctl stored an empty password"
+    fi
+    note "README: the administrator's kivctl commands work as root, an empty password is refused"
+}
+
 inside() {
     local deb=$1 out
     [ -d /run/systemd/system ] && fail "systemd runs in the throw-away root"
+    export DEBIAN_FRONTEND=noninteractive
+    echo "kivfoundry kivfoundry/served-folders string $served_answer" | debconf-set-selections
     note "dpkg -i"
     dpkg -i "$deb"
     check_installed
+    [ "$(setting files.roots)" = "$served_setting" ] || fail "files.roots is '$(setting files.roots)', want '$served_setting'"
     [ "$(setting cabDirectory.port)" = 4223 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4223"
     grep -q '^listen: 127.0.0.1:4223$' /etc/kivfoundry/cab-directory.conf || fail "the directory does not listen on 4223"
 
@@ -215,20 +284,28 @@ inside() {
     if command -v man >/dev/null; then man -w kivctl >/dev/null || fail "man kivctl finds no page"; fi
 
     run_services 4223
+    check_backoff
 
     # A changed port in the conffile survives a reinstall and reaches the
     # proxy's settings; the passwords stay.
     local before
     before=$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)
     sed -i 's/^listen: 127.0.0.1:4223$/listen: 127.0.0.1:4333/' /etc/kivfoundry/cab-directory.conf
+    # Served folders set by hand outlive dpkg-reconfigure and upgrades.
+    "${as_kiv[@]}" HOME="$kiv_home" /usr/bin/kivctl defaults write "$config" files.roots -string /srv/by-hand
     if command -v dpkg-reconfigure >/dev/null; then
         note "dpkg-reconfigure, after a port change"
         dpkg-reconfigure kivfoundry
         [ "$(setting cabDirectory.port)" = 4333 ] || fail "dpkg-reconfigure did not set cabDirectory.port to 4333"
     fi
-    note "dpkg -i again"
+    # The state an earlier version left: no user kiv-directory, the users
+    # file readable by the group kiv.
+    chown root:kiv "$users_conf"
+    userdel kiv-directory
+    note "dpkg -i again, as an upgrade from a version without kiv-directory"
     dpkg -i "$deb"
     check_installed
+    [ "$(setting files.roots)" = /srv/by-hand ] || fail "the served folders set by hand became '$(setting files.roots)'"
     [ "$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)" = "$before" ] || fail "a reinstall changed the passwords"
     grep -q '^listen: 127.0.0.1:4333$' /etc/kivfoundry/cab-directory.conf || fail "a reinstall replaced the edited conffile"
     [ "$(setting cabDirectory.port)" = 4333 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4333"
@@ -248,6 +325,7 @@ inside() {
         [ ! -e "$p" ] || fail "purge left $p"
     done
     if dpkg-query -W -f='${Status}' kivfoundry 2>/dev/null | grep -q installed; then fail "kivfoundry is still known to dpkg"; fi
+    [ -z "$(debconf-show kivfoundry 2>/dev/null)" ] || fail "purge left the debconf answers: $(debconf-show kivfoundry)"
     note "install, reinstall, remove and purge: all maintainer scripts passed"
 }
 

@@ -1,6 +1,9 @@
 #include "tools/KivRequestProxy/KivModuleBase.h"
 
+#include <time.h>
 #include <unistd.h>
+
+#include <cerrno>
 
 #include <cstdio>
 #include <stdexcept>
@@ -11,7 +14,13 @@ KivModuleBase* KivModuleBase::kivModule = nullptr;
 
 namespace {
 const int64_t kLogSizeLimit = 524288;
+
+int64_t monotonicMs() {
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
+}  // namespace
 
 KivModuleBase::KivModuleBase(const CStdStr& name) : m_name(name), m_crashHandler(name.c_str()) {
     if (kivModule) {
@@ -46,9 +55,23 @@ KivModuleBase::~KivModuleBase() {
 }
 
 void KivModuleBase::run() {
-    int signal = 0;
-    int rc = sigwait(&m_signals, &signal);
-    if (rc != 0) printf("error waiting signal: %d\n", rc);
+    const timespec tick = {m_tickMs / 1000, (m_tickMs % 1000) * 1000000L};
+    for (;;) {
+        m_lastTurnMs.store(monotonicMs());
+        int signal = sigtimedwait(&m_signals, nullptr, &tick);
+        if (signal > 0) {
+            m_stopSignal = signal;
+            return;
+        }
+        if (errno == EAGAIN || errno == EINTR) continue;
+        printf("error waiting signal: %d\n", errno);
+        return;
+    }
+}
+
+bool KivModuleBase::runLoopTurnedWithin(int64_t ms) const {
+    const int64_t last = m_lastTurnMs.load();
+    return last != 0 && monotonicMs() - last <= ms;
 }
 
 void KivModuleBase::abort() { kill(getpid(), SIGTERM); }

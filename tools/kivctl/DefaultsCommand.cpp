@@ -11,6 +11,7 @@
 #include "host/CRegistry.h"
 #include "host/Preferences.h"
 #include "host/PreferencesCodec.h"
+#include "host/SettingsSecrets.h"
 #include "tools/kivctl/Command.h"
 
 namespace {
@@ -29,7 +30,8 @@ const char kUsage[] =
     "                  strings as their bytes; then a line end.\n"
     "read DOMAIN       prints the whole domain as a JSON object.\n"
     "write             stores VALUE with the given type (default -string);\n"
-    "                  -bool takes true/false, yes/no or 1/0.\n"
+    "                  -bool takes true/false, yes/no or 1/0. An empty\n"
+    "                  credential (a password or token) is refused.\n"
     "delete            removes one key, or the whole domain.\n"
     "domains           lists the domains that exist, one per line.\n"
     "\n"
@@ -115,6 +117,12 @@ int writeCommand(const std::vector<std::string>& pos) {
         if (!parseBool(text, b)) return kivctl::usageError(self(), "'" + text + "' is not a boolean");
         value = Preferences::Value::ofBool(b);
     } else if (type == "-string") {
+        // An empty credential is a mistake (a password file that was not
+        // read, say), never a password: the program would then connect
+        // without one and be refused.
+        if (SettingsSecrets::IsSecretName(pos[2]) && text.find_first_not_of(" \t\r\n") == std::string::npos)
+            return kivctl::usageError(self(), "refusing to store an empty " + pos[2] +
+                                                  "; to remove it: kivctl defaults delete DOMAIN " + pos[2]);
         value = Preferences::Value::ofString(text);
     } else {
         return kivctl::usageError(self(), "unknown type '" + type + "' (use -int, -bool or -string)");
