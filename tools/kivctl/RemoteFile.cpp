@@ -40,6 +40,20 @@ int sizeOf(ProxySession& session, const std::string& path, long long* size) {
 
 }  // namespace
 
+int readRemote(ProxySession& session, const std::string& path, unsigned long long offset, unsigned long long length,
+               std::string* bytes) {
+    CLocalVariant in, out;
+    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
+    VUtil::PutElement(in.get(), 0, CStdStr(path));
+    VUtil::PutElement(in.get(), 1, static_cast<long long>(offset));
+    VUtil::PutElement(in.get(), 2, static_cast<long long>(length));
+    int status = session.request("GetFile", in.get(), out.ptr());
+    bytes->clear();
+    if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1) && out.get().parray)
+        bytes->assign(static_cast<const char*>(out.get().parray->pvData), out.get().parray->rgsabound[0].cElements);
+    return status;
+}
+
 int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size) {
     long long bytes = -1;
     int status = sizeOf(session, path, &bytes);
@@ -48,11 +62,29 @@ int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind
         return kOk;
     }
     if (status != 0) return exitFor(status);
+    if (size) *size = bytes;
     status = sizeOf(session, path + "/.", nullptr);
     if (status != 0 && status != 404) return exitFor(status);
     *kind = status == 0 ? RemoteKind::Folder : RemoteKind::File;
-    if (size) *size = bytes;
+    // The services answer an unreadable file as an empty one; a file that has
+    // bytes but gives none cannot be read.
+    std::string first;
+    if (*kind == RemoteKind::File && bytes > 0) {
+        if ((status = readRemote(session, path, 0, 1, &first)) != 0) return exitFor(status);
+        if (first.empty()) *kind = RemoteKind::Unreadable;
+    }
     return kOk;
+}
+
+std::string remoteProblem(const std::string& path, RemoteKind kind) {
+    switch (kind) {
+        case RemoteKind::Missing:
+            return path + ": no such file on the proxy's machine, or outside the folders it serves";
+        case RemoteKind::Folder: return path + " is a folder on the proxy's machine";
+        case RemoteKind::Unreadable: return "the proxy cannot read " + path + " (no permission, or not a plain file)";
+        case RemoteKind::File: break;
+    }
+    return path;
 }
 
 }  // namespace kivctl

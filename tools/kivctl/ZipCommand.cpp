@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "files/CFileTools.h"
+#include "files/PathMediumId.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
 #include "tools/kivctl/Interrupt.h"
@@ -109,19 +109,18 @@ int run(int argc, char** argv) {
         int rc = kivctl::probeRemote(session, path, &kind);
         if (rc != kivctl::kOk) return rc;
         if (kind == kivctl::RemoteKind::File) continue;
-        fprintf(stderr, "%s: %s: %s\n", kWho, path.c_str(),
-                kind == kivctl::RemoteKind::Missing ? "no such file on the proxy's machine"
-                                                    : "a folder on the proxy's machine; give its files (FOLDER/*)");
+        fprintf(stderr, "%s: %s%s\n", kWho, kivctl::remoteProblem(path, kind).c_str(),
+                kind == kivctl::RemoteKind::Folder ? "; give its files (FOLDER/*)" : "");
         ++refused;
     }
     if (refused) return kivctl::kStatus;
 
-    // [context, medium id...]: file-browser ids of the paths.
+    // [context, medium id...]: the ids of the paths.
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, paths.size() + 1);
     VUtil::PutElement(in.get(), 0, "kivctl");
     for (size_t i = 0; i < paths.size(); ++i)
-        VUtil::PutElement(in.get(), static_cast<int>(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
+        VUtil::PutElement(in.get(), static_cast<int>(i + 1), PathMediumId::FromPath(CStdStr(paths[i])));
     if (kivctl::progressWanted(false))
         fprintf(stderr, "asking the proxy for an archive of %zu files...\n", paths.size());
     int status = session.request("CreateZip", in.get(), out.ptr());
