@@ -1,4 +1,7 @@
 // kivctl call SATELLITE SERVICE [JSON]: one request, answer printed as JSON.
+#include <unistd.h>
+
+#include <atomic>
 #include <cstdio>
 
 #include <nlohmann/json.hpp>
@@ -8,6 +11,7 @@
 #include "tools/kivctl/DisplayJson.h"
 #include "tools/kivctl/Explain.h"
 #include "tools/kivctl/JsonArgument.h"
+#include "tools/kivctl/SatelliteWatch.h"
 
 namespace {
 
@@ -52,7 +56,27 @@ int run(int argc, char** argv) {
         VariantClear(&in);
         return rc;
     }
-    client.Request(pos[0].c_str(), pos[1].c_str(), in, &out, 0, &codes);
+    // A satellite that ends during the request (GenerateCrash does) never
+    // answers: once it has left the directory, say so instead of waiting for the time-out.
+    const std::string satellite = pos[0].substr(0, pos[0].find('@'));
+    std::atomic<bool> said{false};
+    auto ended = [&] {
+        if (said.exchange(true)) return;
+        const std::string text = kivctl::endedText(satellite, pos[1]);
+        nlohmann::json j;
+        j["status"] = CAB_E_CONNECTION_LOST;
+        j["out"] = nullptr;
+        j["error"] = std::string("CAB_E_CONNECTION_LOST: ") + text + ": cab." + pos[0] + "." + pos[1];
+        printf("%s\n", j.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+        fflush(stdout);
+        fprintf(stderr, "kivctl call: %s\n", text.c_str());
+        _exit(kivctl::kFailure);
+    };
+    {
+        kivctl::SatelliteWatch watch(client, satellite, ended);
+        client.Request(pos[0].c_str(), pos[1].c_str(), in, &out, 0, &codes);
+        said.store(true);
+    }
     int status = CabRetcode(codes);
     nlohmann::json j;
     j["status"] = status;

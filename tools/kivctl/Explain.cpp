@@ -101,10 +101,7 @@ std::string explainFailure(CabSatellite& client, const std::string& target, cons
     if (!client.isConnected() || !discoverServices(client, &found)) return "";
     auto it = found.find(satellite);
     if (status != CAB_E_NO_SUCH_SERVICE) {
-        if (it != found.end()) return "";
-        return satellite + " ended during the request: it no longer answers on the directory" +
-               (service == "GenerateCrash" ? " (GenerateCrash makes it crash; 'kivctl crashes' lists the report)"
-                                           : " (crashed or stopped; 'kivctl crashes' lists crash reports)");
+        return it == found.end() ? endedText(satellite, service) : "";
     }
     if (it == found.end()) {
         std::vector<std::string> names;
@@ -119,6 +116,12 @@ std::string explainFailure(CabSatellite& client, const std::string& target, cons
     }
     if (at != std::string::npos) return "no " + satellite + " serves host '" + target.substr(at + 1) + "'";
     return "";
+}
+
+std::string endedText(const std::string& satellite, const std::string& service) {
+    return satellite + " ended during the request: it no longer answers on the directory" +
+           (service == "GenerateCrash" ? " (GenerateCrash makes it crash; 'kivctl crashes' lists the report)"
+                                       : " (crashed or stopped; 'kivctl crashes' lists crash reports)");
 }
 
 std::string missingArgument(const std::string& target, const std::string& service, const tagVARIANT& in) {

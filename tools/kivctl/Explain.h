@@ -20,6 +20,9 @@ namespace kivctl {
 std::string explainFailure(CabSatellite& client, const std::string& target, const std::string& service, int status,
                            const std::string& user);
 
+// What kivctl says of `satellite` leaving the directory during a request to `service`.
+std::string endedText(const std::string& satellite, const std::string& service);
+
 // For a proxy service that threw on `in`: which of its arguments is missing
 // ("my-KIV_TailLog takes [path, count]: the count (element 1) is missing"),
 // or "" when the input has all of them or the service is not the proxy's.
