@@ -107,6 +107,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     }
     kivtest::runCommand("kill $(cat " + pid + ")");
     EXPECT_THAT(kivtest::readFile(capture), Not(HasSubstr("old line\nadded\nold"))) << "truncated part again";
+    // Read with the request the proxy does not log: following its own log adds nothing to it.
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + followed)));
 }
 
 // Crash reports: found under KIV_ROOT, or in the var/root of a checkout that
