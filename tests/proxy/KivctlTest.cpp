@@ -133,8 +133,9 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
 // A directory that refuses the credential: the reason once, and where kivctl
 // takes its credential from; one that refuses a service: who may not call what.
 TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
-    kivtest::NatsServer guarded(64 * 1024, "authorization { users = [{user: someone, password: secret,\n"
-                                           "  permissions: {publish: {deny: [\"cab.*.GenerateCrash\"]}}}] }\n");
+    kivtest::NatsServer guarded(64 * 1024, "authorization { users = [{user: proxy, password: p},\n"
+        "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash\",\n"
+        "  \"cab.*.my-KIV_TailLog\"]}}}] }\n");
     ASSERT_TRUE(guarded.start()) << guarded.error();
     int status = -1;
     const std::string out =
@@ -144,12 +145,35 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     EXPECT_EQ(out.find("Violation"), out.rfind("Violation")) << "said once\n" << out;
     EXPECT_THAT(out, HasSubstr("--password-file"));
     EXPECT_THAT(out, HasSubstr("var/kivctl"));
+
+    // A proxy of its own settings; a user who may not call GenerateCrash nor my-KIV_TailLog.
     kivtest::TempDir dir;
+    const std::string settings = "XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
+                                 " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' cabDirectory.";
+    kivtest::runCommand(settings + "port -int " + std::to_string(guarded.port()) + " && " + settings +
+                        "user -string proxy && " + settings + "password -string p");
+    kivtest::ProxyProcess proxy;
+    CabClient client;
+    client.setUser("someone", "secret");
+    ASSERT_EQ(client.Connect(guarded.hostPort().c_str(), "KivctlTestClient"), 0);
+    ASSERT_TRUE(proxy.start({{"XDG_CONFIG_HOME", dir.file("settings")}}, dir.file("proxy.out")) &&
+                proxy.waitUntilServing(client)) << kivtest::readFile(dir.file("proxy.out"));
     kivtest::writeFile(dir.file("password"), "secret\n");
-    const std::string refused = kivtest::runCommand(kKivctl + " --server " + guarded.hostPort() +
-        " --user someone --password-file " + dir.file("password") + " call VorpaMediaProxy GenerateCrash 2>&1", &status);
-    EXPECT_EQ(status, 2) << refused;
-    EXPECT_THAT(refused, HasSubstr("does not let user 'someone' call GenerateCrash of VorpaMediaProxy (an admin"));
+    kivtest::writeFile(dir.file("a.txt"), "abc");
+    const std::string as = kKivctl + " --server " + guarded.hostPort() + " --user someone --password-file " +
+                           dir.file("password") + " ";
+    // Without my-KIV_TailLog a file still comes; a path that gives no byte is refused, saying why.
+    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
+        {"call VorpaMediaProxy GenerateCrash", 2,
+         "does not let user 'someone' call GenerateCrash of VorpaMediaProxy (an admin"},
+        {"get " + dir.file("a.txt") + " -o " + dir.file("b.txt"), 0, "3 bytes"},
+        {"get " + dir.file("none") + " -o " + dir.file("b.txt"), 1, "cannot ask which"},
+    };
+    for (const auto& [command, exit, says] : cases) {
+        const std::string said = kivtest::runCommand(as + command + " 2>&1", &status);
+        EXPECT_EQ(status, exit) << said;
+        EXPECT_THAT(said, HasSubstr(says));
+    }
 }
 
 // Every "kivctl call" example of docs/services.md, run against the proxy with

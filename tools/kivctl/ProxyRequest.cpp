@@ -17,13 +17,13 @@ ProxySession::ProxySession(const Args& args) : m_target(kProxyName), m_user(dire
 
 ProxySession::~ProxySession() { m_client.Disconnect(); }
 
-int ProxySession::request(const char* service, const tagVARIANT& in, tagVARIANT* out) {
+int ProxySession::request(const char* service, const tagVARIANT& in, tagVARIANT* out, int unreported) {
     tagVARIANT codes;
     VariantInit(&codes);
     m_client.Request(m_target.c_str(), service, in, out, 0, &codes);
     int status = CabRetcode(codes);
     VariantClear(&codes);
-    if (CabIsLibraryStatus(status)) {
+    if (CabIsLibraryStatus(status) && status != unreported) {
         fprintf(stderr, "kivctl: %s: %s\n", service, CabGetLastError().c_str());
         const std::string why = explain(m_target, service, status);
         if (!why.empty()) fprintf(stderr, "kivctl: %s\n", why.c_str());

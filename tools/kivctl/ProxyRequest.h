@@ -24,7 +24,8 @@ public:
     // Sends `in` to `service`; returns the service's status or a negative
     // library code, and prints the library's error text for the latter with
     // what explainFailure (Explain.h) adds.
-    int request(const char* service, const tagVARIANT& in, tagVARIANT* out);
+    // Nothing is printed for the status `unreported` (one the caller handles).
+    int request(const char* service, const tagVARIANT& in, tagVARIANT* out, int unreported = 0);
     // explainFailure for a request of this session's client to `target`.
     std::string explain(const std::string& target, const std::string& service, int status);
 

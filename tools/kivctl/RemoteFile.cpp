@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "tools/kivctl/Download.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -27,7 +28,7 @@ int sizeOf(ProxySession& session, const std::string& path, long long* size) {
     VUtil::CreateArray(in.get(), VT_VARIANT, 2);
     VUtil::PutElement(in.get(), 0, CStdStr(path));
     VUtil::PutElement(in.get(), 1, 0L);
-    int status = session.request("my-KIV_TailLog", in.get(), out.ptr());
+    int status = session.request("my-KIV_TailLog", in.get(), out.ptr(), CAB_E_PERMISSION_DENIED);
     if (status == 0 && size) {
         try {
             *size = static_cast<uint32_t>(VUtil::GetLongElement(out.get(), 0));
@@ -54,9 +55,23 @@ int readRemote(ProxySession& session, const std::string& path, unsigned long lon
     return status;
 }
 
+// Without "my-KIV_TailLog": the size from "QueryFileSize", the first byte from "GetFile".
+int probeWithoutTail(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size) {
+    long long total = -1;
+    std::string first;
+    int rc = remoteFileSize(session, path, &total, "kivctl");
+    if (rc != kOk) return rc;
+    int status = readRemote(session, path, 0, 1, &first);
+    if (status != 0) return exitFor(status);
+    *kind = !first.empty() ? RemoteKind::File : total > 0 ? RemoteKind::Unreadable : RemoteKind::NoByte;
+    if (size) *size = total < 0 ? -1 : (total & 0xFFFFFFFFLL);
+    return kOk;
+}
+
 int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size) {
     long long bytes = -1;
     int status = sizeOf(session, path, &bytes);
+    if (status == CAB_E_PERMISSION_DENIED) return probeWithoutTail(session, path, kind, size);
     if (status == 404) {
         *kind = RemoteKind::Missing;
         return kOk;
@@ -82,6 +97,10 @@ std::string remoteProblem(const std::string& path, RemoteKind kind) {
             return path + ": no such file on the proxy's machine, or outside the folders it serves";
         case RemoteKind::Folder: return path + " is a folder on the proxy's machine";
         case RemoteKind::Unreadable: return "the proxy cannot read " + path + " (no permission, or not a plain file)";
+        case RemoteKind::NoByte:
+            return path + ": the proxy gives no byte of it: it is empty, or missing, outside the folders it "
+                          "serves or a folder (kivctl cannot ask which: the directory does not let this user "
+                          "call my-KIV_TailLog)";
         case RemoteKind::File: break;
     }
     return path;

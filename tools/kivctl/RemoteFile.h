@@ -14,11 +14,14 @@ namespace kivctl {
 std::string absolutePath(const std::string& path);
 
 // Unreadable: the proxy sees a file of some bytes but reads none of them.
-enum class RemoteKind { File, Folder, Missing, Unreadable };
+// NoByte: without "my-KIV_TailLog" (which a directory may keep for admins),
+// a path that gives no byte: an empty file, or missing, or a folder.
+enum class RemoteKind { File, Folder, Missing, Unreadable, NoByte };
 
 // What `path` names on the proxy's machine, asked through "my-KIV_TailLog"
 // with a count of 0 (404: missing; "path/." answering: a folder) and, for a
-// file that is not empty, "GetFile" of its first byte. Returns an exit code;
+// file that is not empty, "GetFile" of its first byte; when the directory
+// refuses "my-KIV_TailLog", "QueryFileSize" and that byte. Returns an exit code;
 // a library failure is already printed and gives kFailure. *size gets the
 // size's low 32 bits (all "my-KIV_TailLog" tells).
 int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size = nullptr);
