@@ -97,8 +97,14 @@ std::string explainFailure(CabSatellite& client, const std::string& target, cons
                                    : " (another credential is needed: --user and --password-file)");
     }
     if (status != CAB_E_NO_SUCH_SERVICE && status != CAB_E_CONNECTION_LOST && status != CAB_E_TIMEOUT) return "";
-    std::map<std::string, std::set<std::string>> found;
-    if (!client.isConnected() || !discoverServices(client, &found)) return "";
+    // Asked once per run: a group of failed sub-requests waits for one round, not one each.
+    static std::map<std::string, std::set<std::string>> found;
+    static bool asked = false, answered = false;
+    if (!asked && client.isConnected()) {
+        asked = true;
+        answered = discoverServices(client, &found);
+    }
+    if (!answered) return "";
     auto it = found.find(satellite);
     if (status != CAB_E_NO_SUCH_SERVICE) {
         return it == found.end() ? endedText(satellite, service) : "";

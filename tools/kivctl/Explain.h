@@ -16,7 +16,9 @@ namespace kivctl {
 // One sentence for a request to `target` (SATELLITE or SATELLITE@HOST) and
 // `service` that failed with the library code `status`, or "" when there is
 // nothing to add. `user` is the directory user kivctl connected as ("" for
-// none). May ask the directory's discovery through `client` (up to a second).
+// none). Asks the directory's discovery through `client` (for up to a
+// second) the first time it needs to, and keeps the answer for the run; call
+// it from one thread.
 std::string explainFailure(CabSatellite& client, const std::string& target, const std::string& service, int status,
                            const std::string& user);
 
