@@ -171,8 +171,8 @@ int run(int argc, char** argv) {
             bool same = false;
             if ((rc = endsAlike(session, path, from, offset, &same)) != kivctl::kOk) return rc;
             if (!same) {
-                fprintf(stderr, "%s: %s does not end as %s does before byte %llu: the file changed on the proxy's "
-                                "machine; starting again from 0\n",
+                fprintf(stderr, "%s: %s does not end as %s does before byte %llu (the file changed, or it "
+                                "is another one); starting again from 0\n",
                         kWho, from.c_str(), path.c_str(), offset);
                 offset = 0;
             }

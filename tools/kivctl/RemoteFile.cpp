@@ -20,9 +20,6 @@ std::string absolutePath(const std::string& path) {
     return base + (base == "/" ? "" : "/") + path;
 }
 
-namespace {
-
-// "my-KIV_TailLog" of 0 bytes: the service's status; *size gets the size.
 int sizeOf(ProxySession& session, const std::string& path, long long* size) {
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, 2);
@@ -39,8 +36,6 @@ int sizeOf(ProxySession& session, const std::string& path, long long* size) {
     return status;
 }
 
-}  // namespace
-
 int readRemote(ProxySession& session, const std::string& path, unsigned long long offset, unsigned long long length,
                std::string* bytes) {
     CLocalVariant in, out;
@@ -55,6 +50,8 @@ int readRemote(ProxySession& session, const std::string& path, unsigned long lon
     return status;
 }
 
+namespace {
+
 // Without "my-KIV_TailLog": the size from "QueryFileSize", the first byte from "GetFile".
 int probeWithoutTail(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size) {
     long long total = -1;
@@ -67,6 +64,8 @@ int probeWithoutTail(ProxySession& session, const std::string& path, RemoteKind*
     if (size) *size = total < 0 ? -1 : (total & 0xFFFFFFFFLL);
     return kOk;
 }
+
+}  // namespace
 
 int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind, long long* size) {
     long long bytes = -1;

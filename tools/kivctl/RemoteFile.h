@@ -13,6 +13,12 @@ namespace kivctl {
 // kept; the proxy's file system resolves them).
 std::string absolutePath(const std::string& path);
 
+// The size of `path` (its low 32 bits) from "my-KIV_TailLog" with a count of
+// 0, which neither reads the file nor waits for an archive being written:
+// the service's status (404: missing), a library failure already printed
+// (but for CAB_E_PERMISSION_DENIED, which the caller handles).
+int sizeOf(ProxySession& session, const std::string& path, long long* size);
+
 // Unreadable: the proxy sees a file of some bytes but reads none of them.
 // NoByte: without "my-KIV_TailLog" (which a directory may keep for admins),
 // a path that gives no byte: an empty file, or missing, or a folder.

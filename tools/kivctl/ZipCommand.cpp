@@ -57,9 +57,8 @@ int finalSize(kivctl::ProxySession& session, const std::string& zip, long long e
             kivctl::Progress bar(true, "writing ", 0, estimate);
             long long written = 0;
             while (!done.load()) {
-                kivctl::RemoteKind kind;
                 long long now = -1;
-                if (kivctl::probeRemote(session, zip, &kind, &now) == kivctl::kOk && now >= 0) written = now;
+                if (kivctl::sizeOf(session, zip, &now) == 0 && now >= 0) written = now;
                 bar.update(static_cast<unsigned long long>(written), false);
                 for (int i = 0; i < 5 && !done.load(); ++i) usleep(50 * 1000);
             }
