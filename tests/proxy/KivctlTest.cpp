@@ -43,9 +43,11 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}, {}},
         // Which name is wrong, and the nearest one; the service's own text kept.
         {"call NoSuchSatellite Echo", 2, {"-1002", "no satellite 'NoSuchSatellite' is running"}, {}},
-        {"call VorpaMediaProxi my-KIV_GetVersion", 2, {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"}, {}},
+        {"call VorpaMediaProxi my-KIV_GetVersion", 2,
+         {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"}, {}},
         {"call VorpaMediaProxy GetFil", 2, {"has no service 'GetFil'; did you mean 'GetFile'?"}, {}},
-        {"call VorpaMediaProxy my-KIV_TailLog '[\"f\"]'", 2, {"SafeArrayGetElement", "the count (element 1) is missing"}, {}},
+        {"call VorpaMediaProxy my-KIV_TailLog '[\"f\"]'", 2,
+         {"SafeArrayGetElement", "the count (element 1) is missing"}, {}},
         {"call VorpaMediaProxy Echo '[1,'", 64, {"column 4", "hint: the text ends early"}, {"parse_error"}},
         {"call EchoA Echo '" + std::string(date) + "'", 0, {when}, {}},
         {"multi '[[\"EchoA\",\"Echo\"," + std::string(date) + "]]'", 0, {when}, {}},

@@ -15,8 +15,10 @@ std::string hintAt(const std::string& text, size_t at) {
     const char c = text[at];
     size_t before = at;
     while (before > 0 && isspace(static_cast<unsigned char>(text[before - 1]))) --before;
-    if (c == '\'') return "strings take double quotes (\"...\"); quote the whole argument with single quotes for the shell";
-    if ((c == ']' || c == '}') && before > 0 && text[before - 1] == ',') return "remove the comma before the '" + std::string(1, c) + "'";
+    if (c == '\'')
+        return "strings take double quotes (\"...\"); quote the whole argument with single quotes for the shell";
+    if ((c == ']' || c == '}') && before > 0 && text[before - 1] == ',')
+        return "remove the comma before the '" + std::string(1, c) + "'";
     size_t word = at;  // a word the parser read up to here
     while (word > 0 && isalnum(static_cast<unsigned char>(text[word - 1]))) --word;
     if (isalpha(static_cast<unsigned char>(c)) || (word < at && isalpha(static_cast<unsigned char>(text[word]))))
