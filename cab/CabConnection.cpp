@@ -9,6 +9,7 @@
 #include "cab/CabSatellite.h"
 #include "cab/CabStatus.h"
 #include "cab/CabWire.h"
+#include "host/SettingsSecrets.h"
 
 namespace {
 const int kCloseFlushMs = 2000;  // a safety net: the round trip takes a millisecond
@@ -131,7 +132,7 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
         std::string why = nats_GetLastError(nullptr) ? nats_GetLastError(nullptr) : natsStatus_GetText(s);
         natsOptions_Destroy(opts);
         c->m_closed = true;
-        return CabFail(CAB_E_CONNECT_FAILED, o.url + ": TLS set-up: " + why);
+        return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": TLS set-up: " + why);
     }
     if (s == NATS_OK) s = natsOptions_SetErrorHandler(opts, &CabConnection::onError, c.get());
     if (s == NATS_OK) s = natsOptions_SetTimeout(opts, 5000);
@@ -153,12 +154,13 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     if (s != NATS_OK) {
         c->m_nc = nullptr;
         c->m_closed = true;
-        return CabFail(CAB_E_CONNECT_FAILED, o.url + ": " + natsStatus_GetText(s));
+        return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": " + natsStatus_GetText(s));
     }
     char* inbox = nullptr;
     if (natsInbox_Create(&inbox) != NATS_OK) return CabFail(CAB_E_INTERNAL, "no inbox");
     // A user reads only its own inbox prefix: "_INBOX_<user>.<nuid>".
     c->m_inbox = o.user.empty() ? std::string(inbox) : "_INBOX_" + o.user + (inbox + strlen("_INBOX"));
+    c->m_caller = o.user.empty() ? std::string(cabwire::kAnonymous) : o.user;
     natsInbox_Destroy(inbox);
     natsSubscription* sub = nullptr;
     {

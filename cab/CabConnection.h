@@ -87,6 +87,8 @@ public:
     // CAB_E_NOT_CONNECTED, the state listener is dropped. Idempotent.
     void close();
     natsConnection* nc() const { return m_nc; }
+    // The name this connection's requests carry: its user, or cabwire::kAnonymous.
+    const std::string& caller() const { return m_caller; }
     bool connected() const;
     int64_t maxPayload() const;
     void setStateListener(StateListener listener);
@@ -144,6 +146,7 @@ private:
 
     natsConnection* m_nc = nullptr;  // set in open(), destroyed in the destructor
     std::string m_inbox;             // "_INBOX[_<user>].<nuid>", fixed after open()
+    std::string m_caller;            // the user or "-", fixed after open()
     natsSubscription* m_inboxSub = nullptr;
 
     struct MailEntry {

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/PThread.h"
+#include "host/SettingsSecrets.h"
 
 namespace cablog {
 
@@ -34,7 +35,7 @@ void log(LOGLEVEL level, const char* format, ...) {
     if (logger) {
         logger->AddLog(level, "%s", buf);
     } else if (level <= LOGLEVEL_WARN) {
-        fprintf(stderr, "cab: %s\n", buf);
+        fprintf(stderr, "cab: %s\n", SettingsSecrets::MaskUrlCredentials(buf).c_str());
     }
 }
 

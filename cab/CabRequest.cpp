@@ -1,12 +1,15 @@
 // The requesting side: Request (one answer, in parts under credit when it is
 // large; inline when a satellite asks one of its own services), discovery
 // requests and the directory ping.
+#include <algorithm>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "cab/Cab1.h"
 #include "cab/CabInline.h"
@@ -178,6 +181,14 @@ int64_t nowNs() {
 int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntry>& entry, const char* target,
                   const tagVARIANT& in, tagVARIANT* out) {
     std::string subject = cabwire::serviceSubject(target, entry->name);
+    if (entry->adminsOnly) {
+        // The directory lets only admins ask for it, and no directory sees
+        // this call: whoever asked us to make it gets no more than we may.
+        std::string why = subject + ": a service for admins, not callable through another request" +
+                          (t_caller.empty() ? std::string() : " (on behalf of '" + t_caller + "')");
+        cablog::log(LOGLEVEL_WARN, "Refused request %s", why.c_str());
+        return CabFail(CAB_E_PERMISSION_DENIED, why);
+    }
     if (t_inlineDepth >= kCabMaxInlineDepth) {
         std::string why = subject + ": a request to the satellite's own service nested more than " +
                           std::to_string(kCabMaxInlineDepth) + " deep";
@@ -225,13 +236,15 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
         payload = enc.str();
     }
     std::string subject = cabwire::serviceSubject(target, service);
+    // The request carries who sends it; the directory lets us send only as ourselves.
+    std::string sent = cabwire::requestSubject(subject, conn->caller());
     std::string inbox;
     uint64_t token = 0;
-    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token, subject);
+    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token, sent);
     MailboxGuard guard{conn, token};
 
     natsMsg* m = nullptr;
-    if (natsMsg_Create(&m, subject.c_str(), inbox.c_str(), payload.data(), (int)payload.size()) != NATS_OK)
+    if (natsMsg_Create(&m, sent.c_str(), inbox.c_str(), payload.data(), (int)payload.size()) != NATS_OK)
         return CabFail(CAB_E_INTERNAL, "message not created");
     natsMsgHeader_Set(m, cabwire::kProto, cabwire::kProtoVersion);
     if (flags) natsMsgHeader_Set(m, cabwire::kFlags, std::to_string(flags).c_str());
@@ -310,6 +323,70 @@ int CabSatellite::Request(const char* target, const char* service, const tagVARI
     return CabIsLibraryStatus(status) ? status : 0;
 }
 
+namespace {
+
+// The "name" of a discovery answer; "" when it has none.
+std::string answerName(const std::string& json) {
+    nlohmann::json j = nlohmann::json::parse(json, nullptr, false);
+    if (!j.is_object()) return "";
+    auto n = j.find("name");
+    return n != j.end() && n->is_string() ? n->get<std::string>() : "";
+}
+
+// Sends one discovery request per subject, each to a mailbox of its own,
+// and collects the answers (per subject) until waitMs passed or, after the
+// first answer, they pause for 200 ms.
+int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vector<std::string>& subjects, int waitMs,
+                     std::vector<std::vector<std::string>>* answers) {
+    struct Ask {
+        std::shared_ptr<CabMailbox> box;
+        std::unique_ptr<MailboxGuard> guard;
+    };
+    std::vector<Ask> asks(subjects.size());
+    answers->assign(subjects.size(), {});
+    for (size_t i = 0; i < subjects.size(); ++i) {
+        std::string inbox;
+        uint64_t token = 0;
+        asks[i].box = conn->openMailbox(&inbox, &token);
+        asks[i].guard.reset(new MailboxGuard{conn, token});
+        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), inbox.c_str(), nullptr, 0);
+        if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
+    }
+    struct timespec end = cabDeadline(waitMs);
+    bool any = false;
+    for (;;) {
+        struct timespec deadline = end;
+        if (any) {
+            struct timespec quiet = cabDeadline(200);
+            if (quiet.tv_sec < end.tv_sec || (quiet.tv_sec == end.tv_sec && quiet.tv_nsec < end.tv_nsec))
+                deadline = quiet;
+        }
+        bool got = false;
+        for (size_t i = 0; i < asks.size(); ++i) {
+            int st = 0;
+            // Only the last mailbox waits; the others are emptied as they are.
+            struct timespec now = cabDeadline(0);
+            natsMsg* m = asks[i].box->wait(i + 1 == asks.size() ? deadline : now, &st);
+            if (!m) {
+                if (st != CAB_E_TIMEOUT) return CabFail(st);
+                continue;
+            }
+            got = any = true;
+            if (!natsMsg_IsNoResponders(m))
+                (*answers)[i].emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "",
+                                           (size_t)natsMsg_GetDataLength(m));
+            cabwire::destroy(m);
+        }
+        if (!got) {
+            struct timespec now = cabDeadline(0);
+            if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec))
+                return 0;
+        }
+    }
+}
+
+}  // namespace
+
 int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::vector<std::string>* replies) {
     CabSetLastError("");
     if (!verb || (strcmp(verb, "PING") && strcmp(verb, "INFO") && strcmp(verb, "STATS")))
@@ -318,32 +395,38 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
         return CabFail(CAB_E_INVALID_NAME, std::string("satellite '") + name + "'");
     std::shared_ptr<CabConnection> conn = m_state->connection();
     if (!conn || !conn->connected()) return CabFail(CAB_E_NOT_CONNECTED);
-    std::string inbox;
-    uint64_t token = 0;
-    std::shared_ptr<CabMailbox> box = conn->openMailbox(&inbox, &token);
-    MailboxGuard guard{conn, token};
-    std::string subject = std::string("$SRV.") + verb + (name && *name ? std::string(".") + name : "");
-    natsStatus s = natsConnection_PublishRequest(conn->nc(), subject.c_str(), inbox.c_str(), nullptr, 0);
-    if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
-    struct timespec end = cabDeadline(waitMs);
-    for (;;) {
-        // After the first answer, stop once the answers pause for 200 ms.
-        struct timespec deadline = end;
-        if (replies && !replies->empty()) {
-            struct timespec quiet = cabDeadline(200);
-            if (quiet.tv_sec < end.tv_sec || (quiet.tv_sec == end.tv_sec && quiet.tv_nsec < end.tv_nsec))
-                deadline = quiet;
+    // Any satellite hears "$SRV.<verb>" and could answer in another's name;
+    // "$SRV.<verb>.<name>" reaches only satellite <name> (the directory lets
+    // no other subscribe to it). So the names come from a general PING and
+    // every answer kept from a request addressed to that name alone.
+    std::vector<std::string> names;
+    if (name && *name) {
+        names.push_back(name);
+    } else {
+        std::vector<std::vector<std::string>> pings;
+        int rc = collectDiscovery(conn, {"$SRV.PING"}, waitMs, &pings);
+        if (rc != 0) return rc;
+        for (const std::string& answer : pings[0]) {
+            std::string n = answerName(answer);
+            if (cabwire::validName(n.c_str()) && std::find(names.begin(), names.end(), n) == names.end())
+                names.push_back(n);
         }
-        int st = 0;
-        natsMsg* m = box->wait(deadline, &st);
-        if (!m) {
-            if (st == CAB_E_TIMEOUT) return 0;
-            return CabFail(st);
-        }
-        if (!natsMsg_IsNoResponders(m) && replies)
-            replies->emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "", (size_t)natsMsg_GetDataLength(m));
-        cabwire::destroy(m);
     }
+    std::vector<std::string> subjects;
+    for (const std::string& n : names) subjects.push_back(std::string("$SRV.") + verb + "." + n);
+    std::vector<std::vector<std::string>> answers;
+    int rc = collectDiscovery(conn, subjects, waitMs, &answers);
+    if (rc != 0) return rc;
+    for (size_t i = 0; i < names.size(); ++i)
+        for (std::string& answer : answers[i]) {
+            if (answerName(answer) != names[i]) {
+                cablog::log(LOGLEVEL_WARN, "Discovery answer for %s naming another satellite ignored",
+                            names[i].c_str());
+                continue;
+            }
+            if (replies) replies->push_back(std::move(answer));
+        }
+    return 0;
 }
 
 int CabSatellite::DirectoryPingSatellite(const char*, const char* name, unsigned short, int timeoutMs,

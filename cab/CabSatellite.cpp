@@ -398,8 +398,8 @@ int CabSatellite::RegisterServices() {
     for (auto& l : listen) {
         const std::shared_ptr<CabServiceEntry>& e = l.first;
         const std::string& subject = l.second;
-        subjects.push_back(subject);
-        natsSubscription* sub = conn->subscribeSync(subject, name);
+        subjects.push_back(cabwire::listenSubject(subject));
+        natsSubscription* sub = conn->subscribeSync(subjects.back(), name);
         bool served = sub && dispatcher->add(sub, [wstate, wconn, e](natsMsg* msg) {
             std::shared_ptr<CabSatelliteState> st = wstate.lock();
             std::shared_ptr<CabConnection> c = wconn.lock();
@@ -407,8 +407,11 @@ int CabSatellite::RegisterServices() {
                 cabwire::destroy(msg);
                 return;
             }
+            // Only a request we may answer is owed an answer at shutdown.
             const char* reply = natsMsg_GetReply(msg);
-            cabServe(st.get(), c, e, msg, reply ? st->admit(reply) : 0);
+            const char* subject = natsMsg_GetSubject(msg);
+            bool answerable = reply && cabwire::replyAllowed(cabwire::callerOf(subject ? subject : ""), reply);
+            cabServe(st.get(), c, e, msg, answerable ? st->admit(reply) : 0);
         });
         if (!served) sub = nullptr;
         if (!sub) {
@@ -574,6 +577,13 @@ int CabSatellite::AddService(const char* name, const char* description, CabSatel
 int CabSatellite::AddService(const char* name, const char* description, CabServiceFunction handler) {
     if (!handler) return CabFail(CAB_E_INVALID_ARGUMENT, "null handler function");
     return AddService(name, description, new CabSatelliteDelegateFunction(handler));
+}
+
+int CabSatellite::RestrictToAdmins(const char* service) {
+    std::shared_ptr<CabServiceEntry> entry = m_state->findService(service ? service : "");
+    if (!entry) return CabFail(CAB_E_INVALID_ARGUMENT, std::string("no service '") + (service ? service : "") + "'");
+    entry->adminsOnly = true;
+    return 0;
 }
 
 int CabSatellite::RemoveService(const char* name) {

@@ -142,6 +142,12 @@ public:
     virtual int AddService(const char* name, const char* description, CabSatelliteDelegateGeneric* handler);
     virtual int AddService(const char* name, const char* description, CabServiceFunction handler);
     virtual int RemoveService(const char* name);
+    // Marks a service as one for admins: the directory lets only admin users
+    // send it requests (see docs/protocol.md, "Security"), and no request runs
+    // it on another's behalf: a call from one of this satellite's own handlers
+    // (a grouped request, say), which no directory checks, is refused with
+    // CAB_E_PERMISSION_DENIED. CAB_E_INVALID_ARGUMENT for an unknown service.
+    int RestrictToAdmins(const char* service);
     // Dispatch entry, called on a service thread: invokes the service's delegate.
     // Returns 0 when dispatched (status in *status), CAB_E_NO_SUCH_SERVICE when
     // the service is unknown. Exceptions of the handler pass through.

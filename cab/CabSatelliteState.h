@@ -32,6 +32,7 @@ struct CabServiceEntry {
     std::string description;
     std::string subject;
     std::unique_ptr<CabSatelliteDelegateGeneric> delegate;
+    std::atomic<bool> adminsOnly{false};  // RestrictToAdmins: never run for another request
     natsSubscription* sub = nullptr;      // CabSatelliteState::lock
     natsSubscription* hostSub = nullptr;  // CabSatelliteState::lock: "cab.<name>@<host>.<service>", with host scope
 

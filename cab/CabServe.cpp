@@ -4,8 +4,6 @@
 #include <exception>
 #include <string>
 
-#include <nlohmann/json.hpp>
-
 #include "cab/Cab1.h"
 #include "cab/CabException.h"
 #include "cab/CabInline.h"
@@ -25,18 +23,6 @@ void refuse(CabTransfers* transfers, const std::shared_ptr<CabServiceEntry>& ent
     cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
     entry->record(0, &why);
     transfers->send(replyTo, CAB_E_MALFORMED, why, 0, nullptr);
-}
-
-// Who sent `msg`: the "user" of the "Nats-Request-Info" header that the
-// directory writes into a request crossing from another account (it replaces
-// any value the sender put there). "" when there is none.
-std::string requestCaller(natsMsg* msg) {
-    std::string info = cabwire::header(msg, "Nats-Request-Info");
-    if (info.empty()) return "";
-    nlohmann::json j = nlohmann::json::parse(info, nullptr, false);
-    if (!j.is_object()) return "";
-    auto user = j.find("user");
-    return user != j.end() && user->is_string() ? user->get<std::string>() : "";
 }
 
 // The serving context of the calling thread; owned by that thread alone.
@@ -99,6 +85,21 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
         return;
     }
     std::string replyTo = reply;
+    // Who asks: the directory lets each user send requests only under its own name.
+    const char* subject = natsMsg_GetSubject(msg);
+    std::string caller = cabwire::callerOf(subject ? subject : "");
+    if (caller.empty() || !cabwire::replyAllowed(caller, replyTo)) {
+        // Nobody we can name, or an answer meant for somebody else's inbox:
+        // answering would write where the caller may not.
+        std::string why = caller.empty() ? std::string("request without a valid caller in its subject dropped")
+                                         : "request of '" + caller + "' answering to '" + replyTo +
+                                               "', outside its own inbox, dropped";
+        cablog::log(LOGLEVEL_WARN, "Refused request for %s: %s", entry->name.c_str(), why.c_str());
+        entry->record(0, &why);
+        cabwire::destroy(msg);
+        return;
+    }
+    cablog::log(LOGLEVEL_DEBUG, "Serving %s for '%s'", entry->name.c_str(), caller.c_str());
     std::shared_ptr<CabTransfers> transfers = state->transferTable();
     if (!transfers) {  // the satellite left while this request waited for a worker (and answered it)
         cabwire::destroy(msg);
@@ -117,7 +118,6 @@ void cabServe(CabSatelliteState* state, const std::shared_ptr<CabConnection>&,
                !cabwire::headerInt(msg, cabwire::kFlags, INT32_MIN, INT32_MAX, &flags)) {
         why = "bad Cab-Flags header";
     }
-    std::string caller = requestCaller(msg);
     tagVARIANT in;
     VariantInit(&in);
     if (why.empty()) {

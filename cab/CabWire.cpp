@@ -53,6 +53,27 @@ std::string serviceSubject(const std::string& target, const std::string& service
     return "cab." + target.substr(0, at + 1) + hostToken(target.substr(at + 1)) + "." + service;
 }
 
+const char* const kAnonymous = "-";
+
+std::string requestSubject(const std::string& serviceSubject, const std::string& caller) {
+    return serviceSubject + "." + caller;
+}
+
+std::string listenSubject(const std::string& serviceSubject) { return serviceSubject + ".*"; }
+
+std::string callerOf(const std::string& subject) {
+    size_t dot = subject.rfind('.');
+    if (dot == std::string::npos) return "";
+    std::string caller = subject.substr(dot + 1);
+    return caller == kAnonymous || validName(caller.c_str()) ? caller : "";
+}
+
+bool replyAllowed(const std::string& caller, const std::string& reply) {
+    if (caller == kAnonymous) return true;
+    const std::string prefix = "_INBOX_" + caller + ".";
+    return reply.size() > prefix.size() && reply.compare(0, prefix.size(), prefix) == 0;
+}
+
 std::string header(natsMsg* msg, const char* key) {
     const char* v = nullptr;
     if (natsMsgHeader_Get(msg, key, &v) != NATS_OK || !v) return std::string();

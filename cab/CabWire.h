@@ -39,6 +39,21 @@ std::string hostToken(const std::string& host);
 // "cab.<target>.<service>"; the host of a "<satellite>@<host>" target in
 // lower case.
 std::string serviceSubject(const std::string& target, const std::string& service);
+// A request to a service goes to "<serviceSubject>.<caller>": the directory
+// user who sends it, which the directory lets publish only under its own
+// name, so the responder knows who asks. kAnonymous stands for a connection
+// without a user (a directory with one shared token, or none).
+extern const char* const kAnonymous;  // "-"
+std::string requestSubject(const std::string& serviceSubject, const std::string& caller);
+// What a service listens on: "<serviceSubject>.*".
+std::string listenSubject(const std::string& serviceSubject);
+// The caller named by a request subject (its last token); "" when that is
+// neither a valid name nor kAnonymous.
+std::string callerOf(const std::string& subject);
+// True when an answer for `caller` may go to `reply`: a user's answers go
+// only to its own inbox prefix "_INBOX_<caller>.", so nobody can have a
+// satellite write into another user's inbox. Anonymous callers: any subject.
+bool replyAllowed(const std::string& caller, const std::string& reply);
 
 // Header value or "" when absent.
 std::string header(natsMsg* msg, const char* key);

@@ -13,6 +13,7 @@
 
 #include "host/CRegistry.h"
 #include "host/KivFolders.h"
+#include "host/SettingsSecrets.h"
 
 namespace {
 
@@ -193,7 +194,7 @@ bool CBBLog::prepare(LOGLEVEL level) {
 
 void CBBLog::emit(LOGLEVEL level, const CStdStr& message) {
     CStdStr line = buildLineHeader(level);
-    line += message;
+    line += SettingsSecrets::MaskUrlCredentials(message);
     line += "\n";
     if (m_logFileOpen) addQueue(line);
     if (level == LOGLEVEL_FATAL) _FatalError(line);

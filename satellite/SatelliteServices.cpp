@@ -48,6 +48,9 @@ int KivRequestProxySatellite::CreateServices() {
     AddService("GenerateCrash", "", new Delegate(this, &KivRequestProxySatellite::CabServiceGenerateCrash));
     AddService("ZipLogs", "Inparams: none; Outparams = (string)zipPath",
                new Delegate(this, &KivRequestProxySatellite::CabServiceZipLogs));
+    // The support services are for admins; the directory refuses them to
+    // everybody else, and the proxy runs none of them on another's behalf.
+    for (const char* service : {"my-KIV_TailLog", "GetKivConfig", "ZipLogs", "GenerateCrash"}) RestrictToAdmins(service);
     return 0;
 }
 

@@ -184,7 +184,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
     kivtest::RawInbox held(servers[b]->url(), "held.reply");
     ASSERT_TRUE(held.ok());
-    ASSERT_EQ(NATS_OK, kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
+    ASSERT_EQ(NATS_OK, kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile.-", "Cab-Proto", "1",
                                         encodingOf(JsonVariant(listOf(path)).get()), "held.reply"));
     kivtest::Msg first = held.next(30000);
     EXPECT_EQ("25", kivtest::header(first.get(), "Cab-Parts"));

@@ -63,7 +63,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     // After the flush's round trip the server has routed it to the satellite.
     kivtest::RawInbox answers(server.url(), "queued.answer");
     ASSERT_TRUE(answers.ok());
-    ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.Gate.Hold", "Cab-Proto", "1", "", "queued.answer"));
+    ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.Gate.Hold.-", "Cab-Proto", "1", "", "queued.answer"));
     ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     auto start = std::chrono::steady_clock::now();
     gate.Disconnect();

@@ -7,11 +7,13 @@
 #include <string>
 
 #include <nats/nats.h>
+#include <nlohmann/json.hpp>
 
 #include "cab/CabConnection.h"
 #include "host/CRegistry.h"
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/Eventually.h"
+#include "tests/support/RawNats.h"
 
 namespace {
 
@@ -24,7 +26,8 @@ std::string authorization() {
     std::string conf = directoryUsers("satellite EchoA echoPassword0123456\n"
                                       "satellite Other otherPassword012345\n"
                                       "client cli cliPassword012345678\n"
-                                      "client snoop snoopPassword0123456\n");
+                                      "client snoop snoopPassword0123456\n"
+                                      "admin root rootPassword01234567\n");
     // A user allowed to send requests to EchoA only: its other requests are refused.
     conf.insert(conf.rfind("  ]"), "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
                                    "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
@@ -120,6 +123,74 @@ TEST_F(SecurityTest, ARefusedRequestFailsAtOnceWithTheDirectorysText) {
     EXPECT_LT(msSince(t0), 5000);
     // The connection stays usable.
     ASSERT_EQ(0, request(*client, "EchoA", "Echo", "1", out.ptr())) << CabGetLastError();
+}
+
+// A request names its sender, and the directory holds every user to its own
+// name: nobody asks as another, nobody has an answer written into another's
+// inbox, and only admins reach the support services.
+TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
+    std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
+    CLocalVariant out;
+    for (const char* service : {"GenerateCrash", "GetKivConfig", "my-KIV_TailLog", "ZipLogs"}) {
+        SCOPED_TRACE(service);
+        EXPECT_EQ(CAB_E_PERMISSION_DENIED, request(*client, "EchoA", service, "null", out.ptr()));
+        EXPECT_EQ(CAB_E_PERMISSION_DENIED, request(echo, "Other@h", service, "null", out.ptr()));
+    }
+    std::unique_ptr<CabClient> admin = connectClient(server.url(), "Admin", "root", "rootPassword01234567");
+    EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, request(*admin, "EchoA", "GenerateCrash", "null", out.ptr()));
+
+    natsConnection* cli = rawConnection(server.url(), "cli", "cliPassword012345678");
+    natsConnection* snoop = rawConnection(server.url(), "snoop", "snoopPassword0123456");
+    ASSERT_TRUE(cli && snoop);
+    natsSubscription* inbox = nullptr;
+    ASSERT_EQ("", refusal(snoop, &inbox, "_INBOX_snoop.>", nullptr));
+    // Asking as somebody else is refused by the directory.
+    natsConnection_PublishRequestString(cli, "cab.EchoA.Echo.snoop", "_INBOX_cli.x", "");
+    natsConnection_FlushTimeout(cli, 5000);
+    const char* text = nullptr;
+    EXPECT_EQ(NATS_NOT_PERMITTED, natsConnection_GetLastError(cli, &text));
+    // An answer the sender would have written into snoop's inbox is dropped
+    // (and counted as an error of the service).
+    ASSERT_EQ(NATS_OK, kivtest::publish(cli, "cab.EchoA.Echo.cli", "Cab-Proto", "1", "", "_INBOX_snoop.x"));
+    auto errors = [&] {
+        std::vector<std::string> stats;
+        admin->Discover("STATS", "EchoA", 2000, &stats);
+        return stats.size() == 1 ? nlohmann::json::parse(stats[0])["endpoints"][0]["num_errors"].get<int>() : -1;
+    };
+    EXPECT_TRUE(kivtest::eventually([&] { return errors() == 1; }));
+    natsConnection_FlushTimeout(snoop, 5000);
+    int pending = -1;
+    natsSubscription_GetPending(inbox, &pending, nullptr);
+    EXPECT_EQ(0, pending);
+    natsSubscription_Destroy(inbox);
+    natsConnection_Destroy(snoop);
+    natsConnection_Destroy(cli);
+}
+
+// Any satellite hears a general discovery request and could answer it in
+// another's name; only the answers of the satellite itself are kept.
+TEST_F(SecurityTest, DiscoveryKeepsOnlyTheAnswersOfTheSatelliteNamed) {
+    natsConnection* other = rawConnection(server.url(), "Other", "otherPassword012345");
+    ASSERT_NE(nullptr, other);
+    natsSubscription *fakePing = nullptr, *fakeInfo = nullptr;
+    auto impostor = [](natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
+        const std::string lie = R"({"name":"EchoA","id":"fake","endpoints":[{"name":"Fake"}]})";
+        if (natsMsg_GetReply(m)) natsConnection_PublishString(nc, natsMsg_GetReply(m), lie.c_str());
+        natsMsg_Destroy(m);
+    };
+    ASSERT_EQ(NATS_OK, natsConnection_Subscribe(&fakePing, other, "$SRV.PING", impostor, nullptr));
+    ASSERT_EQ(NATS_OK, natsConnection_Subscribe(&fakeInfo, other, "$SRV.INFO", impostor, nullptr));
+    natsConnection_Flush(other);
+    std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
+    for (const char* name : {"", "EchoA"}) {
+        std::vector<std::string> answers;
+        ASSERT_EQ(0, client->Discover("INFO", name, 2000, &answers)) << CabGetLastError();
+        ASSERT_EQ(1u, answers.size()) << name;
+        EXPECT_EQ(echo.instanceId(), nlohmann::json::parse(answers[0])["id"]);
+    }
+    natsSubscription_Destroy(fakePing);
+    natsSubscription_Destroy(fakeInfo);
+    natsConnection_Destroy(other);
 }
 
 TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {

@@ -95,7 +95,7 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     kivtest::RawInbox answers(server.url(), "malformed.answers");
     ASSERT_TRUE(answers.ok());
     // No reply subject: dropped; the satellite keeps serving.
-    natsConnection_PublishString(answers.nc, "cab.EchoA.Echo", "junk");
+    natsConnection_PublishString(answers.nc, "cab.EchoA.Echo.-", "junk");
     const std::tuple<const char*, std::string, const char*> cases[] = {  // Cab-Proto, payload, error
         {nullptr, "", "missing Cab-Proto"}, {"2", "", "unsupported Cab-Proto"}, {"1 ", "", "unsupported Cab-Proto"},
         {" 1", "", "unsupported Cab-Proto"}, {"1", std::string("\xff\xff\xff\xff garbage", 12), "request payload"},
@@ -103,7 +103,7 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     };
     for (const auto& [proto, payload, text] : cases) {
         SCOPED_TRACE(text);
-        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoA.Echo", proto ? "Cab-Proto" : nullptr, proto,
+        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoA.Echo.-", proto ? "Cab-Proto" : nullptr, proto,
                                             payload, "malformed.answers"));
         kivtest::Msg r = answers.next(10000);
         ASSERT_TRUE(r);
@@ -124,7 +124,7 @@ TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     ASSERT_TRUE(answers.ok());
     const int count = 20;
     for (int i = 0; i < count; ++i)
-        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoSlow.Sleep", "Cab-Proto", "1",
+        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoSlow.Sleep.-", "Cab-Proto", "1",
                                             encodingOf(JsonVariant("20").get()), "drain.answers"));
     // After the round trip the server has routed every request to the satellite.
     ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));

@@ -393,7 +393,7 @@ const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
 // A raw "GetFile" request for the whole of `path`, answered to `reply`.
 natsStatus requestWholeFile(natsConnection* nc, const std::string& path, const std::string& reply) {
-    return publish(nc, "cab.VorpaMediaProxy.GetFile", "Cab-Proto", "1",
+    return publish(nc, "cab.VorpaMediaProxy.GetFile.-", "Cab-Proto", "1",
                    Cab1Encoding(JsonVariant("[\"" + path + "\"]").get()).str(), reply.c_str());
 }
 

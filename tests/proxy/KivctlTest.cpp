@@ -67,8 +67,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"tail " + dir.file("none.log"), 1, {"no such file"}, {}},
         {"tail " + dir.path(), 1, {"is a folder"}, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
-        {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"my-KIV_TailLog\",[\"/none\",1]]]'", 1,
-         {"\"out\": 7", "sub-request 2 (VorpaMediaProxy my-KIV_TailLog) answered 404"}, {}},
+        {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
+         {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
         {"multi '[[\"EchoA\",\"Echo\",7],[\"Nobody\",\"X\",1]]'", 2, {"-1002", "no such satellite"}, {}},
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},

@@ -108,6 +108,9 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
         {"backup.nkeySeed", "Secret-3"}, {"backup.nkeyseedfile", "Secret-4"}};
     for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
     for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
+    // Credentials inside server URLs: masked wherever the value goes, the logs included.
+    const std::string servers = "nats://proxy:Secret-5@" + hostPort() + ",nats://Secret-6@" + hostPort();
+    ASSERT_TRUE(setting("cabDirectory.servers", CStdStr(servers)));
     ASSERT_TRUE(startProxy()) << proxyOutput();
     CLocalVariant out, folder, none;
     ASSERT_EQ(call("GetKivConfig", "null", out.ptr()), 0);
@@ -124,6 +127,9 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
     EXPECT_EQ(*shown.begin(), (std::pair<const std::string, std::string>("alpha", "alpha")));
     EXPECT_EQ(shown["mail.tokenLimit"], "mail.tokenLimit");
     for (const auto& s : secrets) EXPECT_EQ(shown[s.first], "********") << s.first;
+    EXPECT_EQ(shown["cabDirectory.servers"], "nats://proxy:********@" + hostPort() + ",nats://********@" + hostPort());
+    EXPECT_TRUE(waitForLog("Connecting to nats://proxy:********@"));
+    EXPECT_THAT(proxyLog() + proxyOutput(), Not(HasSubstr("Secret-")));
 
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
     const std::string data = root + "/Library/KivFoundry";
@@ -203,10 +209,16 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAndAtMostTen
 
     // The first sub-request finishes last; answers ([status], out) still come in
     // input order. With fewer than three elements a sub-request answers two empty values.
+    // The support services never run for a grouped request, at any depth.
     ASSERT_EQ(call("MultiRequest", R"([["EchoA","Sleep",300], ["EchoA","Echo","fast"],
-        ["NoSuchSatellite","Echo",1], ["EchoA","Status",5], ["EchoA","Echo"]])", out.ptr()), 0);
+        ["NoSuchSatellite","Echo",1], ["EchoA","Status",5], ["EchoA","Echo"],
+        ["VorpaMediaProxy","GenerateCrash",null], ["VorpaMediaProxy","MultiRequest",
+        [["VorpaMediaProxy","GetKivConfig",null], ["VorpaMediaProxy","my-KIV_TailLog",["/etc/hostname",9]]]]])",
+                   out.ptr()), 0);
+    const std::string denied = "[[" + std::to_string(CAB_E_PERMISSION_DENIED) + "],null]";
     EXPECT_EQ(json(out.get()), "[[[0],300],[[0],\"fast\"],[[" + std::to_string(CAB_E_NO_SUCH_SERVICE) +
-                                   "],null],[[5],null],[null,null]]");
+                                   "],null],[[5],null],[null,null]," + denied + ",[[0],[" + denied + "," +
+                                   denied + "]]]");
 
     // More sub-requests than one group has threads, finishing in a scrambled
     // order: every answer stays in its place, and the threads stay bounded.
