@@ -136,8 +136,8 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
 // takes its credential from; one that refuses a service: who may not call what.
 TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     kivtest::NatsServer guarded(64 * 1024, "authorization { users = [{user: proxy, password: p},\n"
-        "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash\",\n"
-        "  \"cab.*.my-KIV_TailLog\"]}}}] }\n");
+        "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash.*\",\n"
+        "  \"cab.*.my-KIV_TailLog.*\"]}}}] }\n");
     ASSERT_TRUE(guarded.start()) << guarded.error();
     int status = -1;
     const std::string out =
