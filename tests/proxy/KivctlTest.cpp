@@ -70,6 +70,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
          {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
         {"multi '[[\"EchoA\",\"Echo\",7],[\"Nobody\",\"X\",1]]'", 2, {"-1002", "no such satellite"}, {}},
+        {"multi '[[\"VorpaMediaProxy\",\"GetKivConfig\",null]]'", 2, {"-1013", "call it on its own"}, {}},
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},
     };

@@ -75,6 +75,10 @@ int run(int argc, char** argv) {
             sent[i][1].is_string()) {
             what = sent[i][0].get<std::string>() + " " + sent[i][1].get<std::string>();
             if (sub == CAB_E_NO_SUCH_SERVICE) why = session.explain(sent[i][0], sent[i][1], sub);
+            // A group runs as the proxy's own user, and never runs a service kept for admins.
+            if (sub == CAB_E_PERMISSION_DENIED)
+                why = "a grouped request does not get " + sent[i][1].get<std::string>() +
+                      "; call it on its own (kivctl call), with a credential allowed to";
         }
         fprintf(stderr, "kivctl multi: sub-request %zu (%s) answered %d%s%s%s%s\n", i + 1, what.c_str(), sub,
                 CabIsLibraryStatus(sub) ? ": " : "", CabIsLibraryStatus(sub) ? CabStatusText(sub) : "",
