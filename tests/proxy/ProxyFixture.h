@@ -25,6 +25,7 @@ protected:
         ASSERT_TRUE(server.start()) << server.error();
         ASSERT_TRUE(setting("cabDirectory.host", CStdStr("127.0.0.1")));
         ASSERT_TRUE(setting("cabDirectory.port", server.port()));
+        ASSERT_TRUE(setting("cabDirectory.servers", CStdStr()));  // unset: a test may have named an old directory
         ASSERT_TRUE(setting("LogLevel", 4, "Software\\Kiv Foundry\\Kiv"));
         echo.reset(new EchoSatellite);
         ASSERT_EQ(echo->Connect(server.hostPort().c_str(), "EchoA"), 0);
