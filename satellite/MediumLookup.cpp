@@ -1,9 +1,11 @@
-// Medium items to file paths: file-browser ids through the file manager,
-// every other id through the media service "KivMediaV2".
+// Medium items to file paths: file-browser ids through the file manager
+// (escaped ids, files/PathMediumId.h, here), every other id through the media
+// service "KivMediaV2".
 #include <chrono>
 
 #include "cab/CabException.h"
 #include "diag/CBBLog.h"
+#include "files/PathMediumId.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
@@ -47,12 +49,26 @@ int KivRequestProxySatellite::GetMediumListPath(const CStdStr& context, const ta
                      : CabGetMediumInfoFromId("KivMediaV2", "GetMediumListInfoFromId", request.get(), answer.ptr());
         if (rc != 0) return rc;
 
+        const bool fileBrowser = firstId[0] == 'F';
+        const int asked = VUtil::GetArrayLengthEmpty(items);
         int count = VUtil::CheckArrayType(answer.get(), VT_VARIANT, 0, true, "GetMediumListPath");
         for (int i = 0; i < count; ++i) {
+            CLocalVariant item;
+            if (i < asked) VUtil::GetElement(items, i, item.get());
+            const CStdStr id = item.vt() == VT_BSTR && item.get().bstrVal ? CStdStr(item.get().bstrVal) : CStdStr();
+            // The file manager knows no escaped id (it answers nothing for
+            // one); the path is in the id itself.
+            CStdStr escaped;
+            if (fileBrowser && PathMediumId::EscapedToPath(id, &escaped)) {
+                paths.push_back(escaped);
+                continue;
+            }
             CLocalVariant element;
             VUtil::GetElement(answer.get(), i, element.get());
             if (element.vt() == VT_EMPTY) {
-                CBBLog::warn("GetMediumListPath: got a VT_EMPTY in the list of paths");
+                // An empty slot asks for nothing (CreateZip always passes one
+                // after its items): only an id that resolved to nothing is worth a warning.
+                if (!id.empty()) CBBLog::warn("GetMediumListPath: got a VT_EMPTY in the list of paths");
                 continue;
             }
             int pairs = VUtil::GetArrayLength(element.get());

@@ -57,6 +57,7 @@ TEST_F(ArchiveProxyTest, KivctlZipAndLogs) {
     EXPECT_EQ(stopProxy(), 0);  // the logger drains its queue
     EXPECT_THAT(proxyLog(), HasSubstr("DeleteTempFile refused /tmp/../etc/passwd"));
     EXPECT_THAT(proxyLog(), HasSubstr("Creating zip of 1 files (20000 -> "));
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("VT_EMPTY"))) << "an ordinary CreateZip warns of nothing";
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 
 #include "files/CFileTools.h"
 #include "tests/proxy/ProxyFixture.h"
+#include "variant/TimeUtils.h"
+#include "variant/VUtil.h"
 
 namespace {
 
@@ -29,11 +31,29 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     const kivtest::TempDir& dir = data;
     kivtest::writeFile(dir.file("a.log"), "first\nsecond\nthird\n");
+    // A whole second that the proxy's count of days puts one rounding step off
+    // the number its text reads back to: printed as that text all the same.
+    long second = 1764000000;
+    while (VUtil::TimeToDate(second) == second / 86400.0 + 25569) ++second;
+    char date[64];
+    snprintf(date, sizeof date, "{\"$vt\":\"DATE\",\"v\":%.17g}", VUtil::TimeToDate(second));
+    const std::string when = TimeUtils::FormatTime2(second);
     typedef std::vector<std::string> Texts;
     const std::tuple<std::string, int, Texts, Texts> cases[] = {  // command, exit, shown, not shown
         {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}, {}},
-        {"call NoSuchSatellite Echo", 2, {"-1002"}, {}},
-        {"call VorpaMediaProxy Echo '[1,'", 64, {}, {}},
+        // Which name is wrong, and the nearest one; the service's own text kept.
+        {"call NoSuchSatellite Echo", 2, {"-1002", "no satellite 'NoSuchSatellite' is running"}, {}},
+        {"call VorpaMediaProxi my-KIV_GetVersion", 2,
+         {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"}, {}},
+        {"call VorpaMediaProxy GetFil", 2, {"has no service 'GetFil'; did you mean 'GetFile'?"}, {}},
+        {"call VorpaMediaProxy my-KIV_TailLog '[\"f\"]'", 2,
+         {"SafeArrayGetElement", "the count (element 1) is missing"}, {}},
+        {"call VorpaMediaProxy Echo '[1,'", 64, {"column 4", "hint: the text ends early"}, {"parse_error"}},
+        {"call EchoA Echo '" + std::string(date) + "'", 0, {when}, {}},
+        {"multi '[[\"EchoA\",\"Echo\"," + std::string(date) + "]]'", 0, {when}, {}},
+        // Directory options before the command too (the fixture adds --server after the first word).
+        {"--timeout=60000 list VorpaMediaProxy", 0, {"my-KIV_GetVersion"}, {}},
+        {"--version", 0, {"kivctl 0."}, {}},
         {"list VorpaMediaProxy", 0, {"my-KIV_GetVersion", "Inparams: none; Outparams = (string)zipPath"}, {}},
         // The build's version; empty fields left out of the table, kept in JSON.
         {"version", 0, {"version:          0.", "platform:         linux"},
@@ -45,10 +65,12 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"tail -n 2 " + dir.file("a.log"), 0, {"second\nthird\n"}, {"first"}},
         {"tail -c 6 " + dir.file("a.log"), 0, {"third\n"}, {"second"}},
         {"tail " + dir.file("none.log"), 1, {"no such file"}, {}},
+        {"tail " + dir.path(), 1, {"is a folder"}, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
          {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
         {"multi '[[\"EchoA\",\"Echo\",7],[\"Nobody\",\"X\",1]]'", 2, {"-1002", "no such satellite"}, {}},
+        {"multi '[[\"VorpaMediaProxy\",\"GetKivConfig\",null]]'", 2, {"-1013", "call it on its own"}, {}},
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},
     };
@@ -88,6 +110,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     }
     kivtest::runCommand("kill $(cat " + pid + ")");
     EXPECT_THAT(kivtest::readFile(capture), Not(HasSubstr("old line\nadded\nold"))) << "truncated part again";
+    // Read with the request the proxy does not log: following its own log adds nothing to it.
+    EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + followed)));
 }
 
 // Crash reports: found under KIV_ROOT, or in the var/root of a checkout that
@@ -109,9 +133,12 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     EXPECT_THAT(out, HasSubstr(std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry/CrashReports"));
 }
 
-// A directory that refuses the credential: the reason once, and where kivctl takes its credential from.
-TEST(KivctlConnection, ExplainsARefusedCredential) {
-    kivtest::NatsServer guarded(64 * 1024, "authorization {\n  user: someone\n  password: secret\n}\n");
+// A directory that refuses the credential: the reason once, and where kivctl
+// takes its credential from; one that refuses a service: who may not call what.
+TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
+    kivtest::NatsServer guarded(64 * 1024, "authorization { users = [{user: proxy, password: p},\n"
+        "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash.*\",\n"
+        "  \"cab.*.my-KIV_TailLog.*\"]}}}] }\n");
     ASSERT_TRUE(guarded.start()) << guarded.error();
     int status = -1;
     const std::string out =
@@ -121,6 +148,35 @@ TEST(KivctlConnection, ExplainsARefusedCredential) {
     EXPECT_EQ(out.find("Violation"), out.rfind("Violation")) << "said once\n" << out;
     EXPECT_THAT(out, HasSubstr("--password-file"));
     EXPECT_THAT(out, HasSubstr("var/kivctl"));
+
+    // A proxy of its own settings; a user who may not call GenerateCrash nor my-KIV_TailLog.
+    kivtest::TempDir dir;
+    const std::string settings = "XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
+                                 " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' cabDirectory.";
+    kivtest::runCommand(settings + "port -int " + std::to_string(guarded.port()) + " && " + settings +
+                        "user -string proxy && " + settings + "password -string p");
+    kivtest::ProxyProcess proxy;
+    CabClient client;
+    client.setUser("someone", "secret");
+    ASSERT_EQ(client.Connect(guarded.hostPort().c_str(), "KivctlTestClient"), 0);
+    ASSERT_TRUE(proxy.start({{"XDG_CONFIG_HOME", dir.file("settings")}}, dir.file("proxy.out")) &&
+                proxy.waitUntilServing(client)) << kivtest::readFile(dir.file("proxy.out"));
+    kivtest::writeFile(dir.file("password"), "secret\n");
+    kivtest::writeFile(dir.file("a.txt"), "abc");
+    const std::string as = kKivctl + " --server " + guarded.hostPort() + " --user someone --password-file " +
+                           dir.file("password") + " ";
+    // Without my-KIV_TailLog a file still comes; a path that gives no byte is refused, saying why.
+    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
+        {"call VorpaMediaProxy GenerateCrash", 2,
+         "does not let user 'someone' call GenerateCrash of VorpaMediaProxy (an admin"},
+        {"get " + dir.file("a.txt") + " -o " + dir.file("b.txt"), 0, "3 bytes"},
+        {"get " + dir.file("none") + " -o " + dir.file("b.txt"), 1, "cannot ask which"},
+    };
+    for (const auto& [command, exit, says] : cases) {
+        const std::string said = kivtest::runCommand(as + command + " 2>&1", &status);
+        EXPECT_EQ(status, exit) << said;
+        EXPECT_THAT(said, HasSubstr(says));
+    }
 }
 
 // Every "kivctl call" example of docs/services.md, run against the proxy with
@@ -147,12 +203,15 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_GE(examples.size(), 11u);
     for (const auto& [example, expected] : examples) {
         SCOPED_TRACE(example);
-        std::string command = example;
+        std::string command = example.substr(0, example.find("  #"));
         replaceAll(&command, "kivctl call", kKivctl + " call --server " + server.hostPort());
         replaceAll(&command, "/tmp/kivdoc", files.path());
         replaceAll(&command, "|tmp|kivdoc", CFileTools::PathToFileBrowserMediumId(files.path()).substr(2));
         int exit = -1;
-        std::string out = kivtest::runCommand(command + " 2>/dev/null", &exit);
+        const std::string errors = files.file("stderr");
+        std::string out = kivtest::runCommand(command + " 2>" + errors, &exit);
+        if (example.find("GenerateCrash") != std::string::npos)  // said as soon as the proxy is gone
+            EXPECT_THAT(kivtest::readFile(errors), HasSubstr("VorpaMediaProxy ended during the request"));
         replaceAll(&out, root, "");
         const nlohmann::json got = nlohmann::json::parse(out, nullptr, false);
         const nlohmann::json want = nlohmann::json::parse(expected, nullptr, false);

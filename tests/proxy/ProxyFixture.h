@@ -26,6 +26,7 @@ protected:
         ASSERT_TRUE(server.start()) << server.error();
         ASSERT_TRUE(setting("cabDirectory.host", CStdStr("127.0.0.1")));
         ASSERT_TRUE(setting("cabDirectory.port", server.port()));
+        ASSERT_TRUE(setting("cabDirectory.servers", CStdStr()));  // unset: a test may have named an old directory
         ASSERT_TRUE(setting("LogLevel", 4, "Software\\Kiv Foundry\\Kiv"));
         // The proxy serves the files of `data` (and its own folders) only.
         ASSERT_TRUE(setting("files.roots", CStdStr(data.path())));

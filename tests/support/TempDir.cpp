@@ -58,6 +58,12 @@ std::string readFile(const std::string& path) {
     return s.str();
 }
 
+std::string shellQuoted(const std::string& text) {
+    std::string quoted = "'";
+    for (char c : text) quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+}
+
 std::string runCommand(const std::string& command, int* status) {
     std::string out;
     FILE* p = popen(command.c_str(), "r");

@@ -28,6 +28,8 @@ void writeFile(const std::string& path, const std::string& content);
 std::string patternBytes(size_t size, unsigned pattern);
 // The whole file, or "" when it cannot be read.
 std::string readFile(const std::string& path);
+// `text` as one word of a shell command line, whatever bytes it holds.
+std::string shellQuoted(const std::string& text);
 // Runs a shell command and returns its standard output; *status gets the exit status.
 std::string runCommand(const std::string& command, int* status = nullptr);
 // Starts a shell command in the background, its output to `outputFile`, and

@@ -56,6 +56,14 @@ void declareConnectionOptions(Args& args) {
     args.value("timeout");
 }
 
+std::string directoryUser(const Args& args) {
+    if (args.has("user")) return args.get("user");
+    CStdStr user;
+    CRegistry::getInstance()->ReadSettingImpl(CStdStr("Software\\Kiv Foundry\\Kiv\\Config"),
+                                              CStdStr("cabDirectory.user"), user);
+    return user;
+}
+
 int connect(const Args& args, CabClient& client, int* timeoutMs) {
     std::string server = args.get("server");
     if (!server.empty() && server.find("://") == std::string::npos && server.find(',') == std::string::npos) {

@@ -18,6 +18,10 @@ void declareConnectionOptions(Args& args);
 // The usage lines of the options, for --help texts.
 extern const char* const kConnectionUsage;
 
+// The directory user kivctl connects as: --user, else the setting
+// cabDirectory.user; "" for none (a token, or no credential).
+std::string directoryUser(const Args& args);
+
 // Connects `client`; on failure prints the reason and returns kFailure,
 // kUsage for a bad --timeout; else kOk. *timeoutMs gets the request time-out.
 int connect(const Args& args, CabClient& client, int* timeoutMs);

@@ -9,7 +9,7 @@
 #include "tools/kivctl/Interrupt.h"
 #include "tools/kivctl/Progress.h"
 
-#include "files/CFileTools.h"
+#include "files/PathMediumId.h"
 #include "variant/CLocalVariant.h"
 #include "variant/VUtil.h"
 
@@ -88,7 +88,7 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
 
 int remoteFileSize(ProxySession& session, const std::string& remotePath, long long* size, const char* who) {
     *size = -1;
-    CStdStr id = CFileTools::PathToFileBrowserMediumId(remotePath);
+    CStdStr id = PathMediumId::FromPath(remotePath);
     CLocalVariant in, items, out;
     VUtil::CreateArray(items.get(), VT_VARIANT, 1);
     VUtil::PutElement(items.get(), 0, id);

@@ -38,8 +38,8 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
                  unsigned long long chunk, long long expected, bool progress, unsigned long long* bytes,
                  const char* who);
 
-// The size of `remotePath` by "QueryFileSize" of its file-browser id; *size
-// is -1 when the answer does not say. Returns the exit code of the request;
+// The size of `remotePath` by "QueryFileSize" of its medium id
+// (files/PathMediumId.h); *size is -1 when the answer does not say. Returns the exit code of the request;
 // a refusal is already printed, prefixed with `who`.
 int remoteFileSize(ProxySession& session, const std::string& remotePath, long long* size, const char* who);
 

@@ -7,6 +7,7 @@
 #include "cab/Cab1.h"
 #include "cab/VariantJson.h"
 #include "tools/kivctl/Command.h"
+#include "tools/kivctl/JsonArgument.h"
 
 namespace {
 
@@ -38,7 +39,7 @@ int run(int argc, char** argv) {
 
     tagVARIANT v;
     std::string error;
-    if (!VariantFromJson(text, &v, &error)) return kivctl::usageError(kCommand, error);
+    if (!kivctl::readJsonArgument(text, &v, &error)) return kivctl::usageError(kCommand, error);
     int status = kivctl::kOk;
     {
         Cab1Encoding enc(v);

@@ -29,10 +29,15 @@ const char* const kUsageText =
     "and checks its final size against \"QueryFileSize\". A relative PATH is taken\n"
     "from the current folder. The data goes to FILE.part first, which becomes FILE\n"
     "once complete; an interrupted or failed download keeps FILE.part, and\n"
-    "--continue resumes it. A progress bar shows on a terminal.\n"
-    "Exit status: 0 done; 1 PATH is missing or a folder; 2 a failure (the proxy\n"
-    "unreachable, a write error, a size that does not match); 64 a usage error,\n"
-    "also when FILE is PATH itself.\n"
+    "--continue resumes it, after checking that the last 64 KiB before the resume\n"
+    "point are still the proxy's (when not, it says so and starts again from 0).\n"
+    "A progress bar shows on a terminal.\n"
+    "Exit status: 0 done; 1 PATH is missing (or outside the folders the proxy\n"
+    "serves), a folder, or a file the proxy cannot read (for a user the directory\n"
+    "does not let call \"my-KIV_TailLog\": a PATH that gives no byte, as kivctl\n"
+    "cannot tell those apart then); 2 a failure (the proxy unreachable, a write\n"
+    "error, a size that does not match); 64 a usage error, also when FILE is\n"
+    "PATH itself.\n"
     "Options:\n"
     "  -o, --output FILE    where to write (default: the last part of PATH in the\n"
     "                       current folder; a folder: that name inside it; - for stdout)\n"
@@ -59,6 +64,30 @@ std::string quoted(const std::string& s) {
     std::string q = "'";
     for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
     return q + "'";
+}
+
+// Whether the last bytes (up to kCheckedEnd) of the local file `local` before
+// `offset` are the proxy's bytes there. Returns an exit code.
+const unsigned long long kCheckedEnd = 64 << 10;
+int endsAlike(kivctl::ProxySession& session, const std::string& path, const std::string& local,
+              unsigned long long offset, bool* same) {
+    const unsigned long long length = offset < kCheckedEnd ? offset : kCheckedEnd;
+    std::string mine(length, '\0'), theirs;
+    FILE* f = fopen(local.c_str(), "rb");
+    bool read = f && fseeko(f, static_cast<off_t>(offset - length), SEEK_SET) == 0 &&
+                fread(&mine[0], 1, length, f) == length;
+    if (f) fclose(f);
+    if (!read) {
+        fprintf(stderr, "%s: cannot read %s: %s\n", kWho, local.c_str(), strerror(errno));
+        return kivctl::kFailure;
+    }
+    int status = kivctl::readRemote(session, path, offset - length, length, &theirs);
+    if (status != 0) {
+        if (!CabIsLibraryStatus(status)) fprintf(stderr, "%s: GetFile answered %d\n", kWho, status);
+        return kivctl::exitFor(status);
+    }
+    *same = mine == theirs;
+    return kivctl::kOk;
 }
 
 int run(int argc, char** argv) {
@@ -101,17 +130,20 @@ int run(int argc, char** argv) {
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
     kivctl::RemoteKind kind;
-    int rc = kivctl::probeRemote(session, path, &kind);
+    long long probed = -1;
+    int rc = kivctl::probeRemote(session, path, &kind, &probed);
     if (rc != kivctl::kOk) return rc;
     if (kind != kivctl::RemoteKind::File) {
-        fprintf(stderr, "%s: %s: %s\n", kWho, path.c_str(),
-                kind == kivctl::RemoteKind::Missing
-                    ? "no such file on the proxy's machine"
-                    : "a folder on the proxy's machine; get fetches one file (zip archives several)");
+        fprintf(stderr, "%s: %s%s\n", kWho, kivctl::remoteProblem(path, kind).c_str(),
+                kind == kivctl::RemoteKind::Folder ? "; get fetches one file (zip archives several)" : "");
         return kivctl::kStatus;
     }
     long long expected = -1;
     if ((rc = kivctl::remoteFileSize(session, path, &expected, kWho)) != kivctl::kOk) return rc;
+    // The probe knows the low 32 bits: a size that disagrees is not this file's
+    // (say, an older proxy that reads the id as another path); then the end of
+    // the file is where "GetFile" gives a short chunk.
+    if (expected >= 0 && probed >= 0 && (expected & 0xFFFFFFFFLL) != probed) expected = -1;
 
     if (toStdout) {
         unsigned long long offset = 0;
@@ -135,12 +167,22 @@ int run(int argc, char** argv) {
                     expected, path.c_str());
             return kivctl::kFailure;
         }
+        if (offset > 0) {
+            bool same = false;
+            if ((rc = endsAlike(session, path, from, offset, &same)) != kivctl::kOk) return rc;
+            if (!same) {
+                fprintf(stderr, "%s: %s does not end as %s does before byte %llu (the file changed, or it "
+                                "is another one); starting again from 0\n",
+                        kWho, from.c_str(), path.c_str(), offset);
+                offset = 0;
+            }
+        }
         if (!hasPart && offset > 0 && rename(output.c_str(), part.c_str()) != 0) {
             fprintf(stderr, "%s: cannot rename %s to %s: %s\n", kWho, output.c_str(), part.c_str(), strerror(errno));
             return kivctl::kFailure;
         }
     }
-    FILE* file = fopen(part.c_str(), resume ? "ab" : "wb");
+    FILE* file = fopen(part.c_str(), offset > 0 ? "ab" : "wb");
     if (!file) {
         fprintf(stderr, "%s: %s: %s\n", kWho, part.c_str(), strerror(errno));
         return kivctl::kFailure;

@@ -9,6 +9,8 @@
 #include "cab/CabStatus.h"
 #include "cab/VariantJson.h"
 #include "tools/kivctl/Connection.h"
+#include "tools/kivctl/DisplayJson.h"
+#include "tools/kivctl/JsonArgument.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/CLocalVariant.h"
 
@@ -21,7 +23,8 @@ const char* const kUsageText =
     "Sends the sub-requests [[SATELLITE, SERVICE, INPUT], ...] (JSON form; \"-\" or\n"
     "nothing reads them from standard input) as one \"MultiRequest\" to the proxy,\n"
     "which runs them in parallel, and prints one {\"status\", \"out\"} per\n"
-    "sub-request, in order. A sub-request that failed is also named on stderr.\n"
+    "sub-request, in order (a DATE that falls on a whole second as local time, as\n"
+    "call prints it). A sub-request that failed is also named on stderr.\n"
     "Exit status: 0 every sub-request answered 0; 1 one answered another status\n"
     "(or the proxy refused the group); 2 one failed in the library (no such\n"
     "satellite, time-out, ...) or the group did; 64 a usage error.\n"
@@ -45,7 +48,7 @@ int run(int argc, char** argv) {
         text = args.positional()[0];
     CLocalVariant in, out;
     std::string error;
-    if (!VariantFromJson(text, in.ptr(), &error)) return kivctl::usageError(kMulti, "bad JSON: " + error);
+    if (!kivctl::readJsonArgument(text, in.ptr(), &error)) return kivctl::usageError(kMulti, "JSON: " + error);
 
     kivctl::ProxySession session(args);
     if (!session.ok()) return session.failureExit();
@@ -55,7 +58,7 @@ int run(int argc, char** argv) {
         return kivctl::exitFor(status);
     }
     nlohmann::json answers = nlohmann::json::array();
-    nlohmann::json all = VariantToJsonValue(out.get());
+    nlohmann::json all = kivctl::displayJson(out.get());
     nlohmann::json sent = VariantToJsonValue(in.get());
     int rc = kivctl::kOk;
     for (size_t i = 0; i < all.size(); ++i) {
@@ -67,12 +70,19 @@ int run(int argc, char** argv) {
         answers.push_back(one);
         const int sub = one["status"].is_number_integer() ? one["status"].get<int>() : CAB_E_MALFORMED;
         if (sub == 0) continue;
-        std::string what = "?";
+        std::string what = "?", why;
         if (i < sent.size() && sent[i].is_array() && sent[i].size() >= 2 && sent[i][0].is_string() &&
-            sent[i][1].is_string())
+            sent[i][1].is_string()) {
             what = sent[i][0].get<std::string>() + " " + sent[i][1].get<std::string>();
-        fprintf(stderr, "kivctl multi: sub-request %zu (%s) answered %d%s%s\n", i + 1, what.c_str(), sub,
-                CabIsLibraryStatus(sub) ? ": " : "", CabIsLibraryStatus(sub) ? CabStatusText(sub) : "");
+            if (sub == CAB_E_NO_SUCH_SERVICE) why = session.explain(sent[i][0], sent[i][1], sub);
+            // A group runs as the proxy's own user, and never runs a service kept for admins.
+            if (sub == CAB_E_PERMISSION_DENIED)
+                why = "a grouped request does not get " + sent[i][1].get<std::string>() +
+                      "; call it on its own (kivctl call), with a credential allowed to";
+        }
+        fprintf(stderr, "kivctl multi: sub-request %zu (%s) answered %d%s%s%s%s\n", i + 1, what.c_str(), sub,
+                CabIsLibraryStatus(sub) ? ": " : "", CabIsLibraryStatus(sub) ? CabStatusText(sub) : "",
+                why.empty() ? "" : ": ", why.c_str());
         int exit = kivctl::exitFor(sub);
         if (exit > rc) rc = exit;
     }

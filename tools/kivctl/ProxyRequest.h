@@ -22,13 +22,18 @@ public:
     bool ok() const { return m_rc == kOk; }
     int failureExit() const { return m_rc; }
     // Sends `in` to `service`; returns the service's status or a negative
-    // library code, and prints the library's error text for the latter.
-    int request(const char* service, const tagVARIANT& in, tagVARIANT* out);
+    // library code, and prints the library's error text for the latter with
+    // what explainFailure (Explain.h) adds.
+    // Nothing is printed for the status `unreported` (one the caller handles).
+    int request(const char* service, const tagVARIANT& in, tagVARIANT* out, int unreported = 0);
+    // explainFailure for a request of this session's client to `target`.
+    std::string explain(const std::string& target, const std::string& service, int status);
 
 private:
     CabClient m_client;
     int m_rc;
     std::string m_target;  // kProxyName, or "<kProxyName>@<host>" with --host
+    std::string m_user;
 };
 
 // The exit status for a request status: 0, kStatus or kFailure.

@@ -20,9 +20,13 @@ const char* const kUsageText =
     "usage: kivctl tail [OPTIONS] FILE\n"
     "Prints the end of FILE on the proxy's machine through its \"my-KIV_TailLog\"\n"
     "(at most 5,000,000 bytes). A relative FILE is taken from the current folder.\n"
-    "With -f it keeps printing what is added (read with \"GetFile\"), following the\n"
-    "name like `tail -F`: a truncated file goes on from its new end, a replaced\n"
-    "(rotated) one from its start, a removed one is waited for. Each is said on stderr.\n"
+    "With -f it keeps printing what is added, following the name like `tail -F`:\n"
+    "a truncated file goes on from its new end, a replaced (rotated) one from its\n"
+    "start, a removed one is waited for. Each is said on stderr. While nothing\n"
+    "changes it asks only the size, with a request the proxy does not log, so\n"
+    "following the proxy's own log adds nothing to it.\n"
+    "Exit status: 0 done; 1 FILE is missing (or outside the folders the proxy\n"
+    "serves), a folder, or a file the proxy cannot read; 2 a failure; 64 usage.\n"
     "Options:\n"
     "  -n, --lines N        the last N lines (default 10)\n"
     "  -c, --bytes BYTES    the last BYTES bytes instead (-1: the most the proxy gives)\n"
@@ -36,11 +40,13 @@ const char* const kWho = "kivctl tail";
 const long kTailLimit = 5000000;
 
 struct Tail {
-    long size = 0;
+    long size = 0, count = 0;
     std::string text;
 };
 
-// The last `bytes` bytes; returns the request status.
+// The last `bytes` bytes through "my-KIV_TailLog", a request the proxy does
+// not log (following the proxy's own log must not feed on itself); returns
+// the request status.
 int ask(kivctl::ProxySession& session, const std::string& path, long bytes, Tail* tail) {
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, 2);
@@ -50,6 +56,7 @@ int ask(kivctl::ProxySession& session, const std::string& path, long bytes, Tail
     if (status != 0) return status;
     try {
         tail->size = static_cast<long>(static_cast<uint32_t>(VUtil::GetLongElement(out.get(), 0)));
+        tail->count = VUtil::GetLongElement(out.get(), 1);
         tail->text = VUtil::GetStringElement(out.get(), 2);
     } catch (const std::exception&) {
         fprintf(stderr, "%s: unexpected answer from the proxy\n", kWho);
@@ -58,17 +65,26 @@ int ask(kivctl::ProxySession& session, const std::string& path, long bytes, Tail
     return 0;
 }
 
-// Bytes [offset, offset + length) through "GetFile"; returns the request status.
-int read(kivctl::ProxySession& session, const std::string& path, long offset, long length, std::string* bytes) {
-    CLocalVariant in, out;
-    VUtil::CreateArray(in.get(), VT_VARIANT, 3);
-    VUtil::PutElement(in.get(), 0, CStdStr(path));
-    VUtil::PutElement(in.get(), 1, static_cast<long long>(offset));
-    VUtil::PutElement(in.get(), 2, static_cast<long long>(length));
-    int status = session.request("GetFile", in.get(), out.ptr());
-    bytes->clear();
-    if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1) && out.get().parray)
-        bytes->assign(static_cast<const char*>(out.get().parray->pvData), out.get().parray->rgsabound[0].cElements);
+// The bytes of `path` from `from` on (at most kTailLimit), the file being
+// `size` bytes long when last asked; *end gets the offset after them. Read
+// with "my-KIV_TailLog"; "GetFile" (which the proxy logs) only when that
+// cannot serve: the file grew past what was asked meanwhile, or the text
+// holds a NUL byte, where the service's text ends.
+int readFrom(kivctl::ProxySession& session, const std::string& path, long from, long size, std::string* bytes,
+             long* end) {
+    const long want = size - from;
+    if (want > 0 && want <= kTailLimit) {
+        Tail t;
+        if (int status = ask(session, path, want, &t)) return status;
+        const long start = t.size - static_cast<long>(t.text.size());
+        if (static_cast<long>(t.text.size()) == t.count && start <= from && t.size >= from) {
+            *bytes = t.text.substr(static_cast<size_t>(from - start));
+            *end = t.size;
+            return 0;
+        }
+    }
+    int status = kivctl::readRemote(session, path, static_cast<unsigned long long>(from), kTailLimit, bytes);
+    *end = from + static_cast<long>(bytes->size());
     return status;
 }
 
@@ -100,15 +116,17 @@ bool sameStart(const std::string& a, const std::string& b) {
     return a.compare(0, n, b, 0, n) == 0;
 }
 
-int follow(kivctl::ProxySession& session, const std::string& path, long seen, long interval) {
-    const long kHead = 64;
-    std::string head;
-    int status = read(session, path, 0, kHead, &head);
+// Polls the size alone while nothing changes: one request the proxy does not
+// log. `seen` is where the printed text ends, `last` the bytes before it.
+int follow(kivctl::ProxySession& session, const std::string& path, long seen, std::string last,
+           std::string head, long interval) {
+    const size_t kKept = 64;  // bytes of the start and of the end kept for comparing
+    if (head.empty() && seen > 0) kivctl::readRemote(session, path, 0, kKept, &head);
     bool gone = false;
     for (;;) {
         usleep(static_cast<useconds_t>(interval) * 1000);
         Tail probe;
-        status = ask(session, path, 0, &probe);
+        int status = ask(session, path, 0, &probe);
         if (status == 404) {
             if (!gone) fprintf(stderr, "%s: %s is gone; waiting for it to come back\n", kWho, path.c_str());
             gone = true;
@@ -119,27 +137,38 @@ int follow(kivctl::ProxySession& session, const std::string& path, long seen, lo
             fprintf(stderr, "%s: %s is back; following the new file\n", kWho, path.c_str());
             gone = false;
             seen = 0;
+            last.clear();
             head.clear();
         }
         if (probe.size == seen) continue;
-        std::string newHead;
-        if ((status = read(session, path, 0, kHead, &newHead)) != 0) return kivctl::exitFor(status);
-        if (!sameStart(head, newHead)) {
+        // Grown: read from just before `seen`, to check that what was printed
+        // is still there. Shrunk: read the file's start, to tell a truncated
+        // file (same start) from a replaced one.
+        const bool grew = probe.size > seen;
+        long from = grew ? seen - static_cast<long>(last.size()) : (probe.size > kTailLimit ? -1 : 0);
+        std::string bytes, out;
+        long end = seen;
+        if (from >= 0 && (status = readFrom(session, path, from, probe.size, &bytes, &end)) != 0)
+            return kivctl::exitFor(status);
+        if (grew && bytes.size() < last.size()) continue;  // changed again meanwhile: the next poll sees it
+        if (grew && bytes.compare(0, last.size(), last) == 0) {
+            out = bytes.substr(last.size());
+        } else if (grew || (from == 0 && !sameStart(head, bytes))) {
             fprintf(stderr, "%s: %s was replaced; following the new file\n", kWho, path.c_str());
-            seen = 0;
-        } else if (probe.size < seen) {
+            if (from != 0 && (status = readFrom(session, path, from = 0, probe.size, &bytes, &end)) != 0)
+                return kivctl::exitFor(status);
+            out = bytes;
+        } else {
             fprintf(stderr, "%s: %s was truncated; going on from its new end\n", kWho, path.c_str());
-            seen = probe.size;
+            if (from < 0) {
+                bytes.clear();
+                end = probe.size;
+            }
         }
-        head = newHead;
-        while (seen < probe.size) {
-            std::string bytes;
-            long want = probe.size - seen < (4L << 20) ? probe.size - seen : (4L << 20);
-            if ((status = read(session, path, seen, want, &bytes)) != 0) return kivctl::exitFor(status);
-            if (bytes.empty()) break;
-            fwrite(bytes.data(), 1, bytes.size(), stdout);
-            seen += static_cast<long>(bytes.size());
-        }
+        if (from == 0) head = bytes.substr(0, kKept);
+        last = from < 0 ? std::string() : bytes.substr(bytes.size() > kKept ? bytes.size() - kKept : 0);
+        seen = end;
+        fwrite(out.data(), 1, out.size(), stdout);
         fflush(stdout);
     }
 }
@@ -172,8 +201,10 @@ int run(int argc, char** argv) {
     if (!session.ok()) return session.failureExit();
     Tail tail;
     int status = 0;
+    std::string raw;  // what the service gave, before -n cut it
     if (args.has("bytes")) {
         status = ask(session, path, bytes, &tail);
+        raw = tail.text;
     } else {
         // Asks for more until the text holds N lines, or is the whole file.
         for (long want = 4096;; want = want * 4 > kTailLimit ? kTailLimit : want * 4) {
@@ -181,17 +212,29 @@ int run(int argc, char** argv) {
             bool enough = false;
             std::string text = lastLines(tail.text, lines, &enough);
             if (enough || static_cast<long>(tail.text.size()) >= tail.size || want >= kTailLimit) {
+                raw = tail.text;
                 tail.text = text;
                 break;
             }
         }
     }
-    if (status == 404) fprintf(stderr, "%s: %s: no such file on the proxy's machine\n", kWho, path.c_str());
+    kivctl::RemoteKind kind = status == 404 ? kivctl::RemoteKind::Missing : kivctl::RemoteKind::File;
+    // No text: an empty file, or one the service cannot read, or a folder.
+    if (status == 0 && raw.empty() && (status = kivctl::probeRemote(session, path, &kind)) != kivctl::kOk)
+        return status;
+    if (kind != kivctl::RemoteKind::File) {
+        fprintf(stderr, "%s: %s\n", kWho, kivctl::remoteProblem(path, kind).c_str());
+        return kivctl::kStatus;
+    }
     if (status != 0) return kivctl::exitFor(status);
     fwrite(tail.text.data(), 1, tail.text.size(), stdout);
     fflush(stdout);
     if (!args.has("follow") && !args.has("retry")) return kivctl::kOk;
-    return follow(session, path, tail.size, interval);
+    // A text cut at a NUL byte tells nothing about the end or the start.
+    if (static_cast<long>(raw.size()) != tail.count) raw.clear();
+    const bool whole = static_cast<long>(raw.size()) == tail.size;
+    return follow(session, path, tail.size, raw.substr(raw.size() > 64 ? raw.size() - 64 : 0),
+                  whole ? raw.substr(0, 64) : std::string(), interval);
 }
 
 }  // namespace

@@ -9,7 +9,7 @@
 #include <thread>
 #include <vector>
 
-#include "files/CFileTools.h"
+#include "files/PathMediumId.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/Download.h"
 #include "tools/kivctl/Interrupt.h"
@@ -32,7 +32,10 @@ const char* const kUsageText =
     "PATH must be a file, and no two may have the same name. One file is always\n"
     "deflated; several are stored uncompressed. While the proxy writes the\n"
     "archive and while it downloads, a progress bar shows on a terminal.\n"
-    "Exit status: 0 done; 1 a PATH is missing or a folder, or the proxy refused;\n"
+    "Any file name travels as it is, also one with | * > < (see \"File-browser\n"
+    "medium ids\" in docs/services.md).\n"
+    "Exit status: 0 done; 1 a PATH is missing (or outside the folders the proxy\n"
+    "serves), a folder or a file the proxy cannot read, or the proxy refused;\n"
     "2 a failure; 64 a usage error (also two files of one name). Nothing is\n"
     "left behind on a failure.\n"
     "Options:\n"
@@ -54,9 +57,8 @@ int finalSize(kivctl::ProxySession& session, const std::string& zip, long long e
             kivctl::Progress bar(true, "writing ", 0, estimate);
             long long written = 0;
             while (!done.load()) {
-                kivctl::RemoteKind kind;
                 long long now = -1;
-                if (kivctl::probeRemote(session, zip, &kind, &now) == kivctl::kOk && now >= 0) written = now;
+                if (kivctl::sizeOf(session, zip, &now) == 0 && now >= 0) written = now;
                 bar.update(static_cast<unsigned long long>(written), false);
                 for (int i = 0; i < 5 && !done.load(); ++i) usleep(50 * 1000);
             }
@@ -109,19 +111,18 @@ int run(int argc, char** argv) {
         int rc = kivctl::probeRemote(session, path, &kind);
         if (rc != kivctl::kOk) return rc;
         if (kind == kivctl::RemoteKind::File) continue;
-        fprintf(stderr, "%s: %s: %s\n", kWho, path.c_str(),
-                kind == kivctl::RemoteKind::Missing ? "no such file on the proxy's machine"
-                                                    : "a folder on the proxy's machine; give its files (FOLDER/*)");
+        fprintf(stderr, "%s: %s%s\n", kWho, kivctl::remoteProblem(path, kind).c_str(),
+                kind == kivctl::RemoteKind::Folder ? "; give its files (FOLDER/*)" : "");
         ++refused;
     }
     if (refused) return kivctl::kStatus;
 
-    // [context, medium id...]: file-browser ids of the paths.
+    // [context, medium id...]: the ids of the paths.
     CLocalVariant in, out;
     VUtil::CreateArray(in.get(), VT_VARIANT, paths.size() + 1);
     VUtil::PutElement(in.get(), 0, "kivctl");
     for (size_t i = 0; i < paths.size(); ++i)
-        VUtil::PutElement(in.get(), static_cast<int>(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
+        VUtil::PutElement(in.get(), static_cast<int>(i + 1), PathMediumId::FromPath(CStdStr(paths[i])));
     if (kivctl::progressWanted(false))
         fprintf(stderr, "asking the proxy for an archive of %zu files...\n", paths.size());
     int status = session.request("CreateZip", in.get(), out.ptr());
