@@ -65,7 +65,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"tail -n 2 " + dir.file("a.log"), 0, {"second\nthird\n"}, {"first"}},
         {"tail -c 6 " + dir.file("a.log"), 0, {"third\n"}, {"second"}},
         {"tail " + dir.file("none.log"), 1, {"no such file"}, {}},
-        {"tail " + dir.path(), 1, {"is a folder"}, {}},
+        // A folder is never served: said as for a missing file, with a non-zero exit.
+        {"tail " + dir.path(), 1, {"no such file"}, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
          {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
@@ -154,7 +155,9 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     const std::string settings = "XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
                                  " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' cabDirectory.";
     kivtest::runCommand(settings + "port -int " + std::to_string(guarded.port()) + " && " + settings +
-                        "user -string proxy && " + settings + "password -string p");
+                        "user -string proxy && " + settings + "password -string p && XDG_CONFIG_HOME=" +
+                        dir.file("settings") + " " + kKivctl + " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' "
+                        "files.roots -string " + dir.path());
     kivtest::ProxyProcess proxy;
     CabClient client;
     client.setUser("someone", "secret");
