@@ -370,10 +370,10 @@ std::string answerName(const std::string& json) {
 }
 
 // Sends one discovery request per subject, each to a mailbox of its own,
-// and collects the answers (per subject) until waitMs passed or, after the
-// first answer, they pause for 200 ms.
+// and collects the answers (per subject) until waitMs passed or, once every
+// subject has an answer, they pause for quietMs.
 int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vector<std::string>& subjects, int waitMs,
-                     std::vector<std::vector<std::string>>* answers) {
+                     int quietMs, std::vector<std::vector<std::string>>* answers) {
     struct Ask {
         std::shared_ptr<CabMailbox> box;
         std::unique_ptr<MailboxGuard> guard;
@@ -389,11 +389,11 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
         if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
     }
     struct timespec end = cabDeadline(waitMs);
-    bool any = false;
+    std::vector<bool> heard(subjects.size(), false);  // an answer, or the directory's "no responders"
     for (;;) {
         struct timespec deadline = end;
-        if (any) {
-            struct timespec quiet = cabDeadline(200);
+        if (std::all_of(heard.begin(), heard.end(), [](bool h) { return h; })) {
+            struct timespec quiet = cabDeadline(quietMs);
             if (quiet.tv_sec < end.tv_sec || (quiet.tv_sec == end.tv_sec && quiet.tv_nsec < end.tv_nsec))
                 deadline = quiet;
         }
@@ -407,7 +407,7 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
                 if (st != CAB_E_TIMEOUT) return CabFail(st);
                 continue;
             }
-            got = any = true;
+            got = heard[i] = true;
             if (!natsMsg_IsNoResponders(m))
                 (*answers)[i].emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "",
                                            (size_t)natsMsg_GetDataLength(m));
@@ -440,7 +440,8 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
         names.push_back(name);
     } else {
         std::vector<std::vector<std::string>> pings;
-        int rc = collectDiscovery(conn, {"$SRV.PING"}, waitMs, &pings);
+        // Satellites answer at their own pace: a busy one may come late.
+        int rc = collectDiscovery(conn, {"$SRV.PING"}, waitMs, 500, &pings);
         if (rc != 0) return rc;
         for (const std::string& answer : pings[0]) {
             std::string n = answerName(answer);
@@ -451,7 +452,7 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
     std::vector<std::string> subjects;
     for (const std::string& n : names) subjects.push_back(std::string("$SRV.") + verb + "." + n);
     std::vector<std::vector<std::string>> answers;
-    int rc = collectDiscovery(conn, subjects, waitMs, &answers);
+    int rc = collectDiscovery(conn, subjects, waitMs, 200, &answers);
     if (rc != 0) return rc;
     for (size_t i = 0; i < names.size(); ++i)
         for (std::string& answer : answers[i]) {
