@@ -70,7 +70,7 @@ MiniDumper::~MiniDumper() {
 CStdStr MiniDumper::escapeBlanks(const CStdStr& path) {
     CStdStr out;
     for (size_t i = 0; i < path.size(); ++i) {
-        if (path[i] == ' ' && (i == 0 || path[i - 1] != '\\')) out += '\\';
+        if (path[i] == ' ') out += '\\';
         out += path[i];
     }
     return out;

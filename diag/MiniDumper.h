@@ -49,7 +49,7 @@ public:
     static bool _minidumpCallback(const char* dumpDir, const char* minidumpId, void* context, bool succeeded);
     bool minidumpCallback(const char* dumpDir, const char* minidumpId, void* context, bool succeeded);
 
-    // "a b" -> "a\ b"; blanks already escaped stay as they are.
+    // "a b" -> "a\ b": every blank, also one after a backslash.
     static CStdStr escapeBlanks(const CStdStr& path);
 
 private:

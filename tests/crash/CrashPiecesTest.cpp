@@ -25,7 +25,7 @@
 
 namespace {
 
-TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithBlanksEscapedOnce) {
+TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithEveryBlankEscaped) {
     MiniDumper d(nullptr, true, true, true, false, false);
     EXPECT_EQ("Unknown", d.getApplicationName());
     EXPECT_EQ("/tmp/", d.getDumpDirectory());
@@ -46,9 +46,10 @@ TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithBlanksEscapedO
     EXPECT_EQ("./KivCrashReporter \"/d/id.dmp\" \"App\" \"one\" \"two three\"", e.commandLine("/d/id.dmp"));
     EXPECT_EQ("/d/", e.getDumpDirectory());
 
-    // Blanks in the reporter path are escaped once.
+    // Every blank in the reporter path is escaped, also one after a backslash
+    // (a folder whose name ends in a backslash).
     EXPECT_EQ("/a\\ b/c\\ \\ d", MiniDumper::escapeBlanks("/a b/c  d"));
-    EXPECT_EQ("/a\\ b", MiniDumper::escapeBlanks("/a\\ b"));
+    EXPECT_EQ("/a\\\\ b", MiniDumper::escapeBlanks("/a\\ b"));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir",
                                                            CStdStr("/opt/My Kiv")));
     MiniDumper i("App", true, true, true, false, false);
