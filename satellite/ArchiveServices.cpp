@@ -58,16 +58,16 @@ struct timespec deadlineIn(long long milliseconds) {
 
 }  // namespace
 
-// Starts the building thread on a record that both holders own. On failure
-// the record is freed, its file removed, and false returned.
-static bool startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTable& jobs,
+// Starts the building thread on a record that both holders own. When the
+// thread cannot start, the record is freed, its file removed, and the
+// exception goes on to the caller (and so to the requester, with its text).
+static void startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTable& jobs,
                                TCreateZipThreadData* record) {
     ArchiveThreads::started(satellite);
     ArchiveLeftovers::add(record->zipPath);
     jobs.add(record);
     try {
         record->thread.init(nullptr, new ThreadDelegate(satellite, &KivRequestProxySatellite::createZipThread), record);
-        return true;
     } catch (const std::exception& e) {
         CBBLog::error("Cannot start the thread for %s: %s", record->zipPath.c_str(), e.what());
         jobs.finish(record, CStdStr());
@@ -76,7 +76,7 @@ static bool startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTa
         ::unlink(record->zipPath.c_str());
         ArchiveThreads::finished(satellite);
         delete record;
-        return false;
+        throw;
     }
 }
 
@@ -129,7 +129,7 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
     TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, layout.release(), true);
     record->refused.swap(refused);
     record->budgeted = estimate;
-    if (!startArchiveThread(this, m_zipJobs, record)) return 1;
+    startArchiveThread(this, m_zipJobs, record);
 
     long long size = estimate;
     CStdStr failed;
@@ -277,7 +277,7 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
     TCreateZipThreadData* record = new TCreateZipThreadData(zipPath, layout.release(), false);
     record->refused.swap(refused);
     record->budgeted = estimate;
-    if (!startArchiveThread(this, m_zipJobs, record)) return 1;
+    startArchiveThread(this, m_zipJobs, record);
     // Joined while still holding the record, so the thread cannot free it first.
     record->thread.join();
     CStdStr failed;
