@@ -1,6 +1,10 @@
 # Shared build settings: warnings, sanitizers and the one-library-per-folder helper.
 
 add_compile_options(-Wall -Wextra -Wno-unused-parameter)
+# KIV_WERROR (CI turns it on): a warning fails the build.
+if(KIV_WERROR)
+  add_compile_options(-Werror)
+endif()
 
 if(KIV_SANITIZE)
   add_compile_options(-fsanitize=${KIV_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=undefined)

@@ -289,7 +289,7 @@ TEST_F(LoggerTest, ProcessesShareOneRotatingFileWithoutTornLines) {
         pid_t child = fork();
         ASSERT_GE(child, 0);
         if (child == 0) {
-            freopen("/dev/null", "w", stdout);
+            if (!freopen("/dev/null", "w", stdout)) _exit(2);
             {
                 CBBLog log("shared.log", true, 8192);
                 log.setLogLevel(LOGLEVEL_DEBUG);

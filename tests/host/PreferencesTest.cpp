@@ -189,7 +189,7 @@ TEST_F(SettingsTest, UnreadableFilesAreRefusedAtOnceKeepingTheLastGoodValues) {
         mkdir(file.c_str(), 0700);
         expectLastGood("folder");
         rmdir(file.c_str());
-        symlink((folder() + "/good.json").c_str(), file.c_str());
+        EXPECT_EQ(0, symlink((folder() + "/good.json").c_str(), file.c_str()));
         expectLastGood("link");
         unlink(file.c_str());
         kivtest::writeFile(file, "{\"LogLevel\": 5, \"pad\": \"" + std::string(1024 * 1024, 'x') + "\"}");
