@@ -313,6 +313,19 @@ int CabSatellite::Connect(const char* host, const char* name) {
         return rc;
     }
     conn->setStateListener([this](int state) { OnStatusChange(state, 0); });
+    // Answers in parts leave through a connection of their own, so that a
+    // small answer never waits behind megabytes of parts in one socket.
+    std::shared_ptr<CabConnection> partsConn;
+    if (cabsettings::integer("cabDirectory.partsConnection", 1) != 0) {
+        CabConnection::Options p = o;
+        p.name = o.name + "-parts";
+        if (CabConnection::open(p, &partsConn) != 0) {
+            cablog::log(LOGLEVEL_WARN, "No connection of its own for answers in parts (%s); they share the first",
+                        CabGetLastError().c_str());
+            partsConn.reset();
+            CabSetLastError("");
+        }
+    }
     int creditTimeoutMs = cabsettings::integer("cabDirectory.creditTimeoutMs", 30000);
     int maxAnswerBytes = cabsettings::integer("cabDirectory.maxAnswerBytes", (int)kCabDefaultAnswerBytes);
     int minRate = cabsettings::integer("cabDirectory.minTransferBytesPerSecond", 256 << 10);
@@ -325,8 +338,10 @@ int CabSatellite::Connect(const char* host, const char* name) {
         m_state->conn = conn;
         m_state->dispatcher = std::make_shared<CabDispatcher>(maxHandlers);
         m_state->pool = std::make_shared<CabWorkerPool>(maxHandlers);
+        m_state->partsConn = partsConn;
         m_state->transfers = std::make_shared<CabTransfers>(conn, m_state->pool, creditTimeoutMs,
-                                                            (uint64_t)(minRate > 0 ? minRate : 0), m_state->budget);
+                                                            (uint64_t)(minRate > 0 ? minRate : 0), m_state->budget,
+                                                            partsConn);
     }
     char at[256] = "";
     if (natsConnection_GetConnectedUrl(conn->nc(), at, sizeof at) != NATS_OK || !*at)
@@ -493,13 +508,14 @@ int CabSatellite::Disconnect() {
     if (graceMs < 0) graceMs = kDefaultGraceMs;
     struct timespec deadline = cabDeadline(graceMs);
     DrainServices(std::min(graceMs, kDrainTimeoutMs));
-    std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabConnection> conn, partsConn;
     std::shared_ptr<CabDispatcher> dispatcher;
     std::shared_ptr<CabWorkerPool> pool;
     std::string name;
     {
         PLockGuard guard(m_state->lock);
         conn.swap(m_state->conn);
+        partsConn.swap(m_state->partsConn);
         dispatcher.swap(m_state->dispatcher);
         pool.swap(m_state->pool);
         name = m_state->name;
@@ -540,6 +556,7 @@ int CabSatellite::Disconnect() {
     }
     if (transfers) transfers->abandonAll("the satellite is leaving");
     conn->close();  // threads still waiting for requests wake up and end
+    if (partsConn) partsConn->close();
     cablog::log(LOGLEVEL_INFO, "Disconnected %s from the directory", name.c_str());
     return 0;
 }

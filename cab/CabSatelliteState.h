@@ -65,6 +65,7 @@ struct CabSatelliteState {
     mutable int64_t settingReadMs = 0;  // when, on the monotonic clock
     int maxHandlers = -1;  // -1: from the settings
     std::shared_ptr<CabConnection> conn;
+    std::shared_ptr<CabConnection> partsConn;   // answers in parts, with cabDirectory.partsConnection; or null
     std::shared_ptr<CabDispatcher> dispatcher;  // serves the services' requests
     std::shared_ptr<CabWorkerPool> pool;        // sends the later parts of answers
     std::shared_ptr<CabTransfers> transfers;  // answers waiting for their requesters

@@ -93,8 +93,10 @@ struct CabTransfers::Transfer {
 };
 
 CabTransfers::CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool,
-                           int creditTimeoutMs, uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget)
+                           int creditTimeoutMs, uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget,
+                           std::shared_ptr<CabConnection> parts)
     : m_conn(std::move(conn)),
+      m_parts(parts ? std::move(parts) : m_conn),
       m_pool(pool),
       m_creditTimeoutMs(creditTimeoutMs > 0 ? creditTimeoutMs : 30000),
       m_minBytesPerSecond(minBytesPerSecond),
@@ -246,7 +248,7 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
             if (m) {
                 setStatusHeaders(m, kUnreadableAnswer, why, 0);
                 natsMsgHeader_Set(m, cabwire::kPart, std::to_string(i).c_str());
-                m_conn->publishMsg(m);
+                m_parts->publishMsg(m);
                 cabwire::destroy(m);
             }
             {
@@ -264,7 +266,7 @@ void CabTransfers::pump(const std::shared_ptr<Transfer>& t) {
             natsMsgHeader_Set(m, cabwire::kWindow, std::to_string(t->window).c_str());
         }
         natsMsgHeader_Set(m, cabwire::kPart, std::to_string(i).c_str());
-        int rc = m_conn->publishMsg(m);
+        int rc = m_parts->publishMsg(m);
         cabwire::destroy(m);
         if (rc != 0) {
             {
@@ -331,7 +333,7 @@ void CabTransfers::tellConnectionLost(const std::shared_ptr<Transfer>& t) {
     if (!m) return;
     setStatusHeaders(m, CAB_E_CONNECTION_LOST, "the responder lost its directory server", 0);
     natsMsgHeader_Set(m, cabwire::kPart, std::to_string(next).c_str());
-    m_conn->publishMsg(m);
+    m_parts->publishMsg(m);
     cabwire::destroy(m);
 }
 
@@ -350,7 +352,7 @@ void CabTransfers::finish(const std::shared_ptr<Transfer>& t, const std::string&
         if (natsMsg* m = makeMsg(t->replyTo, "", 0)) {
             setStatusHeaders(m, tellStatus, why, 0);
             natsMsgHeader_Set(m, cabwire::kPart, std::to_string(next).c_str());
-            m_conn->publishMsg(m);
+            m_parts->publishMsg(m);
             cabwire::destroy(m);
         }
     }

@@ -33,8 +33,12 @@
 
 class CabTransfers : public std::enable_shared_from_this<CabTransfers> {
 public:
+    // Answers in parts go out on `parts` (every message of them, in order),
+    // so that answers of one message never queue behind their bytes; null:
+    // on `conn` too. Credit always comes in on `conn`.
     CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool, int creditTimeoutMs,
-                 uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget);
+                 uint64_t minBytesPerSecond, std::shared_ptr<CabMemoryBudget> budget,
+                 std::shared_ptr<CabConnection> parts = nullptr);
     ~CabTransfers();
     CabTransfers(const CabTransfers&) = delete;
     CabTransfers& operator=(const CabTransfers&) = delete;
@@ -63,6 +67,7 @@ private:
     void* sweep(void*);
 
     const std::shared_ptr<CabConnection> m_conn;
+    const std::shared_ptr<CabConnection> m_parts;  // m_conn, or a connection of their own
     const std::weak_ptr<CabWorkerPool> m_pool;
     const int m_creditTimeoutMs;
     const uint64_t m_minBytesPerSecond;
