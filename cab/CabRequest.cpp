@@ -440,8 +440,9 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
         names.push_back(name);
     } else {
         std::vector<std::vector<std::string>> pings;
-        // Satellites answer at their own pace: a busy one may come late.
-        int rc = collectDiscovery(conn, {"$SRV.PING"}, waitMs, 500, &pings);
+        // Satellites answer at their own pace, and a busy one may come late:
+        // nobody knows how many there are, so the whole wait is used.
+        int rc = collectDiscovery(conn, {"$SRV.PING"}, waitMs, waitMs, &pings);
         if (rc != 0) return rc;
         for (const std::string& answer : pings[0]) {
             std::string n = answerName(answer);
