@@ -35,7 +35,8 @@ size_t editDistance(const std::string& a, const std::string& b) {
 bool discoverServices(CabSatellite& client, std::map<std::string, std::set<std::string>>* out) {
     std::map<std::string, std::set<std::string>>& found = *out;
     std::vector<std::string> replies;
-    if (client.Discover("INFO", nullptr, 1000, &replies) != 0) return false;
+    // Only after a failure: a slow satellite (a loaded machine) is worth a longer wait.
+    if (client.Discover("INFO", nullptr, 3000, &replies) != 0) return false;
     for (const std::string& reply : replies) {
         const nlohmann::json j = nlohmann::json::parse(reply, nullptr, false);
         if (!j.is_object() || !j.contains("name") || !j["name"].is_string()) continue;
