@@ -361,48 +361,65 @@ int CabSatellite::Request(const char* target, const char* service, const tagVARI
 
 namespace {
 
-// The "name" of a discovery answer; "" when it has none.
-std::string answerName(const std::string& json) {
+// A string field of a discovery answer; "" when it has none.
+std::string answerField(const std::string& json, const char* field) {
     nlohmann::json j = nlohmann::json::parse(json, nullptr, false);
     if (!j.is_object()) return "";
-    auto n = j.find("name");
+    auto n = j.find(field);
     return n != j.end() && n->is_string() ? n->get<std::string>() : "";
 }
 
+std::string answerName(const std::string& json) { return answerField(json, "name"); }
+
 // Sends one discovery request per subject, each to a mailbox of its own,
 // and collects the answers (per subject) until waitMs passed or, once every
-// subject has an answer, they pause for quietMs.
+// subject has an answer, they pause for quietMs. A subject not heard from is
+// asked again every 250 ms (a request or its answer can be lost while a
+// satellite is busy); the caller drops repeated answers.
 int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vector<std::string>& subjects, int waitMs,
                      int quietMs, std::vector<std::vector<std::string>>* answers) {
     struct Ask {
         std::shared_ptr<CabMailbox> box;
         std::unique_ptr<MailboxGuard> guard;
+        std::string inbox;
     };
     std::vector<Ask> asks(subjects.size());
     answers->assign(subjects.size(), {});
-    for (size_t i = 0; i < subjects.size(); ++i) {
-        std::string inbox;
-        uint64_t token = 0;
-        asks[i].box = conn->openMailbox(&inbox, &token);
-        asks[i].guard.reset(new MailboxGuard{conn, token});
-        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), inbox.c_str(), nullptr, 0);
-        if (s != NATS_OK) return CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
-    }
-    struct timespec end = cabDeadline(waitMs);
     std::vector<bool> heard(subjects.size(), false);  // an answer, or the directory's "no responders"
+    auto send = [&](size_t i) {
+        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), asks[i].inbox.c_str(), nullptr, 0);
+        return s == NATS_OK ? 0 : CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
+    };
+    for (size_t i = 0; i < subjects.size(); ++i) {
+        uint64_t token = 0;
+        asks[i].box = conn->openMailbox(&asks[i].inbox, &token);
+        asks[i].guard.reset(new MailboxGuard{conn, token});
+        if (int rc = send(i)) return rc;
+    }
+    const auto start = std::chrono::steady_clock::now();
+    auto lastSend = start;
+    const auto end = start + std::chrono::milliseconds(waitMs);
+    auto quietUntil = end;
     for (;;) {
-        struct timespec deadline = end;
-        if (std::all_of(heard.begin(), heard.end(), [](bool h) { return h; })) {
-            struct timespec quiet = cabDeadline(quietMs);
-            if (quiet.tv_sec < end.tv_sec || (quiet.tv_sec == end.tv_sec && quiet.tv_nsec < end.tv_nsec))
-                deadline = quiet;
+        const auto now = std::chrono::steady_clock::now();
+        const bool all = std::all_of(heard.begin(), heard.end(), [](bool h) { return h; });
+        if (now >= (all ? std::min(end, quietUntil) : end)) return 0;
+        if (!all && now - lastSend >= std::chrono::milliseconds(250)) {
+            for (size_t i = 0; i < subjects.size(); ++i)
+                if (!heard[i])
+                    if (int rc = send(i)) return rc;
+            lastSend = now;
         }
+        // Wait on the last mailbox at most until the next resend; the others are emptied as they are.
+        auto until = all ? std::min(end, quietUntil) : std::min(end, lastSend + std::chrono::milliseconds(250));
         bool got = false;
         for (size_t i = 0; i < asks.size(); ++i) {
+            const int64_t ms = i + 1 == asks.size()
+                                   ? std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                              until - std::chrono::steady_clock::now()).count())
+                                   : 0;
             int st = 0;
-            // Only the last mailbox waits; the others are emptied as they are.
-            struct timespec now = cabDeadline(0);
-            natsMsg* m = asks[i].box->wait(i + 1 == asks.size() ? deadline : now, &st);
+            natsMsg* m = asks[i].box->wait(cabDeadline(ms), &st);
             if (!m) {
                 if (st != CAB_E_TIMEOUT) return CabFail(st);
                 continue;
@@ -413,11 +430,7 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
                                            (size_t)natsMsg_GetDataLength(m));
             cabwire::destroy(m);
         }
-        if (!got) {
-            struct timespec now = cabDeadline(0);
-            if (now.tv_sec > deadline.tv_sec || (now.tv_sec == deadline.tv_sec && now.tv_nsec >= deadline.tv_nsec))
-                return 0;
-        }
+        if (got) quietUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(quietMs);
     }
 }
 
@@ -455,8 +468,12 @@ int CabSatellite::Discover(const char* verb, const char* name, int waitMs, std::
     std::vector<std::vector<std::string>> answers;
     int rc = collectDiscovery(conn, subjects, waitMs, 200, &answers);
     if (rc != 0) return rc;
+    std::vector<std::string> ids;  // an instance asked twice answers twice
     for (size_t i = 0; i < names.size(); ++i)
         for (std::string& answer : answers[i]) {
+            const std::string id = names[i] + "/" + answerField(answer, "id");
+            if (std::find(ids.begin(), ids.end(), id) != ids.end()) continue;
+            ids.push_back(id);
             if (answerName(answer) != names[i]) {
                 cablog::log(LOGLEVEL_WARN, "Discovery answer for %s naming another satellite ignored",
                             names[i].c_str());
