@@ -46,7 +46,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
     const std::string media = dir.file("media"), outside = dir.file("outside");
     kivtest::writeFile(media + "/a.txt", "served");
     kivtest::writeFile(media + "/sub/b.txt", "bee");
-    kivtest::writeFile(media + "/credential.txt", "seed");
+    kivtest::writeFile(media + "/nkey.txt", "SUAKEYMATERIAL");
     kivtest::writeFile(outside + "/secret.txt", "secret");
     fs::create_symlink("sub/b.txt", media + "/link-in");
     fs::create_symlink("../outside/secret.txt", media + "/link-out");
@@ -64,7 +64,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
     // The settings folder inside a served folder stays private, and so does a credential file.
     const std::string config = getenv("XDG_CONFIG_HOME");
     ASSERT_TRUE(setting("files.roots", CStdStr(media + ":" + config + ":relative/ignored")));
-    ASSERT_TRUE(setting("cabDirectory.nkeySeedFile", CStdStr(media + "/credential.txt")));
+    ASSERT_TRUE(setting("cabDirectory.nkeySeedFile", CStdStr(media + "/nkey.txt")));
     const std::string settings = Preferences::DomainFile("com.kiv-foundry.kiv.config");
     const std::string ownLog = CFileTools::GetLogsDirectory() + "/KivRequestProxy.log";
     kivtest::writeFile(ownLog, "a log line\n");
@@ -91,7 +91,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {"/etc/passwd", "", "outside the served folders"},
         {"a.txt", "", "not an absolute path"},
         {settings, "", "is never served"},
-        {media + "/credential.txt", "", "a credential file"},
+        {media + "/nkey.txt", "", "a credential file"},
         {media + "/fifo", "", "a FIFO"},
         {media + "/sock", "", "a socket"},
         {media + "/null", "", "leads out"},                    // a device, through a link
