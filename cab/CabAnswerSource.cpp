@@ -1,11 +1,11 @@
-#include "cab/CabAnswerSource.h"
+#include "cab/internal/CabAnswerSource.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 
 namespace {
 

@@ -4,11 +4,11 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "cab/CabLog.h"
-#include "cab/CabRandom.h"
+#include "cab/internal/CabLog.h"
+#include "cab/internal/CabRandom.h"
 #include "cab/CabSatellite.h"
 #include "cab/CabStatus.h"
-#include "cab/CabWire.h"
+#include "cab/internal/CabWire.h"
 #include "host/SettingsSecrets.h"
 
 namespace {

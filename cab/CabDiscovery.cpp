@@ -3,8 +3,8 @@
 // services are the endpoints, in the order they were added.
 #include <nlohmann/json.hpp>
 
-#include "cab/CabLog.h"
-#include "cab/CabSatelliteState.h"
+#include "cab/internal/CabLog.h"
+#include "cab/internal/CabSatelliteState.h"
 
 namespace {
 

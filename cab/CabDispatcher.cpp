@@ -1,7 +1,7 @@
-#include "cab/CabDispatcher.h"
+#include "cab/internal/CabDispatcher.h"
 
 #include "cab/CabConnection.h"
-#include "cab/CabLog.h"
+#include "cab/internal/CabLog.h"
 
 #include <time.h>
 

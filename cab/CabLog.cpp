@@ -1,4 +1,4 @@
-#include "cab/CabLog.h"
+#include "cab/internal/CabLog.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "cab/CabInline.h"
 
 namespace {

@@ -35,7 +35,7 @@
 #include <memory>
 #include <string>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 #include "host/PThread.h"
 
 class CabMemoryBudget : public std::enable_shared_from_this<CabMemoryBudget> {

@@ -1,4 +1,4 @@
-#include "cab/CabRandom.h"
+#include "cab/internal/CabRandom.h"
 
 #include <openssl/rand.h>
 #include <sys/random.h>

@@ -11,13 +11,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "cab/CabInline.h"
-#include "cab/CabLog.h"
+#include "cab/internal/CabLog.h"
 #include "cab/CabMemoryBudget.h"
 #include "cab/CabSatellite.h"
-#include "cab/CabSatelliteState.h"
-#include "cab/CabWire.h"
+#include "cab/internal/CabSatelliteState.h"
+#include "cab/internal/CabWire.h"
 
 namespace {
 

@@ -9,9 +9,9 @@
 
 #include <unistd.h>
 
-#include "cab/CabLog.h"
-#include "cab/CabSatelliteState.h"
-#include "cab/CabWire.h"
+#include "cab/internal/CabLog.h"
+#include "cab/internal/CabSatelliteState.h"
+#include "cab/internal/CabWire.h"
 #include "host/CRegistry.h"
 
 namespace {

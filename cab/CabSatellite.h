@@ -57,7 +57,7 @@
 #include <boost/shared_ptr.hpp>
 
 #include "cab/CabStatus.h"
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 class CBBLog;
 class CabMemoryBudget;

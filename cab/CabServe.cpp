@@ -4,12 +4,12 @@
 #include <exception>
 #include <string>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "cab/CabException.h"
 #include "cab/CabInline.h"
-#include "cab/CabLog.h"
-#include "cab/CabSatelliteState.h"
-#include "cab/CabWire.h"
+#include "cab/internal/CabLog.h"
+#include "cab/internal/CabSatelliteState.h"
+#include "cab/internal/CabWire.h"
 
 namespace {
 

@@ -1,14 +1,14 @@
-#include "cab/CabTransfers.h"
+#include "cab/internal/CabTransfers.h"
 
 #include <time.h>
 
 #include <algorithm>
 #include <vector>
 
-#include "cab/CabLog.h"
+#include "cab/internal/CabLog.h"
 #include "cab/CabStatus.h"
-#include "cab/CabWire.h"
-#include "cab/ZeroBytes.h"
+#include "cab/internal/CabWire.h"
+#include "cab/internal/ZeroBytes.h"
 
 namespace {
 

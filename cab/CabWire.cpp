@@ -1,4 +1,4 @@
-#include "cab/CabWire.h"
+#include "cab/internal/CabWire.h"
 
 #include <algorithm>
 #include <cerrno>

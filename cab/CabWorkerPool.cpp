@@ -1,6 +1,6 @@
 #include "cab/CabWorkerPool.h"
 
-#include "cab/CabLog.h"
+#include "cab/internal/CabLog.h"
 
 CabWorkerPool::CabWorkerPool(int cap) : m_cap(cap < 1 ? 1 : cap) {}
 

@@ -1,4 +1,4 @@
-#include "cab/ZeroBytes.h"
+#include "cab/internal/ZeroBytes.h"
 
 #include <sys/mman.h>
 

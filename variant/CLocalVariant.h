@@ -5,7 +5,7 @@
 // value out with release() to keep it beyond the scope.
 #pragma once
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 class CLocalVariant {
 public:

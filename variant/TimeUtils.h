@@ -14,7 +14,7 @@
 // - All functions are safe to call from any thread.
 #pragma once
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 #include "common/CStdStr.h"
 
 namespace TimeUtils {

@@ -17,7 +17,7 @@
 #include <map>
 #include <vector>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 #include "common/CStdStr.h"
 
 namespace VUtil {

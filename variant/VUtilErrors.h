@@ -3,7 +3,7 @@
 // outside variant/.
 #pragma once
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 #include "common/CStdStr.h"
 
 namespace VUtil {

@@ -12,7 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "bench/stress/StressReport.h"
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "host/CRegistry.h"
 #include "tests/support/JsonVariant.h"
 #include "variant/CLocalVariant.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "tests/broker/BrokerTestFixture.h"
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 
 void BrokerTest::SetUp() {
     ASSERT_TRUE(server.start()) << server.error();

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "tests/cab/VariantSamples.h"
 #include "tests/support/JsonVariant.h"
 #include "tests/support/TempDir.h"

@@ -4,8 +4,8 @@
 #include <cstring>
 #include <limits>
 
-#include "cab/Cab1.h"
-#include "cab/VariantJson.h"
+#include "value/Cab1.h"
+#include "value/VariantJson.h"
 
 namespace kivtest {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 namespace kivtest {
 

@@ -6,8 +6,8 @@
 #include <cstring>
 #include <ctime>
 
-#include "cab/Variant.h"
-#include "cab/VariantJson.h"
+#include "value/Variant.h"
+#include "value/VariantJson.h"
 #include "tests/cab/VariantSamples.h"
 
 using kivtest::IdenticalVariants;

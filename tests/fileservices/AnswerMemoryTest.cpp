@@ -7,7 +7,7 @@
 
 #include <memory>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "cab/CabMemoryBudget.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/TestHelpers.h"

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstring>
 
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 #include "files/CFileTools.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"

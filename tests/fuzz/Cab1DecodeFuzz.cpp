@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string>
 
-#include "cab/Cab1.h"
-#include "cab/VariantJson.h"
+#include "value/Cab1.h"
+#include "value/VariantJson.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     tagVARIANT v;

@@ -6,8 +6,8 @@
 #include <cstdlib>
 #include <string>
 
-#include "cab/Cab1.h"
-#include "cab/VariantJson.h"
+#include "value/Cab1.h"
+#include "value/VariantJson.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 #include "variant/CLocalVariant.h"
 
 struct JsonVariant : CLocalVariant {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "cab/CabException.h"
-#include "cab/Variant.h"
+#include "value/Variant.h"
 #include "variant/CLocalVariant.h"
 
 // Expects `stmt` to throw a CabException with `code` and exactly `text`;

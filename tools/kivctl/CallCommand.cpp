@@ -6,7 +6,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/DisplayJson.h"
 #include "tools/kivctl/Explain.h"

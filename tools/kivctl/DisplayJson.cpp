@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 #include "variant/TimeUtils.h"
 #include "variant/VUtil.h"
 

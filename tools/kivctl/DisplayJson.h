@@ -8,7 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 namespace kivctl {
 

@@ -4,8 +4,8 @@
 #include <iterator>
 #include <string>
 
-#include "cab/Cab1.h"
-#include "cab/VariantJson.h"
+#include "value/Cab1.h"
+#include "value/VariantJson.h"
 #include "tools/kivctl/Command.h"
 #include "tools/kivctl/JsonArgument.h"
 

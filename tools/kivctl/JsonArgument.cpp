@@ -4,7 +4,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 
 namespace kivctl {
 

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 namespace kivctl {
 

@@ -7,7 +7,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cab/CabStatus.h"
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/DisplayJson.h"
 #include "tools/kivctl/JsonArgument.h"

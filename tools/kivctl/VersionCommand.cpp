@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 #include "tools/kivctl/Connection.h"
 #include "tools/kivctl/ProxyRequest.h"
 #include "variant/TimeUtils.h"

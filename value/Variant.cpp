@@ -11,7 +11,7 @@
 // An array belongs to one thread at a time; the lock count (cLocks) guards
 // against destroying or resizing storage while someone holds a pointer into it,
 // not against concurrent use.
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 #include <sys/mman.h>
 

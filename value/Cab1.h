@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 class Cab1Encoding {
 public:

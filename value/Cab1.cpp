@@ -5,7 +5,7 @@
 // strings) are referenced in place. copy() finds the first piece of a window
 // by binary search, so the broker can cut a large encoding into messages
 // without re-walking it and without an intermediate copy of the payload.
-#include "cab/Cab1.h"
+#include "value/Cab1.h"
 
 #include <algorithm>
 #include <cinttypes>

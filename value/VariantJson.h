@@ -21,7 +21,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 // Parses `text` and reads it as a variant into `out` (the caller owns it; it
 // is overwritten without being cleared). False with *error (may be null) on failure.

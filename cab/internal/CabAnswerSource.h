@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "cab/Variant.h"
+#include "value/Variant.h"
 
 class CabAnswerSource {
 public:

@@ -25,7 +25,7 @@
 #include <memory>
 #include <string>
 
-#include "cab/CabAnswerSource.h"
+#include "cab/internal/CabAnswerSource.h"
 #include "cab/CabConnection.h"
 #include "cab/CabMemoryBudget.h"
 #include "cab/CabWorkerPool.h"

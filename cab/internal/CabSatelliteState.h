@@ -12,12 +12,12 @@
 
 #include <nats/nats.h>
 
-#include "cab/CabAnswerSource.h"
+#include "cab/internal/CabAnswerSource.h"
 #include "cab/CabConnection.h"
-#include "cab/CabDispatcher.h"
+#include "cab/internal/CabDispatcher.h"
 #include "cab/CabMemoryBudget.h"
 #include "cab/CabSatellite.h"
-#include "cab/CabTransfers.h"
+#include "cab/internal/CabTransfers.h"
 #include "cab/CabWorkerPool.h"
 #include "host/PThread.h"
 

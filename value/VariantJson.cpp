@@ -1,4 +1,4 @@
-#include "cab/VariantJson.h"
+#include "value/VariantJson.h"
 
 #include <cinttypes>
 #include <cmath>
