@@ -78,7 +78,7 @@ bool CabDispatcher::add(natsSubscription* sub, Serve serve) {
             c->serve = std::move(serve);
             m_channels.push_back(std::move(c));
             appointLocked();
-            if (!m_threads.empty()) return true;
+            if (m_threads.startedLocked() > 0) return true;
             m_channels.pop_back();
         }
     }
@@ -200,18 +200,8 @@ void CabDispatcher::deputeLocked() {
 
 bool CabDispatcher::startThreadLocked() {
     // Leaders plus the threads serving messages.
-    if (m_gaveUp || m_threads.size() >= (size_t)m_cap + m_channels.size()) return false;
-    std::unique_ptr<PThread> t(new PThread);
-    try {
-        ++m_live;  // before the thread can run (and end)
-        t->init(nullptr, new PThreadDelegateMember<CabDispatcher>(this, &CabDispatcher::run), nullptr);
-        m_threads.push_back(std::move(t));
-    } catch (const std::exception& e) {
-        --m_live;
-        cablog::log(LOGLEVEL_ERROR, "Service thread not started (%s); %d running", e.what(), (int)m_threads.size());
-        return false;
-    }
-    return true;
+    if (m_threads.startedLocked() >= m_cap + (int)m_channels.size()) return false;
+    return m_threads.startLocked(new PThreadDelegateMember<CabDispatcher>(this, &CabDispatcher::run));
 }
 
 std::vector<natsSubscription*> CabDispatcher::reapLocked() {
@@ -303,8 +293,7 @@ void* CabDispatcher::run(void*) {
         }
     }
     if (deputy) m_deputy = false;
-    --m_live;
-    m_lock.broadcast();  // stopUntil waits for the last one
+    m_threads.endedLocked();
     m_lock.unlock();
     return nullptr;
 }
@@ -315,24 +304,13 @@ void CabDispatcher::stop() {
 }
 
 bool CabDispatcher::stopUntil(const struct timespec& deadline) {
-    bool forever = deadline.tv_sec == 0 && deadline.tv_nsec == 0;
     std::vector<std::unique_ptr<PThread>> threads;
     {
         PLockGuard guard(m_lock);
         m_stopping = true;
         m_lock.broadcast();
-        while (m_live > 0) {
-            if (forever) m_lock.wait();
-            else if (!m_lock.waitUntil(deadline)) break;
-        }
-        if (m_live > 0) {
-            // They end on their own: a PThread destroyed unjoined detaches
-            // its thread. The dispatcher must outlive them.
-            m_threads.clear();
-            m_gaveUp = true;
-            return false;
-        }
-        threads.swap(m_threads);
+        // Threads left running end on their own; the dispatcher must outlive them.
+        if (!m_threads.waitEndedLocked(deadline, &threads)) return false;
     }
     for (auto& t : threads) t->join();
     return true;
@@ -345,5 +323,5 @@ int CabDispatcher::busyCount() {
 
 int CabDispatcher::liveCount() {
     PLockGuard guard(m_lock);
-    return m_live;
+    return m_threads.liveLocked();
 }

@@ -1,4 +1,4 @@
-#include "cab/CabWorkerPool.h"
+#include "cab/internal/CabWorkerPool.h"
 
 #include "cab/internal/CabLog.h"
 
@@ -22,22 +22,13 @@ bool CabWorkerPool::submit(std::function<void()> job) {
 }
 
 bool CabWorkerPool::startThreadLocked() {
-    if ((int)m_threads.size() >= m_cap) return true;  // the job queues
-    std::unique_ptr<PThread> t(new PThread);
-    try {
-        ++m_live;  // before the thread can run (and end)
-        t->init(nullptr, new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run), nullptr);
-        m_threads.push_back(std::move(t));
-    } catch (const std::exception& e) {
-        --m_live;
-        // The job stays queued; an existing worker picks it up.
-        cablog::log(LOGLEVEL_ERROR, "Worker thread not started (%s); %d running", e.what(), (int)m_threads.size());
-        if (m_threads.empty()) {
-            m_jobs.pop_back();
-            return false;
-        }
-    }
-    return true;
+    if (m_threads.startedLocked() >= m_cap) return true;  // the job queues
+    // If none starts, the job stays queued for an existing worker, if any.
+    if (m_threads.startLocked(new PThreadDelegateMember<CabWorkerPool>(this, &CabWorkerPool::run)) ||
+        m_threads.startedLocked() > 0)
+        return true;
+    m_jobs.pop_back();
+    return false;
 }
 
 void* CabWorkerPool::run(void*) {
@@ -59,8 +50,7 @@ void* CabWorkerPool::run(void*) {
         }
         m_lock.lock();
     }
-    --m_live;
-    m_lock.broadcast();  // stopUntil waits for the last one
+    m_threads.endedLocked();
     m_lock.unlock();
     return nullptr;
 }
@@ -71,23 +61,13 @@ void CabWorkerPool::stop() {
 }
 
 bool CabWorkerPool::stopUntil(const struct timespec& deadline) {
-    bool forever = deadline.tv_sec == 0 && deadline.tv_nsec == 0;
     std::vector<std::unique_ptr<PThread>> threads;
     {
         PLockGuard guard(m_lock);
         m_stopping = true;
         m_lock.broadcast();
-        while (m_live > 0) {
-            if (forever) m_lock.wait();
-            else if (!m_lock.waitUntil(deadline)) break;
-        }
-        if (m_live > 0) {
-            // The busy ones finish on their own: a PThread destroyed unjoined
-            // detaches its thread.
-            m_threads.clear();
-            return false;
-        }
-        threads.swap(m_threads);
+        // The busy ones finish on their own; the pool must outlive them.
+        if (!m_threads.waitEndedLocked(deadline, &threads)) return false;
     }
     for (auto& t : threads) t->join();
     return true;
@@ -95,7 +75,7 @@ bool CabWorkerPool::stopUntil(const struct timespec& deadline) {
 
 int CabWorkerPool::liveCount() {
     PLockGuard guard(m_lock);
-    return m_live;
+    return m_threads.liveLocked();
 }
 
 int CabWorkerPool::idleCount() {
@@ -105,5 +85,5 @@ int CabWorkerPool::idleCount() {
 
 int CabWorkerPool::threadCount() {
     PLockGuard guard(m_lock);
-    return (int)m_threads.size();
+    return m_threads.startedLocked();
 }

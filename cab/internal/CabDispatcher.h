@@ -21,6 +21,7 @@
 
 #include <nats/nats.h>
 
+#include "cab/internal/CabThreadSet.h"
 #include "host/PThread.h"
 
 class CabDispatcher {
@@ -77,14 +78,12 @@ private:
     const int m_cap;
     PCondMutex m_lock;                                 // guards everything below
     std::vector<std::unique_ptr<Channel>> m_channels;  // m_lock
-    std::vector<std::unique_ptr<PThread>> m_threads;   // m_lock
+    CabThreadSet m_threads{m_lock, "Service"};         // m_lock
     int m_busy = 0;                                    // m_lock
     int m_idle = 0;                                    // m_lock: threads waiting for a role
     int m_woken = 0;                                   // m_lock: idle threads signalled, not yet awake
-    int m_live = 0;                                    // m_lock: threads whose run() has not returned
     bool m_deputy = false;                             // m_lock: an idle thread is the deputy
     bool m_deputyAsleep = false;                       // m_lock: ...and waits without looking
     int64_t m_lastDeferredNs = 0;                      // m_lock: last message served without a new leader
     bool m_stopping = false;                           // m_lock
-    bool m_gaveUp = false;                             // m_lock: stopUntil left threads running
 };

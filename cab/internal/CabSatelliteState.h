@@ -18,7 +18,7 @@
 #include "cab/CabMemoryBudget.h"
 #include "cab/CabSatellite.h"
 #include "cab/internal/CabTransfers.h"
-#include "cab/CabWorkerPool.h"
+#include "cab/internal/CabWorkerPool.h"
 #include "host/PThread.h"
 
 // The default of "cabDirectory.maxAnswerBytes": 1 GiB.
@@ -93,12 +93,6 @@ struct CabSatelliteState {
     int requestTimeoutMs() const;
     std::shared_ptr<CabServiceEntry> findService(const std::string& service) const;
 };
-
-// Settings of the directory connection under "Software\Kiv Foundry\Kiv\Config".
-namespace cabsettings {
-int integer(const char* name, int fallback);
-bool string(const char* name, std::string* value);
-}  // namespace cabsettings
 
 // What the handler running on a thread hands the library besides its
 // output: an answer read from a file while it is sent.

@@ -28,7 +28,7 @@
 #include "cab/internal/CabAnswerSource.h"
 #include "cab/CabConnection.h"
 #include "cab/CabMemoryBudget.h"
-#include "cab/CabWorkerPool.h"
+#include "cab/internal/CabWorkerPool.h"
 #include "host/PThread.h"
 
 class CabTransfers : public std::enable_shared_from_this<CabTransfers> {

@@ -12,6 +12,7 @@
 #include <memory>
 #include <vector>
 
+#include "cab/internal/CabThreadSet.h"
 #include "host/PThread.h"
 
 class CabWorkerPool {
@@ -41,8 +42,7 @@ private:
     const int m_cap;
     PCondMutex m_lock;                           // guards everything below
     std::deque<std::function<void()>> m_jobs;    // m_lock
-    std::vector<std::unique_ptr<PThread>> m_threads;  // m_lock
+    CabThreadSet m_threads{m_lock, "Worker"};    // m_lock
     int m_idle = 0;                              // m_lock
-    int m_live = 0;                              // m_lock: threads whose run() has not returned
     bool m_stopping = false;                     // m_lock
 };
