@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: deps build test test-sanitize test-asan test-tsan fuzz run bench clean deb test-package
+.PHONY: check-layers deps build test test-sanitize test-asan test-tsan fuzz run bench clean deb test-package
 
 deps:
 	@scripts/install-deps
@@ -15,6 +15,10 @@ build: deps
 
 test: build
 	cd build && ctest $(CTEST_FLAGS)
+
+# Includes point down the layers; cab/internal/ stays inside the broker.
+check-layers:
+	@scripts/check-layers
 
 # AddressSanitizer + UBSan over every test, then ThreadSanitizer over the
 # tests labelled "tsan" (threads, logger, broker).
