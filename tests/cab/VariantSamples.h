@@ -7,18 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "cab/Variant.h"
+#include "variant/CLocalVariant.h"
 
 namespace kivtest {
-
-// Owns one variant and clears it on destruction.
-struct OwnedVariant {
-    tagVARIANT v;
-    OwnedVariant() { VariantInit(&v); }
-    ~OwnedVariant() { VariantClear(&v); }
-    OwnedVariant(const OwnedVariant&) = delete;
-    OwnedVariant& operator=(const OwnedVariant&) = delete;
-};
 
 // Makes a random variant: scalars of every type (with edge values such as
 // NaN, -0.0, limits, embedded NULs, non-UTF-8 bytes, null strings) and arrays

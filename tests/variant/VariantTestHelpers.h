@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "cab/CabException.h"
 #include "cab/Variant.h"
 #include "variant/CLocalVariant.h"
@@ -21,6 +25,18 @@
         }                                                  \
     } while (0)
 #define EXPECT_INVALID(stmt, text) EXPECT_CAB_THROW(stmt, 1, text)
+
+// Calls that must each throw an invalid parameter with exactly their text.
+struct Refusal {
+    std::function<void()> call;
+    std::string text;
+};
+inline void expectRefusals(const std::vector<Refusal>& refusals) {
+    for (const Refusal& r : refusals) {
+        SCOPED_TRACE(r.text);
+        EXPECT_INVALID(r.call(), r.text.c_str());
+    }
+}
 
 namespace vtest {
 
