@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <tuple>
 
 #include "cab/Variant.h"
 #include "cab/VariantJson.h"
@@ -13,37 +14,23 @@
 using kivtest::IdenticalVariants;
 
 TEST(VariantRuntime, StringsKeepLengthAndBytes) {
-    BSTR s = SysAllocString("abc");
-    ASSERT_NE(s, nullptr);
+    BSTR s = SysAllocString("abc"), z = SysAllocStringLen("a\0b", 3), zeros = SysAllocStringLen(nullptr, 4);
     EXPECT_EQ(SysStringLen(s), 3u);
     EXPECT_STREQ(s, "abc");
-    SysFreeString(s);
-
-    BSTR z = SysAllocStringLen("a\0b", 3);
     EXPECT_EQ(SysStringLen(z), 3u);
     EXPECT_EQ(memcmp(z, "a\0b\0", 4), 0);  // terminated after the length
-    SysFreeString(z);
-
-    BSTR zeros = SysAllocStringLen(nullptr, 4);
     EXPECT_EQ(memcmp(zeros, "\0\0\0\0\0", 5), 0);
-    SysFreeString(zeros);
-
+    for (BSTR b : {s, z, zeros, BSTR(nullptr)}) SysFreeString(b);
     EXPECT_EQ(SysAllocString(nullptr), nullptr);
     EXPECT_EQ(SysStringLen(nullptr), 0u);
-    SysFreeString(nullptr);
 }
 
 TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
-    SAFEARRAYBOUND b{4, 0};
-    EXPECT_EQ(SafeArrayCreate(VT_EMPTY, 1, &b), nullptr);
-    EXPECT_EQ(SafeArrayCreate(VT_NULL, 1, &b), nullptr);
-    EXPECT_EQ(SafeArrayCreate(VT_I4 | VT_ARRAY, 1, &b), nullptr);
-    SAFEARRAYBOUND two[2] = {{2, 0}, {2, 0}};
-    EXPECT_EQ(SafeArrayCreate(VT_I4, 2, two), nullptr);
-    EXPECT_EQ(SafeArrayCreate(VT_I4, 1, nullptr), nullptr);
-    SAFEARRAYBOUND huge{0xFFFFFFFFu, 0};
-    EXPECT_EQ(SafeArrayCreate(VT_VARIANT, 1, &huge), nullptr);
-    EXPECT_EQ(SafeArrayCreate(VT_R8, 1, &huge), nullptr);
+    SAFEARRAYBOUND b{4, 0}, huge{0xFFFFFFFFu, 0}, two[2] = {{2, 0}, {2, 0}};
+    const std::tuple<VARTYPE, unsigned, const SAFEARRAYBOUND*> refused[] = {
+        {VT_EMPTY, 1, &b}, {VT_NULL, 1, &b},       {VT_I4 | VT_ARRAY, 1, &b}, {VT_I4, 2, two},
+        {VT_I4, 1, nullptr}, {VT_VARIANT, 1, &huge}, {VT_R8, 1, &huge}};
+    for (const auto& [type, dims, bounds] : refused) EXPECT_EQ(SafeArrayCreate(type, dims, bounds), nullptr) << type;
 
     SAFEARRAYBOUND none{0, 0};
     SAFEARRAY* empty = SafeArrayCreate(VT_UI1, 1, &none);
@@ -63,20 +50,17 @@ TEST(VariantRuntime, ElementsHonourBoundsAndCopyStrings) {
     SAFEARRAYBOUND b{3, 5};
     SAFEARRAY* strings = SafeArrayCreate(VT_BSTR, 1, &b);
     ASSERT_NE(strings, nullptr);
-    BSTR mine = SysAllocString("mine");
-    int32_t i = 5;
-    ASSERT_EQ(SafeArrayPutElement(strings, &i, mine), S_OK);
-    SysFreeString(mine);  // the array holds its own copy
-    i = 7;
-    BSTR x = SysAllocString("x");
-    ASSERT_EQ(SafeArrayPutElement(strings, &i, x), S_OK);
-    SysFreeString(x);
+    for (auto [i, text] : {std::pair<int32_t, const char*>{5, "mine"}, {7, "x"}}) {
+        BSTR mine = SysAllocString(text);
+        ASSERT_EQ(SafeArrayPutElement(strings, &i, mine), S_OK);
+        SysFreeString(mine);  // the array holds its own copy
+    }
     for (int32_t bad : {4, 8, -1, INT32_MIN, INT32_MAX}) {
         BSTR out = nullptr;
         EXPECT_EQ(SafeArrayGetElement(strings, &bad, &out), DISP_E_BADINDEX) << bad;
         EXPECT_EQ(SafeArrayPutElement(strings, &bad, nullptr), DISP_E_BADINDEX) << bad;
     }
-    i = 5;
+    int32_t i = 5;
     BSTR got = nullptr;
     ASSERT_EQ(SafeArrayGetElement(strings, &i, &got), S_OK);
     EXPECT_STREQ(got, "mine");
@@ -93,16 +77,14 @@ TEST(VariantRuntime, ElementsHonourBoundsAndCopyStrings) {
 }
 
 TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
-    CLocalVariant list;
+    CLocalVariant list, inner, copy;
     kivtest::MakeVariantArray(&list.get(), std::vector<tagVARIANT>(2));
-    CLocalVariant inner;
     kivtest::MakeString(&inner.get(), "deep");
     int32_t i = 0;
     ASSERT_EQ(SafeArrayPutElement(list.get().parray, &i, &inner.get()), S_OK);
     tagVARIANT* slot = static_cast<tagVARIANT*>(list.get().parray->pvData);
     EXPECT_EQ(slot[0].vt, VT_BSTR);
     EXPECT_NE(slot[0].bstrVal, inner.get().bstrVal);
-
     // Nest the list inside itself by value: the copy is independent.
     i = 1;
     ASSERT_EQ(SafeArrayPutElement(list.get().parray, &i, &list.get()), S_OK);
@@ -119,7 +101,6 @@ TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
     EXPECT_EQ(VariantClear(&out), S_OK);
     EXPECT_EQ(out.vt, VT_EMPTY);
 
-    CLocalVariant copy;
     ASSERT_EQ(VariantCopy(&copy.get(), &list.get()), S_OK);
     EXPECT_TRUE(IdenticalVariants(copy.get(), list.get(), &why)) << why;
     // Copying over a variant frees what it held.
@@ -147,15 +128,15 @@ TEST(VariantRuntime, CopyRefusesWhatItCannotRepresent) {
     EXPECT_STREQ(dst.get().bstrVal, "kept");
 }
 
-TEST(VariantRuntime, LocksBlockDestroyAndRedim) {
-    CLocalVariant bytes;
+TEST(VariantRuntime, RedimHonoursLocksZeroesNewElementsAndFreesDroppedOnes) {
+    CLocalVariant bytes, list;
     kivtest::MakeBytes(&bytes.get(), "abc");
     SAFEARRAY* psa = bytes.get().parray;
     void* data = nullptr;
     ASSERT_EQ(SafeArrayAccessData(psa, &data), S_OK);
     ASSERT_EQ(SafeArrayAccessData(psa, &data), S_OK);
     EXPECT_EQ(memcmp(data, "abc", 3), 0);
-    SAFEARRAYBOUND b{10, 0};
+    SAFEARRAYBOUND b{10, 0}, huge{0xFFFFFFFFu, 0};
     EXPECT_EQ(SafeArrayRedim(psa, &b), DISP_E_ARRAYISLOCKED);
     EXPECT_EQ(SafeArrayDestroy(psa), DISP_E_ARRAYISLOCKED);
     EXPECT_EQ(VariantClear(&bytes.get()), DISP_E_ARRAYISLOCKED);
@@ -165,40 +146,18 @@ TEST(VariantRuntime, LocksBlockDestroyAndRedim) {
     EXPECT_EQ(SafeArrayUnaccessData(psa), S_OK);
     EXPECT_LT(SafeArrayUnaccessData(psa), 0);
     ASSERT_EQ(SafeArrayRedim(psa, &b), S_OK);
-    const char* grown = static_cast<const char*>(psa->pvData);
-    EXPECT_EQ(memcmp(grown, "abc\0\0\0\0\0\0\0", 10), 0);  // new elements are zero
-}
+    EXPECT_EQ(memcmp(psa->pvData, "abc\0\0\0\0\0\0\0", 10), 0);  // new elements are zero
 
-TEST(VariantRuntime, RedimShrinkFreesDroppedElements) {
-    CLocalVariant list;
     std::vector<tagVARIANT> e(4);
     for (int i = 0; i < 4; ++i) kivtest::MakeString(&e[i], std::string(100, char('a' + i)));
     kivtest::MakeVariantArray(&list.get(), e);
-    SAFEARRAYBOUND b{1, 0};
+    b = {1, 0};
     ASSERT_EQ(SafeArrayRedim(list.get().parray, &b), S_OK);  // ASan: dropped strings freed
-    int32_t ub = -5;
-    SafeArrayGetUBound(list.get().parray, 1, &ub);
-    EXPECT_EQ(ub, 0);
     b = {3, 0};
     ASSERT_EQ(SafeArrayRedim(list.get().parray, &b), S_OK);
-    tagVARIANT* slot = static_cast<tagVARIANT*>(list.get().parray->pvData);
-    EXPECT_EQ(slot[0].vt, VT_BSTR);
-    EXPECT_EQ(slot[1].vt, VT_EMPTY);
-    EXPECT_EQ(slot[2].vt, VT_EMPTY);
-    SAFEARRAYBOUND huge{0xFFFFFFFFu, 0};
+    EXPECT_EQ(VariantToJson(list.get()), "[\"" + std::string(100, 'a') + "\",null,null]");
     EXPECT_LT(SafeArrayRedim(list.get().parray, &huge), 0);
     EXPECT_EQ(list.get().parray->rgsabound[0].cElements, 3u);
-}
-
-TEST(VariantRuntime, CopyAndClearOverGeneratedValues) {
-    std::mt19937_64 rng(20240611);
-    for (int n = 0; n < 300; ++n) {
-        CLocalVariant a, b;
-        kivtest::RandomVariant(rng, 4, &a.get());
-        ASSERT_EQ(VariantCopy(&b.get(), &a.get()), S_OK);
-        std::string why;
-        ASSERT_TRUE(IdenticalVariants(a.get(), b.get(), &why)) << n << ": " << why;
-    }
 }
 
 namespace {
@@ -312,6 +271,12 @@ TEST(VariantJson, ReaderErrorsNameThePath) {
     deep65 += std::string(65, ']');
     EXPECT_EQ(typeOf(deep64), VT_ARRAY | VT_VARIANT);
     EXPECT_NE(readError(deep65).find("nested deeper than 64"), std::string::npos);
+    // What the writer cannot name it marks, and the reader refuses.
+    CLocalVariant byref;
+    byref.get().vt = VT_BYREF | VT_I4;
+    EXPECT_EQ(VariantToJson(byref.get()), "{\"$vt\":\"?\",\"type\":16387}");
+    EXPECT_NE(readError(VariantToJson(byref.get())).find("unknown type \"?\""), std::string::npos);
+    byref.get().vt = VT_EMPTY;
 }
 
 TEST(VariantJson, RoundTripsGeneratedValuesBitForBit) {
@@ -329,14 +294,6 @@ TEST(VariantJson, RoundTripsGeneratedValuesBitForBit) {
     }
     unsetenv("TZ");
     tzset();
-}
-
-TEST(VariantJson, WriterMarksWhatItCannotName) {
-    CLocalVariant v;
-    v.get().vt = VT_BYREF | VT_I4;
-    EXPECT_EQ(VariantToJson(v.get()), "{\"$vt\":\"?\",\"type\":16387}");
-    EXPECT_NE(readError(VariantToJson(v.get())).find("unknown type \"?\""), std::string::npos);
-    v.get().vt = VT_EMPTY;
 }
 
 TEST(VariantJson, TextRenderingIndentsAndShortens) {

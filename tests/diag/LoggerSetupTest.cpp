@@ -46,6 +46,19 @@ TEST_F(LoggerTest, LevelWrittenByKivctlEnablesDebugLines) {
         EXPECT_EQ(expected, status) << args;
     }
     EXPECT_EQ("-1\n", kivctl("defaults read com.kiv-foundry.kiv LogLevel", &status));
+    // -1 stored: every call reads the setting again.
+    {
+        CBBLog log("fromctl.log", false, 524288);
+        log.AddLog(LOGLEVEL_FATAL, "reread dropped");
+        EXPECT_EQ(LOGLEVEL_UNSET, log.getLogLevel());
+        kivctl("defaults write com.kiv-foundry.kiv LogLevel -int 0", &status);
+        log.AddLog(LOGLEVEL_FATAL, "reread fatal kept");
+        log.AddLog(LOGLEVEL_ERROR, "reread error dropped");
+        EXPECT_EQ(LOGLEVEL_FATAL, log.getLogLevel());
+    }
+    std::string text = kivtest::readFile(logs() + "/fromctl.log");
+    EXPECT_EQ(std::string::npos, text.find("dropped")) << text;
+    EXPECT_NE(std::string::npos, text.find("reread fatal kept")) << text;
 }
 
 // Folders 0750 and files 0640 by default, 0777 and 0666 with

@@ -13,7 +13,6 @@
 #include <vector>
 
 #include "diag/CBBLog.h"
-#include "host/CRegistry.h"
 #include "tests/diag/LoggerFixture.h"
 
 namespace {
@@ -64,44 +63,6 @@ TEST_F(LoggerTest, LinesHaveTheHeaderFormatWithOrWithoutTheProcessId) {
     // Messages are cut at the 20,480-byte buffer.
     size_t header = got[1].find(" - ") + 3;
     EXPECT_EQ(20479u, got[1].size() - header);
-}
-
-TEST_F(LoggerTest, LevelRules) {
-    CRegistryImpl reg;
-    const char* key = "Software\\Kiv Foundry\\Kiv";
-    auto run = [&](const char* tag) {
-        CBBLog log("levels.log", false, 524288);
-        for (int level = LOGLEVEL_FATAL; level <= LOGLEVEL_DEBUG; ++level)
-            log.AddLog(static_cast<LOGLEVEL>(level), "%s at %d", tag, level);
-        return log.getLogLevel();
-    };
-    auto count = [&](const std::string& tag) {
-        int n = 0;
-        for (const std::string& l : lines(kivtest::readFile(logs() + "/levels.log")))
-            n += (l + " ").find(" - " + tag + " ") != std::string::npos;
-        return n;
-    };
-    EXPECT_EQ(LOGLEVEL_ERROR, run("absent"));  // default 1
-    EXPECT_EQ(2, count("absent"));
-    const std::tuple<int, const char*, int> rows[] = {{4, "four", 5}, {0, "zero", 1}, {-2, "neg", 0}};
-    for (const auto& [level, tag, n] : rows) {
-        ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", level));
-        run(tag);
-        EXPECT_EQ(n, count(tag)) << tag;
-    }
-
-    // -1 stored: every call reads the setting again.
-    ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", -1));
-    {
-        CBBLog log("levels.log", false, 524288);
-        log.AddLog(LOGLEVEL_FATAL, "reread dropped");
-        EXPECT_EQ(LOGLEVEL_UNSET, log.getLogLevel());
-        ASSERT_TRUE(reg.WriteSettingImpl(key, "LogLevel", 3));
-        log.AddLog(LOGLEVEL_INFO, "reread kept");
-        EXPECT_EQ(LOGLEVEL_INFO, log.getLogLevel());
-    }
-    EXPECT_EQ(0, count("reread dropped"));
-    EXPECT_EQ(1, count("reread kept"));
 }
 
 TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
