@@ -13,10 +13,22 @@
 #include <thread>
 #include <vector>
 
+#include "host/CRegistry.h"
 #include "host/Preferences.h"
-#include "tests/host/SettingsFixture.h"
+#include "tests/support/ScopedEnv.h"
+#include "tests/support/TempDir.h"
 
 namespace {
+
+// Each test has its own XDG_CONFIG_HOME, so never sees another's domains.
+class SettingsTest : public ::testing::Test {
+protected:
+    std::string folder() const { return m_dir.path() + "/kivfoundry"; }
+
+    kivtest::TempDir m_dir{"kivsettings"};
+    kivtest::ScopedEnv m_env{"XDG_CONFIG_HOME", m_dir.path().c_str()};
+    CRegistryImpl r;
+};
 
 const char* const kKiv = "Software\\Kiv Foundry\\Kiv";
 const char* const kConfig = "Software\\Kiv Foundry\\Kiv\\Config";
