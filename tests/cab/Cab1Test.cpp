@@ -160,7 +160,6 @@ TEST(Cab1, EncoderRefusesWhatTheWireCannotCarry) {
     v.get().vt = 6;
     EXPECT_FALSE(Cab1Encoding(v.get()).ok());
     VariantInit(&v.get());
-
     // 65 nested arrays are one too many; 64 are fine.
     auto nest = [](tagVARIANT* out, int levels) {
         VariantInit(out);
@@ -210,7 +209,6 @@ TEST(Cab1, DecoderRefusesHostileBytes) {
         EXPECT_NE(error.find(c.says), std::string::npos) << c.hex << " -> " << error;
         EXPECT_EQ(error.rfind("CAB1: ", 0), 0u) << error;
     }
-
     // Nesting: 64 arrays decode, 65 are refused, and so are a million (no stack overflow).
     auto nested = [](int levels) {
         std::string b;
@@ -239,7 +237,6 @@ TEST(Cab1, LargeArraysDecodeOverTheirInput) {
         return Cab1Encoding(v.get()).str();
     };
     const size_t head = 10;
-
     // A large byte array: the array's storage is the input, released once, when the array goes or
     // when a resize moves the elements onto storage of the array's own. A copy owns its storage.
     std::string bytes = encoded(VT_UI1, kCab1LendMin, -3);
@@ -267,7 +264,6 @@ TEST(Cab1, LargeArraysDecodeOverTheirInput) {
         }
         EXPECT_EQ(g_released, 1);
     }
-
     // Small arrays, misaligned elements, other shapes and damaged inputs are decoded as copies
     // (or refused) and the input stays the caller's.
     // Heap blocks start 16-aligned, so the elements of this copy start 3 bytes off.

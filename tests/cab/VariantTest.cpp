@@ -31,7 +31,6 @@ TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
         {VT_EMPTY, 1, &b}, {VT_NULL, 1, &b},       {VT_I4 | VT_ARRAY, 1, &b}, {VT_I4, 2, two},
         {VT_I4, 1, nullptr}, {VT_VARIANT, 1, &huge}, {VT_R8, 1, &huge}};
     for (const auto& [type, dims, bounds] : refused) EXPECT_EQ(SafeArrayCreate(type, dims, bounds), nullptr) << type;
-
     SAFEARRAYBOUND none{0, 0};
     SAFEARRAY* empty = SafeArrayCreate(VT_UI1, 1, &none);
     ASSERT_NE(empty, nullptr);
@@ -91,7 +90,6 @@ TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
     slot = static_cast<tagVARIANT*>(list.get().parray->pvData);
     ASSERT_EQ(slot[1].vt, VT_ARRAY | VT_VARIANT);
     EXPECT_NE(slot[1].parray, list.get().parray);
-
     tagVARIANT out;
     memset(&out, 0xAB, sizeof out);  // garbage: GetElement must not clear it
     ASSERT_EQ(SafeArrayGetElement(list.get().parray, &i, &out), S_OK);
@@ -100,7 +98,6 @@ TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
     EXPECT_NE(out.parray, slot[1].parray);
     EXPECT_EQ(VariantClear(&out), S_OK);
     EXPECT_EQ(out.vt, VT_EMPTY);
-
     ASSERT_EQ(VariantCopy(&copy.get(), &list.get()), S_OK);
     EXPECT_TRUE(IdenticalVariants(copy.get(), list.get(), &why)) << why;
     // Copying over a variant frees what it held.
@@ -147,7 +144,6 @@ TEST(VariantRuntime, RedimHonoursLocksZeroesNewElementsAndFreesDroppedOnes) {
     EXPECT_LT(SafeArrayUnaccessData(psa), 0);
     ASSERT_EQ(SafeArrayRedim(psa, &b), S_OK);
     EXPECT_EQ(memcmp(psa->pvData, "abc\0\0\0\0\0\0\0", 10), 0);  // new elements are zero
-
     std::vector<tagVARIANT> e(4);
     for (int i = 0; i < 4; ++i) kivtest::MakeString(&e[i], std::string(100, char('a' + i)));
     kivtest::MakeVariantArray(&list.get(), e);
@@ -193,7 +189,6 @@ TEST(VariantJson, PlainJsonReadsAsTheNaturalTypes) {
         {"9223372036854775807", VT_I8}, {"9223372036854775808", VT_UI8}, {"1.0", VT_R8}, {"1e3", VT_R8},
         {"\"x\"", VT_BSTR}, {"[]", VT_ARRAY | VT_VARIANT}};
     for (const auto& [text, type] : types) EXPECT_EQ(typeOf(text), type) << text;
-
     // Forms that print back as they are read.
     for (const char* text : {
         "[1,\"a\",{\"$vt\":\"I8\",\"v\":5},null]", "[true,false,-7,3.5,\"caf\xc3\xa9\"]", "{\"$vt\":\"NULL\"}",

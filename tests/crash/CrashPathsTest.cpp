@@ -28,7 +28,6 @@ protected:
         std::filesystem::copy_file(RECORD_REPORTER, reporter);  // an executable copy
         std::filesystem::remove(crashtest::errorsLogPath());
     }
-
     // Runs one crash and checks what every path must leave; returns the dump.
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
@@ -40,7 +39,6 @@ protected:
         if (dumps.size() != 1) return std::string();
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();
         EXPECT_TRUE(id.size() == 36 && id[14] == '4') << "not a random UUID: " << id;
-
         expectedArguments.insert(expectedArguments.begin(), {dump, "CrashProgram"});
         EXPECT_EQ(expectedArguments, crashtest::recordedArguments(recordFile)) << r.output;
         std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
@@ -49,7 +47,6 @@ protected:
             << kivtest::readFile(crashtest::errorsLogPath());
         return dump;
     }
-
     // The dump is well formed and shows a null store by the crashing thread.
     void expectNullStoreDump(const std::string& dump, MinidumpReader& reader) {
         ASSERT_TRUE(reader.load(dump)) << reader.error();
@@ -72,7 +69,6 @@ protected:
         EXPECT_FALSE(reader.linuxStream(minidump::kLinuxAuxv).empty());
         EXPECT_NE(std::string::npos, reader.linuxStream(minidump::kLinuxEnviron).find("KIV_RECORD_FILE="));
     }
-
     kivtest::TempDir tmp{"crashpaths"};
     std::string dumpDir = tmp.path() + "/dumps/", recordFile = tmp.path() + "/record.txt";
     // A reporter path with blanks, which must reach the shell escaped.
@@ -91,7 +87,6 @@ TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildI
     EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), m->name);
     EXPECT_TRUE(m->isBuildId);
     EXPECT_EQ(40u, m->id.size());  // GNU ld's 20-byte build id, in hex
-
     int status = -1;
     kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);
     if (status != 0) return;  // lldb is not installed

@@ -29,7 +29,6 @@ TEST_F(LoggerTest, LevelWrittenByKivctlEnablesDebugLines) {
         log.AddLog(LOGLEVEL_DEBUG, "debug line visible");
     }
     EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/fromctl.log").find("[DEBUG] - debug line visible"));
-
     // The other actions and their statuses; a corrupt domain is a failure for readers, not an empty answer.
     EXPECT_EQ("com.kiv-foundry.kiv\n", kivctl("defaults domains", &status));
     kivtest::writeFile(m_dir.path() + "/config/kivfoundry/broken.json", "{");

@@ -41,14 +41,11 @@ TEST_F(LoggerTest, LinesHaveTheHeaderFormatWithOrWithoutTheProcessId) {
                                     R"( \[INFO \] - fmt 1-two)"};
     for (size_t i = 0; i < 6; ++i) EXPECT_TRUE(std::regex_match(got[i], std::regex(s + expected[i]))) << got[i];
     EXPECT_EQ("raw text without end", got[6]);
-
     // The FATAL line, and only it, is also in errors.log.
     std::vector<std::string> errors = lines(kivtest::readFile(logs() + "/errors.log"));
     ASSERT_EQ(1u, errors.size());
     EXPECT_EQ(got[0], errors[0]);
-
     EXPECT_TRUE(std::regex_match(std::string(CBBLog::getTimeString()), std::regex(s)));
-
     // With the process id, the program name cut at its first dot, a message cut at the buffer.
     {
         CBBLog log("sub/My.Module.log", true, 524288);
@@ -73,7 +70,6 @@ TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
         log->_fatal("member fatal while unset");
         log->_error("member error while unset");
         EXPECT_EQ(LOGLEVEL_UNSET, log->getLogLevel());
-
         CBBLog::setLogger(log);
         EXPECT_TRUE(CBBLog::isWarnEnabled());
         EXPECT_TRUE(CBBLog::isDebugEnabled());  // true before the level is read
@@ -87,7 +83,6 @@ TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
         CBBLog::fatal(log, "explicit fatal kept");
         log->_error("member error kept");
         log->_warn("member warn filtered");
-
         log->setLogLevel(LOGLEVEL_DEBUG);
         EXPECT_TRUE(CBBLog::isInfoEnabled());
         log->_debug("member debug kept");
@@ -142,7 +137,6 @@ TEST_F(LoggerTest, RotatesAtTheLimitReplacingTheOldBackupAndReopensAfterAnotherP
     for (int i = 0; i < 15; ++i) (i < 10 ? back : current) += raw(i);
     EXPECT_EQ(back, kivtest::readFile(path + ".back"));
     EXPECT_EQ(current, kivtest::readFile(path));
-
     // After another process rotated, the logger only reopens.
     path = logs() + "/other.log";
     CBBLog log("other.log", false, 1000);
@@ -171,13 +165,11 @@ TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgain) {
     std::string text = kivtest::readFile(path);
     EXPECT_EQ(std::string::npos, text.find("first"));
     EXPECT_NE(std::string::npos, text.find("second"));
-
     kivtest::runCommand("rm -rf '" + logs() + "'");
     log.AddLog(LOGLEVEL_FATAL, "third");
     ASSERT_TRUE(log.flush(60000));
     EXPECT_NE(std::string::npos, kivtest::readFile(path).find("third"));
     EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/errors.log").find("third"));
-
     // The folder goes and its path cannot be looked into (here a file takes
     // it): no descriptor stays on the deleted files, and once the path is
     // free again the next FATAL line is in a new errors.log.
@@ -224,8 +216,6 @@ TEST_F(LoggerTest, DestructorDrainsAndThreadsDoNotTearLines) {
     }
 }
 
-// Several processes log to one file with a small limit: every line in the
-// file and its backup is whole.
 TEST_F(LoggerTest, ProcessesShareOneRotatingFileWithoutTornLines) {
     const int kProcesses = 3, kLines = 400;
     std::string path = logs() + "/shared.log";

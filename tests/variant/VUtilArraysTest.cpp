@@ -55,8 +55,8 @@ TEST(VUtilArrays, LengthsCreationAndTypeChecks) {
 
 TEST(VUtilBytes, SlicesOfAByteArray) {
     std::string data = kivtest::patternBytes(50, 3);
-    CLocalVariant v, empty;
-    vtest::setString(v, "replaced");  // PutBinaryIntoVariant releases what v held
+    JsonVariant v("\"replaced\"");  // PutBinaryIntoVariant releases what v held
+    CLocalVariant empty;
     VUtil::PutBinaryIntoVariant(v.ptr(), reinterpret_cast<const unsigned char*>(data.data()), 50);
     EXPECT_EQ(VT_ARRAY | VT_UI1, v.vt());
     EXPECT_EQ(50, VUtil::GetArrayLength(v.get()));
@@ -116,7 +116,6 @@ TEST(VUtilPairs, PutGetAndFindPairs) {
     VUtil::GetPair(l, 0, name, value);
     EXPECT_EQ("Path", name);
     EXPECT_EQ("/a", value);
-
     value = "untouched";
     EXPECT_FALSE(VUtil::FindPair(l, "path", value));
     EXPECT_EQ("untouched", value);
@@ -133,7 +132,6 @@ TEST(VUtilPairs, PutGetAndFindPairs) {
     EXPECT_TRUE(VUtil::FindPairNoCase(l, "Flag", found));
     EXPECT_EQ("true", json(found));
     VariantClear(&found);
-
     CLocalVariant notList;
     vtest::setI4(notList, 1);
     const char* const notAList = "Variant passed to VUtil::FindPair is not an array";
@@ -165,7 +163,6 @@ TEST(VUtilPairs, StringMapsAndCsv) {
     EXPECT_INVALID(VUtil::toStringAMap(strings.get(), true), "Variant passed to VUtil::toStringAMap is not an array");
     VUtil::PutElement(list.get(), 1, 5L);  // not a pair: the whole map fails
     EXPECT_INVALID(VUtil::toStringMap(list.get(), false), "Not an array of variant or string");
-
     VUtil::PutElement(strings.get(), 0, " a,,b , c ");
     EXPECT_EQ((std::vector<CStdStr>{"a", "b", "c"}), VUtil::GetCSVElement(strings.get(), 0));
     VUtil::PutElement(strings.get(), 0, ", ,");
@@ -183,7 +180,6 @@ TEST(VUtilPairs, ReturnCodesAndOutputStrings) {
                    "Call: Cab error detected in VUtil::CheckSingleRetcode : hr = -2147024809 - 0x80070057");
     vtest::setI4(status, 3);
     VUtil::CheckSingleRetcode(status.get(), "Call");
-
     JsonVariant out(R"([0, "answer"])"), text(R"(["text"])"), code(R"([1])");
     EXPECT_EQ(0L, VUtil::GetSingleRetcode(out.get()));
     VUtil::CheckSingleRetcode(out.get(), nullptr);
