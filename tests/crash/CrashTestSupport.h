@@ -2,12 +2,6 @@
 // controlled environment, and finds what it left behind.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <sstream>
 #include <string>
@@ -15,8 +9,6 @@
 
 #include "host/KivFolders.h"
 #include "tests/support/TempDir.h"
-
-extern char** environ;
 
 namespace crashtest {
 
@@ -26,40 +18,15 @@ struct ChildResult {
     std::string output;   // standard output and error together
 };
 
-// Runs argv with `extraEnv` replacing the variables of the same names; waits and collects the output.
-inline ChildResult runProgram(const std::vector<std::string>& argv, const std::vector<std::string>& extraEnv = {}) {
+// Runs argv, after the variable assignments `env` ("A=1 B=2"), through the
+// shell; waits and collects the output.
+inline ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
+    std::string command = env;
+    for (const std::string& a : argv) command += " " + kivtest::shellQuoted(a);
     ChildResult result;
-    int pipeFds[2];
-    if (pipe2(pipeFds, O_CLOEXEC) != 0) return result;
-    std::vector<std::string> env = extraEnv;
-    for (char** e = environ; *e; ++e) {
-        std::string s(*e);
-        if (std::none_of(extraEnv.begin(), extraEnv.end(), [&s](const std::string& x) {
-                return s.compare(0, x.find('=') + 1, x, 0, x.find('=') + 1) == 0;
-            }))
-            env.push_back(s);
-    }
-    std::vector<char*> cargv, cenv;
-    for (const std::string& a : argv) cargv.push_back(const_cast<char*>(a.c_str()));
-    for (const std::string& e : env) cenv.push_back(const_cast<char*>(e.c_str()));
-    cargv.push_back(nullptr);
-    cenv.push_back(nullptr);
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(pipeFds[1], 1);
-        dup2(pipeFds[1], 2);
-        execve(cargv[0], cargv.data(), cenv.data());
-        _exit(127);
-    }
-    close(pipeFds[1]);
-    FILE* out = fdopen(pipeFds[0], "r");
-    char buf[4096];
-    for (size_t n; (n = fread(buf, 1, sizeof buf, out)) > 0;) result.output.append(buf, n);
-    fclose(out);
-    int status = 0;
-    if (pid < 0 || waitpid(pid, &status, 0) != pid) return result;
-    result.exited = WIFEXITED(status);
-    result.status = result.exited ? WEXITSTATUS(status) : WTERMSIG(status);
+    result.output = kivtest::runCommand(command + " 2>&1", &result.status);
+    result.exited = result.status >= 0 && result.status < 128;  // the shell answers 128 + a signal's number
+    if (result.status > 128) result.status -= 128;
     return result;
 }
 
@@ -69,12 +36,11 @@ inline ChildResult runCrashProgram(const std::string& mode, const std::string& d
                                    const std::vector<std::string>& extra, const std::string& recordFile) {
     std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
     argv.insert(argv.end(), extra.begin(), extra.end());
-    return runProgram(argv, {"KIV_RECORD_FILE=" + recordFile,
-                             "ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
-                             "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0",
-                             "UBSAN_OPTIONS=halt_on_error=1",
-                             // The reporter run after the dump allocates inside the signal handler by design.
-                             "TSAN_OPTIONS=report_signal_unsafe=0"});
+    return runProgram(argv, "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
+                                " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
+                                "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
+                                // The reporter run after the dump allocates inside the signal handler by design.
+                                " TSAN_OPTIONS=report_signal_unsafe=0");
 }
 
 inline std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
