@@ -8,7 +8,7 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "cab/CabWorkerPool.h"
+#include "cab/internal/CabWorkerPool.h"
 #include "tests/support/Eventually.h"
 
 namespace {

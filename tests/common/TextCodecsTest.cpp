@@ -15,7 +15,6 @@ TEST(TextCodecs, Base64RoundTripsAndIsStrictUtf8IsStrict) {
         EXPECT_EQ(in, out);
     }
     for (const char* bad : {"abc", "ab!d", "a=bc"}) EXPECT_FALSE(Base64Decode(bad, &out, nullptr)) << bad;
-
     EXPECT_TRUE(IsValidUtf8(std::string("a\0b", 3)));
     EXPECT_TRUE(IsValidUtf8("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"));
     // A stray byte, an overlong "/", a surrogate, a code point above U+10FFFF, a sequence cut short.

@@ -28,7 +28,6 @@ protected:
         std::filesystem::copy_file(RECORD_REPORTER, reporter);  // an executable copy
         std::filesystem::remove(crashtest::errorsLogPath());
     }
-
     // Runs one crash and checks what every path must leave; returns the dump.
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
@@ -40,7 +39,6 @@ protected:
         if (dumps.size() != 1) return std::string();
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();
         EXPECT_TRUE(id.size() == 36 && id[14] == '4') << "not a random UUID: " << id;
-
         expectedArguments.insert(expectedArguments.begin(), {dump, "CrashProgram"});
         EXPECT_EQ(expectedArguments, crashtest::recordedArguments(recordFile)) << r.output;
         std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
@@ -49,7 +47,6 @@ protected:
             << kivtest::readFile(crashtest::errorsLogPath());
         return dump;
     }
-
     // The dump is well formed and shows a null store by the crashing thread.
     void expectNullStoreDump(const std::string& dump, MinidumpReader& reader) {
         ASSERT_TRUE(reader.load(dump)) << reader.error();
@@ -72,7 +69,6 @@ protected:
         EXPECT_FALSE(reader.linuxStream(minidump::kLinuxAuxv).empty());
         EXPECT_NE(std::string::npos, reader.linuxStream(minidump::kLinuxEnviron).find("KIV_RECORD_FILE="));
     }
-
     kivtest::TempDir tmp{"crashpaths"};
     std::string dumpDir = tmp.path() + "/dumps/", recordFile = tmp.path() + "/record.txt";
     // A reporter path with blanks, which must reach the shell escaped.
@@ -91,7 +87,6 @@ TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildI
     EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), m->name);
     EXPECT_TRUE(m->isBuildId);
     EXPECT_EQ(40u, m->id.size());  // GNU ld's 20-byte build id, in hex
-
     int status = -1;
     kivtest::runCommand("command -v lldb >/dev/null 2>&1", &status);
     if (status != 0) return;  // lldb is not installed
@@ -104,27 +99,12 @@ TEST_F(CrashPaths, NullStoreWithOtherThreadsDumpsEveryThreadAndTheProgramsBuildI
     EXPECT_NE(std::string::npos, out.find("crashWithNullStore", out.find("frame #0: "))) << out;
 }
 
-TEST_F(CrashPaths, Usr1CrashesOnANewThread) {
-    // The INFO line is only written when INFO is enabled.
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 3));
-    std::string dump = crashOnce("usr1", {}, {});
-    MinidumpReader reader;
-    expectNullStoreDump(dump, reader);
-    ASSERT_GE(reader.threads().size(), 2u);
-    // The main thread waits in pause(); the crash is on another one.
-    std::string status = reader.linuxStream(minidump::kLinuxProcStatus);
-    uint32_t mainThread = static_cast<uint32_t>(std::stoul(status.substr(status.find("Tgid:") + 5)));
-    EXPECT_NE(mainThread, reader.exception().threadId);
-    EXPECT_TRUE(std::any_of(reader.threads().begin(), reader.threads().end(),
-                            [&](const MinidumpReader::ThreadInfo& t) { return t.id == mainThread; }));
-    EXPECT_NE(std::string::npos, kivtest::readFile(KivFolders::LogsDirectory() + "/CrashProgram.log")
-                                     .find("USR1 signal received, generating crash"));
-}
-
 // Every other way of crashing, one after the other: the reporter's extra
-// arguments, abort, uncaught exceptions (logged first) and stack overflows on
-// the main thread and on another one.
+// arguments, SIGUSR1 (a crash on a new thread), abort, uncaught exceptions
+// (logged first) and stack overflows on the main thread and on another one.
 TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
+    // The INFO line of SIGUSR1 is only written when INFO is enabled.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 3));
     enum Check { kNone, kOverflow, kNullStore };
     const struct Case {
         const char* mode;
@@ -135,6 +115,7 @@ TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
     } cases[] = {
         {"null", {"appData=some data"}, {"-appData", "some data"}, kNone, 0, ""},
         {"null", {"arg1=first one", "arg2=second"}, {"first one", "second"}, kNone, 0, ""},
+        {"usr1", {}, {}, kNullStore, 2, ""},
         {"abort", {}, {}, kNullStore, 1, ""},
         {"throw", {}, {}, kNullStore, 1, "uncaught std::runtime_error c++ exception: nobody catches this"},
         {"throw-int", {}, {}, kNone, 0, "uncaught unknown c++ exception"},
@@ -149,12 +130,23 @@ TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
         MinidumpReader reader;
         if (c.check == kNullStore) {
             expectNullStoreDump(dump, reader);
+            ASSERT_GE(reader.threads().size(), c.minThreads);
         } else if (c.check == kOverflow) {
             ASSERT_TRUE(reader.load(dump)) << reader.error();
             ASSERT_TRUE(reader.hasException());
             EXPECT_EQ(static_cast<uint32_t>(SIGSEGV), reader.exception().signal);
             ASSERT_GE(reader.threads().size(), c.minThreads);
             EXPECT_TRUE(c.minThreads > 1 || reader.threads().front().stackSize > 0);
+        }
+        if (c.mode == std::string("usr1")) {
+            // The main thread waits in pause(); the crash is on another one.
+            std::string status = reader.linuxStream(minidump::kLinuxProcStatus);
+            uint32_t mainThread = static_cast<uint32_t>(std::stoul(status.substr(status.find("Tgid:") + 5)));
+            EXPECT_NE(mainThread, reader.exception().threadId);
+            EXPECT_TRUE(std::any_of(reader.threads().begin(), reader.threads().end(),
+                                    [&](const MinidumpReader::ThreadInfo& t) { return t.id == mainThread; }));
+            EXPECT_NE(std::string::npos, kivtest::readFile(KivFolders::LogsDirectory() + "/CrashProgram.log")
+                                             .find("USR1 signal received, generating crash"));
         }
         std::filesystem::remove(dump);
     }

@@ -30,7 +30,6 @@ TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithEveryBlankEsca
     EXPECT_EQ("Unknown", d.getApplicationName());
     EXPECT_EQ("/tmp/", d.getDumpDirectory());
     EXPECT_EQ(MiniDumper::escapeBlanks(KivFolders::BinFolder() + "/KivCrashReporter"), d.getCrashReporterPath());
-
     MiniDumper p("KivRequestProxy", true, true, true, false, false);
     p.SetCrashReporterPath("/opt/kiv/bin/KivCrashReporter");
     EXPECT_EQ("/opt/kiv/bin/KivCrashReporter \"/tmp/x.dmp\" \"KivRequestProxy\"", p.commandLine("/tmp/x.dmp"));
@@ -39,13 +38,11 @@ TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithEveryBlankEsca
               p.commandLine("/tmp/x.dmp"));
     p.setDumpDirectory("/var/dumps");
     EXPECT_EQ("/var/dumps/", p.getDumpDirectory());
-
     // Extra arguments win over the application data; the reporter defaults to the current folder.
     MiniDumper e("App", "one", "two three", "/d");
     e.setAppData("ignored");
     EXPECT_EQ("./KivCrashReporter \"/d/id.dmp\" \"App\" \"one\" \"two three\"", e.commandLine("/d/id.dmp"));
     EXPECT_EQ("/d/", e.getDumpDirectory());
-
     // Every blank in the reporter path is escaped, also one after a backslash
     // (a folder whose name ends in a backslash).
     EXPECT_EQ("/a\\ b/c\\ \\ d", MiniDumper::escapeBlanks("/a b/c  d"));
@@ -91,7 +88,6 @@ TEST(ModuleId, BuildIdOrTextHash) {
     ASSERT_TRUE(minidump::identifyElfFile(CRASH_PROGRAM, withId));
     EXPECT_TRUE(withId.isBuildId);
     EXPECT_EQ(20u, withId.idSize);  // GNU ld's default SHA-1 build id
-
     minidump::ModuleInfo hashed{}, again{};
     ASSERT_TRUE(minidump::identifyElfFile(NO_BUILD_ID_PROGRAM, hashed));
     ASSERT_TRUE(minidump::identifyElfFile(NO_BUILD_ID_PROGRAM, again));
@@ -100,7 +96,6 @@ TEST(ModuleId, BuildIdOrTextHash) {
     EXPECT_EQ(0, memcmp(hashed.id, again.id, 16));
     static const uint8_t zero[16] = {};
     EXPECT_NE(0, memcmp(hashed.id, zero, 16));
-
     minidump::ModuleInfo none{};
     EXPECT_FALSE(minidump::identifyElfFile(RECORD_REPORTER, none));  // a script, longer than an ELF header
     EXPECT_FALSE(minidump::identifyElfFile("/nonexistent/program", none));
@@ -147,7 +142,6 @@ TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
     EXPECT_EQ(static_cast<uint16_t>(minidump::kCpuArchitectureAmd64), reader.systemInfo().processorArchitecture);
     EXPECT_EQ(minidump::kOsLinux, reader.systemInfo().platformId);
     EXPECT_FALSE(reader.modules().empty());
-
     // Cut inside the header, the directory and the stream records.
     for (size_t cut : {size_t(0), size_t(4), size_t(31), size_t(40), size_t(200), size_t(1000), good.size() / 2}) {
         std::vector<uint8_t> part(good.begin(), good.begin() + static_cast<long>(cut));
@@ -158,7 +152,6 @@ TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
     bad[0] = 'X';
     EXPECT_FALSE(reader.parse(bad));
     EXPECT_EQ("not a minidump (bad signature)", reader.error());
-
     // Random damage past the header: either refused or parsed, never a crash.
     std::mt19937 rng(12345);
     for (int round = 0; round < 200; ++round) {
@@ -183,7 +176,6 @@ TEST(CrashReporter, FilesTheDumpWithASummaryAndKivctlListsIt) {
         crashtest::runCrashProgram("null", dumps, CRASH_REPORTER, {"appData=abc", "name=Proxy"}, tmp.path() + "/rec");
     ASSERT_EQ(0, r.status) << r.output;
     EXPECT_TRUE(crashtest::filesEndingWith(dumps, ".dmp").empty()) << "the dump was not moved";
-
     std::string folder = KivFolders::DataFolder() + "/CrashReports";
     std::vector<std::string> summaries = crashtest::filesEndingWith(folder, ".json");
     ASSERT_EQ(1u, summaries.size()) << r.output;
@@ -194,7 +186,6 @@ TEST(CrashReporter, FilesTheDumpWithASummaryAndKivctlListsIt) {
     EXPECT_EQ(fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec,
               fs::status(folder).permissions() & fs::perms::all);
     EXPECT_EQ(fs::perms::owner_read | fs::perms::owner_write, fs::status(dump).permissions() & fs::perms::all);
-
     nlohmann::json j = nlohmann::json::parse(kivtest::readFile(summaries[0]));
     const nlohmann::json expected = {{"application", "Proxy"}, {"appData", "abc"}, {"signal", SIGSEGV},
                                      {"signalName", "SIGSEGV"}, {"faultAddress", "0x0000000000000000"},
@@ -203,7 +194,6 @@ TEST(CrashReporter, FilesTheDumpWithASummaryAndKivctlListsIt) {
     ASSERT_TRUE(j["modules"].is_array());
     ASSERT_FALSE(j["modules"].empty());
     EXPECT_EQ(std::filesystem::canonical(CRASH_PROGRAM).string(), j["modules"][0]);
-
     crashtest::ChildResult list = crashtest::runProgram({KIVCTL_PROGRAM, "crashes"});
     EXPECT_EQ(0, list.status) << list.output;
     for (const std::string& part : {std::string("Proxy"), std::string("SIGSEGV"), dump})
@@ -219,7 +209,6 @@ TEST(CrashReporter, RefusesBadCommandLinesAndMissingOrDamagedDumps) {
     crashtest::ChildResult missing = crashtest::runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
     EXPECT_EQ(2, missing.status);
     EXPECT_NE(std::string::npos, missing.output.find("refused to file /nonexistent/x.dmp")) << missing.output;
-
     // A damaged dump is still filed; the summary says why it could not be read.
     // It lies on another file system where there is one (/dev/shm), so it is
     // copied rather than renamed.

@@ -61,17 +61,14 @@ int main(int argc, char** argv) {
         opt[a.substr(0, a.find('='))] = a.substr(a.find('=') + 1);
     }
     const std::string &name = opt["name"], &appData = opt["appData"], &arg1 = opt["arg1"], &arg2 = opt["arg2"];
-
     boost::shared_ptr<CBBLog> log(new CBBLog(name + ".log", false, 524288));
     log->initialize();
     CBBLog::setLogger(log);
-
     MiniDumper* dumper = arg1.empty() ? new MiniDumper(name.c_str())
                                       : new MiniDumper(name.c_str(), arg1.c_str(), arg2.c_str(), argv[2]);
     dumper->setDumpDirectory(argv[2]);
     dumper->SetCrashReporterPath(MiniDumper::escapeBlanks(argv[3]));  // taken as given: a shell word
     if (!appData.empty()) dumper->setAppData(appData);
-
     if (mode == "threads") {
         pthread_t t[3];
         for (auto& th : t) pthread_create(&th, nullptr, parkedThread, nullptr);

@@ -14,14 +14,12 @@
 class LoggerTest : public ::testing::Test {
 protected:
     std::string logs() const { return m_dir.path() + "/root/Library/Logs/KivFoundry"; }
-
     static std::vector<std::string> lines(const std::string& text) {
         std::vector<std::string> out;
         std::istringstream in(text);
         for (std::string l; std::getline(in, l);) out.push_back(l);
         return out;
     }
-
     // Members are destroyed in reverse: the variables are put back before the folder goes.
     kivtest::TempDir m_dir{"kivlog"};
     kivtest::ScopedEnv m_root{"KIV_ROOT", (m_dir.path() + "/root").c_str()};

@@ -65,7 +65,6 @@ TEST_F(TimeUtilsTest, VariantDatesPassOnTheThreeLowBits) {
         v.vt = refused;
         EXPECT_TIME_FAILURE(TimeUtils::GetTime(v), "TimeUtils::GetTime: variant is not a VT_DATE");
     }
-
     v.vt = VT_DATE;
     v.date = VUtil::TimeToDate(k20080304050607);
     EXPECT_EQ("20080304050607", TimeUtils::FormatTime(v));
@@ -82,13 +81,11 @@ TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSeconds) {
     // Only the positions count, not the separators.
     EXPECT_EQ(k20080304050607, TimeUtils::GetTime2("2008x03x04T05x06x07"));
     EXPECT_TRUE(log->lines.empty());
-
     // A 13-character database time is reported and still parsed by position.
     EXPECT_EQ(k20080304050607 - 7, TimeUtils::GetTime3("2008030405060"));
     ASSERT_EQ(1u, log->lines.size());
     EXPECT_EQ("******* Invalid DB time length: 2008030405060", log->lines[0]);
     EXPECT_EQ(LOGLEVEL_ERROR, log->levels[0]);
-
     // The one second that mktime reports as -1.
     log->lines.clear();
     EXPECT_EQ(-1L, TimeUtils::GetTime2("1969-12-31 23:59:59"));
@@ -97,7 +94,6 @@ TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSeconds) {
     EXPECT_EQ((std::vector<CStdStr>{"******* Invalid KivMedia time: 1969-12-31 23:59:59",
                                     "******* Invalid DB time: 19691231235959"}),
               log->lines);
-
     // Garbage does not throw; the text form never logs.
     log->lines.clear();
     TimeUtils::GetTime(CStdStr(""));
@@ -126,12 +122,10 @@ TEST_F(TimeUtilsTest, Formatters) {
     EXPECT_EQ("2008/03/04 05:06:07", TimeUtils::FormatTimeAccess(t));
     EXPECT_EQ("03-04-2008 05-06-07", TimeUtils::FormatFilenameDate(t));
     EXPECT_EQ("2008-03-04T05:06:07.0000000-8:00", TimeUtils::FormatUniversal(t));
-
     setZone("JST-9");
     EXPECT_EQ("1970-01-01T09:00:00.0000000-8:00", TimeUtils::FormatUniversal(0));
     EXPECT_EQ("19700101090000", TimeUtils::FormatTime(0L));
     EXPECT_EQ(0L, TimeUtils::GetTime3("19700101090000"));
-
     EXPECT_TIME_FAILURE(TimeUtils::FormatTime(out, LONG_MAX), "FormatTime: Localtime failed");
     EXPECT_TIME_FAILURE(TimeUtils::FormatTime(LONG_MAX), "FormatTime3: Localtime failed");
     EXPECT_TIME_FAILURE(TimeUtils::FormatTime2(LONG_MAX), "FormatTime2: Localtime failed");
@@ -147,13 +141,11 @@ TEST_F(TimeUtilsTest, TimeZone) {
     EXPECT_EQ(0L, west);
     EXPECT_FALSE(daylight);
     EXPECT_EQ(0L, TimeUtils::getTimeZoneDifference());
-
     setZone("JST-9");
     TimeUtils::getTimeZone(&west, &daylight);
     EXPECT_EQ(-540L, west);
     EXPECT_FALSE(daylight);
     EXPECT_EQ(-32400L, TimeUtils::getTimeZoneDifference());
-
     // A zone in daylight saving all year: standard offset and the flag.
     setZone("STD5DST4,0/0,J365/25");
     TimeUtils::getTimeZone(&west, &daylight);

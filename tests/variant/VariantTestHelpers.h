@@ -4,6 +4,10 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <string>
+#include <vector>
+
 #include "cab/CabException.h"
 #include "value/Variant.h"
 #include "variant/CLocalVariant.h"
@@ -22,39 +26,33 @@
     } while (0)
 #define EXPECT_INVALID(stmt, text) EXPECT_CAB_THROW(stmt, 1, text)
 
-namespace vtest {
-
-// A zero-based (or `lowerBound`-based) array of `count` elements into `v`.
-inline void makeArray(CLocalVariant& v, VARTYPE elementType, uint32_t count, int32_t lowerBound = 0) {
-    SAFEARRAYBOUND bound{count, lowerBound};
-    v.get().parray = SafeArrayCreate(elementType, 1, &bound);
-    ASSERT_NE(nullptr, v.get().parray);
-    v.get().vt = static_cast<VARTYPE>(VT_ARRAY | elementType);
+// Calls that must each throw an invalid parameter with exactly their text.
+struct Refusal {
+    std::function<void()> call;
+    std::string text;
+};
+inline void expectRefusals(const std::vector<Refusal>& refusals) {
+    for (const Refusal& r : refusals) {
+        SCOPED_TRACE(r.text);
+        EXPECT_INVALID(r.call(), r.text.c_str());
+    }
 }
 
-// A new array, as makeArray makes it.
+namespace vtest {
+
+// A new array of `count` elements, zero-based unless `lowerBound` says otherwise.
 struct Array : CLocalVariant {
     Array(VARTYPE elementType, uint32_t count, int32_t lowerBound = 0) {
-        makeArray(*this, elementType, count, lowerBound);
+        SAFEARRAYBOUND bound{count, lowerBound};
+        get().parray = SafeArrayCreate(elementType, 1, &bound);
+        get().vt = static_cast<VARTYPE>(VT_ARRAY | elementType);
     }
 };
 
-// Stores `element` (copied) at `index` of an array of variants.
-inline void put(CLocalVariant& array, int32_t index, const tagVARIANT& element) {
-    ASSERT_EQ(S_OK, SafeArrayPutElement(array.get().parray, &index, &element));
-}
-
-// Scalar variants for put(); strings are freed by the CLocalVariant.
 inline void setI4(CLocalVariant& v, int32_t value) {
     VariantClear(v.ptr());
     v.get().vt = VT_I4;
     v.get().lVal = value;
-}
-
-inline void setString(CLocalVariant& v, const char* text) {
-    VariantClear(v.ptr());
-    v.get().vt = VT_BSTR;
-    v.get().bstrVal = text ? SysAllocString(text) : nullptr;
 }
 
 }  // namespace vtest
