@@ -35,14 +35,14 @@ public:
 private:
     void* run(void*);
     // Starts one more thread unless the cap is reached; false when the job
-    // just queued can never run (no thread at all). Needs m_lock.
-    bool startThreadLocked();
+    // just queued can never run (no thread at all).
+    bool startThreadLocked() KIV_REQUIRES(m_lock);
 
     const int m_cap;
     PCondMutex m_lock;                           // guards everything below
-    std::deque<std::function<void()>> m_jobs;    // m_lock
-    std::vector<std::unique_ptr<PThread>> m_threads;  // m_lock
-    int m_idle = 0;                              // m_lock
-    int m_live = 0;                              // m_lock: threads whose run() has not returned
-    bool m_stopping = false;                     // m_lock
+    std::deque<std::function<void()>> m_jobs KIV_GUARDED_BY(m_lock);
+    std::vector<std::unique_ptr<PThread>> m_threads KIV_GUARDED_BY(m_lock);
+    int m_idle KIV_GUARDED_BY(m_lock) = 0;
+    int m_live KIV_GUARDED_BY(m_lock) = 0;  // threads whose run() has not returned
+    bool m_stopping KIV_GUARDED_BY(m_lock) = false;
 };
