@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS)
 
-.PHONY: check-layers deps build test test-sanitize test-asan test-tsan fuzz run bench clean deb test-package
+.PHONY: check-layers deps build test test-sanitize test-asan test-tsan check-threads format format-check fuzz run bench clean deb test-package
 
 deps:
 	@scripts/install-deps
@@ -35,6 +35,25 @@ test-tsan: deps
 	@cmake --build build-tsan -j $(JOBS) --target kiv_tsan_tests
 	cd build-tsan && TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
 	  setarch $$(uname -m) -R ctest $(CTEST_FLAGS) -L tsan
+
+# The lock annotations (host/ThreadAnnotations.h) checked by clang: builds the
+# libraries, programs and tests in build-clang with -Wthread-safety, where a
+# guarded field touched without its lock fails the build.
+check-threads: deps
+	@CC=clang CXX=clang++ cmake -S . -B build-clang -G Ninja -DKIV_THREAD_SAFETY=ON -DKIV_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake --build build-clang -j $(JOBS)
+
+# .clang-format over every C++ file of the checkout (not the build folders):
+# `make format` rewrites them, `make format-check` lists those that differ
+# and fails.
+FORMAT_FILES = git ls-files -z -- '*.cpp' '*.h'
+format: deps
+	@$(FORMAT_FILES) | xargs -0 clang-format-14 -i --style=file
+format-check: deps
+	@differ=$$($(FORMAT_FILES) | xargs -0 -n 1 sh -c 'clang-format-14 --style=file "$$0" | cmp -s - "$$0" || echo "$$0"'); \
+	  if [ -n "$$differ" ]; then \
+	    echo "format-check: these files differ from .clang-format (make format rewrites them):"; \
+	    echo "$$differ"; exit 1; fi
 
 # The libFuzzer targets (CAB1 decoder, JSON reader), built with clang, each
 # run for FUZZ_SECONDS from its corpus; a finding fails the target.
@@ -77,4 +96,4 @@ bench: build
 	@for b in build/bench/*/bench_*; do [ -x "$$b" ] && "$$b"; done
 
 clean:
-	rm -rf build build-asan build-tsan build-fuzz
+	rm -rf build build-asan build-tsan build-clang build-fuzz

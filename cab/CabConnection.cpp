@@ -105,7 +105,10 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     std::shared_ptr<CabConnection> c(new CabConnection);
     std::vector<std::string> urls = splitServers(o.url);
     if (urls.empty()) {
-        c->m_closed = true;
+        {
+            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
+            c->m_closed = true;
+        }
         return CabFail(CAB_E_CONNECT_FAILED, "no directory server given");
     }
     std::vector<const char*> urlPtrs;
@@ -136,7 +139,10 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
         // Name the file that could not be used, not just "SSL error".
         std::string why = nats_GetLastError(nullptr) ? nats_GetLastError(nullptr) : natsStatus_GetText(s);
         natsOptions_Destroy(opts);
-        c->m_closed = true;
+        {
+            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
+            c->m_closed = true;
+        }
         return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": TLS set-up: " + why);
     }
     if (s == NATS_OK) s = natsOptions_SetErrorHandler(opts, &CabConnection::onError, c.get());
@@ -158,7 +164,10 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     natsOptions_Destroy(opts);
     if (s != NATS_OK) {
         c->m_nc = nullptr;
-        c->m_closed = true;
+        {
+            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
+            c->m_closed = true;
+        }
         return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": " + natsStatus_GetText(s));
     }
     char* inbox = nullptr;

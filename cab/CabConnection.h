@@ -48,9 +48,9 @@ public:
 private:
     const Handler m_handler;       // fixed at construction
     PCondMutex m_lock;             // guards the three below
-    std::deque<natsMsg*> m_msgs;   // m_lock
-    int m_failure = 0;             // m_lock
-    std::string m_failureText;     // m_lock
+    std::deque<natsMsg*> m_msgs KIV_GUARDED_BY(m_lock);
+    int m_failure KIV_GUARDED_BY(m_lock) = 0;
+    std::string m_failureText KIV_GUARDED_BY(m_lock);
 };
 
 class CabConnection {
@@ -157,22 +157,22 @@ private:
         std::string requestSubject;  // where the request went, or ""
     };
     PMutex m_mailLock;                                  // guards the three below
-    std::map<uint64_t, MailEntry> m_mail;               // m_mailLock
-    std::unordered_map<std::string, uint64_t> m_mailByKey;  // m_mailLock
-    uint64_t m_nextToken = 1;                           // m_mailLock
+    std::map<uint64_t, MailEntry> m_mail KIV_GUARDED_BY(m_mailLock);
+    std::unordered_map<std::string, uint64_t> m_mailByKey KIV_GUARDED_BY(m_mailLock);
+    uint64_t m_nextToken KIV_GUARDED_BY(m_mailLock) = 1;
 
     mutable PMutex m_deniedLock;                              // guards m_denied
-    std::map<std::string, std::string> m_denied;              // m_deniedLock: refused subscription -> text
+    std::map<std::string, std::string> m_denied KIV_GUARDED_BY(m_deniedLock);  // refused subscription -> text
 
     PMutex m_subLock;                                         // guards m_subs
-    std::vector<std::unique_ptr<SubRecord>> m_subs;           // m_subLock
+    std::vector<std::unique_ptr<SubRecord>> m_subs KIV_GUARDED_BY(m_subLock);
 
     PMutex m_listenerLock;        // guards m_listener; held while it runs
-    StateListener m_listener;     // m_listenerLock
+    StateListener m_listener KIV_GUARDED_BY(m_listenerLock);
 
     PCondMutex m_cbLock;          // guards the two below
-    int m_liveSubs = 0;           // m_cbLock: subscriptions whose completion is pending
-    bool m_closed = false;        // m_cbLock: the closed callback ran
+    int m_liveSubs KIV_GUARDED_BY(m_cbLock) = 0;  // subscriptions whose completion is pending
+    bool m_closed KIV_GUARDED_BY(m_cbLock) = false;  // the closed callback ran
 };
 
 // Absolute CLOCK_REALTIME deadline `ms` from now.

@@ -10,7 +10,7 @@ namespace {
 
 const char* const kVersion = "1.0.0";
 
-nlohmann::json base(CabSatelliteState* st, const char* type) {
+nlohmann::json base(CabSatelliteState* st, const char* type) KIV_REQUIRES(st->lock) {
     nlohmann::json j;
     j["type"] = type;
     j["name"] = st->name;

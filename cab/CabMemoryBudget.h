@@ -90,10 +90,10 @@ private:
     void give(const std::string& caller, uint64_t bytes);
 
     mutable PMutex m_lock;                      // guards the four below
-    uint64_t m_limit;                           // m_lock
-    uint64_t m_held = 0;                        // m_lock
-    uint64_t m_peak = 0;                        // m_lock
-    std::map<std::string, uint64_t> m_byCaller;  // m_lock: only callers holding memory
+    uint64_t m_limit KIV_GUARDED_BY(m_lock);
+    uint64_t m_held KIV_GUARDED_BY(m_lock) = 0;
+    uint64_t m_peak KIV_GUARDED_BY(m_lock) = 0;
+    std::map<std::string, uint64_t> m_byCaller KIV_GUARDED_BY(m_lock);  // only callers holding memory
 };
 
 class CabMemoryLedger {
@@ -119,7 +119,7 @@ private:
     CabMemoryLedger* const m_parent;
     std::atomic<uint64_t> m_counted{0};         // lock-free: only ever added to
     PMutex m_lock;                              // guards m_held
-    CabMemoryBudget::Reservation m_held;        // m_lock: a ledger of its own only
+    CabMemoryBudget::Reservation m_held KIV_GUARDED_BY(m_lock);  // a ledger of its own only
 };
 
 // The ledger of the request the calling thread works for; null when none.

@@ -41,7 +41,7 @@ std::string nowRfc3339() {
 // long as the process: they still use it when their handlers end.
 void keepForever(const std::shared_ptr<void>& owner) {
     static PMutex* lock = new PMutex;  // guards *kept
-    static auto* kept = new std::vector<std::shared_ptr<void>>;
+    static auto* kept KIV_PT_GUARDED_BY(*lock) = new std::vector<std::shared_ptr<void>>;
     PLockGuard guard(*lock);
     kept->push_back(owner);
 }

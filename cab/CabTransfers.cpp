@@ -83,13 +83,13 @@ struct CabTransfers::Transfer {
     int errorCode = 0;
 
     PMutex lock;            // guards the seven below
-    uint64_t next = 0;      // lock: the next part to send
-    uint64_t received = 0;  // lock: parts the requester has consumed
-    bool pumping = false;   // lock: a pump is sending parts
-    bool done = false;      // lock: finished, cancelled or abandoned
-    int64_t idleSinceMs = 0;  // lock: when it last sent or got credit
-    int64_t periodStartMs = 0;       // lock: when the current period of the rate bound began
-    uint64_t periodStartReceived = 0;  // lock: `received` then
+    uint64_t next KIV_GUARDED_BY(lock) = 0;  // the next part to send
+    uint64_t received KIV_GUARDED_BY(lock) = 0;  // parts the requester has consumed
+    bool pumping KIV_GUARDED_BY(lock) = false;  // a pump is sending parts
+    bool done KIV_GUARDED_BY(lock) = false;  // finished, cancelled or abandoned
+    int64_t idleSinceMs KIV_GUARDED_BY(lock) = 0;  // when it last sent or got credit
+    int64_t periodStartMs KIV_GUARDED_BY(lock) = 0;  // when the current period of the rate bound began
+    uint64_t periodStartReceived KIV_GUARDED_BY(lock) = 0;  // `received` then
 };
 
 CabTransfers::CabTransfers(std::shared_ptr<CabConnection> conn, std::shared_ptr<CabWorkerPool> pool,
@@ -156,8 +156,11 @@ void CabTransfers::send(const std::string& replyTo, int status, const std::strin
     t->status = status;
     t->error = error;
     t->errorCode = errorCode;
-    t->idleSinceMs = nowMs();
-    t->periodStartMs = t->idleSinceMs;
+    {
+        PLockGuard fresh(t->lock);  // nobody else sees t yet: taken for the check's sake
+        t->idleSinceMs = nowMs();
+        t->periodStartMs = t->idleSinceMs;
+    }
 
     std::string refusal;
     int refusalStatus = 0;

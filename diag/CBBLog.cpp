@@ -90,6 +90,7 @@ void CBBLog::initialize() {
         makeFolders(parentOf(m_logFilePath));  // the file name may hold a folder part
         int fd = -1;
         if (openFile(fd, m_logFilePath, false)) {
+            PLockGuard fdGuard(m_logFdLock);  // getFileSize() may read it meanwhile
             m_logFd = fd;
             m_logFileOpen = true;
         } else {

@@ -142,13 +142,13 @@ protected:
     int64_t m_sizeLimit;
     uint32_t m_processId;
     PMutex m_logFdLock;  // guards m_logFd
-    int m_logFd = -1;    // m_logFdLock
-    int m_errorFd = -1;  // m_fileLock
+    int m_logFd KIV_GUARDED_BY(m_logFdLock) = -1;
+    int m_errorFd KIV_GUARDED_BY(m_fileLock) = -1;
     PThread* m_writer = nullptr;
     PCondMutex m_queueLock;  // guards m_queue and m_stop
-    bool m_stop = false;     // m_queueLock
-    bool m_writing = false;  // m_queueLock: the writer holds a line it popped
-    std::deque<CStdStr> m_queue;  // m_queueLock
+    bool m_stop KIV_GUARDED_BY(m_queueLock) = false;
+    bool m_writing KIV_GUARDED_BY(m_queueLock) = false;  // the writer holds a line it popped
+    std::deque<CStdStr> m_queue KIV_GUARDED_BY(m_queueLock);
 
     static boost::weak_ptr<CBBLog> s_instance;
 };

@@ -76,8 +76,8 @@ public:
     static CStdStr GetDisplayNameFromPath(const CStdStr& path);
 
     // Extension key (".mp3") -> media type ("audio"); see the lock below.
-    static std::map<CStdStr, CStdStr> s_extensionMediaTypeMap;
     static PMutex s_extensionMediaTypeMapLock;  // guards s_extensionMediaTypeMap
+    static std::map<CStdStr, CStdStr> s_extensionMediaTypeMap KIV_GUARDED_BY(s_extensionMediaTypeMapLock);
 
     // ---- queries on this entry -----------------------------------------
     const CStdStr& getPath() const { return m_path; }

@@ -2,9 +2,9 @@
 
 #include <charconv>
 #include <cstdio>
-#include <mutex>
 #include <set>
 
+#include "host/PThread.h"
 #include "host/Preferences.h"
 
 namespace {
@@ -30,13 +30,13 @@ bool numberFromText(const std::string& text, int32_t& out) {
 // Integer settings found holding something else, so each is reported once
 // until it reads well again; owned by the integer reader, guarded by
 // g_notNumbersLock. Bounded: a full set starts afresh.
-std::mutex g_notNumbersLock;
-std::set<std::string> g_notNumbers;
+PMutex g_notNumbersLock;
+std::set<std::string> g_notNumbers KIV_GUARDED_BY(g_notNumbersLock);
 
 void reportNotANumber(const CStdStr& domain, const CStdStr& name, bool isNumber) {
     const std::string key = domain + "\n" + name;
     {
-        std::lock_guard<std::mutex> hold(g_notNumbersLock);
+        PLockGuard hold(g_notNumbersLock);
         if (isNumber) {
             g_notNumbers.erase(key);
             return;

@@ -3,6 +3,9 @@
 // PMutex / PCondMutex: a mutex, and a mutex with its condition variable.
 // PLocker<T>: a value that is also its own mutex; touch the value only while
 //   holding that mutex.
+// PLockGuard: holds a PMutex for its scope.
+// The lock annotations (host/ThreadAnnotations.h) tell clang which fields a
+// PMutex guards and which functions expect it held.
 // PThread: runs a delegate on a new thread. init() returns only once the new
 //   thread has taken its own reference to the start record, so the PThread may
 //   be destroyed at once: an unjoined thread is detached and frees its record.
@@ -16,15 +19,17 @@
 #include <boost/shared_ptr.hpp>
 #include <boost/weak_ptr.hpp>
 
-class PMutex {
+#include "host/ThreadAnnotations.h"
+
+class KIV_CAPABILITY("mutex") PMutex {
 public:
     PMutex() { pthread_mutex_init(&m_mutex, nullptr); }
     virtual ~PMutex() { pthread_mutex_destroy(&m_mutex); }
     PMutex(const PMutex&) = delete;
     PMutex& operator=(const PMutex&) = delete;
 
-    void lock() { pthread_mutex_lock(&m_mutex); }
-    void unlock() { pthread_mutex_unlock(&m_mutex); }
+    void lock() KIV_ACQUIRE() { pthread_mutex_lock(&m_mutex); }
+    void unlock() KIV_RELEASE() { pthread_mutex_unlock(&m_mutex); }
     pthread_mutex_t* native() { return &m_mutex; }
 
 protected:
@@ -36,9 +41,10 @@ public:
     PCondMutex() { pthread_cond_init(&m_cond, nullptr); }
     ~PCondMutex() override { pthread_cond_destroy(&m_cond); }
 
-    void wait() { pthread_cond_wait(&m_cond, &m_mutex); }
+    // Both waits are called with the mutex held and return holding it.
+    void wait() KIV_REQUIRES(this) { pthread_cond_wait(&m_cond, &m_mutex); }
     // Waits until the absolute CLOCK_REALTIME deadline; returns false on time-out.
-    bool waitUntil(const struct timespec& deadline);
+    bool waitUntil(const struct timespec& deadline) KIV_REQUIRES(this);
     void signal() { pthread_cond_signal(&m_cond); }
     void broadcast() { pthread_cond_broadcast(&m_cond); }
 
@@ -47,10 +53,10 @@ protected:
 };
 
 // Scoped lock for PMutex and everything derived from it.
-class PLockGuard {
+class KIV_SCOPED_CAPABILITY PLockGuard {
 public:
-    explicit PLockGuard(PMutex& m) : m_m(m) { m_m.lock(); }
-    ~PLockGuard() { m_m.unlock(); }
+    explicit PLockGuard(PMutex& m) KIV_ACQUIRE(m) : m_m(m) { m_m.lock(); }
+    ~PLockGuard() KIV_RELEASE() { m_m.unlock(); }
     PLockGuard(const PLockGuard&) = delete;
     PLockGuard& operator=(const PLockGuard&) = delete;
 
@@ -58,8 +64,10 @@ private:
     PMutex& m_m;
 };
 
+// T's fields cannot carry KIV_GUARDED_BY (they are T's): the annotation
+// covers the lock only.
 template <class T>
-class PLocker : public T, public PMutex {
+class KIV_CAPABILITY("mutex") PLocker : public T, public PMutex {
 public:
     PLocker() = default;
 };
@@ -126,7 +134,7 @@ public:
         ~ThreadData() { delete delegate; }
         PThreadDelegateGeneric* delegate;
         PCondMutex signal;
-        bool started = false;  // guarded by signal
+        bool started KIV_GUARDED_BY(signal) = false;
         void* arg;
     };
 

@@ -14,11 +14,11 @@
 #include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 
 #include <nlohmann/json.hpp>
 
 #include "common/Utf8.h"
+#include "host/PThread.h"
 #include "host/PreferencesCodec.h"
 
 namespace Preferences {
@@ -160,7 +160,7 @@ public:
         ReadResult r = readJson(path, j, &reason);
         if (r == ReadResult::Ok || r == ReadResult::Missing) {
             Contents fresh = std::make_shared<const nlohmann::json>(std::move(j));
-            std::lock_guard<std::mutex> hold(m_lock);
+            PLockGuard hold(m_lock);
             Entry& e = entry(path);
             e.contents = fresh;
             e.reported = false;
@@ -169,7 +169,7 @@ public:
         Contents kept;
         bool report = false;
         {
-            std::lock_guard<std::mutex> hold(m_lock);
+            PLockGuard hold(m_lock);
             Entry& e = entry(path);
             kept = e.contents;
             // A caller that takes the reason and gets no values reports it itself.
@@ -190,15 +190,15 @@ private:
     };
     static const size_t kMaxEntries = 64;
 
-    Entry& entry(const CStdStr& path) {
+    Entry& entry(const CStdStr& path) KIV_REQUIRES(m_lock) {
         auto it = m_byPath.find(path);
         if (it != m_byPath.end()) return it->second;
         if (m_byPath.size() >= kMaxEntries) m_byPath.erase(m_byPath.begin());
         return m_byPath[path];
     }
 
-    std::mutex m_lock;                      // guards m_byPath
-    std::map<std::string, Entry> m_byPath;  // m_lock
+    PMutex m_lock;  // guards m_byPath
+    std::map<std::string, Entry> m_byPath KIV_GUARDED_BY(m_lock);
 };
 
 LastGood& lastGood() {

@@ -9,8 +9,8 @@ namespace {
 
 struct Budget {
     PMutex lock;          // guards both below
-    int running = 0;      // archives admitted and not yet released
-    long long promised = 0;  // the sum of their estimates
+    int running KIV_GUARDED_BY(lock) = 0;  // archives admitted and not yet released
+    long long promised KIV_GUARDED_BY(lock) = 0;  // the sum of their estimates
 };
 
 // Never destroyed: an archive thread may release while the process exits.

@@ -172,10 +172,7 @@ int KivRequestProxySatellite::CabServiceMultiRequest(const char*, const tagVARIA
         CBBLog::debug("Building multirequest outparams");
         moveAnswers(records, *out);
         return 0;
-    } catch (char* text) {
-        CBBLog::warn("MakeGroupedRequest exception: %s", text ? text : "");
-        return 1;
-    } catch (const char* text) {
+    } catch (const char* text) {  // catches a thrown char* as well
         CBBLog::warn("MakeGroupedRequest exception: %s", text ? text : "");
         return 1;
     }

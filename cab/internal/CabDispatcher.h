@@ -63,27 +63,27 @@ private:
     void* run(void*);
     // The first channel that needs a leader and has had none for at least
     // `unledForNs`, while a message may still be served.
-    Channel* needsLeaderLocked(int64_t unledForNs);
+    Channel* needsLeaderLocked(int64_t unledForNs) KIV_REQUIRES(m_lock);
     // Makes sure a thread will take up a channel waiting for a leader at
     // once: an idle one is woken, else one is started below the thread limit.
-    void appointLocked();
+    void appointLocked() KIV_REQUIRES(m_lock);
     // Makes sure the deputy (an idle thread that looks every millisecond for
     // channels left without a leader for that long) is looking.
-    void deputeLocked();
-    bool startThreadLocked();
+    void deputeLocked() KIV_REQUIRES(m_lock);
+    bool startThreadLocked() KIV_REQUIRES(m_lock);
     // Unlinks channels that ended and that nobody uses; their subscriptions.
-    std::vector<natsSubscription*> reapLocked();
-    Channel* findLocked(natsSubscription* sub);
+    std::vector<natsSubscription*> reapLocked() KIV_REQUIRES(m_lock);
+    Channel* findLocked(natsSubscription* sub) KIV_REQUIRES(m_lock);
 
     const int m_cap;
     PCondMutex m_lock;                                 // guards everything below
-    std::vector<std::unique_ptr<Channel>> m_channels;  // m_lock
-    CabThreadSet m_threads{m_lock, "Service"};         // m_lock
-    int m_busy = 0;                                    // m_lock
-    int m_idle = 0;                                    // m_lock: threads waiting for a role
-    int m_woken = 0;                                   // m_lock: idle threads signalled, not yet awake
-    bool m_deputy = false;                             // m_lock: an idle thread is the deputy
-    bool m_deputyAsleep = false;                       // m_lock: ...and waits without looking
-    int64_t m_lastDeferredNs = 0;                      // m_lock: last message served without a new leader
-    bool m_stopping = false;                           // m_lock
+    std::vector<std::unique_ptr<Channel>> m_channels KIV_GUARDED_BY(m_lock);
+    CabThreadSet m_threads KIV_GUARDED_BY(m_lock){m_lock, "Service"};
+    int m_busy KIV_GUARDED_BY(m_lock) = 0;
+    int m_idle KIV_GUARDED_BY(m_lock) = 0;  // threads waiting for a role
+    int m_woken KIV_GUARDED_BY(m_lock) = 0;  // idle threads signalled, not yet awake
+    bool m_deputy KIV_GUARDED_BY(m_lock) = false;  // an idle thread is the deputy
+    bool m_deputyAsleep KIV_GUARDED_BY(m_lock) = false;  // ...and waits without looking
+    int64_t m_lastDeferredNs KIV_GUARDED_BY(m_lock) = 0;  // last message served without a new leader
+    bool m_stopping KIV_GUARDED_BY(m_lock) = false;
 };

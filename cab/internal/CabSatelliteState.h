@@ -41,7 +41,7 @@ struct CabServiceEntry {
     natsSubscription* hostSub = nullptr;  // CabSatelliteState::lock: "cab.<name>@<host>.<service>", with host scope
 
     PMutex statsLock;        // guards stats
-    CabServiceStats stats;   // statsLock
+    CabServiceStats stats KIV_GUARDED_BY(statsLock);
     void record(int64_t ns, const std::string* error);
 };
 
@@ -52,35 +52,35 @@ struct CabSatelliteState {
     const std::shared_ptr<CabMemoryBudget> budget = std::make_shared<CabMemoryBudget>(kCabDefaultAnswerBytes);
 
     mutable PMutex lock;  // guards every field below
-    std::string name;
-    std::string scopedName;  // "<name>@<host>" while listening host-scoped, else ""
-    std::string id;
-    std::string started;  // RFC 3339, UTC
-    std::string token;
-    bool tokenSet = false;
-    std::string user;      // set by setUser: wins over the settings
-    std::string password;
-    int timeoutMs = -1;    // -1: from the settings
-    mutable int settingTimeoutMs = 0;   // the setting as last read
-    mutable int64_t settingReadMs = 0;  // when, on the monotonic clock
-    int maxHandlers = -1;  // -1: from the settings
-    std::shared_ptr<CabConnection> conn;
-    std::shared_ptr<CabConnection> partsConn;   // answers in parts, with cabDirectory.partsConnection; or null
-    std::shared_ptr<CabDispatcher> dispatcher;  // serves the services' requests
-    std::shared_ptr<CabWorkerPool> pool;        // sends the later parts of answers
-    std::shared_ptr<CabTransfers> transfers;  // answers waiting for their requesters
-    bool creating = false;  // inside CreateServices: Connect registers the services afterwards
-    std::vector<std::shared_ptr<CabServiceEntry>> services;  // in the order added
-    std::vector<natsSubscription*> srvSubs;                  // discovery subscriptions
+    std::string name KIV_GUARDED_BY(lock);
+    std::string scopedName KIV_GUARDED_BY(lock);  // "<name>@<host>" while listening host-scoped, else ""
+    std::string id KIV_GUARDED_BY(lock);
+    std::string started KIV_GUARDED_BY(lock);  // RFC 3339, UTC
+    std::string token KIV_GUARDED_BY(lock);
+    bool tokenSet KIV_GUARDED_BY(lock) = false;
+    std::string user KIV_GUARDED_BY(lock);      // set by setUser: wins over the settings
+    std::string password KIV_GUARDED_BY(lock);
+    int timeoutMs KIV_GUARDED_BY(lock) = -1;    // -1: from the settings
+    mutable int settingTimeoutMs KIV_GUARDED_BY(lock) = 0;   // the setting as last read
+    mutable int64_t settingReadMs KIV_GUARDED_BY(lock) = 0;  // when, on the monotonic clock
+    int maxHandlers KIV_GUARDED_BY(lock) = -1;  // -1: from the settings
+    std::shared_ptr<CabConnection> conn KIV_GUARDED_BY(lock);
+    std::shared_ptr<CabConnection> partsConn KIV_GUARDED_BY(lock);   // answers in parts, with cabDirectory.partsConnection; or null
+    std::shared_ptr<CabDispatcher> dispatcher KIV_GUARDED_BY(lock);  // serves the services' requests
+    std::shared_ptr<CabWorkerPool> pool KIV_GUARDED_BY(lock);        // sends the later parts of answers
+    std::shared_ptr<CabTransfers> transfers KIV_GUARDED_BY(lock);  // answers waiting for their requesters
+    bool creating KIV_GUARDED_BY(lock) = false;  // inside CreateServices: Connect registers the services afterwards
+    std::vector<std::shared_ptr<CabServiceEntry>> services KIV_GUARDED_BY(lock);  // in the order added
+    std::vector<natsSubscription*> srvSubs KIV_GUARDED_BY(lock);                  // discovery subscriptions
 
     std::atomic<int> nextRequestId{1};
 
     // Requests accepted and not yet answered, so that a satellite leaving
     // before its handlers end can still answer each of them exactly once.
     PMutex inflightLock;                           // guards the three below
-    std::map<uint64_t, std::string> inflight;      // inflightLock: reply subjects by serial
-    uint64_t nextServe = 1;                        // inflightLock
-    int stuckHandlers = 0;                         // inflightLock: still running when Disconnect gave up on them
+    std::map<uint64_t, std::string> inflight KIV_GUARDED_BY(inflightLock);  // reply subjects by serial
+    uint64_t nextServe KIV_GUARDED_BY(inflightLock) = 1;
+    int stuckHandlers KIV_GUARDED_BY(inflightLock) = 0;  // still running when Disconnect gave up on them
     // A serial for a request answering to `replyTo`; 0 when it has none.
     uint64_t admit(const std::string& replyTo);
     // True exactly once per serial: the caller answers the request.

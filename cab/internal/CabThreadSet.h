@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "host/PThread.h"
+#include "host/ThreadAnnotations.h"
 
 class CabThreadSet {
 public:
@@ -27,7 +28,10 @@ public:
     // hands them over in *toJoin (join them without the lock) and is true;
     // else forgets them unjoined (a PThread destroyed unjoined detaches its
     // thread) and is false.
-    bool waitEndedLocked(const struct timespec& deadline, std::vector<std::unique_ptr<PThread>>* toJoin);
+    // (The analysis cannot tell that the caller holds m_lock: it knows the
+    // lock by the owner's name; the owner's field is guarded by it instead.)
+    bool waitEndedLocked(const struct timespec& deadline, std::vector<std::unique_ptr<PThread>>* toJoin)
+        KIV_NO_THREAD_SAFETY_ANALYSIS;
 
     int startedLocked() const { return (int)m_threads.size(); }
     int liveLocked() const { return m_live; }
@@ -35,7 +39,8 @@ public:
 private:
     PCondMutex& m_lock;
     const char* const m_what;
-    std::vector<std::unique_ptr<PThread>> m_threads;  // m_lock
-    int m_live = 0;                                   // m_lock: threads whose run() has not returned
-    bool m_gaveUp = false;                            // m_lock: waitEndedLocked left threads running
+    // All three guarded by m_lock, the owner's.
+    std::vector<std::unique_ptr<PThread>> m_threads;
+    int m_live = 0;         // threads whose run() has not returned
+    bool m_gaveUp = false;  // waitEndedLocked left threads running
 };

@@ -74,7 +74,7 @@ private:
     const std::shared_ptr<CabMemoryBudget> m_budget;
 
     PCondMutex m_lock;                                        // guards the three below
-    std::map<uint64_t, std::shared_ptr<Transfer>> m_active;   // m_lock: by mailbox token
-    bool m_stopping = false;                                  // m_lock
-    std::unique_ptr<PThread> m_sweeper;                       // m_lock: started with the first transfer
+    std::map<uint64_t, std::shared_ptr<Transfer>> m_active KIV_GUARDED_BY(m_lock);  // by mailbox token
+    bool m_stopping KIV_GUARDED_BY(m_lock) = false;
+    std::unique_ptr<PThread> m_sweeper KIV_GUARDED_BY(m_lock);  // started with the first transfer
 };

@@ -36,13 +36,13 @@ public:
 private:
     void* run(void*);
     // Starts one more thread unless the cap is reached; false when the job
-    // just queued can never run (no thread at all). Needs m_lock.
-    bool startThreadLocked();
+    // just queued can never run (no thread at all).
+    bool startThreadLocked() KIV_REQUIRES(m_lock);
 
     const int m_cap;
     PCondMutex m_lock;                           // guards everything below
-    std::deque<std::function<void()>> m_jobs;    // m_lock
-    CabThreadSet m_threads{m_lock, "Worker"};    // m_lock
-    int m_idle = 0;                              // m_lock
-    bool m_stopping = false;                     // m_lock
+    std::deque<std::function<void()>> m_jobs KIV_GUARDED_BY(m_lock);
+    CabThreadSet m_threads KIV_GUARDED_BY(m_lock){m_lock, "Worker"};
+    int m_idle KIV_GUARDED_BY(m_lock) = 0;
+    bool m_stopping KIV_GUARDED_BY(m_lock) = false;
 };

@@ -86,7 +86,7 @@ void OperatorJournal::notice(LOGLEVEL level, const char* format, ...) {
 }
 
 std::string OperatorJournal::servingText() {
-    std::lock_guard<std::mutex> guard(m_lock);
+    PLockGuard guard(m_lock);
     return "serving " + std::to_string(m_services) + " services on " + (m_url.empty() ? "the directory" : m_url) +
            " as " + (m_name.empty() ? "VorpaMediaProxy" : m_name);
 }
@@ -105,16 +105,16 @@ void OperatorJournal::libraryLine(LOGLEVEL level, const std::string& text) {
     if (startsWith(text, kConnected)) {
         const std::string rest = text.substr(sizeof kConnected - 1);
         const size_t as = rest.rfind(" as ");
-        std::lock_guard<std::mutex> guard(m_lock);
+        PLockGuard guard(m_lock);
         m_url = rest.substr(0, as);
         if (as != std::string::npos) m_name = rest.substr(as + 4);
         connection = true;
     } else if (startsWith(text, kRegistered)) {
-        std::lock_guard<std::mutex> guard(m_lock);
+        PLockGuard guard(m_lock);
         m_services = atoi(text.c_str() + sizeof kRegistered - 1);  // told with "serving"
     } else if (startsWith(text, kReconnected)) {
         {
-            std::lock_guard<std::mutex> guard(m_lock);
+            PLockGuard guard(m_lock);
             const std::string url = text.substr(sizeof kReconnected - 1);
             if (!url.empty() && url[0] != '(') m_url = url;
         }
@@ -122,7 +122,7 @@ void OperatorJournal::libraryLine(LOGLEVEL level, const std::string& text) {
         status = servingText();
     } else if (text.find(": connection to the directory lost") != std::string::npos) {
         connection = true;
-        std::lock_guard<std::mutex> guard(m_lock);
+        PLockGuard guard(m_lock);
         status = "directory unreachable (was " + m_url + "), reconnecting";
     } else {
         for (const char* prefix : kOther) connection = connection || startsWith(text, prefix);

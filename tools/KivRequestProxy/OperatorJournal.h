@@ -17,12 +17,12 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <boost/shared_ptr.hpp>
 
 #include "diag/CBBLog.h"
+#include "host/PThread.h"
 #include "tools/KivRequestProxy/SystemdNotify.h"
 
 class OperatorJournal : public std::enable_shared_from_this<OperatorJournal> {
@@ -44,8 +44,8 @@ private:
     void write(LOGLEVEL level, const std::string& text);
 
     SystemdNotify m_manager;
-    std::mutex m_lock;
-    std::string m_url;   // m_lock: where the connection is (or was last)
-    std::string m_name;  // m_lock: the satellite's name
-    int m_services = 0;  // m_lock
+    PMutex m_lock;  // guards the three below
+    std::string m_url KIV_GUARDED_BY(m_lock);   // where the connection is (or was last)
+    std::string m_name KIV_GUARDED_BY(m_lock);  // the satellite's name
+    int m_services KIV_GUARDED_BY(m_lock) = 0;
 };

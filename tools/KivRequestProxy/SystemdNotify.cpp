@@ -36,25 +36,28 @@ uint64_t SystemdNotify::watchdogUsec() {
 
 void SystemdNotify::startWatchdog(std::function<bool(int64_t)> alive) {
     const uint64_t usec = watchdogUsec();
-    std::lock_guard<std::mutex> guard(m_lock);
+    PLockGuard guard(m_lock);
     if (usec == 0 || m_watchdog.joinable() || m_stop) return;
     const auto period = std::chrono::microseconds(usec / 2);
     const int64_t maxSilenceMs = static_cast<int64_t>(usec / 2000);
     m_watchdog = std::thread([this, period, maxSilenceMs, alive] {
-        std::unique_lock<std::mutex> lock(m_lock);
+        m_lock.lock();
         while (!m_stop) {
-            lock.unlock();
+            m_lock.unlock();
             if (alive(maxSilenceMs)) send("WATCHDOG=1");
-            lock.lock();
-            m_wake.wait_for(lock, period, [this] { return m_stop; });
+            m_lock.lock();
+            const auto until = std::chrono::steady_clock::now() + period;
+            while (!m_stop && m_wake.wait_until(m_lock, until) == std::cv_status::no_timeout) {
+            }
         }
+        m_lock.unlock();
     });
 }
 
 void SystemdNotify::stopWatchdog() {
     std::thread watchdog;
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        PLockGuard guard(m_lock);
         m_stop = true;
         watchdog.swap(m_watchdog);
     }

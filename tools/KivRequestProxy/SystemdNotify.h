@@ -13,9 +13,10 @@
 #include <atomic>
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
+
+#include "host/PThread.h"
 
 class SystemdNotify {
 public:
@@ -38,8 +39,11 @@ private:
     void send(const std::string& message);
     void stopWatchdog();
 
-    std::mutex m_lock;
-    std::condition_variable m_wake;
-    bool m_stop = false;  // m_lock
-    std::thread m_watchdog;
+    // The watchdog's pause waits on the steady clock (a PCondMutex waits on
+    // CLOCK_REALTIME, and a clock set back would hold the pings back until
+    // systemd ends the process): hence a condition_variable_any over the PMutex.
+    PMutex m_lock;
+    std::condition_variable_any m_wake;
+    bool m_stop KIV_GUARDED_BY(m_lock) = false;
+    std::thread m_watchdog KIV_GUARDED_BY(m_lock);
 };

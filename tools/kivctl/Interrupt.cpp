@@ -4,24 +4,25 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <mutex>
 #include <thread>
+
+#include "host/PThread.h"
 
 namespace kivctl {
 
 namespace {
 
-// The registered description; guarded by g_lock.
-std::mutex g_lock;
-std::string (*g_describe)(void*) = nullptr;
-void* g_context = nullptr;
+// The registered description.
+PMutex g_lock;
+std::string (*g_describe)(void*) KIV_GUARDED_BY(g_lock) = nullptr;
+void* g_context KIV_GUARDED_BY(g_lock) = nullptr;
 
 void waitForSignal(sigset_t set) {
     int sig = 0;
     if (sigwait(&set, &sig) != 0) return;
     std::string text;
     {
-        std::lock_guard<std::mutex> lock(g_lock);
+        PLockGuard lock(g_lock);
         if (g_describe) text = g_describe(g_context);
     }
     fflush(stdout);
@@ -42,7 +43,7 @@ void handleInterrupts() {
 }
 
 void onInterrupt(std::string (*describe)(void* context), void* context) {
-    std::lock_guard<std::mutex> lock(g_lock);
+    PLockGuard lock(g_lock);
     g_describe = describe;
     g_context = context;
 }

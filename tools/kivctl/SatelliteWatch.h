@@ -7,11 +7,11 @@
 
 #include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
 
 #include "cab/CabSatellite.h"
+#include "host/PThread.h"
 
 namespace kivctl {
 
@@ -23,9 +23,11 @@ public:
     SatelliteWatch& operator=(const SatelliteWatch&) = delete;
 
 private:
-    std::mutex m_mutex;  // guards m_stop
-    std::condition_variable m_stopped;
-    bool m_stop = false;
+    // The pause waits on the steady clock (a PCondMutex waits on
+    // CLOCK_REALTIME): hence a condition_variable_any over the PMutex.
+    PMutex m_mutex;  // guards m_stop
+    std::condition_variable_any m_stopped;
+    bool m_stop KIV_GUARDED_BY(m_mutex) = false;
     std::thread m_thread;
 };
 
