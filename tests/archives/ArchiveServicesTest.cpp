@@ -446,9 +446,9 @@ TEST_F(ArchiveServicesTest, DeleteTempFileRacedByAFolderSwapDeletesNothingOutsid
         while (!stop) renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
     });
     int insideDeleted = 0, outsideDeleted = 0, calls = 0;
-    // A fixed number of calls, and at least one that deleted inside (a minute at most).
+    // A fixed number of calls (a few hundred race the swap), and at least one that deleted inside.
     for (const auto end = Clock::now() + std::chrono::seconds(60);
-         (calls < 5000 || insideDeleted == 0) && Clock::now() < end; ++calls) {
+         (calls < 40000 || insideDeleted == 0) && Clock::now() < end; ++calls) {
         close(openat(real, "victim", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
         struct stat st;
         if (deleteTemp(folder + "/victim") == 0 && fstatat(real, "victim", &st, 0) != 0) ++insideDeleted;
