@@ -25,21 +25,6 @@ typedef std::vector<std::string> Names;
 
 }  // namespace
 
-TEST(PathNode, NamesDistancesAndCommonFolders) {
-    CMyPathNode music("/Users/ann/Music/a.mp3"), movie("/users/ANN/Movies/b.mov"), bare("bare");
-    EXPECT_EQ(music.getName(), "a.mp3");
-    EXPECT_EQ(bare.getName(), "noname");
-    EXPECT_EQ(CMyPathNode("/dir/").getName(), "");
-    EXPECT_EQ(music.GetDistance(&movie), 2);
-    EXPECT_EQ(movie.GetDistance(&music), 2);
-    EXPECT_EQ(music.GetCommonFolder(&movie), "/Users/ann");
-    CMyPathNode doubled("//Users///ann/Music/x");
-    EXPECT_EQ(music.GetDistance(&doubled), 3);
-    EXPECT_EQ(music.GetDistance(&bare), 0);
-    EXPECT_EQ(music.GetCommonFolder(&bare), "");
-    EXPECT_EQ(music.GetRelativePath(), "a.mp3");
-}
-
 TEST(PathTree, ParentFolderSplitsAtBackslashOnly) {
     EXPECT_EQ(CMyPathTree::getParentFolder("C:\\a\\b.txt"), "C:\\a");
     for (const char* path : {"/a/b/c.txt", "\\top", "/x"})
