@@ -44,7 +44,7 @@ check_package() {
 
     local control
     control=$(mktemp -d)
-    trap 'rm -rf "$control"' RETURN EXIT
+    trap 'rm -rf "$control"' RETURN
     dpkg-deb -e "$deb" "$control" && dpkg-deb -x "$deb" "$control/x"
     [ "$(cat "$control/conffiles")" = /etc/kivfoundry/cab-directory.conf ] || fail "conffiles: $(cat "$control/conffiles")"
     [ -s "$control/templates" ] || fail "no debconf templates"
