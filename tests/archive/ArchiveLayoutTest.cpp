@@ -25,57 +25,10 @@ typedef std::vector<std::string> Names;
 
 }  // namespace
 
-TEST(PathNode, NamesDistancesAndCommonFolders) {
-    CMyPathNode music("/Users/ann/Music/a.mp3"), movie("/users/ANN/Movies/b.mov"), bare("bare");
-    EXPECT_EQ(music.getName(), "a.mp3");
-    EXPECT_EQ(bare.getName(), "noname");
-    EXPECT_EQ(CMyPathNode("/dir/").getName(), "");
-    EXPECT_EQ(music.GetDistance(&movie), 2);
-    EXPECT_EQ(movie.GetDistance(&music), 2);
-    EXPECT_EQ(music.GetCommonFolder(&movie), "/Users/ann");
-    CMyPathNode doubled("//Users///ann/Music/x");
-    EXPECT_EQ(music.GetDistance(&doubled), 3);
-    EXPECT_EQ(music.GetDistance(&bare), 0);
-    EXPECT_EQ(music.GetCommonFolder(&bare), "");
-    EXPECT_EQ(music.GetRelativePath(), "a.mp3");
-}
-
 TEST(PathTree, ParentFolderSplitsAtBackslashOnly) {
     EXPECT_EQ(CMyPathTree::getParentFolder("C:\\a\\b.txt"), "C:\\a");
     for (const char* path : {"/a/b/c.txt", "\\top", "/x"})
         EXPECT_EQ(kivtest::thrownBy([&] { CMyPathTree::getParentFolder(path); }), "no parent folder") << path;
-}
-
-TEST(PathTree, SlashPathsAreStoredFlatByName) {
-    CMyPathTree tree;
-    tree.AddFile("/a/b/c.txt");
-    tree.AddFile("/a/b/d.txt");
-    tree.AddFile("/a/x.txt");
-    tree.AddFile("nofolder");
-    EXPECT_EQ(entryNames(tree), (Names{"c.txt", "d.txt", "x.txt", "noname"}));
-    EXPECT_TRUE(tree.folderNodes().empty());
-    EXPECT_EQ(tree.getZipHeaderSize(), 4u * 102 + 2u * (5 + 5 + 5 + 6));
-
-    CMyPathTree one;
-    one.AddFile("/a/b/c.txt");
-    EXPECT_EQ(one.getZipHeaderSize(), 112u);
-    EXPECT_EQ(CMyPathTree().getZipHeaderSize(), 0u);
-}
-
-TEST(PathTree, BackslashParentsGroupFilesAndMixedPathsThrow) {
-    CMyPathTree tree;
-    tree.AddFile("/base/data/set\\one.txt");   // parent folder node "/base/data/set"
-    tree.AddFile("/base/data/set\\two.txt");   // same parent, found directly
-    tree.AddFile("/other/four.txt");           // shares nothing: flat
-    tree.AddFile("/BASE/DATA/set\\Five.txt");  // case does not matter
-    tree.AddFile("/r/x\\y/set\\one.txt");      // parent folder node "/r/x\\y/set"
-    tree.AddFile("/r/x\\y/deep\\two.txt");     // shares "/r/x\\y": grouped under it
-    EXPECT_EQ(entryNames(tree), (Names{"set/set\\one.txt", "set/set\\two.txt", "four.txt", "set/set\\Five.txt",
-                                       "x\\y/set/set\\one.txt", "x\\y/deep\\two.txt"}));
-    uint32_t expected = 0;
-    for (const std::string& name : entryNames(tree)) expected += 102 + 2 * name.size();
-    EXPECT_EQ(tree.getZipHeaderSize(), expected);
-
     // A file, or a shared folder, to be grouped without a backslash has no parent folder.
     for (const char* mixed : {"/base/data/deep/three.txt", "/base/data/deep\\three.txt"}) {
         CMyPathTree t;
@@ -84,12 +37,30 @@ TEST(PathTree, BackslashParentsGroupFilesAndMixedPathsThrow) {
     }
 }
 
-TEST(PathTree, FirstComponentOnlyIsNotAGroup) {
-    CMyPathTree tree;
-    tree.AddFile("/data/set\\one.txt");
-    tree.AddFile("/data2/x.txt");
-    tree.AddFile("/data/y.txt");  // distance 1 to "/data/set": not grouped
-    EXPECT_EQ(entryNames(tree), (Names{"set/set\\one.txt", "x.txt", "y.txt"}));
+// Entry names of files added in order, and the header estimate: 102 bytes and
+// twice the name's length per entry.
+TEST(PathTree, EntryNamesAndHeaderEstimate) {
+    const std::pair<Names, Names> cases[] = {
+        {{}, {}},
+        // Slash paths are stored flat by name.
+        {{"/a/b/c.txt", "/a/b/d.txt", "/a/x.txt", "nofolder"}, {"c.txt", "d.txt", "x.txt", "noname"}},
+        // Backslash parents group files, in any case; a path sharing only more
+        // than the first folder is grouped under the common folder.
+        {{"/base/data/set\\one.txt", "/base/data/set\\two.txt", "/other/four.txt", "/BASE/DATA/set\\Five.txt",
+          "/r/x\\y/set\\one.txt", "/r/x\\y/deep\\two.txt"},
+         {"set/set\\one.txt", "set/set\\two.txt", "four.txt", "set/set\\Five.txt", "x\\y/set/set\\one.txt",
+          "x\\y/deep\\two.txt"}},
+        // Sharing the first folder only is no group.
+        {{"/data/set\\one.txt", "/data2/x.txt", "/data/y.txt"}, {"set/set\\one.txt", "x.txt", "y.txt"}},
+    };
+    for (const auto& [paths, names] : cases) {
+        CMyPathTree tree;
+        for (const std::string& p : paths) tree.AddFile(p);
+        EXPECT_EQ(entryNames(tree), names);
+        uint32_t expected = 0;
+        for (const std::string& name : names) expected += 102 + 2 * name.size();
+        EXPECT_EQ(tree.getZipHeaderSize(), expected);
+    }
 }
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <ctime>
+#include <memory>
 #include <string>
 
 #include "files/CFileTools.h"
@@ -84,120 +85,74 @@ TEST(FolderListing, RecursiveListingSurvivesLinkLoops) {
     EXPECT_EQ(l.names(), (Names{"f"}));
 }
 
-TEST(FieldValues, TypeSizeDatesAndMonth) {
+// Every field of a file, by a table; the fields that look at the disk for a
+// folder and a missing file.
+TEST(FieldValues, EveryFieldOfAnEntry) {
     kivtest::TempDir dir;
-    kivtest::writeFile(dir.file("song.mp3"), "12345");
+    const std::string song = dir.file("Song.Mp3");
+    kivtest::writeFile(song, "12345");
     struct tm march = {};
     ASSERT_TRUE(strptime("2021-03-14 09:08:07", "%Y-%m-%d %H:%M:%S", &march));  // local time
     march.tm_isdst = -1;
     const time_t when = mktime(&march);
     struct timeval times[2] = {{when, 0}, {when, 0}};
-    ASSERT_EQ(utimes(dir.file("song.mp3").c_str(), times), 0);
-
-    CFileTools song(dir.file("song.mp3"));
-    const std::pair<const char*, const char*> fields[] = {{"type", "file"}, {"size", "5"},
-        {"dateModified", "2021-03-14 09:08:07"}, {"lastModified", "2021-03-14 09:08:07"},
-        {"lastAccessTime", "2021-03-14 09:08:07"}, {"creationDate", "2021-03-14 09:08:07"},
-        {"creationDate.year", "2021"}, {"creationDate.month", "0003"}};
-    for (const auto& [field, value] : fields) EXPECT_EQ(song.getFieldValue(field), value) << field;
+    ASSERT_EQ(utimes(song.c_str(), times), 0);
+    CFileTools entry(song);
+    const std::pair<const char*, std::string> fields[] = {{"title", "Song.Mp3"}, {"path", song},
+        {"path.extension", "Mp3"}, {"path.directory", "Song.Mp3"}, {"path.filename", "Song.Mp3"},
+        {"mediumId", CFileTools::PathToFileBrowserMediumId(song)}, {"kivMediumId", entry.getMediumId()},
+        {"type", "file"}, {"size", "5"}, {"dateModified", "2021-03-14 09:08:07"},
+        {"lastModified", "2021-03-14 09:08:07"}, {"lastAccessTime", "2021-03-14 09:08:07"},
+        {"creationDate", "2021-03-14 09:08:07"}, {"creationDate.year", "2021"}, {"creationDate.month", "0003"},
+        {"Title", ""}, {"nonsense", ""}};
+    for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
     EXPECT_EQ(CFileTools(dir.path()).getFieldValue("type"), "folder");
     EXPECT_EQ(CFileTools(dir.file("gone")).getFieldValue("size"), "0");
 }
 
-TEST(FieldValues, MediaTypeLooksUpAndRemembersExtensions) {
-    {
-        PLockGuard lock(CFileTools::s_extensionMediaTypeMapLock);
-        CFileTools::s_extensionMediaTypeMap[".mkv"] = "video";
-        CFileTools::s_extensionMediaTypeMap.erase(".zzz");
-    }
-    EXPECT_EQ(CFileTools("/m/Film.MKV").getFieldValue("mediaType"), "video.file");
-    EXPECT_EQ(CFileTools("/m/notes.zzz").getFieldValue("mediaType"), "file");
-    // A folder follows the same rule on its path.
-    EXPECT_EQ(CFileTools("/m/folder.mkv").getFieldValue("mediaType"), "video.file");
-    PLockGuard lock(CFileTools::s_extensionMediaTypeMapLock);
-    EXPECT_EQ(CFileTools::s_extensionMediaTypeMap.count(".zzz"), 1u);
-    EXPECT_EQ(CFileTools::s_extensionMediaTypeMap[".zzz"], "");
-}
-
-namespace {
-
-class SortFixture : public testing::Test {
-protected:
-    void SetUp() override {
-        // name, size, modification time
-        add("b.txt", 30, 300);
-        add("A.mp3", 10, 200);
-        add("c.wav", 20, 100);
-        add("\xc3\xa9t\xc3\xa9.ogg", 5, 400);  // UTF-8 "ete": bytes above 127 sort before ASCII
-        folder("zfolder", 50);
-        folder("Afolder", 60);
-    }
-    void TearDown() override {
-        for (CFileTools* e : entries) delete e;
-    }
-    void add(const std::string& name, size_t size, time_t mtime) {
-        kivtest::writeFile(dir.file(name), std::string(size, 'x'));
-        touch(name, mtime);
-        entries.push_back(new CFileTools(dir.file(name), name));
-    }
-    void folder(const std::string& name, time_t mtime) {
-        kivtest::writeFile(dir.file(name + "/inside"), "");
-        touch(name, mtime);
-        entries.push_back(new CFileTools(dir.file(name), name));
-    }
-    void touch(const std::string& name, time_t t) {
-        struct timeval times[2] = {{t, 0}, {t, 0}};
-        ASSERT_EQ(utimes(dir.file(name).c_str(), times), 0);
-    }
-    std::string order(const char* sortKeys, int expectedResult = 1) {
-        EXPECT_EQ(CFileTools::SortFiles(entries, sortKeys), expectedResult) << sortKeys;
-        std::string out;
-        for (CFileTools* e : entries) out += (out.empty() ? "" : " ") + e->getDisplayName();
-        return out;
-    }
-
+// Four files and two folders by every key, folders first ("?" is either
+// folder: they have no size). Only the first key counts; an unknown key sorts
+// by title and answers 0. Bytes above 127 ("ete" in UTF-8) sort before ASCII.
+TEST(SortFiles, EveryKeyKeepsFoldersFirst) {
     kivtest::TempDir dir;
+    std::vector<std::unique_ptr<CFileTools>> owned;
     std::vector<CFileTools*> entries;
-};
-
-const char* kEte = "\xc3\xa9t\xc3\xa9.ogg";
-
-}  // namespace
-
-TEST_F(SortFixture, EveryKeyKeepsFoldersFirst) {
-    for (std::string key : {"title", "path"}) {
-        EXPECT_EQ(order((key + ":asc").c_str()), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-        EXPECT_EQ(order((key + ":desc").c_str()), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
+    const std::string ete = "\xc3\xa9t\xc3\xa9.ogg";
+    const std::tuple<std::string, int, time_t> made[] = {  // name, size (-1: a folder), modified
+        {"b.txt", 30, 300}, {"A.mp3", 10, 200}, {"c.wav", 20, 100}, {ete, 5, 400}, {"zfolder", -1, 50},
+        {"Afolder", -1, 60}};
+    for (const auto& [name, size, modified] : made) {
+        kivtest::writeFile(dir.file(size < 0 ? name + "/inside" : name), std::string(std::max(size, 0), 'x'));
+        struct timeval times[2] = {{modified, 0}, {modified, 0}};
+        ASSERT_EQ(utimes(dir.file(name).c_str(), times), 0);
+        owned.emplace_back(new CFileTools(dir.file(name), name));
+        entries.push_back(owned.back().get());
     }
-    // The folders' paths hold no ".", so their extension is the whole path.
-    EXPECT_EQ(order("path.extension:asc"), "Afolder zfolder A.mp3 " + std::string(kEte) + " b.txt c.wav");
-    EXPECT_EQ(order("path.extension:desc"), "zfolder Afolder c.wav b.txt " + std::string(kEte) + " A.mp3");
-    // Folders have no size: their order among themselves is open.
-    EXPECT_EQ(order("size:asc").substr(16), std::string(kEte) + " A.mp3 c.wav b.txt");
-    EXPECT_EQ(order("size:desc").substr(16), std::string("b.txt c.wav A.mp3 ") + kEte);
-    for (std::string key : {"lastModified", "creationDate", "lastAccessTime"}) {
-        EXPECT_EQ(order((key + ":asc").c_str()), std::string("zfolder Afolder c.wav A.mp3 b.txt ") + kEte);
-        EXPECT_EQ(order((key + ":desc").c_str()), std::string("Afolder zfolder ") + kEte + " b.txt A.mp3 c.wav");
+    const std::string byTitle = "Afolder zfolder ETE A.mp3 b.txt c.wav", byDate = "zfolder Afolder c.wav A.mp3 b.txt ETE";
+    const std::tuple<std::string, int, std::string> cases[] = {  // keys, answer, order
+        {"title:asc", 1, byTitle}, {"path:asc", 1, byTitle}, {"title:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+        {"path:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+        // The folders' paths hold no ".", so their extension is the whole path.
+        {"path.extension:asc", 1, "Afolder zfolder A.mp3 ETE b.txt c.wav"},
+        {"path.extension:desc", 1, "zfolder Afolder c.wav b.txt ETE A.mp3"},
+        {"size:asc", 1, "? ? ETE A.mp3 c.wav b.txt"}, {"size:desc", 1, "? ? b.txt c.wav A.mp3 ETE"},
+        {"lastModified:asc", 1, byDate}, {"creationDate:asc", 1, byDate}, {"lastAccessTime:asc", 1, byDate},
+        {"lastModified:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+        {"creationDate:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+        {"lastAccessTime:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+        {"title:desc,size:asc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+        {",size:asc", 0, byTitle}, {"", 0, byTitle}, {"Title:asc", 0, byTitle}};
+    for (const auto& [keys, answer, expected] : cases) {
+        CFileTools::SortFiles(entries, "size:desc");  // a different order before each
+        EXPECT_EQ(CFileTools::SortFiles(entries, keys), answer) << keys;
+        std::string got;
+        for (CFileTools* e : entries) {
+            const std::string name = e->getDisplayName();
+            got += (got.empty() ? "" : " ") +
+                   (name == ete ? "ETE" : expected[0] == '?' && e->isFolder() ? std::string("?") : name);
+        }
+        EXPECT_EQ(got, expected) << keys;
     }
-}
-
-TEST_F(SortFixture, OnlyTheFirstKeyCountsAndUnknownKeysSortByTitle) {
-    EXPECT_EQ(order("title:desc,size:asc"), std::string("zfolder Afolder c.wav b.txt A.mp3 ") + kEte);
-    EXPECT_EQ(order(",size:asc", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-    order("size:desc");
-    EXPECT_EQ(order("", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-    order("size:desc");
-    EXPECT_EQ(order("Title:asc", 0), std::string("Afolder zfolder ") + kEte + " A.mp3 b.txt c.wav");
-}
-
-TEST(CompareNames, ClassicLoweringAndSignedBytes) {
-    EXPECT_EQ(CompareNames("abc", "ABC"), 0);
-    EXPECT_GT(CompareNames("abc", "ab"), 0);
-    EXPECT_GT(CompareNames("A", "_"), 0);  // lowered "A" is after "_"
-    // Each pair in order; no lowering above ASCII.
-    for (const auto& [a, b] : std::vector<std::pair<const char*, const char*>>{
-             {"ab", "abc"}, {"\xff", "a"}, {"\x80", "\x7f"}, {"Z\xc3\x89", "z\xc3\xa9"}, {"_", "a"}})
-        EXPECT_LT(CompareNames(a, b), 0) << a << " " << b;
 }
 
 // The keys read once per sort give the same permutation as the functors that

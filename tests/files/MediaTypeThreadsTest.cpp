@@ -1,4 +1,5 @@
-// The process-wide extension map under concurrent field lookups and filling.
+// The media type field: the process-wide extension map looked up in any case,
+// unknown extensions remembered with no type, under concurrent lookups and filling.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -7,14 +8,24 @@
 
 #include "files/CFileTools.h"
 
-TEST(MediaTypeThreads, LookupsAndFillingShareTheMapSafely) {
-    const int kThreads = 4, kRounds = 2000;
+TEST(MediaType, LooksUpAndRemembersExtensionsWhileOthersFillTheMap) {
+    {
+        PLockGuard lock(CFileTools::s_extensionMediaTypeMapLock);
+        CFileTools::s_extensionMediaTypeMap[".mkv"] = "video";
+    }
+    EXPECT_EQ(CFileTools("/m/Film.MKV").getFieldValue("mediaType"), "video.file");
+    EXPECT_EQ(CFileTools("/m/folder.mkv").getFieldValue("mediaType"), "video.file") << "a folder by its path too";
+    EXPECT_EQ(CFileTools("/m/notes.zzz").getFieldValue("mediaType"), "file");
+    {
+        PLockGuard lock(CFileTools::s_extensionMediaTypeMapLock);
+        EXPECT_EQ(CFileTools::s_extensionMediaTypeMap.count(".zzz"), 1u);
+        EXPECT_EQ(CFileTools::s_extensionMediaTypeMap[".zzz"], "");
+    }
     std::vector<std::thread> threads;
-    for (int t = 0; t < kThreads; ++t) {
+    for (int t = 0; t < 4; ++t) {
         threads.emplace_back([t] {
-            for (int i = 0; i < kRounds; ++i) {
-                CFileTools entry("/m/f." + std::to_string((i + t) % 50));
-                CStdStr type = entry.getFieldValue("mediaType");
+            for (int i = 0; i < 2000; ++i) {
+                const CStdStr type = CFileTools("/m/f." + std::to_string((i + t) % 50)).getFieldValue("mediaType");
                 EXPECT_TRUE(type == "file" || type == "audio.file") << type;
             }
         });

@@ -1,18 +1,10 @@
 #!/usr/bin/env bash
-# make test-package: checks the kivfoundry package that make deb built.
-#   1. its control fields, conffiles, maintainer scripts and contents (dpkg-deb),
-#      and lintian (no error, no warning);
-#   2. as root, a whole life of the package in a throw-away copy of this
-#      machine: an overlay of / in mount, pid and network namespaces of its
-#      own, with an empty /run (so no systemd runs there) and a private /tmp.
-#      dpkg -i; what the postinst made, with which modes; systemd-analyze
-#      verify of the installed units; the directory and the proxy started as
-#      the units start them, each as its own user; the README's administrator
-#      commands, as written; a crash filed by the crash reporter beside the
-#      proxy; an upgrade from a version whose users file was the proxy's
-#      group's, after a port change, which keeps the passwords, the edited
-#      conffile and served folders set by hand; dpkg -r; dpkg -P. Nothing of
-#      this machine changes.
+# make test-package: checks the kivfoundry package that make deb built: its
+# fields, conffiles, scripts and contents, and lintian; then, as root, a whole
+# life of the package in a throw-away overlay of this machine (mount, pid and
+# network namespaces of its own, an empty /run, a private /tmp): install, the
+# units' services as their users, the README's commands, a crash, an upgrade
+# from a version without kiv-directory, remove and purge.
 # Usage: test-package.sh PACKAGE.deb       (the inner part: --inside PACKAGE.deb)
 set -euo pipefail
 
@@ -53,7 +45,7 @@ check_package() {
     local control
     control=$(mktemp -d)
     trap 'rm -rf "$control"' RETURN
-    dpkg-deb -e "$deb" "$control"
+    dpkg-deb -e "$deb" "$control" && dpkg-deb -x "$deb" "$control/x"
     [ "$(cat "$control/conffiles")" = /etc/kivfoundry/cab-directory.conf ] || fail "conffiles: $(cat "$control/conffiles")"
     [ -s "$control/templates" ] || fail "no debconf templates"
     for f in config postinst prerm postrm; do
@@ -85,15 +77,10 @@ EOF
     # Nothing that only the tests or make run use, nothing owned by a builder.
     if grep -E 'cab-echo|kiv-media-catalog|/opt/|/usr/local/|_test$' <<<"$listing"; then fail "unexpected files"; fi
     if awk '$2 != "root/root"' <<<"$listing" | grep .; then fail "files not owned by root"; fi
-    # The binaries are stripped.
-    local x
-    x=$(mktemp -d)
-    dpkg-deb -x "$deb" "$x"
     for f in usr/lib/kivfoundry/KivRequestProxy usr/lib/kivfoundry/KivCrashReporter usr/bin/kivctl; do
-        readelf -S "$x/$f" | grep -q '\.symtab' && { rm -rf "$x"; fail "$f is not stripped"; }
+        readelf -S "$control/x/$f" | grep -q '\.symtab' && fail "$f is not stripped"
     done
-    zcat "$x/usr/share/man/man1/kivctl.1.gz" | grep -q '^\.SS defaults$' || { rm -rf "$x"; fail "man page lacks the commands"; }
-    rm -rf "$x"
+    zcat "$control/x/usr/share/man/man1/kivctl.1.gz" | grep -q '^\.SS defaults$' || fail "man page lacks the commands"
     if command -v lintian >/dev/null; then
         local out
         out=$(lintian --fail-on error,warning "$deb" 2>&1) || fail "lintian: $out"

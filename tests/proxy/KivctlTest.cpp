@@ -9,7 +9,7 @@
 #include <nlohmann/json.hpp>
 
 #include "files/CFileTools.h"
-#include "tests/proxy/ProxyFixture.h"
+#include "tests/support/ProxyFixture.h"
 #include "variant/TimeUtils.h"
 #include "variant/VUtil.h"
 
@@ -70,7 +70,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         // A failing sub-request: named on stderr, the worst status decides the exit.
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
          {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
-        {"multi '[[\"EchoA\",\"Echo\",7],[\"Nobody\",\"X\",1]]'", 2, {"-1002", "no such satellite"}, {}},
+        {"multi '[[\"Nobody\",\"X\",1],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 2,
+         {"-1002", "no such satellite"}, {}},
         {"multi '[[\"VorpaMediaProxy\",\"GetKivConfig\",null]]'", 2, {"-1013", "call it on its own"}, {}},
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},
@@ -113,6 +114,36 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     EXPECT_THAT(kivtest::readFile(capture), Not(HasSubstr("old line\nadded\nold"))) << "truncated part again";
     // Read with the request the proxy does not log: following its own log adds nothing to it.
     EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + followed)));
+}
+
+// kivctl zip and logs (CreateZip, GetFile, DeleteTempFile), and DeleteTempFile's refusal logged.
+TEST_F(ProxyTest, KivctlZipAndLogs) {
+    ASSERT_TRUE(setting("archive.diskReserveMB", 0));  // no machine refuses the archive
+    ASSERT_TRUE(startProxy()) << proxyOutput();
+    const size_t logged = proxyLog().size();  // the binary's tests share the log
+    const std::string a = data.file("m/a.txt"), out = data.file("out.zip"), logs = data.file("logs.zip");
+    kivtest::writeFile(a, std::string(20000, 'q'));
+    std::string text;
+    ASSERT_EQ(kivctl("zip " + a + " -o " + out + " --chunk 1K", &text), 0) << text;  // --chunk as for get
+    EXPECT_THAT(text, HasSubstr(out));
+    EXPECT_FALSE(fs::exists(out + ".part"));
+    EXPECT_EQ(zipMethods(out), (Methods{{"a.txt", "Defl:X"}}));
+    ASSERT_EQ(kivctl("logs -o " + logs, &text), 0) << text;
+    const Methods entries = zipMethods(logs);
+    ASSERT_EQ(entries.count("KivRequestProxy.log"), 1u) << text;
+    for (const auto& e : entries) EXPECT_EQ(e.second, "Defl:X") << e.first;
+    for (const std::string& wrong : {"zip -o " + out, "zip " + a, "logs extra -o " + logs})
+        EXPECT_EQ(kivctl(wrong), 64) << wrong;
+    EXPECT_EQ(kivctl("zip --help", &text), 0);
+    EXPECT_THAT(text, HasSubstr("usage: kivctl zip"));
+    // Outside the temporary folders nothing is deleted, and the refusal is logged.
+    CLocalVariant none;
+    EXPECT_EQ(call("DeleteTempFile", "[\"/tmp/../etc/passwd\"]", none.ptr()), 403);
+    EXPECT_EQ(stopProxy(), 0);  // the logger drains its queue
+    const std::string log = proxyLog(), since = log.size() >= logged ? log.substr(logged) : log;
+    EXPECT_THAT(since, HasSubstr("DeleteTempFile refused /tmp/../etc/passwd"));
+    EXPECT_THAT(since, HasSubstr("Creating zip of 1 files (20000 -> "));
+    EXPECT_THAT(since, Not(HasSubstr("VT_EMPTY"))) << "an ordinary CreateZip warns of nothing";
 }
 
 // Crash reports: found under KIV_ROOT, or in the var/root of a checkout that
@@ -184,7 +215,8 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
 
 // Every "kivctl call" example of docs/services.md, run against the proxy with
 // the two files the reference describes: the same status, and the same answer
-// unless the example says it varies (then the same kind of answer).
+// unless the example says it varies (then the same kind of answer). The
+// GenerateCrash example comes last.
 TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     const kivtest::TempDir& files = data;
@@ -236,4 +268,12 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
             EXPECT_EQ(got["out"].type(), want["out"].type()) << out;
         }
     }
+    // The crash ended the proxy through its crash handler, with status 0; the
+    // reporter beside the executable filed the dump with a summary naming it.
+    EXPECT_EQ(proxy.wait(), 0) << proxyOutput();
+    EXPECT_THAT(kivtest::readFile(root + "/Library/Logs/KivFoundry/errors.log"),
+                HasSubstr("crash of KivRequestProxy. minidump generated as "));
+    const std::string reports = "cd " + root + "/Library/KivFoundry/CrashReports && ";
+    EXPECT_EQ(kivtest::runCommand(reports + "ls | sed 's/.*[.]//'"), "dmp\njson\n");
+    EXPECT_EQ(kivtest::runCommand(reports + "grep -l KivRequestProxy *.json | wc -l"), "1\n");
 }

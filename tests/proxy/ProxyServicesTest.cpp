@@ -1,51 +1,109 @@
-// The real process: start and stop, the service table it publishes, the
-// version report, the diagnostic services, and "MultiRequest" with the
-// requests of the proxy to itself.
+// The real process: start and stop under a service manager, the service
+// table it publishes, the version report, the diagnostic services, and
+// "MultiRequest" with the requests of the proxy to itself.
+#include <sys/socket.h>
+#include <sys/un.h>
+
 #include <atomic>
 #include <nlohmann/json.hpp>
 
 #include "cab/CabInline.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "satellite/TimeZoneName.h"
-#include "tests/proxy/ProxyFixture.h"
+#include "tests/support/ProxyFixture.h"
 #include "tests/support/ProcStatus.h"
 #include "variant/VUtil.h"
 
-// The eleven services in order with their descriptions; SIGTERM and SIGINT end the proxy with status 0,
-// and so does a register that fails.
-TEST_F(ProxyTest, PublishesItsServicesAndEndsWithStatusZeroOnSignalsOrAFailingRegister) {
-    ASSERT_TRUE(startProxy()) << proxyOutput();
+namespace {
+
+// The notification socket, as systemd listens on it.
+class NotifySocket {
+public:
+    explicit NotifySocket(const std::string& path) {
+        m_fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        sockaddr_un a = {};
+        a.sun_family = AF_UNIX;
+        snprintf(a.sun_path, sizeof a.sun_path, "%s", path.c_str());
+        bound = m_fd >= 0 && bind(m_fd, reinterpret_cast<sockaddr*>(&a), sizeof a) == 0;
+        timeval safety = {60, 0};  // a missing message fails the test, it does not hang it
+        setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &safety, sizeof safety);
+    }
+    ~NotifySocket() { close(m_fd); }
+    // The next message holding `text`, counting the watchdog pings on the way; "" on time-out.
+    std::string waitFor(const std::string& text) {
+        char buf[4096];
+        for (ssize_t n; (n = recv(m_fd, buf, sizeof buf, 0)) >= 0;) {
+            const std::string m(buf, static_cast<size_t>(n));
+            pings += m == "WATCHDOG=1";
+            if (m.find(text) != std::string::npos) return m;
+        }
+        return "";
+    }
+    bool bound = false;
+    int pings = 0;
+
+private:
+    int m_fd = -1;
+};
+
+}  // namespace
+
+// Under a service manager, as systemd runs it (a datagram socket of the
+// test's own is its NOTIFY_SOCKET): without a directory no READY=1 and exit
+// status 0; then READY=1 with where it serves, the watchdog fed, the eleven
+// services published in order, STOPPING=1 on SIGTERM, exit status 0 on SIGTERM
+// and SIGINT. Its standard error (the journal) says it started, where it
+// connected and why it stopped; the log file keeps only errors (LogLevel 1).
+TEST_F(ProxyTest, StartsServesAndStopsAsTheServiceManagerExpects) {
+    ASSERT_TRUE(setting("LogLevel", 1, "Software\\Kiv Foundry\\Kiv"));
+    NotifySocket manager(root + "/notify");
+    ASSERT_TRUE(manager.bound);
+    const std::string own = root + "/service-manager";  // a root of its own: the log file is this test's alone
+    const std::map<std::string, std::string> env = {{"NOTIFY_SOCKET", root + "/notify"},
+        {"WATCHDOG_USEC", "200000"}, {"WATCHDOG_PID", ""}, {"KIV_ROOT", own}};
+    const int port = server.port();
+    server.stop();
+    ASSERT_TRUE(proxy.start(env, root + "/proxy.out"));
+    const std::string refused = manager.waitFor("STATUS=");
+    EXPECT_EQ(proxy.wait(), 0);
+    EXPECT_THAT(refused, HasSubstr("directory unreachable"));
+    EXPECT_THAT(refused, Not(HasSubstr("READY=1")));
+    EXPECT_THAT(proxyOutput(), HasSubstr("not serving: registering with the directory failed"));
+
+    ASSERT_TRUE(server.restart());
+    ASSERT_EQ(server.port(), port);
+    ASSERT_TRUE(startProxy(env));
+    const std::string serving = "serving 11 services on nats://" + hostPort() + " as VorpaMediaProxy";
+    EXPECT_EQ(manager.waitFor("READY=1"), "READY=1\nSTATUS=" + serving);
+    while (manager.pings < 3 && !manager.waitFor("WATCHDOG=1").empty()) {
+    }
+    EXPECT_GE(manager.pings, 3) << "the watchdog thread keeps going while the run loop turns";
     std::vector<std::string> replies;
     ASSERT_EQ(client->Discover("INFO", "VorpaMediaProxy", 3000, &replies), 0);
     ASSERT_EQ(replies.size(), 1u);
-    nlohmann::json info = nlohmann::json::parse(replies[0]);
+    const nlohmann::json info = nlohmann::json::parse(replies[0]);
     EXPECT_EQ(info["name"], "VorpaMediaProxy");
     const std::vector<std::pair<std::string, std::string>> expected = {{"QueryFileSize", "Get file size"},
         {"GetFile", "Download a file"}, {"my-KIV_GetVersion", "Get Kiv version"}, {"my-KIV_TailLog", ""},
         {"MultiRequest", ""}, {"CreateZip", ""}, {"DeleteTempFile", ""}, {"GetKivDataFolder", ""},
-        {"GetKivConfig", ""}, {"GenerateCrash", ""},
-        {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"}};
+        {"GetKivConfig", ""}, {"GenerateCrash", ""}, {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"}};
     ASSERT_EQ(info["endpoints"].size(), expected.size()) << info.dump(2);
     for (size_t i = 0; i < expected.size(); ++i) {
-        SCOPED_TRACE(expected[i].first);
         EXPECT_EQ(info["endpoints"][i]["name"], expected[i].first);
-        EXPECT_EQ(info["endpoints"][i]["metadata"]["description"], expected[i].second);
+        EXPECT_EQ(info["endpoints"][i]["metadata"]["description"], expected[i].second) << expected[i].first;
         EXPECT_EQ(info["endpoints"][i]["subject"], "cab.VorpaMediaProxy." + expected[i].first);
     }
     EXPECT_EQ(stopProxy(SIGTERM), 0);
-    EXPECT_THAT(proxyOutput(), HasSubstr("[INFO ] - Starting"));
-    EXPECT_THAT(proxyOutput(), HasSubstr("Register returned 0x0"));
+    EXPECT_EQ(manager.waitFor("STOPPING=1"), "STOPPING=1\nSTATUS=stopping (SIGTERM received)");
+    const std::string journal = proxyOutput();
+    for (const char* line : {"KivRequestProxy ", "Connected to the directory at nats://", serving.c_str(),
+                             "stopping (SIGTERM received)", "\nstopped\n"})
+        EXPECT_THAT(journal, HasSubstr(line));
+    const std::string log = kivtest::readFile(own + "/Library/Logs/KivFoundry/KivRequestProxy.log");
+    EXPECT_THAT(log, HasSubstr("[ERROR] - not serving")) << "the log file keeps errors";
+    EXPECT_EQ(log.find("[INFO ]"), std::string::npos) << "LogLevel 1 keeps no INFO line";
     ASSERT_TRUE(startProxy()) << proxyOutput();
     EXPECT_EQ(stopProxy(SIGINT), 0);
-    // The log holds what the writer thread drained before the exit.
-    EXPECT_THAT(proxyLog(), HasSubstr("~KivModuleBase KivRequestProxy"));
-
-    // No directory at the configured port: the failing register is logged, and the exit status is 0.
-    server.stop();
-    ASSERT_TRUE(proxy.start({}, root + "/proxy.out"));
-    EXPECT_EQ(proxy.wait(), 0);
-    EXPECT_THAT(proxyOutput(), HasSubstr("Register returned 0x"));
-    EXPECT_THAT(proxyOutput(), Not(HasSubstr("Register returned 0x0\n")));
 }
 
 TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
@@ -60,7 +118,8 @@ TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
     kivtest::eventually([&] { return proxyOutput().find("Request Sleep...") != std::string::npos; });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(stopProxy(SIGTERM), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3)) << "a grace of 1 s + 2 s";
+    // Far less than the 20 s of the request, even on a loaded machine.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(12));
     requester.join();
     EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
 }
@@ -148,29 +207,7 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
     for (const auto& s : secrets) EXPECT_THAT(proxyOutput() + proxyLog(), Not(HasSubstr(s.second)));
 }
 
-TEST_F(ProxyTest, GenerateCrashEndsTheProcessThroughTheCrashHandler) {
-    ASSERT_TRUE(startProxy()) << proxyOutput();
-    // The request never gets an answer: a short-lived client sends it.
-    std::thread sender([this] {
-        CabClient c;
-        c.setRequestTimeoutMs(2000);
-        CLocalVariant out, rc;
-        if (c.Connect(server.hostPort().c_str(), "CrashSender") == 0)
-            c.Request("VorpaMediaProxy", "GenerateCrash", JsonVariant("7").get(), out.ptr(), 0, rc.ptr());
-    });
-    EXPECT_EQ(proxy.wait(), 0) << proxyOutput();
-    sender.join();
-    EXPECT_THAT(kivtest::readFile(root + "/Library/Logs/KivFoundry/errors.log"),
-                HasSubstr("crash of KivRequestProxy. minidump generated as "));
-    // The reporter beside the executable filed the dump with a summary that names the program.
-    const std::string reports = "cd " + root + "/Library/KivFoundry/CrashReports && ";
-    EXPECT_EQ(kivtest::runCommand(reports + "ls | sed 's/.*[.]//'"), "dmp\njson\n");
-    EXPECT_EQ(kivtest::runCommand(reports + "grep -l KivRequestProxy *.json | wc -l"), "1\n");
-}
-
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 std::string repeated(const std::string& item, int count) {
     std::string text = "[";
@@ -187,7 +224,7 @@ std::string nestedGroups(int levels) {
 // Samples a process's thread count every few milliseconds until stopped.
 struct ThreadPeak {
     explicit ThreadPeak(pid_t pid) : sampler([this, pid] {
-        for (; !done; usleep(2000)) peak = std::max<int>(peak, now = kivtest::statusKiB(pid, "Threads:"));
+        for (; !done; usleep(2000)) peak = std::max<int>(peak, kivtest::statusKiB(pid, "Threads:"));
     }) {}
     ~ThreadPeak() { stop(); }
     int stop() {
@@ -196,7 +233,7 @@ struct ThreadPeak {
         return peak;
     }
     std::atomic<bool> done{false};
-    std::atomic<int> now{0}, peak{0};
+    std::atomic<int> peak{0};
     std::thread sampler;
 };
 
@@ -253,15 +290,6 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAndAtMostTen
 }
 
 TEST_F(ProxyTest, RequestsToItselfRunInlineAtMostSixteenDeep) {
-    // The library's bound, seen through a satellite asking its own service.
-    for (int depth : {kCabMaxInlineDepth, kCabMaxInlineDepth + 1}) {
-        CLocalVariant out, rc;
-        client->Request("EchoA", "Nest", JsonVariant(std::to_string(depth)).get(), out.ptr(), 0, rc.ptr());
-        EXPECT_EQ(CabRetcode(rc.get()), depth > kCabMaxInlineDepth ? CAB_E_TOO_LARGE : 0) << depth;
-        if (depth == kCabMaxInlineDepth) {
-            EXPECT_EQ(json(out.get()), std::to_string(depth));
-        }
-    }
     // Grouped requests into the proxy itself: group k runs inside k - 1 inline
     // calls, so the 17th is the deepest served and the 18th is refused.
     ASSERT_TRUE(startProxy()) << proxyOutput();
@@ -272,47 +300,4 @@ TEST_F(ProxyTest, RequestsToItselfRunInlineAtMostSixteenDeep) {
     ASSERT_EQ(call("MultiRequest", nestedGroups(kCabMaxInlineDepth + 2), tooDeep.ptr()), 0);
     EXPECT_THAT(json(tooDeep.get()), Not(HasSubstr("\"deep\"")));
     EXPECT_THAT(json(tooDeep.get()), HasSubstr(std::to_string(CAB_E_TOO_LARGE)));
-}
-
-TEST_F(ProxyTest, NestedGroupsToItselfNeverStarveOtherCallers) {
-    // Few workers, so that handlers waiting on workers would starve at once.
-    ASSERT_TRUE(setting("cabDirectory.maxHandlers", 8));
-    ASSERT_TRUE(startProxy()) << proxyOutput();
-    ASSERT_TRUE(setting("cabDirectory.maxHandlers", 0));  // the default again for later tests
-    const int kOuter = 40, kGroups = 20, kEach = 20;
-    const std::string inner = repeated("[\"VorpaMediaProxy\",\"my-KIV_GetVersion\",null]", kEach);
-    JsonVariant in(repeated("[\"VorpaMediaProxy\",\"MultiRequest\"," + inner + "]", kGroups));
-    CabClient other;
-    other.setRequestTimeoutMs(60000);
-    ASSERT_EQ(other.Connect(server.hostPort().c_str(), "ProxyOtherClient"), 0);
-
-    const int idle = static_cast<int>(kivtest::statusKiB(proxy.pid(), "Threads:"));
-    ThreadPeak peak(proxy.pid());
-    std::atomic<int> served{0}, finished{0};  // answers with status 0, nested ones included
-    std::vector<std::thread> callers;
-    for (int t = 0; t < kOuter; ++t)
-        callers.emplace_back([&] {
-            CLocalVariant out;
-            const std::string text = call("MultiRequest", in.get(), out.ptr()) == 0 ? json(out.get()) : "";
-            for (size_t at = text.find("[[0],"); at != std::string::npos; at = text.find("[[0],", at + 1))
-                ++served;
-            ++finished;
-        });
-    // Once the groups are running, another caller asks something small.
-    for (Clock::time_point limit = Clock::now() + std::chrono::seconds(30);
-         peak.now < idle + 16 && finished == 0 && Clock::now() < limit;)
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    const Clock::time_point sent = Clock::now();
-    CLocalVariant version, rc;
-    other.Request("VorpaMediaProxy", "my-KIV_GetVersion", CLocalVariant().get(), version.ptr(), 0, rc.ptr());
-    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - sent).count();
-    const int unfinished = kOuter - finished;
-    for (std::thread& t : callers) t.join();
-    printf("Small request beside %d nested groups: %.1f ms (%d of %d outer groups still running); "
-           "proxy threads %d idle, %d at most\n",
-           kOuter * kGroups, ms, unfinished, kOuter, idle, peak.stop());
-    EXPECT_EQ(CabRetcode(rc.get()), 0);
-    EXPECT_EQ(served, kOuter * kGroups * (kEach + 1));
-    EXPECT_LT(ms, 20000.0);
-    EXPECT_EQ(stopProxy(), 0);
 }

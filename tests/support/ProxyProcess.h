@@ -31,7 +31,6 @@ public:
     // Waits for the proxy to end by itself; statuses as stop().
     int wait();
     pid_t pid() const { return m_pid; }
-    bool running() const { return m_pid > 0; }
 
 private:
     pid_t m_pid = -1;
