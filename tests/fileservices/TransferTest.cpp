@@ -404,6 +404,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
 
     // Credit for one part lets one more go.
     const std::string credit = creditTo[0].empty() ? creditTo[1] : creditTo[0];
+    ASSERT_FALSE(credit.empty());
     publish(inbox->nc, credit, "Cab-Received", "1");
     kivtest::Msg next = inbox->next();
     ASSERT_TRUE(next);
