@@ -72,9 +72,12 @@ public:
         PLockGuard guard(lock);
         expected = n;
     }
-    void waitHolding(int n) {
+    bool waitHolding(int n) {  // false after a minute, a safety net only
         PLockGuard guard(lock);
-        while (holding < n) lock.wait();
+        struct timespec deadline = cabDeadline(60000);
+        while (holding < n)
+            if (!lock.waitUntil(deadline)) return false;
+        return true;
     }
     void openAndWaitEmpty() {
         PLockGuard guard(lock);

@@ -49,7 +49,7 @@ TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
 
 TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config",
-                                                           "cabDirectory.shutdownGraceMs", 300));
+                                                           "cabDirectory.shutdownGraceMs", 1000));
     GateSatellite gate;
     gate.setMaxHandlers(1);
     // Requests wait in several subscriptions (each has a leader waiting for
@@ -64,7 +64,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
         CLocalVariant out;
         status = call("Gate", "Hold", "null", out.ptr());
     });
-    gate.waitHolding(1);
+    ASSERT_TRUE(gate.waitHolding(1));
     // The second waits in the subscription: the one handler allowed is busy.
     // After the flush's round trip the server has routed it to the satellite.
     kivtest::RawInbox answers(server.url(), "queued.answer");
@@ -75,10 +75,10 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     auto start = std::chrono::steady_clock::now();
     gate.Disconnect();
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(1300));  // grace + a second
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4));  // once each would take 8 s
     first.join();
     EXPECT_EQ(CAB_E_CANCELLED, status);
     for (int i = 0; i < 2 * kServices; ++i)
-        EXPECT_EQ(std::to_string(CAB_E_CANCELLED), kivtest::header(answers.next().get(), "Cab-Status"));
+        ASSERT_EQ(std::to_string(CAB_E_CANCELLED), kivtest::header(answers.next().get(), "Cab-Status")) << i;
     EXPECT_GE(gate.handlersStillRunning(), 1);
 }

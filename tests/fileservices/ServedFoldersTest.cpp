@@ -48,6 +48,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
     kivtest::writeFile(media + "/sub/b.txt", "bee");
     kivtest::writeFile(media + "/nkey.txt", "SUAKEYMATERIAL");
     kivtest::writeFile(outside + "/secret.txt", "secret");
+    kivtest::writeFile(media + "-sibling/x.txt", "sibling");  // its name begins with the served folder's
     fs::create_symlink("sub/b.txt", media + "/link-in");
     fs::create_symlink("../outside/secret.txt", media + "/link-out");
     fs::create_symlink(media + "/a.txt", media + "/absolute-link");
@@ -88,6 +89,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {media + "/folder-out/secret.txt", "", "leads out"},   // a link in a parent folder
         {outside + "/link-in", "", "outside the served folders"},  // a link outside to inside
         {outside + "/secret.txt", "", "outside the served folders"},
+        {media + "-sibling/x.txt", "", "outside the served folders"},
         {"/etc/passwd", "", "outside the served folders"},
         {"a.txt", "", "not an absolute path"},
         {settings, "", "is never served"},

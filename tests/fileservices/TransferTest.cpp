@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstring>
 
 #include "value/Cab1.h"
 #include "files/CFileTools.h"
@@ -157,45 +156,6 @@ TEST(GetFileMemoryTest, AnUnallocatableChunkAnswersEightAndLeavesOutAlone) {
     ASSERT_TRUE(WIFEXITED(status)) << "status " << status;
     EXPECT_EQ(WEXITSTATUS(status), 8);
 #endif
-}
-
-// 1 GiB whole and in 4 MiB chunks (64 MiB under the sanitizers, which make
-// every byte many times slower), compared with what was written.
-class LargeFileTest : public TransferTest {
-protected:
-    int maxPayload() const override { return 8 << 20; }
-};
-
-TEST_F(LargeFileTest, FetchedWholeAndInChunks) {
-#ifdef KIV_SANITIZED
-    const long long kSize = 64ll << 20;
-#else
-    const long long kSize = 1ll << 30;
-#endif
-    const long long kChunk = 4ll << 20;
-    const std::string block = patternBytes(kChunk + 4096, 5), path = media.file("large.bin");
-    FILE* f = fopen(path.c_str(), "wb");  // chunk i is the block from byte i % 4096 on
-    ASSERT_NE(f, nullptr);
-    for (long long i = 0; i < kSize / kChunk; ++i)
-        ASSERT_EQ(fwrite(&block[i % 4096], 1, kChunk, f), (size_t)kChunk);
-    fclose(f);
-    // Compares each 4 MiB of an answer that starts at `offset` with what was written.
-    auto matches = [&](const CLocalVariant& out, long long offset, long long size) {
-        if (out.vt() != (VT_ARRAY | VT_UI1) || out.get().parray->rgsabound[0].cElements != size) return false;
-        const char* data = static_cast<const char*>(out.get().parray->pvData);
-        for (long long at = 0; at < size; at += kChunk)
-            if (memcmp(data + at, &block[(offset + at) / kChunk % 4096], kChunk) != 0) return false;
-        return true;
-    };
-    CLocalVariant whole;
-    ASSERT_EQ(call("GetFile", listOf(path), whole.ptr()), 0);
-    EXPECT_TRUE(matches(whole, 0, kSize));
-    for (long long offset = 0; offset < kSize; offset += kChunk) {
-        CLocalVariant part;
-        const std::string in = "[\"" + path + "\"," + typed("I8", offset) + "," + typed("I8", kChunk) + "]";
-        ASSERT_EQ(call("GetFile", in, part.ptr()), 0);
-        ASSERT_TRUE(matches(part, offset, kChunk)) << "at " << offset;
-    }
 }
 
 std::atomic<int> refusedLookups{0};
@@ -388,9 +348,8 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
 
 // Answers nobody takes (last in this program: its settings stay): requesters
 // ask for whole 1 GiB files, never grant credit and then go away. The proxy
-// holds each answer's window only, keeps its workers free, survives guessed
-// credit subjects, frees everything after the credit time-out, and refuses
-// answers past maxAnswerBytes with CAB_E_BUSY.
+// holds each answer's window only, keeps its workers free, frees everything
+// after the credit time-out, and refuses answers past maxAnswerBytes with CAB_E_BUSY.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
 // A raw "GetFile" request for the whole of `path`, answered to `reply`.
@@ -443,14 +402,12 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     CLocalVariant version;
     EXPECT_EQ(0, call("my-KIV_GetVersion", "null", version.ptr()));
 
-    // A credit subject ends in 128 random bits; guessing its neighbours cancels nothing.
+    // Credit for one part lets one more go.
     const std::string credit = creditTo[0].empty() ? creditTo[1] : creditTo[0];
-    ASSERT_EQ(credit.size() - credit.rfind('.') - 1, 32u) << credit;
-    for (int guess = 0; guess < 64; ++guess)
-        publish(inbox->nc, credit.substr(0, credit.rfind('.') + 1) + std::to_string(guess), "Cab-Cancel", "1");
+    ASSERT_FALSE(credit.empty());
     publish(inbox->nc, credit, "Cab-Received", "1");
     kivtest::Msg next = inbox->next();
-    ASSERT_TRUE(next) << "a guess cancelled the transfer";
+    ASSERT_TRUE(next);
     EXPECT_EQ("8", header(next.get(), "Cab-Part"));
 #ifndef KIV_SANITIZED
     const int64_t peak = kivtest::statusKiB(proxy.pid(), "VmHWM:");

@@ -19,9 +19,10 @@ inline std::string header(natsMsg* m, const char* key) {
 inline natsStatus publish(natsConnection* nc, const std::string& subject, const char* key, const char* value,
                           const std::string& payload = "", const char* reply = nullptr) {
     natsMsg* m = nullptr;
-    natsMsg_Create(&m, subject.c_str(), reply, payload.data(), (int)payload.size());
+    natsStatus s = natsMsg_Create(&m, subject.c_str(), reply, payload.data(), (int)payload.size());
+    if (s != NATS_OK) return s;
     if (key) natsMsgHeader_Set(m, key, value);
-    natsStatus s = natsConnection_PublishMsg(nc, m);
+    s = natsConnection_PublishMsg(nc, m);
     natsMsg_Destroy(m);
     return s;
 }
