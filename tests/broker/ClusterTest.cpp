@@ -113,6 +113,9 @@ protected:
 
 TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServesOnElsewhere) {
     configure(urls(), 0);
+    // Answers in parts on the proxy's one connection: a second one may pick
+    // another server, and then the held transfer below never loses its own.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.partsConnection", 0));
     Proxy proxy;
     ASSERT_TRUE(proxy.start());
     std::unique_ptr<CabClient> probe = connectClient(servers[0]->url(), "ClusterProbe", nullptr, nullptr, 1000);
