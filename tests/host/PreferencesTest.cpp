@@ -132,8 +132,7 @@ TEST_F(SettingsTest, ReadAllDumpsStringsAndLowByteOfIntsAndCorruptDomainsAreMove
 // Whatever takes the place of a domain file (a FIFO nobody writes, a folder, a link, a huge
 // file), reads answer at once with the values last read, and the refusal is reported once.
 TEST_F(SettingsTest, UnreadableFilesAreRefusedAtOnceKeepingTheLastGoodValues) {
-    std::string file = folder() + "/com.kiv-foundry.kiv.json";
-    std::string fifo = folder() + "/com.kiv-foundry.kiv.config.json";
+    std::string file = folder() + "/com.kiv-foundry.kiv.json", fifo = folder() + "/com.kiv-foundry.kiv.config.json";
     ASSERT_TRUE(r.WriteSettingImpl(kKiv, "LogLevel", 4));
     ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Version", CStdStr("1.2")));
     int level = 0;
@@ -205,8 +204,7 @@ TEST_F(SettingsTest, WrittenFilesArePrivateWhateverTheUmask) {
     mode_t oldMask = umask(0);
     std::string file = folder() + "/com.kiv-foundry.kiv.config.json";
     EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.token", CStdStr("secret")));
-    EXPECT_EQ(0700u, modeOf(folder()));
-    EXPECT_EQ(0600u, modeOf(file));
+    EXPECT_EQ(std::make_pair(0700u, 0600u), std::make_pair(modeOf(folder()), modeOf(file)));
     ASSERT_EQ(0, chmod(file.c_str(), 0644));
     EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("10.0.0.2")));
     umask(oldMask);
