@@ -26,9 +26,8 @@ struct Counter {
 
 }  // namespace
 
-// init() returns only once the thread runs, even when the delegate ends at
-// once, and destroying the PThread right away leaves the thread to free its
-// own record. Many at once, to give the handshake a chance to go wrong.
+// init() returns once the thread runs, even when the delegate ends at once, and a PThread destroyed
+// right away leaves the thread to free its own record. Many, to give the handshake a chance to fail.
 TEST(PThread, HandshakeUnderLoadAndDestroyRightAfterInit) {
     Counter c;
     const int kThreads = 400;
@@ -64,15 +63,13 @@ TEST(PThread, FailedCreationThrowsWithTheErrorNumber) {
         t.init(&attr, new PThreadDelegateFunction([](void*) -> void* { return nullptr; }), nullptr);
         FAIL() << "expected an exception";
     } catch (const std::runtime_error& e) {
-        EXPECT_TRUE(std::string(e.what()).rfind("Failed to create thread: ", 0) == 0) << e.what();
-        EXPECT_NE(std::string(e.what()), "Failed to create thread: 0");
+        std::string what = e.what();
+        EXPECT_TRUE(what.rfind("Failed to create thread: ", 0) == 0 && what != "Failed to create thread: 0") << what;
     }
     pthread_attr_destroy(&attr);
 }
 
-// The bound on allocator pools takes effect on this platform (it once
-// compiled to nothing: the C library's macro was tested before any header
-// defined it).
+// The bound takes effect here (it once compiled to nothing: a macro tested before its header).
 TEST(MemoryPolicy, BoundAllocatorPoolsTakesEffectWithGlibc) {
 #if defined(__GLIBC__) && !defined(KIV_SANITIZED)  // a sanitizer's allocator takes no such setting
     EXPECT_TRUE(BoundAllocatorPools(64));

@@ -39,22 +39,17 @@ unsigned modeOf(const std::string& path) {
 
 TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     int i = -5;
-    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Missing", i));
-    EXPECT_EQ(-5, i);
+    EXPECT_TRUE(!r.ReadSettingImpl(kKiv, "Missing", i) && i == -5);
     for (int v : {0, 7, -1, 2147483647, -2147483647 - 1}) {
         ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Int", v));
         EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Int", i) && i == v) << v;
     }
     ASSERT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("10.0.0.1")));
-    CStdStr s;
-    ASSERT_TRUE(r.ReadSettingImpl("SOFTWARE\\KIV FOUNDRY\\KIV\\CONFIG", "cabDirectory.host", s));  // any case
-    EXPECT_EQ("10.0.0.1", s);
+    CStdStr s, asString = "unchanged";
+    EXPECT_TRUE(r.ReadSettingImpl("SOFTWARE\\KIV FOUNDRY\\KIV\\CONFIG", "cabDirectory.host", s) && s == "10.0.0.1");
     // Types survive: an int is not read as a string and the other way round.
-    CStdStr asString = "unchanged";
-    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "Int", asString));
-    EXPECT_EQ("unchanged", asString);
-    // ...except that a text holding a decimal number reads as that number; any
-    // other text, or a boolean, is refused with one warning per setting.
+    EXPECT_TRUE(!r.ReadSettingImpl(kKiv, "Int", asString) && asString == "unchanged");
+    // ...but a text holding a decimal number reads as one; other texts and booleans warn once.
     const std::pair<const char*, int> ports[] = {
         {"37715", 37715}, {" -12 ", -12}, {"+5", 5}, {"-2147483648", -2147483647 - 1}, {"", 0},
         {"+", 0},         {"+-1", 0},     {"12abc", 0}, {"0x10", 0}, {"2147483648", 0}, {"1 2", 0}};
@@ -68,22 +63,17 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     for (const char* name : {"cabDirectory.host", "flagged"}) {
         testing::internal::CaptureStderr();
         int asInt = 99;
-        EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt)) << name;
-        EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt)) << name;
+        EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt) || r.ReadSettingImpl(kConfig, name, asInt)) << name;
         EXPECT_EQ(99, asInt) << name;
-        std::string warned = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(warned, std::string("settings: warning: ") + name +
-                              " in com.kiv-foundry.kiv.config is neither a number nor a text of one; the "
-                              "default applies\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("settings: warning: ") + name +
+                  " in com.kiv-foundry.kiv.config is neither a number nor a text of one; the default applies\n");
     }
     // Booleans: the reader takes the key path as the domain as given.
     ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", Preferences::Value::ofBool(true)));
     bool b = false;
     EXPECT_TRUE(r.ReadSettingImpl("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", b) && b);
-    EXPECT_FALSE(r.ReadSettingImpl(kConfig, "app.fileBrowser.enabled", b));
-    EXPECT_TRUE(b);  // untouched
-    ASSERT_TRUE(Preferences::Set(kConfig, "flag", Preferences::Value::ofBool(false)));
-    // A domain literally named with backslashes.
+    EXPECT_TRUE(!r.ReadSettingImpl(kConfig, "app.fileBrowser.enabled", b) && b);  // untouched
+    ASSERT_TRUE(Preferences::Set(kConfig, "flag", Preferences::Value::ofBool(false)));  // backslashes in the domain
     EXPECT_TRUE(r.ReadSettingImpl(kConfig, "flag", b) && !b);
     EXPECT_NE(std::string::npos, kivtest::readFile(folder() + "/com.kiv-foundry.kiv.json").find("\"Int\""));
     // Texts are byte strings: any bytes round-trip.
@@ -98,8 +88,7 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
         CStdStr name = CStdStr::Formatted("s%d", n++);
         ASSERT_TRUE(r.WriteSettingImpl(kKiv, name, CStdStr(c)));
         CStdStr back = "sentinel";
-        ASSERT_TRUE(r.ReadSettingImpl(kKiv, name, back));
-        EXPECT_EQ(c, static_cast<const std::string&>(back)) << "case " << n - 1;
+        EXPECT_TRUE(r.ReadSettingImpl(kKiv, name, back) && c == static_cast<const std::string&>(back)) << n - 1;
     }
     // Key names that are not UTF-8 are refused rather than mangled.
     EXPECT_FALSE(r.WriteSettingImpl(kKiv, "bad\xff", 1));
@@ -109,50 +98,41 @@ TEST_F(SettingsTest, ReadAllDumpsStringsAndLowByteOfIntsAndCorruptDomainsAreMove
     std::map<CStdStr, CStdStr> values;
     testing::internal::CaptureStdout();
     r.ReadAllSettingsImpl(kConfig, values);
-    EXPECT_EQ("no keys for com.kiv-foundry.kiv.config\n", testing::internal::GetCapturedStdout());
-    EXPECT_TRUE(values.empty());
+    EXPECT_TRUE("no keys for com.kiv-foundry.kiv.config\n" == testing::internal::GetCapturedStdout() && values.empty());
     ASSERT_TRUE(r.WriteSettingImpl(kConfig, "seven", 7));
     ASSERT_TRUE(r.WriteSettingImpl(kConfig, "letter", 65 + 256));
     ASSERT_TRUE(r.WriteSettingImpl(kConfig, "name", CStdStr("value")));
     ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "on", Preferences::Value::ofBool(true)));
     values["stale"] = "kept";
     r.ReadAllSettingsImpl(kConfig, values);
-    EXPECT_EQ(std::string(1, '\7'), values["seven"]);
-    EXPECT_EQ("A", values["letter"]);
-    EXPECT_EQ("value", values["name"]);
-    EXPECT_EQ(0u, values.count("on"));
-    EXPECT_EQ("kept", values["stale"]);
+    EXPECT_EQ((std::map<CStdStr, CStdStr>{{"letter", "A"}, {"name", "value"}, {"seven", "\7"}, {"stale", "kept"}}),
+              values);
     // A corrupt domain fails reads until written, and the writer moves it aside.
     std::string file = folder() + "/com.kiv-foundry.kiv.json";
     kivtest::writeFile(file, "{\"LogLevel\": 4,");
     int level = 1;
-    EXPECT_FALSE(r.ReadSettingImpl(kKiv, "LogLevel", level));
-    EXPECT_EQ(1, level);
+    EXPECT_TRUE(!r.ReadSettingImpl(kKiv, "LogLevel", level) && level == 1);
     testing::internal::CaptureStdout();
     r.ReadAllSettingsImpl(kKiv, values);
     EXPECT_EQ("synchronization failed for com.kiv-foundry.kiv\n", testing::internal::GetCapturedStdout());
     testing::internal::CaptureStderr();
     ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Version", CStdStr("1.2")));
-    std::string err = testing::internal::GetCapturedStderr();
-    EXPECT_NE(std::string::npos, err.find(".corrupt")) << err;
+    EXPECT_NE(std::string::npos, testing::internal::GetCapturedStderr().find(".corrupt"));
     EXPECT_EQ("{\"LogLevel\": 4,", kivtest::readFile(file + ".corrupt"));
     EXPECT_EQ(0600u, modeOf(file + ".corrupt"));  // it may hold credentials
     CStdStr version;
     EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Version", version) && version == "1.2");
     EXPECT_FALSE(r.ReadSettingImpl(kKiv, "LogLevel", level));
-    // A valid JSON document that is not an object is corrupt too: once the
-    // file was read well, reads keep the values last read.
+    // JSON that is not an object is corrupt too: reads keep the values last read well.
     kivtest::writeFile(file, "[1, 2]");
     version.clear();
     EXPECT_TRUE(r.ReadSettingImpl(kKiv, "Version", version) && version == "1.2");
 }
 
-// Whatever takes the place of a domain file (a FIFO nobody writes, a folder,
-// a link, a huge file), reads answer at once with the values last read, and
-// the refusal is reported once.
+// Whatever takes the place of a domain file (a FIFO nobody writes, a folder, a link, a huge
+// file), reads answer at once with the values last read, and the refusal is reported once.
 TEST_F(SettingsTest, UnreadableFilesAreRefusedAtOnceKeepingTheLastGoodValues) {
-    std::string file = folder() + "/com.kiv-foundry.kiv.json";
-    std::string fifo = folder() + "/com.kiv-foundry.kiv.config.json";
+    std::string file = folder() + "/com.kiv-foundry.kiv.json", fifo = folder() + "/com.kiv-foundry.kiv.config.json";
     ASSERT_TRUE(r.WriteSettingImpl(kKiv, "LogLevel", 4));
     ASSERT_TRUE(r.WriteSettingImpl(kKiv, "Version", CStdStr("1.2")));
     int level = 0;
@@ -219,14 +199,12 @@ TEST_F(SettingsTest, UnreadableFilesAreRefusedAtOnceKeepingTheLastGoodValues) {
     EXPECT_TRUE(r.ReadSettingImpl(kKiv, "LogLevel", level) && level == 2);
 }
 
-// Settings may hold credentials: every file the store writes is 0600 and its
-// folder 0700, whatever the umask, even over a file that was readable by all.
+// Files the store writes are 0600 and its folder 0700 whatever the umask, even over a 0644 file.
 TEST_F(SettingsTest, WrittenFilesArePrivateWhateverTheUmask) {
     mode_t oldMask = umask(0);
     std::string file = folder() + "/com.kiv-foundry.kiv.config.json";
     EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.token", CStdStr("secret")));
-    EXPECT_EQ(0700u, modeOf(folder()));
-    EXPECT_EQ(0600u, modeOf(file));
+    EXPECT_EQ(std::make_pair(0700u, 0600u), std::make_pair(modeOf(folder()), modeOf(file)));
     ASSERT_EQ(0, chmod(file.c_str(), 0644));
     EXPECT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("10.0.0.2")));
     umask(oldMask);
@@ -254,11 +232,9 @@ TEST_F(SettingsTest, DomainsDeleteAndHandEditedEntries) {
     // Entries of other types survive a rewrite but are not read as values.
     kivtest::writeFile(folder() + "/hand.json", "{\"f\": 1.5, \"big\": 4294967296, \"arr\": [1]}");
     ASSERT_TRUE(Preferences::Set("hand", "n", Preferences::Value::ofInt(1)));
-    EXPECT_FALSE(Preferences::Get("hand", "f", v));
-    EXPECT_FALSE(Preferences::Get("hand", "big", v));
+    EXPECT_FALSE(Preferences::Get("hand", "f", v) || Preferences::Get("hand", "big", v));
     std::string text = kivtest::readFile(folder() + "/hand.json");
-    EXPECT_NE(std::string::npos, text.find("1.5"));
-    EXPECT_NE(std::string::npos, text.find("4294967296"));
+    EXPECT_TRUE(text.find("1.5") != std::string::npos && text.find("4294967296") != std::string::npos) << text;
 }
 
 TEST_F(SettingsTest, ConcurrentWritersFromTwoProcessesLoseNothing) {
@@ -269,10 +245,8 @@ TEST_F(SettingsTest, ConcurrentWritersFromTwoProcessesLoseNothing) {
         ASSERT_GE(children[c], 0);
         if (children[c] == 0) {
             int failures = 0;
-            for (int i = 0; i < kWrites; ++i) {
-                CStdStr key = CStdStr::Formatted("p%d.k%d", c, i);
-                if (!r.WriteSettingImpl(kConfig, key, i)) ++failures;
-            }
+            for (int i = 0; i < kWrites; ++i)
+                failures += !r.WriteSettingImpl(kConfig, CStdStr::Formatted("p%d.k%d", c, i), i);
             _exit(failures == 0 ? 0 : 1);
         }
     }
