@@ -226,12 +226,6 @@ void CBBLog::_FatalError(const CStdStr& line) {
     (void)ignored;
 }
 
-bool CBBLog::logFatalNow(const char* text) {
-    if (!prepare(LOGLEVEL_FATAL)) return false;
-    emit(LOGLEVEL_FATAL, CStdStr(text ? text : ""));
-    return m_errorLogOpen;
-}
-
 void CBBLog::_fatal(const char* format, ...) {
     if (m_level.load() < LOGLEVEL_FATAL) return;
     va_list args;

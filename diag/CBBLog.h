@@ -106,13 +106,6 @@ public:
     // (timeoutMs < 0: no time limit). Returns false on time-out or when there
     // is no writer thread. Returns true at once before initialisation.
     bool flush(int timeoutMs = -1);
-    // For the crash handler: logs `text` as a FATAL line (whatever the level,
-    // unless logging is silenced by a negative stored level other than -1).
-    // When this returns, the line is in "errors.log" (written synchronously
-    // from the calling thread); the normal log file gets it only through the
-    // queue, so it may be lost if the process ends before flush(). Returns
-    // whether "errors.log" is open.
-    bool logFatalNow(const char* text);
 
 protected:
     // Implementation state; see CBBLog.cpp.
