@@ -130,16 +130,6 @@ protected:
     std::vector<std::string> zips;  // archives removed at the end of each test
 };
 
-TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
-    // An empty first item: the lookup fails and its status is the answer.
-    CLocalVariant out;
-    JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");
-    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", emptyItem.get(), out.ptr()), 1);
-    EXPECT_EQ(out.vt(), VT_EMPTY);
-    EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
-    EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
-}
-
 // Archives held back past the wait: the answer is the estimate, the
 // path is pending, a fetch waits for the finished file, and a deletion while
 // pending leaves nothing behind.
@@ -199,11 +189,14 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     const std::string made = CFileTools::GenerateTempFilePath();
     const std::string inTmp = CFileTools::getTmpFolder("archives-test-sub") + "/x.zip";
     kivtest::writeFile(inTmp, "zip");
-    for (const std::string& path : {made, inTmp}) {
-        EXPECT_EQ(deleteTemp(path), 0) << path;
-        EXPECT_FALSE(fs::exists(path)) << path;
-    }
+    // A folder, empty or not, is refused and kept; a path not there is nothing to do.
+    kivtest::writeFile(dir.file("full/x"), "x");
+    fs::create_directories(dir.file("empty"));
+    for (const std::string& path : {made, inTmp, std::string("/tmp/archives-test-no-such-file")})
+        EXPECT_TRUE(deleteTemp(path) == 0 && !fs::exists(path)) << path;
     fs::remove_all(fs::path(inTmp).parent_path());
+    for (const char* folder : {"full", "empty"}) EXPECT_EQ(deleteTemp(dir.file(folder)), 403) << folder;
+    EXPECT_TRUE(fs::exists(dir.file("full/x")) && fs::is_directory(dir.file("empty")));
     // A folder whose name only begins like /tmp is outside (where / is writable).
     const std::string sibling = "/tmp-kivtest-" + std::to_string(getpid());
     std::error_code ec;
@@ -224,26 +217,15 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     // Through a folder that does not exist nothing has that name: 0, as for a missing file.
     for (const std::string& path : {"/tmp/no-such-folder/../.." + kept, std::string("/tmp/no-such-folder/x.zip")})
         EXPECT_EQ(deleteTemp(path), 0) << path;
-    EXPECT_TRUE(fs::exists(kept));
     // A link inside is deleted as a link: its target stays. A link to a
     // folder outside does not lead there.
     fs::create_symlink(kept, link);
     EXPECT_EQ(deleteTemp(link), 0);
     EXPECT_FALSE(fs::is_symlink(link));
-    EXPECT_EQ(kivtest::readFile(kept), "keep me");
     fs::create_symlink(outside, link);
     EXPECT_EQ(deleteTemp(link + "/kept.txt"), 403);
-    EXPECT_TRUE(fs::exists(kept));
+    EXPECT_EQ(kivtest::readFile(kept), "keep me");
     fs::remove_all(outside);
-
-    // A folder, empty or not, is refused and kept; a path not there is nothing to do.
-    kivtest::writeFile(dir.file("full/x"), "x");
-    fs::create_directories(dir.file("empty"));
-    EXPECT_EQ(deleteTemp(dir.file("full")), 403);
-    EXPECT_EQ(deleteTemp(dir.file("empty")), 403);
-    EXPECT_TRUE(fs::exists(dir.file("full/x")));
-    EXPECT_TRUE(fs::is_directory(dir.file("empty")));
-    EXPECT_EQ(deleteTemp("/tmp/archives-test-no-such-file"), 0);
 }
 
 // Requests side by side each get their archive, complete when answered: one
@@ -496,14 +478,19 @@ TEST_F(ArchiveServicesTest, FewReadersWaitForAPendingArchiveAndStoppingEndsTheir
     EXPECT_EQ(abandoned, kMax);
 }
 
-// Refused before anything is written, as a failed archive answers: too
-// little disk would be left, or too many archives are being written.
-TEST_F(ArchiveServicesTest, ArchivesBeyondTheBudgetAreRefused) {
+// Refused before anything is written: a failed lookup (its status is the
+// answer), bad input, too little disk left, too many archives being written.
+TEST_F(ArchiveServicesTest, BadInputAndArchivesBeyondTheBudgetAreRefused) {
+    CLocalVariant out;
+    JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");
+    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", emptyItem.get(), out.ptr()), 1);
+    EXPECT_EQ(out.vt(), VT_EMPTY);
+    EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
+    EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
     const std::string file = dir.file("b.txt");
     kivtest::writeFile(file, "budget");
     ASSERT_TRUE(setting("archive.diskReserveMB", 2000000000));  // more than any disk
     EXPECT_THAT(thrownBy([&] { createZip({file}); }), HasSubstr("CreateZip: archive refused: it needs"));
-    CLocalVariant out;
     EXPECT_THAT(thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); }),
                 HasSubstr("ZipLogs: archive refused: "));
     ASSERT_TRUE(setting("archive.diskReserveMB", 0));
