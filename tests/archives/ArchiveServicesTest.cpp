@@ -28,16 +28,14 @@ using kivtest::eventually;
 // A new folder `name`-PID outside /tmp, /var/tmp and TMPDIR (under the build,
 // the source or the home folder), for files that must survive; empty when none is outside.
 inline std::string outsideFolder(const std::string& name) {
-    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string();
-    const char* home = getenv("HOME");
-    for (const char* candidate : {KIV_BINARY_DIR, KIV_SOURCE_DIR, home}) {
-        if (!candidate || !*candidate) continue;
-        const std::string base = fs::weakly_canonical(candidate).string();
-        if (base.rfind("/tmp/", 0) == 0 || base.rfind("/var/tmp/", 0) == 0 || base.rfind(tmp + "/", 0) == 0)
-            continue;
-        const std::string folder = base + "/" + name + "-" + std::to_string(getpid());
+    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string() + "/";
+    for (const char* base : {KIV_BINARY_DIR, KIV_SOURCE_DIR, static_cast<const char*>(getenv("HOME"))}) {
+        if (!base || !*base) continue;
+        const std::string folder = fs::weakly_canonical(base).string() + "/" + name + "-" + std::to_string(getpid());
         std::error_code ec;
-        if (fs::create_directories(folder, ec), !ec) return folder;
+        if (folder.rfind("/tmp/", 0) && folder.rfind("/var/tmp/", 0) && folder.rfind(tmp, 0) &&
+            (fs::create_directories(folder, ec), !ec))
+            return folder;
     }
     return std::string();
 }
@@ -81,8 +79,7 @@ protected:
     }
 
     // "CreateZip" of the files; the status, *zip the path and *size the size answered.
-    int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr,
-                  long long* size = nullptr) {
+    int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr, long long* size = nullptr) {
         CLocalVariant in, out, sizeValue;
         createZipInput(in.get(), paths);
         const int rc = satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr());

@@ -137,16 +137,16 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLa
     EXPECT_EQ(json(out.get()), R"([null,"7.1.2",0,":Europe/Paris","42","linux"])");
 
     // The tail of a log: the last bytes, at most 5000000, and all of a file shorter than asked for.
-    const kivtest::TempDir& dir = data;
-    kivtest::writeFile(dir.file("small.txt"), "abcd");
-    kivtest::writeFile(dir.file("big.txt"), std::string(5000095, 'x') + "TAIL!");
-    CLocalVariant small;
-    ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("small.txt") + "\", 10]", small.ptr()), 0);
-    EXPECT_EQ(json(small.get()), "[4,4,\"abcd\"]");
-    for (const char* count : {"-1", "6000000"}) {
-        CLocalVariant big;
-        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + dir.file("big.txt") + "\", " + count + "]", big.ptr()), 0);
-        EXPECT_EQ(json(big.get()), "[5000100,5000000,\"" + std::string(4999995, 'x') + "TAIL!\"]") << count;
+    kivtest::writeFile(data.file("small.txt"), "abcd");
+    kivtest::writeFile(data.file("big.txt"), std::string(5000095, 'x') + "TAIL!");
+    const std::string bigTail = "[5000100,5000000,\"" + std::string(4999995, 'x') + "TAIL!\"]";
+    const std::tuple<const char*, const char*, std::string> tails[] = {{"small.txt", "10", "[4,4,\"abcd\"]"},
+                                                                       {"big.txt", "-1", bigTail},
+                                                                       {"big.txt", "6000000", bigTail}};
+    for (const auto& [file, count, expected] : tails) {
+        CLocalVariant tail;
+        ASSERT_EQ(call("my-KIV_TailLog", "[\"" + data.file(file) + "\", " + count + "]", tail.ptr()), 0);
+        EXPECT_EQ(json(tail.get()), expected) << file << " " << count;
     }
     EXPECT_EQ(stopProxy(), 0);
 
