@@ -221,22 +221,6 @@ std::string nestedGroups(int levels) {
     return "[[\"VorpaMediaProxy\",\"MultiRequest\"," + nestedGroups(levels - 1) + "]]";
 }
 
-// Samples a process's thread count every few milliseconds until stopped.
-struct ThreadPeak {
-    explicit ThreadPeak(pid_t pid) : sampler([this, pid] {
-        for (; !done; usleep(2000)) peak = std::max<int>(peak, kivtest::statusKiB(pid, "Threads:"));
-    }) {}
-    ~ThreadPeak() { stop(); }
-    int stop() {
-        done = true;
-        if (sampler.joinable()) sampler.join();
-        return peak;
-    }
-    std::atomic<bool> done{false};
-    std::atomic<int> peak{0};
-    std::thread sampler;
-};
-
 }  // namespace
 
 TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAtMostTenThousandAndSixteenDeep) {
@@ -266,9 +250,14 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAtMostTenTho
         expected += std::string(i ? "," : "") + "[[0]," + std::to_string(i * 37 % 50) + "]";
     }
     const int idle = static_cast<int>(kivtest::statusKiB(proxy.pid(), "Threads:"));
-    ThreadPeak peak(proxy.pid());
-    ASSERT_EQ(call("MultiRequest", input + "]", many.ptr()), 0);
-    const int most = peak.stop();
+    std::atomic<bool> done{false};
+    int most = 0;  // the thread count, sampled every few milliseconds while the group runs
+    std::thread sampler([&] {
+        for (; !done; usleep(2000)) most = std::max<int>(most, kivtest::statusKiB(proxy.pid(), "Threads:"));
+    });
+    EXPECT_EQ(call("MultiRequest", input + "]", many.ptr()), 0);
+    done = true;
+    sampler.join();
     EXPECT_EQ(json(many.get()), expected + "]");
     printf("MultiRequest of 150: proxy threads %d idle, %d at most\n", idle, most);
     EXPECT_LE(most, idle + KivRequestProxySatellite::kMultiRequestThreadsPerGroup + 8);
