@@ -28,16 +28,14 @@ using kivtest::eventually;
 // A new folder `name`-PID outside /tmp, /var/tmp and TMPDIR (under the build,
 // the source or the home folder), for files that must survive; empty when none is outside.
 inline std::string outsideFolder(const std::string& name) {
-    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string();
-    const char* home = getenv("HOME");
-    for (const char* candidate : {KIV_BINARY_DIR, KIV_SOURCE_DIR, home}) {
-        if (!candidate || !*candidate) continue;
-        const std::string base = fs::weakly_canonical(candidate).string();
-        if (base.rfind("/tmp/", 0) == 0 || base.rfind("/var/tmp/", 0) == 0 || base.rfind(tmp + "/", 0) == 0)
-            continue;
-        const std::string folder = base + "/" + name + "-" + std::to_string(getpid());
+    const std::string tmp = fs::weakly_canonical(CFileTools::getTmpFolder().c_str()).string() + "/";
+    for (const char* base : {KIV_BINARY_DIR, KIV_SOURCE_DIR, static_cast<const char*>(getenv("HOME"))}) {
+        if (!base || !*base) continue;
+        const std::string folder = fs::weakly_canonical(base).string() + "/" + name + "-" + std::to_string(getpid());
         std::error_code ec;
-        if (fs::create_directories(folder, ec), !ec) return folder;
+        if (folder.rfind("/tmp/", 0) && folder.rfind("/var/tmp/", 0) && folder.rfind(tmp, 0) &&
+            (fs::create_directories(folder, ec), !ec))
+            return folder;
     }
     return std::string();
 }
@@ -81,10 +79,11 @@ protected:
     }
 
     // "CreateZip" of the files; the status, *zip the path and *size the size answered.
-    int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr,
-                  long long* size = nullptr) {
-        CLocalVariant in, out, sizeValue;
-        createZipInput(in.get(), paths);
+    int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr, long long* size = nullptr) {
+        std::string ids;  // ["test", the file-browser id of each path]
+        for (const std::string& p : paths) ids += ",\"" + CFileTools::PathToFileBrowserMediumId(p) + "\"";
+        CLocalVariant out, sizeValue;
+        JsonVariant in("[\"test\"" + ids + "]");
         const int rc = satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr());
         if (rc != 0) return rc;
         EXPECT_EQ(VUtil::GetArrayLength(out.get()), 2);
@@ -129,16 +128,6 @@ protected:
     std::mutex zipsMutex;           // guards zips (requests may run on several threads)
     std::vector<std::string> zips;  // archives removed at the end of each test
 };
-
-TEST_F(ArchiveServicesTest, FailedLookupAndBadInputMakeNoArchive) {
-    // An empty first item: the lookup fails and its status is the answer.
-    CLocalVariant out;
-    JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");
-    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", emptyItem.get(), out.ptr()), 1);
-    EXPECT_EQ(out.vt(), VT_EMPTY);
-    EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
-    EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
-}
 
 // Archives held back past the wait: the answer is the estimate, the
 // path is pending, a fetch waits for the finished file, and a deletion while
@@ -199,11 +188,14 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     const std::string made = CFileTools::GenerateTempFilePath();
     const std::string inTmp = CFileTools::getTmpFolder("archives-test-sub") + "/x.zip";
     kivtest::writeFile(inTmp, "zip");
-    for (const std::string& path : {made, inTmp}) {
-        EXPECT_EQ(deleteTemp(path), 0) << path;
-        EXPECT_FALSE(fs::exists(path)) << path;
-    }
+    // A folder, empty or not, is refused and kept; a path not there is nothing to do.
+    kivtest::writeFile(dir.file("full/x"), "x");
+    fs::create_directories(dir.file("empty"));
+    for (const std::string& path : {made, inTmp, std::string("/tmp/archives-test-no-such-file")})
+        EXPECT_TRUE(deleteTemp(path) == 0 && !fs::exists(path)) << path;
     fs::remove_all(fs::path(inTmp).parent_path());
+    for (const char* folder : {"full", "empty"}) EXPECT_EQ(deleteTemp(dir.file(folder)), 403) << folder;
+    EXPECT_TRUE(fs::exists(dir.file("full/x")) && fs::is_directory(dir.file("empty")));
     // A folder whose name only begins like /tmp is outside (where / is writable).
     const std::string sibling = "/tmp-kivtest-" + std::to_string(getpid());
     std::error_code ec;
@@ -224,26 +216,15 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     // Through a folder that does not exist nothing has that name: 0, as for a missing file.
     for (const std::string& path : {"/tmp/no-such-folder/../.." + kept, std::string("/tmp/no-such-folder/x.zip")})
         EXPECT_EQ(deleteTemp(path), 0) << path;
-    EXPECT_TRUE(fs::exists(kept));
     // A link inside is deleted as a link: its target stays. A link to a
     // folder outside does not lead there.
     fs::create_symlink(kept, link);
     EXPECT_EQ(deleteTemp(link), 0);
     EXPECT_FALSE(fs::is_symlink(link));
-    EXPECT_EQ(kivtest::readFile(kept), "keep me");
     fs::create_symlink(outside, link);
     EXPECT_EQ(deleteTemp(link + "/kept.txt"), 403);
-    EXPECT_TRUE(fs::exists(kept));
+    EXPECT_EQ(kivtest::readFile(kept), "keep me");
     fs::remove_all(outside);
-
-    // A folder, empty or not, is refused and kept; a path not there is nothing to do.
-    kivtest::writeFile(dir.file("full/x"), "x");
-    fs::create_directories(dir.file("empty"));
-    EXPECT_EQ(deleteTemp(dir.file("full")), 403);
-    EXPECT_EQ(deleteTemp(dir.file("empty")), 403);
-    EXPECT_TRUE(fs::exists(dir.file("full/x")));
-    EXPECT_TRUE(fs::is_directory(dir.file("empty")));
-    EXPECT_EQ(deleteTemp("/tmp/archives-test-no-such-file"), 0);
 }
 
 // Requests side by side each get their archive, complete when answered: one
@@ -496,14 +477,19 @@ TEST_F(ArchiveServicesTest, FewReadersWaitForAPendingArchiveAndStoppingEndsTheir
     EXPECT_EQ(abandoned, kMax);
 }
 
-// Refused before anything is written, as a failed archive answers: too
-// little disk would be left, or too many archives are being written.
-TEST_F(ArchiveServicesTest, ArchivesBeyondTheBudgetAreRefused) {
+// Refused before anything is written: a failed lookup (its status is the
+// answer), bad input, too little disk left, too many archives being written.
+TEST_F(ArchiveServicesTest, BadInputAndArchivesBeyondTheBudgetAreRefused) {
+    CLocalVariant out;
+    JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");
+    EXPECT_EQ(satellite.CabServiceCreateZipFile("CreateZip", emptyItem.get(), out.ptr()), 1);
+    EXPECT_EQ(out.vt(), VT_EMPTY);
+    EXPECT_THROW(satellite.CabServiceCreateZipFile("CreateZip", wrong.get(), out.ptr()), CabException);
+    EXPECT_THROW(satellite.CabServiceDeleteTempFile("DeleteTempFile", wrong.get(), out.ptr()), CabException);
     const std::string file = dir.file("b.txt");
     kivtest::writeFile(file, "budget");
     ASSERT_TRUE(setting("archive.diskReserveMB", 2000000000));  // more than any disk
     EXPECT_THAT(thrownBy([&] { createZip({file}); }), HasSubstr("CreateZip: archive refused: it needs"));
-    CLocalVariant out;
     EXPECT_THAT(thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); }),
                 HasSubstr("ZipLogs: archive refused: "));
     ASSERT_TRUE(setting("archive.diskReserveMB", 0));

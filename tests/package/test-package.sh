@@ -1,10 +1,9 @@
 #!/usr/bin/env bash
-# make test-package: checks the kivfoundry package that make deb built: its
-# fields, conffiles, scripts and contents, and lintian; then, as root, a whole
-# life of the package in a throw-away overlay of this machine (mount, pid and
-# network namespaces of its own, an empty /run, a private /tmp): install, the
-# units' services as their users, the README's commands, a crash, an upgrade
-# from a version without kiv-directory, remove and purge.
+# make test-package: checks the package's fields, conffiles, scripts, contents
+# and lintian; then, as root, its whole life in a throw-away overlay of this
+# machine (own mount, pid and network namespaces, empty /run, private /tmp):
+# install, the services as their users, the README's commands, a crash, an
+# upgrade from a version without kiv-directory, remove and purge.
 # Usage: test-package.sh PACKAGE.deb       (the inner part: --inside PACKAGE.deb)
 set -euo pipefail
 
@@ -31,17 +30,15 @@ wait_for() {
 check_package() {
     local deb=$1 f
     [ -f "$deb" ] || fail "no package $deb"
-    local name arch version
+    local name arch version depends
     name=$(dpkg-deb -f "$deb" Package) version=$(dpkg-deb -f "$deb" Version) arch=$(dpkg-deb -f "$deb" Architecture)
+    depends=$(dpkg-deb -f "$deb" Depends)
     [ "$name" = kivfoundry ] || fail "Package is '$name'"
     [ "$arch" = "$(dpkg --print-architecture)" ] || fail "Architecture is '$arch'"
     [ "$(basename "$deb")" = "kivfoundry_${version}_${arch}.deb" ] || fail "file name $(basename "$deb")"
-    local depends
-    depends=$(dpkg-deb -f "$deb" Depends)
     for d in nats-server adduser debconf libc6 'libnats3\.4' libssl3 libminizip1 'libboost-filesystem' libsystemd0; do
         grep -Eq "(^|, )$d" <<<"$depends" || fail "Depends lacks $d (from dpkg-shlibdeps or the package): $depends"
     done
-
     local control
     control=$(mktemp -d)
     trap 'rm -rf "$control"' RETURN
@@ -49,9 +46,7 @@ check_package() {
     [ "$(cat "$control/conffiles")" = /etc/kivfoundry/cab-directory.conf ] || fail "conffiles: $(cat "$control/conffiles")"
     [ -s "$control/templates" ] || fail "no debconf templates"
     for f in config postinst prerm postrm; do
-        [ -x "$control/$f" ] || fail "no executable $f"
-        sh -n "$control/$f" || fail "$f is not valid sh"
-    done
+        [ -x "$control/$f" ] || fail "no executable $f"; sh -n "$control/$f" || fail "$f is not valid sh"; done
 
     # Every path with its mode and owner, as dpkg-deb lists them.
     local listing
@@ -78,21 +73,16 @@ EOF
     if grep -E 'cab-echo|kiv-media-catalog|/opt/|/usr/local/|_test$' <<<"$listing"; then fail "unexpected files"; fi
     if awk '$2 != "root/root"' <<<"$listing" | grep .; then fail "files not owned by root"; fi
     for f in usr/lib/kivfoundry/KivRequestProxy usr/lib/kivfoundry/KivCrashReporter usr/bin/kivctl; do
-        readelf -S "$control/x/$f" | grep -q '\.symtab' && fail "$f is not stripped"
-    done
+        readelf -S "$control/x/$f" | grep -q '\.symtab' && fail "$f is not stripped"; done
     zcat "$control/x/usr/share/man/man1/kivctl.1.gz" | grep -q '^\.SS defaults$' || fail "man page lacks the commands"
-    if command -v lintian >/dev/null; then
-        local out
-        out=$(lintian --fail-on error,warning "$deb" 2>&1) || fail "lintian: $out"
-        note "lintian: no error, no warning"
-    else
-        note "SKIPPED lintian: not installed (scripts/install-deps installs it)"
-    fi
-    note "package: $(basename "$deb"), Depends: $depends"
+    command -v lintian >/dev/null || { note "SKIPPED lintian: not installed (scripts/install-deps installs it)"; return 0; }
+    local out
+    out=$(lintian --fail-on error,warning "$deb" 2>&1) || fail "lintian: $out"
+    note "lintian: no error, no warning"
 }
 
 # ---- 2. inside the throw-away root ---------------------------------------
-users_conf=/etc/kivfoundry/cab-directory-users.conf
+users_conf=/etc/kivfoundry/cab-directory-users.conf wants=/etc/systemd/system/multi-user.target.wants
 config='Software\Kiv Foundry\Kiv\Config'
 # A command as the kiv user with its HOME, as the units run it: setpriv and
 # env exec it, so the pid of `as_kiv ... &` (an array, not a function, which
@@ -108,25 +98,22 @@ setting() { "${as_kiv[@]}" HOME="$kiv_home" /usr/bin/kivctl defaults read "$conf
 
 check_installed() {
     [ "$(dpkg-query -W -f='${Status}' kivfoundry)" = "install ok installed" ] || fail "kivfoundry is not installed"
-    local pw
-    pw=$(getent passwd kiv) || fail "no user kiv"
-    kiv_home=$(cut -d: -f6 <<<"$pw")
+    local pw u
+    for u in kiv kiv-directory; do
+        pw=$(getent passwd $u) || fail "no user $u"
+        [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] && [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] ||
+            fail "$u is not a system user without a shell: $pw"
+    done
+    kiv_home=$(getent passwd kiv | cut -d: -f6)
     [ "$kiv_home" = /var/lib/kivfoundry ] || fail "kiv's home is $kiv_home"
-    [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] || fail "kiv has a login shell"
-    [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] || fail "kiv is not a system user"
     mode_is "$kiv_home" 700 kiv:kiv
-    pw=$(getent passwd kiv-directory) || fail "no user kiv-directory"
-    [ "$(cut -d: -f3 <<<"$pw")" -lt 1000 ] && [ "$(cut -d: -f7 <<<"$pw")" = /usr/sbin/nologin ] ||
-        fail "kiv-directory is not a system user without a shell: $pw"
     mode_is "$users_conf" 640 root:kiv-directory
     if "${as_kiv[@]}" cat "$users_conf" >/dev/null 2>&1; then fail "the proxy's user kiv can read $users_conf"; fi
     "${as_directory[@]}" cat "$users_conf" >/dev/null || fail "kiv-directory cannot read $users_conf"
-    mode_is /etc/kivfoundry/kivctl.password 600 root:root
-    mode_is /etc/kivfoundry/admin.password 600 root:root
-    mode_is /etc/kivfoundry/cab-directory.conf 644 root:root
-    mode_is /Library/Logs/KivFoundry 750 kiv:kiv
-    mode_is /Library/KivFoundry 750 kiv:kiv
     local f
+    for f in /etc/kivfoundry/kivctl.password /etc/kivfoundry/admin.password; do mode_is $f 600 root:root; done
+    mode_is /etc/kivfoundry/cab-directory.conf 644 root:root
+    for f in /Library/Logs/KivFoundry /Library/KivFoundry; do mode_is $f 750 kiv:kiv; done
     for f in "$kiv_home"/.config/kivfoundry/*.json; do mode_is "$f" 600 kiv:kiv; done
     grep -q 'user: "VorpaMediaProxy"' "$users_conf" || fail "no VorpaMediaProxy user in $users_conf"
     grep -q CHANGE-ME "$users_conf" && fail "placeholder passwords in $users_conf"
@@ -134,9 +121,7 @@ check_installed() {
     [ "$(setting cabDirectory.password)" = "$(grep -o 'user: "VorpaMediaProxy", password: "[^"]*"' "$users_conf" | cut -d'"' -f4)" ] ||
         fail "the proxy's password is not the directory's"
     [ "$(setting cabDirectory.host)" = 127.0.0.1 ] || fail "cabDirectory.host is $(setting cabDirectory.host)"
-    for u in kiv-cab-directory kiv-request-proxy; do
-        [ -L "/etc/systemd/system/multi-user.target.wants/$u.service" ] || fail "$u is not enabled"
-    done
+    for u in kiv-cab-directory kiv-request-proxy; do [ -L "$wants/$u.service" ] || fail "$u is not enabled"; done
 }
 
 # The directory and the proxy as the units start them (user kiv, its HOME,
@@ -155,10 +140,7 @@ hardened_view() {
     mkdir -p "$view"
     mount --rbind / "$view"
     mount -o remount,bind,ro "$view"
-    for p in $rw; do
-        mount --bind "$view$p" "$view$p"
-        mount -o remount,bind,rw "$view$p"
-    done
+    for p in $rw; do mount --bind "$view$p" "$view$p" && mount -o remount,bind,rw "$view$p"; done
     echo "$view"
 }
 
@@ -176,10 +158,8 @@ run_services() {
     wait_for 20 bash -c "exec 3<>/dev/tcp/127.0.0.1/$port" || { cat /tmp/directory.log >&2; fail "the directory does not listen"; }
     chroot "$view" "${as_kiv[@]}" HOME="$kiv_home" /usr/lib/kivfoundry/KivRequestProxy >/tmp/proxy.log 2>&1 &
     proxy=$!
-    ask() {
-        /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl \
-            --password-file /etc/kivfoundry/kivctl.password --timeout 2000
-    }
+    local version=(/usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl --timeout 2000)
+    ask() { "${version[@]}" --password-file /etc/kivfoundry/kivctl.password; }
     if ! wait_for 60 ask; then
         kill "$proxy" "$nats" 2>/dev/null || true
         cat /tmp/directory.log /tmp/proxy.log >&2
@@ -193,10 +173,7 @@ run_services() {
     readme_commands "$port"
     # Another user's password is refused.
     printf 'not-the-password-0123456789\n' >/tmp/wrong.password
-    if /usr/bin/kivctl version --server "127.0.0.1:$port" --user kivctl --password-file /tmp/wrong.password \
-        --timeout 2000 >/dev/null 2>&1; then
-        fail "a wrong password was accepted"
-    fi
+    ! "${version[@]}" --password-file /tmp/wrong.password >/dev/null 2>&1 || fail "a wrong password was accepted"
     kill -USR1 "$proxy"
     wait "$proxy" || status=$?
     [ "$status" = 0 ] || fail "the crashed proxy exited with $status (the unit relies on Restart=always)"
@@ -241,10 +218,8 @@ readme_commands() {
     out=$(cd /root && env -u XDG_CONFIG_HOME HOME=/root bash -euo pipefail -c "$commands" 2>&1) ||
         fail "the README's commands failed: $out"
     [ "$(grep -c 'VorpaMediaProxy' <<<"$out")" -ge 2 ] || fail "the README's kivctl list lines do not list the proxy: $out"
-    if (cd /root && HOME=/root kivctl defaults write 'Software\Kiv Foundry\Kiv\Config' cabDirectory.password \
-        -string "$(cat /nonexistent/kivctl.password 2>/dev/null)") 2>/dev/null; then
-        fail "kivctl stored an empty password"
-    fi
+    ! (cd /root && HOME=/root kivctl defaults write "$config" cabDirectory.password \
+        -string "$(cat /nonexistent/kivctl.password 2>/dev/null)") 2>/dev/null || fail "kivctl stored an empty password"
     note "README: the administrator's kivctl commands work as root, an empty password is refused"
 }
 
@@ -261,10 +236,9 @@ inside() {
     grep -q '^listen: 127.0.0.1:4223$' /etc/kivfoundry/cab-directory.conf || fail "the directory does not listen on 4223"
 
     if command -v systemd-analyze >/dev/null; then
-        out=$(systemd-analyze verify /lib/systemd/system/kiv-cab-directory.service \
-            /lib/systemd/system/kiv-request-proxy.service 2>&1) || fail "systemd-analyze verify: $out"
+        out=$(systemd-analyze verify /lib/systemd/system/kiv-{cab-directory,request-proxy}.service 2>&1) ||
+            fail "systemd-analyze verify: $out"
         [ -z "$out" ] || fail "systemd-analyze verify: $out"
-        note "systemd-analyze verify: both units pass"
     else
         note "SKIPPED systemd-analyze verify: not installed"
     fi
@@ -304,18 +278,14 @@ inside() {
     note "dpkg -r"
     dpkg -r kivfoundry
     [ ! -e /usr/lib/kivfoundry/KivRequestProxy ] || fail "remove left the programs"
-    for u in kiv-cab-directory kiv-request-proxy; do
-        [ ! -e "/etc/systemd/system/multi-user.target.wants/$u.service" ] || fail "remove left $u enabled"
-    done
+    for u in kiv-cab-directory kiv-request-proxy; do [ ! -e "$wants/$u.service" ] || fail "remove left $u enabled"; done
     [ -f "$users_conf" ] && [ -f /etc/kivfoundry/cab-directory.conf ] || fail "remove deleted the configuration"
     [ -d /Library/KivFoundry ] && [ -d "$kiv_home" ] || fail "remove deleted the data"
 
     note "dpkg -P"
     dpkg -P kivfoundry
-    for p in /etc/kivfoundry "$kiv_home" /Library; do
-        [ ! -e "$p" ] || fail "purge left $p"
-    done
-    if dpkg-query -W -f='${Status}' kivfoundry 2>/dev/null | grep -q installed; then fail "kivfoundry is still known to dpkg"; fi
+    for p in /etc/kivfoundry "$kiv_home" /Library; do [ ! -e "$p" ] || fail "purge left $p"; done
+    ! dpkg-query -W -f='${Status}' kivfoundry 2>/dev/null | grep -q installed || fail "kivfoundry is still known to dpkg"
     [ -z "$(debconf-show kivfoundry 2>/dev/null)" ] || fail "purge left the debconf answers: $(debconf-show kivfoundry)"
     note "install, reinstall, remove and purge: all maintainer scripts passed"
 }
@@ -331,10 +301,8 @@ throwaway_root() {
     # A pid namespace of its own: whatever the test started ends with it.
     unshare --mount --propagation private --pid --fork "${net[@]}" bash -euo pipefail -c '
         deb=$1 self=$2 top=$3 root=$3/root
-        if ! { mount -t tmpfs kiv-package "$top" && mkdir "$top/upper" "$top/work" "$root" &&
-               mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$root"; }; then
-            exit 77
-        fi
+        { mount -t tmpfs kiv-package "$top" && mkdir "$top/upper" "$top/work" "$root" &&
+          mount -t overlay overlay -o "lowerdir=/,upperdir=$top/upper,workdir=$top/work" "$root"; } || exit 77
         mount -t proc proc "$root/proc"
         for d in dev sys; do mount --rbind "/$d" "$root/$d"; done
         mount -t tmpfs run "$root/run"
@@ -350,26 +318,14 @@ throwaway_root() {
             bash /tmp/test-package.sh --inside "/tmp/$(basename "$deb")"
     ' throwaway "$(readlink -f "$deb")" "$self" "$top" || rc=$?
     rmdir "$top"
-    if [ "$rc" = 77 ]; then
-        note "SKIPPED the install test: no overlay mount of / here"
-        rc=0
-    fi
+    [ "$rc" != 77 ] || { note "SKIPPED the install test: no overlay mount of / here"; rc=0; }
     return "$rc"
 }
 
-if [ "${1:-}" = --inside ]; then
-    inside "$2"
-    exit 0
-fi
+if [ "${1:-}" = --inside ]; then inside "$2"; exit 0; fi
 deb=${1:?usage: test-package.sh PACKAGE.deb}
 check_package "$deb"
-if [ "$(id -u)" != 0 ]; then
-    note "SKIPPED the install test: it needs root (a throw-away root is an overlay mount)"
-    exit 0
-fi
-if ! unshare --mount true 2>/dev/null; then
-    note "SKIPPED the install test: no mount namespaces here"
-    exit 0
-fi
+[ "$(id -u)" = 0 ] || { note "SKIPPED the install test: it needs root (a throw-away root is an overlay mount)"; exit 0; }
+unshare --mount true 2>/dev/null || { note "SKIPPED the install test: no mount namespaces here"; exit 0; }
 throwaway_root "$deb"
 note "PASS"

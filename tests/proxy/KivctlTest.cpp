@@ -89,9 +89,8 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     EXPECT_THAT(out, HasSubstr("may be an integer"));
 
     // tail -f: appended bytes; a truncated file from its new end; a replaced one from its start.
-    const std::string followed = dir.file("f.log"), capture = dir.file("follow.out");
+    const std::string followed = dir.file("f.log"), capture = dir.file("follow.out"), pid = dir.file("follow.pid");
     kivtest::writeFile(followed, "old line\n");
-    const std::string pid = dir.file("follow.pid");
     kivctl("tail -f --interval 20 " + followed + " >" + capture + " 2>&1 & echo $! >" + pid);
     auto shows = [&](const std::string& text) {
         return kivtest::eventually([&] { return kivtest::readFile(capture).find(text) != std::string::npos; }, 30000);
@@ -158,8 +157,7 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     std::string out = kivtest::runCommand(
         "cd " + checkout.file("var/root") + " && env -u KIV_ROOT " + kKivctl + " crashes 2>&1", &status);
     EXPECT_EQ(status, 0) << out;
-    EXPECT_THAT(out, HasSubstr(reports));
-    EXPECT_THAT(out, HasSubstr("KivRequestProxy  SIGSEGV"));
+    EXPECT_THAT(out, testing::AllOf(HasSubstr(reports), HasSubstr("KivRequestProxy  SIGSEGV")));
     out = kivtest::runCommand("cd " + checkout.path() + " && " + kKivctl + " crashes 2>&1", &status);
     EXPECT_EQ(status, 0);
     EXPECT_THAT(out, HasSubstr(std::string(getenv("KIV_ROOT")) + "/Library/KivFoundry/CrashReports"));
@@ -183,12 +181,11 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
 
     // A proxy of its own settings; a user who may not call GenerateCrash nor my-KIV_TailLog.
     kivtest::TempDir dir;
-    const std::string settings = "XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
-                                 " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' cabDirectory.";
-    kivtest::runCommand(settings + "port -int " + std::to_string(guarded.port()) + " && " + settings +
-                        "user -string proxy && " + settings + "password -string p && XDG_CONFIG_HOME=" +
-                        dir.file("settings") + " " + kKivctl + " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' "
-                        "files.roots -string " + dir.path());
+    for (const std::string& value : {"cabDirectory.port -int " + std::to_string(guarded.port()),
+                                     std::string("cabDirectory.user -string proxy"),
+                                     std::string("cabDirectory.password -string p"), "files.roots -string " + dir.path()})
+        kivtest::runCommand("XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
+                            " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' " + value);
     kivtest::ProxyProcess proxy;
     CabClient client;
     client.setUser("someone", "secret");

@@ -42,25 +42,21 @@ TEST(TimeZoneName, SourcesAreTriedInOrder) {
     kivtest::writeFile(zoneinfo + "/posix/Europe/Paris", "PARIS-DATA");  // skipped folder
     kivtest::writeFile(zoneinfo + "/Europe/Paris", "PARIS-DATA");
     kivtest::writeFile(zoneinfo + "/America/Lima", "LIMA-DATA");
-    TimeZoneSources s;
-    s.tzVariable = "KIV_TEST_TZ";
-    s.etcTimezone = dir.file("timezone");
-    s.localtime = dir.file("localtime");
-    s.zoneinfo = zoneinfo;
+    const TimeZoneSources s{"KIV_TEST_TZ", dir.file("timezone"), dir.file("localtime"), zoneinfo};
     unsetenv("KIV_TEST_TZ");
-    EXPECT_EQ(FindTimeZoneName(s), "") << "no source at all";
-    kivtest::writeFile(s.localtime, "LIMA-DATA");
-    EXPECT_EQ(FindTimeZoneName(s), "America/Lima") << "a copy of a zone file: by content";
-    unlink(s.localtime.c_str());
-    ASSERT_EQ(symlink((zoneinfo + "/Europe/Paris").c_str(), s.localtime.c_str()), 0);
-    EXPECT_EQ(FindTimeZoneName(s), "Europe/Paris") << "a link into a zoneinfo folder: the part after it";
-    unlink(s.localtime.c_str());
-    ASSERT_EQ(symlink("../somewhere/Else", s.localtime.c_str()), 0);
-    EXPECT_EQ(FindTimeZoneName(s), "../somewhere/Else") << "a link elsewhere: the target as read";
-    // /etc/timezone wins over the link, TZ over everything (taken as it is).
-    kivtest::writeFile(s.etcTimezone, "Asia/Tokyo\nignored\n");
-    EXPECT_EQ(FindTimeZoneName(s), "Asia/Tokyo");
-    setenv("KIV_TEST_TZ", ":UTC", 1);
+    const std::pair<std::string, std::string> steps[] = {
+        // a command in the test's folder, the name then found
+        {"true", ""},                                                        // no source at all
+        {"printf LIMA-DATA > localtime", "America/Lima"},                    // a copy of a zone file: by content
+        {"ln -sf " + zoneinfo + "/Europe/Paris localtime", "Europe/Paris"},  // a link into zoneinfo: the part after
+        {"ln -sf ../somewhere/Else localtime", "../somewhere/Else"},         // a link elsewhere: the target as read
+        {"printf 'Asia/Tokyo\\nignored\\n' > timezone", "Asia/Tokyo"},       // /etc/timezone wins over the link
+    };
+    for (const auto& [command, name] : steps) {
+        kivtest::runCommand("cd " + dir.path() + " && " + command);
+        EXPECT_EQ(FindTimeZoneName(s), name) << command;
+    }
+    setenv("KIV_TEST_TZ", ":UTC", 1);  // TZ over everything, taken as it is
     EXPECT_EQ(FindTimeZoneName(s), ":UTC");
     unsetenv("KIV_TEST_TZ");
 }

@@ -104,11 +104,3 @@ inline Methods zipMethods(const std::string& zip) {
     for (std::string name, method; rows >> name >> method;) out[name] = method;
     return out;
 }
-
-// ["test", file-browser id of each path] as "CreateZip" takes it.
-inline void createZipInput(tagVARIANT& in, const std::vector<std::string>& paths) {
-    VUtil::CreateArray(in, VT_VARIANT, paths.size() + 1);
-    VUtil::PutElement(in, 0, "test");
-    for (size_t i = 0; i < paths.size(); ++i)
-        VUtil::PutElement(in, int(i + 1), CFileTools::PathToFileBrowserMediumId(CStdStr(paths[i])));
-}

@@ -8,28 +8,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 
 #include "cab/CabSatellite.h"
 #include "variant/CLocalVariant.h"
 
 namespace kivtest {
 
-ProxyProcess::~ProxyProcess() {
-    if (m_pid > 0) stop(SIGKILL);
-}
-
 bool ProxyProcess::start(const std::map<std::string, std::string>& env, const std::string& outputPath) {
-    std::string exe = std::string(KIV_BINARY_DIR) + "/bin/KivRequestProxy";
-    std::string out = outputPath.empty() ? "/dev/null" : outputPath;
+    const std::string exe = KIV_BINARY_DIR "/bin/KivRequestProxy", out = outputPath.empty() ? "/dev/null" : outputPath;
     pid_t pid = fork();
     if (pid < 0) return false;
     if (pid == 0) {
-        for (const auto& e : env) {
-            if (e.second.empty())
-                unsetenv(e.first.c_str());
-            else
-                setenv(e.first.c_str(), e.second.c_str(), 1);
-        }
+        for (const auto& [name, value] : env)
+            value.empty() ? unsetenv(name.c_str()) : setenv(name.c_str(), value.c_str(), 1);
         if (!freopen(out.c_str(), "w", stdout)) _exit(126);
         dup2(fileno(stdout), 2);
         // The caller may have signals blocked; the proxy must start clean.
@@ -50,10 +42,8 @@ bool ProxyProcess::waitUntilServing(CabSatellite& client) {
     while (std::chrono::steady_clock::now() < deadline) {
         CLocalVariant in, out, rc;
         client.Request("VorpaMediaProxy", "GetKivConfig", in.get(), out.ptr(), 0, rc.ptr());
-        int status = CabRetcode(rc.get());
-        // A time-out means the request went astray (say, to a proxy that was
-        // leaving): ask again rather than call the proxy serving.
-        if (status != CAB_E_NO_SUCH_SERVICE && status != CAB_E_TIMEOUT) return true;
+        // A time-out means the request went astray (say, to a proxy that was leaving): ask again.
+        if (CabRetcode(rc.get()) != CAB_E_NO_SUCH_SERVICE && CabRetcode(rc.get()) != CAB_E_TIMEOUT) return true;
         int exitStatus = 0;
         if (m_pid > 0 && waitpid(m_pid, &exitStatus, WNOHANG) == m_pid) {
             m_pid = -1;
@@ -66,8 +56,7 @@ bool ProxyProcess::waitUntilServing(CabSatellite& client) {
 
 int ProxyProcess::wait() {
     int status = 0;
-    pid_t pid = m_pid;
-    m_pid = -1;
+    const pid_t pid = std::exchange(m_pid, -1);
     if (pid <= 0 || waitpid(pid, &status, 0) != pid) return -2;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }

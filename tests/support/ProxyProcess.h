@@ -3,6 +3,7 @@
 // file, waited for until it serves, stopped with a signal.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <map>
@@ -15,7 +16,7 @@ namespace kivtest {
 class ProxyProcess {
 public:
     ProxyProcess() = default;
-    ~ProxyProcess();  // kills a proxy still running
+    ~ProxyProcess() { stop(SIGKILL); }  // kills a proxy still running
     ProxyProcess(const ProxyProcess&) = delete;
     ProxyProcess& operator=(const ProxyProcess&) = delete;
 
