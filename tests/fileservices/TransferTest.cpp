@@ -100,10 +100,11 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
         ASSERT_EQ(getFile("[\"" + empty + "\"]", &got), 0) << empty;
         EXPECT_TRUE(got.empty()) << empty;
     }
-    ASSERT_EQ(getFile(path, "I8", -7, 25, &got), 0);
-    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 0, maxBytes: 25"));
-    ASSERT_EQ(getFile(path, "UI8", 77, 0, &got), 0);
-    EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 77, maxBytes: 0"));
+    for (const auto& [type, offset, max, logged] :
+         {std::tuple{"I8", -7, 25, "0, maxBytes: 25"}, {"UI8", 77, 0, "77, maxBytes: 0"}}) {
+        ASSERT_EQ(getFile(path, type, offset, max, &got), 0);
+        EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: " + logged));
+    }
 
     const std::pair<std::string, std::string> wrong[] = {{"\"10\", 10", "Invalid offset type"},
         {"10, 2.5", "Invalid maxLength type"}, {typed("I2", 1) + ", 10", "Invalid offset type"}};
@@ -245,16 +246,15 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
     EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: 30000, maxBytes: 4194304"));
     EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + path + ", offset: 0, maxBytes: 4194304")))
         << "nothing fetched twice";
-    // Complete already: nothing to do, still success.
-    ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
-    EXPECT_TRUE(kivtest::readFile(target) == content);
-    // The source changed since: said, and fetched again from the start.
+    // Complete already: nothing to do, still success. A part that differs from the source: fetched again from 0.
     std::string changed = content.substr(0, 30000);
     changed[29999] ^= 1;
-    kivtest::writeFile(target + ".part", changed);
-    ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
-    EXPECT_THAT(output, HasSubstr("starting again from 0"));
-    EXPECT_TRUE(kivtest::readFile(target) == content);
+    for (const std::string& part : {std::string(), changed}) {
+        if (!part.empty()) kivtest::writeFile(target + ".part", part);
+        ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
+        EXPECT_EQ(output.find("starting again from 0") != std::string::npos, !part.empty()) << output;
+        EXPECT_TRUE(kivtest::readFile(target) == content);
+    }
     // Longer than the remote file: refused, the local file is kept.
     kivtest::writeFile(target, content + "extra");
     EXPECT_EQ(get(path + " -o " + target + " --continue", &output), 2) << output;
@@ -377,7 +377,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     ASSERT_EQ(truncate(path.c_str(), 1ll << 30), 0);  // 1 GiB without blocks on disk
     const int64_t idle = kivtest::statusKiB(proxy.pid(), "VmRSS:");
     ASSERT_GT(idle, 0);
-    std::unique_ptr<kivtest::RawInbox> inbox(new kivtest::RawInbox("nats://" + hostPort(), "greedy.inbox.*"));
+    auto inbox = std::make_unique<kivtest::RawInbox>("nats://" + hostPort(), "greedy.inbox.*");
     ASSERT_TRUE(inbox->ok());
     const int kTransfers = 4;
     for (int i = 0; i <= kTransfers; ++i)
@@ -418,9 +418,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     // The requester goes away; after the credit time-out every transfer is abandoned.
     inbox.reset();
     for (int i = 0; i <= kTransfers; ++i)
-        if (!creditTo[i].empty()) {
-            ASSERT_TRUE(waitForLog("greedy.inbox." + std::to_string(i) + " abandoned"));
-        }
+        EXPECT_TRUE(creditTo[i].empty() || waitForLog("greedy.inbox." + std::to_string(i) + " abandoned")) << i;
     EXPECT_THAT(proxyLog(), HasSubstr("no credit for 1500 ms"));
 #ifndef KIV_SANITIZED
     const int64_t after = kivtest::statusKiB(proxy.pid(), "VmRSS:");
@@ -443,9 +441,8 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     publish(shrink.nc, shrinkCredit, "Cab-Received", "8");
     kivtest::Msg stop = shrink.next();
     ASSERT_TRUE(stop);
-    EXPECT_EQ("8", header(stop.get(), "Cab-Part"));
+    EXPECT_EQ(header(stop.get(), "Cab-Part") + " " + header(stop.get(), "Cab-Status"), "8 1");
     EXPECT_EQ(0, natsMsg_GetDataLength(stop.get()));
-    EXPECT_EQ("1", header(stop.get(), "Cab-Status"));
     EXPECT_THAT(header(stop.get(), "Cab-Error"), HasSubstr("shrank"));
 }
 
