@@ -237,7 +237,29 @@ TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
     EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
-TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
+// Every name the file system allows comes back byte for byte through get and
+// zip, also those the file-browser id cannot carry (| * > <).
+TEST_F(KivctlGetTest, AwkwardNamesComeBackByteForByte) {
+    const std::string names[] = {"sp ace.txt", "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline",
+                                 "\xc3\xbc \xe2\x9c\x93", "\xff\xfe.bin", "-dash"};
+    std::string paths, all, output;
+    for (const std::string& name : names) {
+        SCOPED_TRACE(name);
+        const std::string file = media.file("odd/" + name), bytes = name + " #" + std::to_string(all.size());
+        kivtest::writeFile(file, bytes);
+        ASSERT_EQ(get(kivtest::shellQuoted(file) + " -o " + target, &output), 0) << output;
+        EXPECT_EQ(kivtest::readFile(target), bytes);
+        paths += " " + kivtest::shellQuoted(file);
+        all += bytes;
+    }
+    const std::string zip = media.file("odd.zip");
+    ASSERT_EQ(kivctl("zip" + paths + " -o " + zip, &output), 0) << output;
+    EXPECT_EQ(kivtest::runCommand("unzip -p " + zip), all) << "each entry's bytes, in order";
+}
+
+// --continue fetches only what is missing. Run in the source's own folder without -o, get would
+// write over its source; it refuses. An interrupted download keeps FILE.part, which --continue resumes.
+TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRestAndNeverWritesOverItsSource) {
     kivtest::writeFile(target, content.substr(0, 30000));
     std::string output;
     ASSERT_EQ(get(path + " -o " + target + " --continue", &output), 0) << output;
@@ -259,38 +281,11 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRest) {
     kivtest::writeFile(target, content + "extra");
     EXPECT_EQ(get(path + " -o " + target + " --continue", &output), 2) << output;
     EXPECT_EQ(kivtest::readFile(target).size(), content.size() + 5);
-}
-
-// Every name the file system allows comes back byte for byte through get and
-// zip, also those the file-browser id cannot carry (| * > <).
-TEST_F(KivctlGetTest, AwkwardNamesComeBackByteForByte) {
-    const std::string names[] = {"sp ace.txt", "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline",
-                                 "\xc3\xbc \xe2\x9c\x93", "\xff\xfe.bin", "-dash"};
-    std::string paths, all, output;
-    for (const std::string& name : names) {
-        SCOPED_TRACE(name);
-        const std::string file = media.file("odd/" + name), bytes = name + " #" + std::to_string(all.size());
-        kivtest::writeFile(file, bytes);
-        ASSERT_EQ(get(kivtest::shellQuoted(file) + " -o " + target, &output), 0) << output;
-        EXPECT_EQ(kivtest::readFile(target), bytes);
-        paths += " " + kivtest::shellQuoted(file);
-        all += bytes;
-    }
-    const std::string zip = media.file("odd.zip");
-    ASSERT_EQ(kivctl("zip" + paths + " -o " + zip, &output), 0) << output;
-    EXPECT_EQ(kivtest::runCommand("unzip -p " + zip), all) << "each entry's bytes, in order";
-}
-
-// Run in the source's own folder without -o, get would write over its source;
-// it refuses. An interrupted download keeps FILE.part, which --continue resumes.
-TEST_F(KivctlGetTest, NeverWritesOverItsSourceAndKeepsAnInterruptedPart) {
-    std::string output;
     EXPECT_EQ(kivctl("get " + path, &output, "cd " + media.file("remote") + " && "), 64) << output;
     EXPECT_THAT(output, HasSubstr("refusing to write over"));
     ASSERT_EQ(symlink(path.c_str(), media.file("local/link.bin").c_str()), 0);
     EXPECT_EQ(get(path + " -o " + media.file("local/link.bin")), 64);
     EXPECT_TRUE(kivtest::readFile(path) == content) << "the source is untouched";
-
     const std::string big = media.file("remote/big.bin"), out = media.file("local/big.bin");
     const std::string bigContent = patternBytes(16 << 20, 3), log = media.file("local/log");
     const std::string pidFile = media.file("local/pid"), rcFile = media.file("local/rc");
