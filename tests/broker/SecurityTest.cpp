@@ -48,15 +48,10 @@ protected:
 };
 
 // A raw NATS connection as `user`; null when the directory refuses it.
-natsConnection* rawConnection(const std::string& url, const char* user, const char* password) {
-    natsOptions* o = nullptr;
+natsConnection* rawConnection(const std::string& hostPort, const std::string& user, const std::string& password) {
     natsConnection* nc = nullptr;
-    natsOptions_Create(&o);
-    natsOptions_SetURL(o, url.c_str());
-    natsOptions_SetUserInfo(o, user, password);
-    if (natsConnection_Connect(&nc, o) != NATS_OK) nc = nullptr;
-    natsOptions_Destroy(o);
-    return nc;
+    const std::string url = "nats://" + user + ":" + password + "@" + hostPort;
+    return natsConnection_ConnectTo(&nc, url.c_str()) == NATS_OK ? nc : nullptr;
 }
 
 // The directory's answer to a subscription of `nc`: "" when accepted.
@@ -71,6 +66,15 @@ std::string refusal(natsConnection* nc, natsSubscription** sub, const char* subj
     return text;
 }
 
+// The messages that reached `sub` by a round trip of `nc`; the subscription ends.
+int pendingAfterFlush(natsConnection* nc, natsSubscription* sub) {
+    natsConnection_FlushTimeout(nc, 5000);
+    int pending = -1;
+    natsSubscription_GetPending(sub, &pending, nullptr);
+    natsSubscription_Destroy(sub);
+    return pending;
+}
+
 }  // namespace
 
 TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
@@ -81,40 +85,33 @@ TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
     ASSERT_EQ(0, request(*client, "EchoA", "Blob", std::to_string(10 << 20), out.ptr())) << CabGetLastError();
     EXPECT_EQ(0, blobErrors(out.get(), 10 << 20, 4093));
 
-    // The client's user cannot serve as EchoA: refused at once, not a time-out.
-    EchoSatellite fake, fake2;
-    fake.setUser("cli", "cliPassword012345678");
-    auto t0 = Clock::now();
-    EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake.Connect(server.hostPort().c_str(), "EchoA"));
-    EXPECT_THAT(CabGetLastError(), testing::HasSubstr("Permissions Violation for Subscription"));
-    EXPECT_LT(msSince(t0), 20000);
-    // Nor can another satellite's user, in any queue group.
-    fake2.setUser("Other", "otherPassword012345");
-    EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake2.Connect(server.hostPort().c_str(), "EchoA"));
+    // Neither the client's user nor another satellite's (in any queue group) can serve as EchoA: refused at once.
+    for (const auto& [user, password] : {std::pair{"cli", "cliPassword012345678"}, {"Other", "otherPassword012345"}}) {
+        EchoSatellite fake;
+        fake.setUser(user, password);
+        auto t0 = Clock::now();
+        EXPECT_EQ(CAB_E_PERMISSION_DENIED, fake.Connect(server.hostPort().c_str(), "EchoA")) << user;
+        EXPECT_THAT(CabGetLastError(), testing::HasSubstr("Permissions Violation for Subscription"));
+        EXPECT_LT(msSince(t0), 20000);
+    }
 
-    natsConnection* snoop = rawConnection(server.url(), "snoop", "snoopPassword0123456");
+    natsConnection* snoop = rawConnection(server.hostPort(), "snoop", "snoopPassword0123456");
     ASSERT_NE(nullptr, snoop);
-    natsSubscription *a = nullptr, *b = nullptr, *c = nullptr;
-    EXPECT_NE("", refusal(snoop, &a, "cab.EchoA.>", "EchoA"));
-    EXPECT_NE("", refusal(snoop, &b, "_INBOX_cli.>", nullptr));
-    EXPECT_NE("", refusal(snoop, &c, ">", nullptr));
+    natsSubscription* subs[3] = {};
+    EXPECT_NE("", refusal(snoop, &subs[0], "cab.EchoA.>", "EchoA"));
+    EXPECT_NE("", refusal(snoop, &subs[1], "_INBOX_cli.>", nullptr));
+    EXPECT_NE("", refusal(snoop, &subs[2], ">", nullptr));
     // While the refused subscriptions stand, the client's traffic reaches none of them.
     ASSERT_EQ(0, request(*client, "EchoA", "Echo", "7", out.ptr())) << CabGetLastError();
-    natsConnection_FlushTimeout(snoop, 5000);
-    for (natsSubscription* s : {a, b, c}) {
-        int pending = -1;
-        natsSubscription_GetPending(s, &pending, nullptr);
-        EXPECT_EQ(0, pending);
-        natsSubscription_Destroy(s);
-    }
+    for (natsSubscription* s : subs) EXPECT_EQ(0, pendingAfterFlush(snoop, s));
     natsConnection_Destroy(snoop);
-    EXPECT_FALSE(rawConnection(server.url(), "cli", "wrong-password-xxxx"));
+    EXPECT_FALSE(rawConnection(server.hostPort(), "cli", "wrong-password-xxxx"));
 }
 
 // A request names its sender, and the directory holds every user to its own
-// name: nobody asks as another, nobody has an answer written into another's
-// inbox, only admins reach the support services, and a refused request fails
-// at once with the directory's text.
+// name: nobody asks or answers discovery as another, nobody has an answer written
+// into another's inbox, only admins reach the support services, and a refused
+// request fails at once with the directory's text.
 TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
     std::unique_ptr<CabClient> narrow = connectClient(server.url(), "Narrow", "narrow", "narrowPassword0123");
@@ -134,8 +131,8 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     std::unique_ptr<CabClient> admin = connectClient(server.url(), "Admin", "root", "rootPassword01234567");
     EXPECT_EQ(CAB_E_NO_SUCH_SERVICE, request(*admin, "EchoA", "GenerateCrash", "null", out.ptr()));
 
-    natsConnection* cli = rawConnection(server.url(), "cli", "cliPassword012345678");
-    natsConnection* snoop = rawConnection(server.url(), "snoop", "snoopPassword0123456");
+    natsConnection* cli = rawConnection(server.hostPort(), "cli", "cliPassword012345678");
+    natsConnection* snoop = rawConnection(server.hostPort(), "snoop", "snoopPassword0123456");
     ASSERT_TRUE(cli && snoop);
     natsSubscription* inbox = nullptr;
     ASSERT_EQ("", refusal(snoop, &inbox, "_INBOX_snoop.>", nullptr));
@@ -153,37 +150,28 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
         return stats.size() == 1 ? nlohmann::json::parse(stats[0])["endpoints"][0]["num_errors"].get<int>() : -1;
     };
     EXPECT_TRUE(kivtest::eventually([&] { return errors() == 1; }));
-    natsConnection_FlushTimeout(snoop, 5000);
-    int pending = -1;
-    natsSubscription_GetPending(inbox, &pending, nullptr);
-    EXPECT_EQ(0, pending);
-    natsSubscription_Destroy(inbox);
+    EXPECT_EQ(0, pendingAfterFlush(snoop, inbox));
     natsConnection_Destroy(snoop);
     natsConnection_Destroy(cli);
-}
 
-// Any satellite hears a general discovery request and could answer it in
-// another's name; only the answers of the satellite itself are kept.
-TEST_F(SecurityTest, DiscoveryKeepsOnlyTheAnswersOfTheSatelliteNamed) {
-    natsConnection* other = rawConnection(server.url(), "Other", "otherPassword012345");
+    // Any satellite hears a general discovery request and could answer it in
+    // another's name; only the answers of the satellite itself are kept.
+    natsConnection* other = rawConnection(server.hostPort(), "Other", "otherPassword012345");
     ASSERT_NE(nullptr, other);
-    natsSubscription *fakePing = nullptr, *fakeInfo = nullptr;
+    natsSubscription* fakeInfo = nullptr;
     auto impostor = [](natsConnection* nc, natsSubscription*, natsMsg* m, void*) {
         const std::string lie = R"({"name":"EchoA","id":"fake","endpoints":[{"name":"Fake"}]})";
         if (natsMsg_GetReply(m)) natsConnection_PublishString(nc, natsMsg_GetReply(m), lie.c_str());
         natsMsg_Destroy(m);
     };
-    ASSERT_EQ(NATS_OK, natsConnection_Subscribe(&fakePing, other, "$SRV.PING", impostor, nullptr));
     ASSERT_EQ(NATS_OK, natsConnection_Subscribe(&fakeInfo, other, "$SRV.INFO", impostor, nullptr));
     natsConnection_Flush(other);
-    std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
     for (const char* name : {"", "EchoA"}) {
         std::vector<std::string> answers;
         ASSERT_EQ(0, client->Discover("INFO", name, 2000, &answers)) << CabGetLastError();
         ASSERT_EQ(1u, answers.size()) << name;
         EXPECT_EQ(echo.instanceId(), nlohmann::json::parse(answers[0])["id"]);
     }
-    natsSubscription_Destroy(fakePing);
     natsSubscription_Destroy(fakeInfo);
     natsConnection_Destroy(other);
 }
@@ -210,27 +198,27 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
     kivtest::NatsServer server(64 * 1024, "tls {\n  cert_file: \"" + d + "/server.pem\"\n  key_file: \"" + d +
                                               "/server.key\"\n  ca_file: \"" + d + "/ca.pem\"\n  verify: true\n}\n");
     ASSERT_TRUE(server.start()) << server.error();
-    std::string url = "tls://" + server.hostPort();
-    auto registry = CRegistry::getInstance();
+    const std::string url = "tls://" + server.hostPort();
+    auto set = [](const char* key, const std::string& value) {
+        CRegistry::getInstance()->WriteSettingImpl(kConfigKey, key, CStdStr(value));
+    };
 
     // Without the CA the server's certificate is not trusted.
     CabClient client;
     client.setRequestTimeoutMs(60000);
     EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient"));
-
-    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.ca", CStdStr(d + "/ca.pem"));
+    set("cabDirectory.tls.ca", d + "/ca.pem");
     EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient")) << "the server wants a client certificate";
 
-    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.cert", CStdStr(d + "/client.pem"));
-    registry->WriteSettingImpl(kConfigKey, "cabDirectory.tls.key", CStdStr(d + "/client.key"));
+    set("cabDirectory.tls.cert", d + "/client.pem");
+    set("cabDirectory.tls.key", d + "/client.key");
     EchoSatellite echo;
     ASSERT_EQ(0, echo.Connect(url.c_str(), "EchoA")) << CabGetLastError();
     ASSERT_EQ(0, client.Connect(url.c_str(), "TlsClient")) << CabGetLastError();
     CLocalVariant out;
     ASSERT_EQ(0, request(client, "EchoA", "Echo", "42", out.ptr())) << CabGetLastError();
     EXPECT_EQ("42", json(out.get()));
-    for (const char* k : {"cabDirectory.tls.ca", "cabDirectory.tls.cert", "cabDirectory.tls.key"})
-        registry->WriteSettingImpl(kConfigKey, k, CStdStr(""));
+    for (const char* k : {"cabDirectory.tls.ca", "cabDirectory.tls.cert", "cabDirectory.tls.key"}) set(k, "");
 }
 
 TEST(SecurityRunLocal, RefusesATakenPortAndNeverUsesTheServerOnIt) {

@@ -1,6 +1,5 @@
 // Serving: statuses of failed and refused requests, messages that do not
-// follow the protocol, answers larger than one message, and leaving with
-// requests still waiting.
+// follow the protocol, and leaving with requests still waiting.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -109,28 +108,4 @@ TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     for (kivtest::Msg r(nullptr, &natsMsg_Destroy); answered < count && (r = answers.next(30000)); ++answered)
         EXPECT_EQ("0", kivtest::header(r.get(), "Cab-Status"));
     EXPECT_EQ(count, answered);
-}
-
-// An 8 MiB max payload: answers up to 8 MiB - 4 KiB go as one message (a large
-// array answer then lives in that message), bigger ones in parts of 4 MiB, the
-// largest beyond the window of two parts, so that the requester's credit lets the rest go.
-TEST(BrokerLargeMessages, AnswersUpToOneMessageGoWholeAndStayValid) {
-    kivtest::NatsServer server(8 << 20);
-    ASSERT_TRUE(server.start()) << server.error();
-    EchoSatellite echo;
-    ASSERT_EQ(0, echo.Connect(server.hostPort().c_str(), "EchoBig")) << CabGetLastError();
-    std::unique_ptr<CabClient> client = connectClient(server.url(), "BigClient");
-    const int32_t sizes[] = {64 * 1024, (5 << 20) + 3, (8 << 20) - 4096 - 10, 9 << 20};
-    // Every answer is held until all have arrived, so each must outlive the traffic after it.
-    CLocalVariant out[4];
-    for (int i = 0; i < 4; ++i)
-        ASSERT_EQ(0, request(*client, "EchoBig", "Blob", std::to_string(sizes[i]), out[i].ptr())) << CabGetLastError();
-    for (int i = 0; i < 4; ++i) EXPECT_EQ(0, blobErrors(out[i].get(), sizes[i])) << sizes[i];
-    // A lent answer can be resized like any other array, and outlives the connection.
-    SAFEARRAYBOUND bigger{(uint32_t)sizes[0] + 1, 0};
-    ASSERT_EQ(S_OK, SafeArrayRedim(out[0].get().parray, &bigger));
-    client->Disconnect();
-    echo.Disconnect();
-    EXPECT_EQ(echoBlobByte(7), static_cast<const unsigned char*>(out[0].get().parray->pvData)[7]);
-    EXPECT_EQ(0, blobErrors(out[1].get(), sizes[1], 4093));
 }
