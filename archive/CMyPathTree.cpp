@@ -158,8 +158,8 @@ int CMyPathTree::openRegularFile(const CStdStr& path) {
     return fd;
 }
 
-bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
-                            const std::function<bool()>& abandoned, const InputOpener& openInput) {
+bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error, const std::function<bool()>& abandoned,
+                            const InputOpener& openInput) {
     CStdStr reason;
     auto fail = [&](const char* step) {
         if (reason.empty()) reason = failure(step, errno);
@@ -183,8 +183,8 @@ bool CMyPathTree::createZip(const char* zipPath, bool store, CStdStr* error,
         const CStdStr name = node->GetRelativePath();
         errno = 0;
         if (zipOpenNewFileInZip64(zf, name.c_str(), &date.info, date.extra, ZipEntryTime::kExtraSize, date.extra,
-                                  ZipEntryTime::kExtraSize, nullptr, method, level, size >= 0xffffffffULL ? 1 : 0) !=
-            ZIP_OK) {
+                                  ZipEntryTime::kExtraSize, nullptr, method, level,
+                                  size >= 0xffffffffULL ? 1 : 0) != ZIP_OK) {
             fail("write");
             if (fd >= 0) ::close(fd);
             break;

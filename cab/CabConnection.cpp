@@ -226,9 +226,7 @@ CabConnection::~CabConnection() {
     if (m_nc) natsConnection_Destroy(m_nc);
 }
 
-bool CabConnection::connected() const {
-    return m_nc && natsConnection_Status(m_nc) == NATS_CONN_STATUS_CONNECTED;
-}
+bool CabConnection::connected() const { return m_nc && natsConnection_Status(m_nc) == NATS_CONN_STATUS_CONNECTED; }
 
 int64_t CabConnection::maxPayload() const { return m_nc ? natsConnection_GetMaxPayload(m_nc) : 0; }
 
@@ -238,10 +236,9 @@ void CabConnection::setStateListener(StateListener listener) {
 }
 
 std::shared_ptr<CabMailbox> CabConnection::openMailbox(std::string* subject, uint64_t* token,
-                                                      const std::string& requestSubject,
-                                                      CabMailbox::Handler handler) {
-    std::shared_ptr<CabMailbox> box =
-        handler ? std::make_shared<CabMailbox>(std::move(handler)) : std::make_shared<CabMailbox>();
+                                                       const std::string& requestSubject, CabMailbox::Handler handler) {
+    std::shared_ptr<CabMailbox> box = handler ? std::make_shared<CabMailbox>(std::move(handler))
+                                              : std::make_shared<CabMailbox>();
     std::string key = cabRandomHex(16);
     PLockGuard guard(m_mailLock);
     uint64_t t = m_nextToken++;
@@ -293,8 +290,7 @@ natsSubscription* CabConnection::subscribe(const std::string& subject, const std
         ++m_liveSubs;
     }
     natsStatus s;
-    if (queue.empty())
-        s = natsConnection_Subscribe(&sub, m_nc, subject.c_str(), &CabConnection::onMessage, rec.get());
+    if (queue.empty()) s = natsConnection_Subscribe(&sub, m_nc, subject.c_str(), &CabConnection::onMessage, rec.get());
     else
         s = natsConnection_QueueSubscribe(&sub, m_nc, subject.c_str(), queue.c_str(), &CabConnection::onMessage,
                                           rec.get());
@@ -361,7 +357,7 @@ int CabConnection::publish(const std::string& subject, const void* data, size_t 
     natsStatus s = natsConnection_Publish(m_nc, subject.c_str(), data, (int)len);
     if (s == NATS_OK) return 0;
     return CabFail(s == NATS_CONNECTION_CLOSED || s == NATS_CONNECTION_DISCONNECTED ? CAB_E_NOT_CONNECTED
-                                                                                     : CAB_E_INTERNAL,
+                                                                                    : CAB_E_INTERNAL,
                    natsStatus_GetText(s));
 }
 
@@ -372,7 +368,7 @@ int CabConnection::publishMsg(natsMsg* msg) {
     // The server went away under the write; the client is moving to another.
     if (s == NATS_IO_ERROR) return CabFail(CAB_E_CONNECTION_LOST, natsStatus_GetText(s));
     return CabFail(s == NATS_CONNECTION_CLOSED || s == NATS_CONNECTION_DISCONNECTED ? CAB_E_NOT_CONNECTED
-                                                                                     : CAB_E_INTERNAL,
+                                                                                    : CAB_E_INTERNAL,
                    natsStatus_GetText(s));
 }
 

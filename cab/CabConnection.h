@@ -46,8 +46,8 @@ public:
     natsMsg* wait(const struct timespec& deadline, int* status, std::string* text = nullptr);
 
 private:
-    const Handler m_handler;       // fixed at construction
-    PCondMutex m_lock;             // guards the three below
+    const Handler m_handler;  // fixed at construction
+    PCondMutex m_lock;        // guards the three below
     std::deque<natsMsg*> m_msgs KIV_GUARDED_BY(m_lock);
     int m_failure KIV_GUARDED_BY(m_lock) = 0;
     std::string m_failureText KIV_GUARDED_BY(m_lock);
@@ -69,7 +69,7 @@ public:
         std::string password;
         std::string nkey;
         std::string nkeyFile;
-        std::string token;     // the single shared token; only when no user is set
+        std::string token;  // the single shared token; only when no user is set
         // PEM files. A tls:// URL or any of them turns TLS on; the CA file
         // replaces the system's trusted roots.
         std::string tlsCa;
@@ -156,22 +156,22 @@ private:
         std::string key;             // the random last token of its subject
         std::string requestSubject;  // where the request went, or ""
     };
-    PMutex m_mailLock;                                  // guards the three below
+    PMutex m_mailLock;  // guards the three below
     std::map<uint64_t, MailEntry> m_mail KIV_GUARDED_BY(m_mailLock);
     std::unordered_map<std::string, uint64_t> m_mailByKey KIV_GUARDED_BY(m_mailLock);
     uint64_t m_nextToken KIV_GUARDED_BY(m_mailLock) = 1;
 
-    mutable PMutex m_deniedLock;                              // guards m_denied
+    mutable PMutex m_deniedLock;                                               // guards m_denied
     std::map<std::string, std::string> m_denied KIV_GUARDED_BY(m_deniedLock);  // refused subscription -> text
 
-    PMutex m_subLock;                                         // guards m_subs
+    PMutex m_subLock;  // guards m_subs
     std::vector<std::unique_ptr<SubRecord>> m_subs KIV_GUARDED_BY(m_subLock);
 
-    PMutex m_listenerLock;        // guards m_listener; held while it runs
+    PMutex m_listenerLock;  // guards m_listener; held while it runs
     StateListener m_listener KIV_GUARDED_BY(m_listenerLock);
 
-    PCondMutex m_cbLock;          // guards the two below
-    int m_liveSubs KIV_GUARDED_BY(m_cbLock) = 0;  // subscriptions whose completion is pending
+    PCondMutex m_cbLock;                             // guards the two below
+    int m_liveSubs KIV_GUARDED_BY(m_cbLock) = 0;     // subscriptions whose completion is pending
     bool m_closed KIV_GUARDED_BY(m_cbLock) = false;  // the closed callback ran
 };
 

@@ -93,8 +93,7 @@ void cabsettings::readCredentials(CabConnection::Options* o) {
         cabsettings::string("cabDirectory.nkey", &o->nkey);
         cabsettings::string("cabDirectory.nkeySeedFile", &o->nkeyFile);
     }
-    if (o->user.empty() && o->nkey.empty() && o->token.empty())
-        cabsettings::string("cabDirectory.token", &o->token);
+    if (o->user.empty() && o->nkey.empty() && o->token.empty()) cabsettings::string("cabDirectory.token", &o->token);
     if (!o->user.empty() || !o->nkey.empty()) o->token.clear();
     cabsettings::string("cabDirectory.tls.ca", &o->tlsCa);
     cabsettings::string("cabDirectory.tls.cert", &o->tlsCert);

@@ -38,12 +38,12 @@ struct timespec realtimeIn(int64_t ns) {
 struct CabDispatcher::Channel {
     natsSubscription* sub = nullptr;
     Serve serve;
-    bool led = false;    // a thread waits for its next message
+    bool led = false;          // a thread waits for its next message
     int64_t unledSinceNs = 0;  // when its last leader took a message
-    bool slow = false;  // its handlers take longer than the deputy's look: messages waiting
-                        // behind one get a new leader at once
-    bool ended = false;  // its subscription reported its end
-    int pins = 0;        // calls using `sub` or `serve` outside the lock
+    bool slow = false;         // its handlers take longer than the deputy's look: messages waiting
+                               // behind one get a new leader at once
+    bool ended = false;        // its subscription reported its end
+    int pins = 0;              // calls using `sub` or `serve` outside the lock
 };
 
 CabDispatcher::CabDispatcher(int cap) : m_cap(cap < 1 ? 1 : cap) {}

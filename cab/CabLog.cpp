@@ -10,7 +10,7 @@
 namespace cablog {
 
 namespace {
-PMutex g_lock;                         // guards g_logger
+PMutex g_lock;  // guards g_logger
 boost::shared_ptr<CBBLog> g_logger KIV_GUARDED_BY(g_lock);
 
 boost::shared_ptr<CBBLog> current() {

@@ -166,9 +166,7 @@ CabLedgerScope::CabLedgerScope(CabMemoryLedger* ledger) : m_saved(t_ledger) { t_
 
 CabLedgerScope::~CabLedgerScope() { t_ledger = m_saved; }
 
-bool CabReserveAnswerMemory(uint64_t bytes, std::string* why) {
-    return !t_ledger || t_ledger->reserve(bytes, why);
-}
+bool CabReserveAnswerMemory(uint64_t bytes, std::string* why) { return !t_ledger || t_ledger->reserve(bytes, why); }
 
 uint64_t cabAnswerBytes(const tagVARIANT& v) {
     if (v.vt == VT_EMPTY) return 0;

@@ -89,7 +89,7 @@ private:
     bool take(const std::string& caller, uint64_t bytes, std::string* why, bool alone = false, uint64_t own = 0);
     void give(const std::string& caller, uint64_t bytes);
 
-    mutable PMutex m_lock;                      // guards the four below
+    mutable PMutex m_lock;  // guards the four below
     uint64_t m_limit KIV_GUARDED_BY(m_lock);
     uint64_t m_held KIV_GUARDED_BY(m_lock) = 0;
     uint64_t m_peak KIV_GUARDED_BY(m_lock) = 0;
@@ -117,8 +117,8 @@ public:
 
 private:
     CabMemoryLedger* const m_parent;
-    std::atomic<uint64_t> m_counted{0};         // lock-free: only ever added to
-    PMutex m_lock;                              // guards m_held
+    std::atomic<uint64_t> m_counted{0};                          // lock-free: only ever added to
+    PMutex m_lock;                                               // guards m_held
     CabMemoryBudget::Reservation m_held KIV_GUARDED_BY(m_lock);  // a ledger of its own only
 };
 

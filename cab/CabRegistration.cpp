@@ -62,10 +62,11 @@ int CabSatellite::RegisterServices() {
     if (cabsettings::hostScopeWanted()) {
         std::string host = cabsettings::scopeHost();
         if (host.empty())
-            cablog::log(LOGLEVEL_ERROR, "cabDirectory.hostScope: this host's name is not a valid name; %s listens "
-                                        "under its plain name only", name.c_str());
-        else
-            scoped = name + "@" + host;
+            cablog::log(LOGLEVEL_ERROR,
+                        "cabDirectory.hostScope: this host's name is not a valid name; %s listens "
+                        "under its plain name only",
+                        name.c_str());
+        else scoped = name + "@" + host;
     }
     {
         PLockGuard guard(m_state->lock);

@@ -61,8 +61,8 @@ int decodeMessage(natsMsg* m, tagVARIANT* out) {
     tagVARIANT tmp;
     std::string err;
     bool lent = false;
-    bool good = Cab1DecodeLending(const_cast<char*>(natsMsg_GetData(m)), (size_t)natsMsg_GetDataLength(m),
-                                  &destroyMsg, m, &tmp, &lent, &err);
+    bool good = Cab1DecodeLending(const_cast<char*>(natsMsg_GetData(m)), (size_t)natsMsg_GetDataLength(m), &destroyMsg,
+                                  m, &tmp, &lent, &err);
     if (!lent) cabwire::destroy(m);
     if (!good) return CabFail(CAB_E_MALFORMED, "answer payload: " + err);
     return takeDecoded(&tmp, out);
@@ -119,8 +119,8 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         int64_t index = -1;
         int len = natsMsg_GetDataLength(m);
         int64_t stopped = 0;
-        if (len == 0 && total > 0 && cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) &&
-            index >= expect && cabwire::headerInt(m, cabwire::kStatus, INT32_MIN, INT32_MAX, &stopped)) {
+        if (len == 0 && total > 0 && cabwire::headerInt(m, cabwire::kPart, 0, parts - 1, &index) && index >= expect &&
+            cabwire::headerInt(m, cabwire::kStatus, INT32_MIN, INT32_MAX, &stopped)) {
             // The responder could not go on and says why. A later index: it
             // lost its directory server, and the parts in between with it.
             std::string why = cabwire::header(m, cabwire::kError);
@@ -153,8 +153,8 @@ int receiveParts(const std::shared_ptr<CabConnection>& conn, const std::shared_p
         }
     }
     if (offset != total)
-        return CabFail(CAB_E_MALFORMED, "parts hold " + std::to_string(offset) + " of " + std::to_string(total) +
-                                            " bytes");
+        return CabFail(CAB_E_MALFORMED,
+                       "parts hold " + std::to_string(offset) + " of " + std::to_string(total) + " bytes");
     return list.decodeInto(out);
 }
 
@@ -238,8 +238,7 @@ int requestInline(CabSatelliteState* state, const std::shared_ptr<CabServiceEntr
     }
     takeDecoded(&result, out);
     CabSetLastError("");  // the handler's own requests leave theirs behind
-    if (!error.empty() || CabIsLibraryStatus(status))
-        CabFail(status, error.empty() ? subject : subject + ": " + error);
+    if (!error.empty() || CabIsLibraryStatus(status)) CabFail(status, error.empty() ? subject : subject + ": " + error);
     return status;
 }
 
@@ -291,8 +290,7 @@ int requestImpl(CabSatelliteState* state, const char* target, const char* servic
     }
     if (natsMsg_IsNoResponders(r)) {
         cabwire::destroy(r);
-        return CabFail(CAB_E_NO_SUCH_SERVICE,
-                       std::string("satellite '") + target + "' with service '" + service + "'");
+        return CabFail(CAB_E_NO_SUCH_SERVICE, std::string("satellite '") + target + "' with service '" + service + "'");
     }
     int64_t status = 0;
     if (!cabwire::headerInt(r, cabwire::kStatus, INT32_MIN, INT32_MAX, &status)) {
@@ -387,7 +385,8 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
     answers->assign(subjects.size(), {});
     std::vector<bool> heard(subjects.size(), false);  // an answer, or the directory's "no responders"
     auto send = [&](size_t i) {
-        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), asks[i].inbox.c_str(), nullptr, 0);
+        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), asks[i].inbox.c_str(), nullptr,
+                                                     0);
         return s == NATS_OK ? 0 : CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
     };
     for (size_t i = 0; i < subjects.size(); ++i) {
@@ -416,7 +415,8 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
         for (size_t i = 0; i < asks.size(); ++i) {
             const int64_t ms = i + 1 == asks.size()
                                    ? std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                              until - std::chrono::steady_clock::now()).count())
+                                                              until - std::chrono::steady_clock::now())
+                                                              .count())
                                    : 0;
             int st = 0;
             natsMsg* m = asks[i].box->wait(cabDeadline(ms), &st);

@@ -253,14 +253,9 @@ void CabSatellite::OnStatusChange(int state, CABSTATUS) {
     case CAB_STATE_DISCONNECTED:
         cablog::log(LOGLEVEL_WARN, "%s: connection to the directory lost; reconnecting", n.c_str());
         break;
-    case CAB_STATE_RECONNECTED:
-        cablog::log(LOGLEVEL_INFO, "%s: reconnected to the directory", n.c_str());
-        break;
-    case CAB_STATE_CLOSED:
-        cablog::log(LOGLEVEL_INFO, "%s: connection to the directory closed", n.c_str());
-        break;
-    default:
-        cablog::log(LOGLEVEL_INFO, "%s: connection state %d", n.c_str(), state);
+    case CAB_STATE_RECONNECTED: cablog::log(LOGLEVEL_INFO, "%s: reconnected to the directory", n.c_str()); break;
+    case CAB_STATE_CLOSED: cablog::log(LOGLEVEL_INFO, "%s: connection to the directory closed", n.c_str()); break;
+    default: cablog::log(LOGLEVEL_INFO, "%s: connection state %d", n.c_str(), state);
     }
 }
 

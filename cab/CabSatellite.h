@@ -128,8 +128,8 @@ public:
     // Handlers the last Disconnect left running: until they end, the object
     // they run on must not be destroyed (a process exits instead).
     int handlersStillRunning() const;
-    virtual int Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out,
-                        CABFLAGS flags, tagVARIANT* retcodes);
+    virtual int Request(const char* target, const char* service, const tagVARIANT& in, tagVARIANT* out, CABFLAGS flags,
+                        tagVARIANT* retcodes);
     // Asks the directory at host:port whether satellite `name` answers a
     // $SRV.PING within timeoutMs; *status gets 0 or a negative code.
     virtual int DirectoryPingSatellite(const char* host, const char* name, unsigned short port, int timeoutMs,

@@ -58,8 +58,7 @@ natsMsg* makeMsg(const std::string& subject, CabAnswerSource* src, uint64_t offs
 void setStatusHeaders(natsMsg* m, int status, const std::string& error, int errorCode) {
     natsMsgHeader_Set(m, cabwire::kStatus, std::to_string(status).c_str());
     if (!error.empty()) natsMsgHeader_Set(m, cabwire::kError, headerSafe(error).c_str());
-    if (status == CAB_E_HANDLER_EXCEPTION)
-        natsMsgHeader_Set(m, cabwire::kErrorCode, std::to_string(errorCode).c_str());
+    if (status == CAB_E_HANDLER_EXCEPTION) natsMsgHeader_Set(m, cabwire::kErrorCode, std::to_string(errorCode).c_str());
 }
 
 // The status of an answer whose bytes could not be read after the handler
@@ -82,13 +81,13 @@ struct CabTransfers::Transfer {
     std::string error;
     int errorCode = 0;
 
-    PMutex lock;            // guards the seven below
-    uint64_t next KIV_GUARDED_BY(lock) = 0;  // the next part to send
-    uint64_t received KIV_GUARDED_BY(lock) = 0;  // parts the requester has consumed
-    bool pumping KIV_GUARDED_BY(lock) = false;  // a pump is sending parts
-    bool done KIV_GUARDED_BY(lock) = false;  // finished, cancelled or abandoned
-    int64_t idleSinceMs KIV_GUARDED_BY(lock) = 0;  // when it last sent or got credit
-    int64_t periodStartMs KIV_GUARDED_BY(lock) = 0;  // when the current period of the rate bound began
+    PMutex lock;                                            // guards the seven below
+    uint64_t next KIV_GUARDED_BY(lock) = 0;                 // the next part to send
+    uint64_t received KIV_GUARDED_BY(lock) = 0;             // parts the requester has consumed
+    bool pumping KIV_GUARDED_BY(lock) = false;              // a pump is sending parts
+    bool done KIV_GUARDED_BY(lock) = false;                 // finished, cancelled or abandoned
+    int64_t idleSinceMs KIV_GUARDED_BY(lock) = 0;           // when it last sent or got credit
+    int64_t periodStartMs KIV_GUARDED_BY(lock) = 0;         // when the current period of the rate bound began
     uint64_t periodStartReceived KIV_GUARDED_BY(lock) = 0;  // `received` then
 };
 
@@ -420,8 +419,7 @@ void* CabTransfers::sweep(void*) {
                 }
             }
         }
-        for (auto& t : expired)
-            finish(t, "no credit for " + std::to_string(m_creditTimeoutMs) + " ms");
+        for (auto& t : expired) finish(t, "no credit for " + std::to_string(m_creditTimeoutMs) + " ms");
         for (auto& s : slow) finish(s.first, s.second, CAB_E_TIMEOUT);
     }
     return nullptr;

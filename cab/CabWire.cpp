@@ -145,8 +145,8 @@ void destroy(natsMsg* msg) {
 bool rawHeader(natsMsg* msg, const char* key, std::string* value, bool* present) {
     const NatsMsgFront* f = reinterpret_cast<const NatsMsgFront*>(msg);
     *present = false;
-    if (f->subject != natsMsg_GetSubject(msg) || f->reply != natsMsg_GetReply(msg) ||
-        f->data != natsMsg_GetData(msg) || f->dataLen != natsMsg_GetDataLength(msg))
+    if (f->subject != natsMsg_GetSubject(msg) || f->reply != natsMsg_GetReply(msg) || f->data != natsMsg_GetData(msg) ||
+        f->dataLen != natsMsg_GetDataLength(msg))
         return false;
     if (!f->hdr || f->hdrLen <= 0) return f->headers == nullptr;  // no headers at all
     if (f->headers != nullptr) return liftedHeader(msg, f, key, value, present);
@@ -189,8 +189,6 @@ size_t messageRoom(int64_t maxPayload) {
 
 size_t partSize(int64_t maxPayload) { return std::min<size_t>(messageRoom(maxPayload), kMaxPart); }
 
-int64_t windowParts(size_t partBytes) {
-    return std::max<int64_t>(2, (int64_t)(kWindowBytes / partBytes));
-}
+int64_t windowParts(size_t partBytes) { return std::max<int64_t>(2, (int64_t)(kWindowBytes / partBytes)); }
 
 }  // namespace cabwire

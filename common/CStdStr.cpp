@@ -74,15 +74,24 @@ int CStdStr::Replace(const std::string& from, const std::string& to) {
 int CStdStr::Replace(char from, char to) {
     int count = 0;
     for (char& c : *this) {
-        if (c == from) { c = to; ++count; }
+        if (c == from) {
+            c = to;
+            ++count;
+        }
     }
     return count;
 }
 
 CStdStr CStdStr::Tokenize(const char* delims, size_type& pos) const {
-    if (pos == npos || pos >= size()) { pos = npos; return CStdStr(); }
+    if (pos == npos || pos >= size()) {
+        pos = npos;
+        return CStdStr();
+    }
     size_type start = find_first_not_of(delims, pos);
-    if (start == npos) { pos = npos; return CStdStr(); }
+    if (start == npos) {
+        pos = npos;
+        return CStdStr();
+    }
     size_type end = find_first_of(delims, start);
     CStdStr tok = substr(start, end == npos ? npos : end - start);
     pos = (end == npos) ? size() : end + 1;

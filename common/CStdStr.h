@@ -44,8 +44,14 @@ public:
 
     CStdStr& MakeUpper();
     CStdStr& MakeLower();
-    CStdStr ToUpper() const { CStdStr s(*this); return s.MakeUpper(); }
-    CStdStr ToLower() const { CStdStr s(*this); return s.MakeLower(); }
+    CStdStr ToUpper() const {
+        CStdStr s(*this);
+        return s.MakeUpper();
+    }
+    CStdStr ToLower() const {
+        CStdStr s(*this);
+        return s.MakeLower();
+    }
 
     // Index of the last occurrence, or -1.
     int ReverseFind(char c) const;
@@ -63,7 +69,10 @@ public:
     // Trim white space (or the given characters) in place.
     CStdStr& TrimLeft(const char* chars = " \t\r\n\v\f");
     CStdStr& TrimRight(const char* chars = " \t\r\n\v\f");
-    CStdStr& Trim(const char* chars = " \t\r\n\v\f") { TrimRight(chars); return TrimLeft(chars); }
+    CStdStr& Trim(const char* chars = " \t\r\n\v\f") {
+        TrimRight(chars);
+        return TrimLeft(chars);
+    }
 
     bool StartsWith(const std::string& prefix) const;
     bool EndsWith(const std::string& suffix) const;

@@ -266,26 +266,26 @@ void CBBLog::_debug(const char* format, ...) {
     va_end(args);
 }
 
-#define KIV_STATIC_LOG(name, lvl)                                              \
-    void CBBLog::name(const char* format, ...) {                               \
-        boost::shared_ptr<CBBLog> log = getLogger();                           \
-        if (!shouldLog(log, lvl)) return;                                      \
-        va_list args;                                                          \
-        va_start(args, format);                                                \
-        log->_AddLog(format, args, lvl);                                       \
-        va_end(args);                                                          \
-    }                                                                          \
-    void CBBLog::name(const boost::format& message) {                          \
-        boost::shared_ptr<CBBLog> log = getLogger();                           \
-        if (!shouldLog(log, lvl)) return;                                      \
-        log->_AddLog(message, lvl);                                            \
-    }                                                                          \
+#define KIV_STATIC_LOG(name, lvl)                                               \
+    void CBBLog::name(const char* format, ...) {                                \
+        boost::shared_ptr<CBBLog> log = getLogger();                            \
+        if (!shouldLog(log, lvl)) return;                                       \
+        va_list args;                                                           \
+        va_start(args, format);                                                 \
+        log->_AddLog(format, args, lvl);                                        \
+        va_end(args);                                                           \
+    }                                                                           \
+    void CBBLog::name(const boost::format& message) {                           \
+        boost::shared_ptr<CBBLog> log = getLogger();                            \
+        if (!shouldLog(log, lvl)) return;                                       \
+        log->_AddLog(message, lvl);                                             \
+    }                                                                           \
     void CBBLog::name(boost::shared_ptr<CBBLog> log, const char* format, ...) { \
-        if (!shouldLog(log, lvl)) return;                                      \
-        va_list args;                                                          \
-        va_start(args, format);                                                \
-        log->_AddLog(format, args, lvl);                                       \
-        va_end(args);                                                          \
+        if (!shouldLog(log, lvl)) return;                                       \
+        va_list args;                                                           \
+        va_start(args, format);                                                 \
+        log->_AddLog(format, args, lvl);                                        \
+        va_end(args);                                                           \
     }
 
 KIV_STATIC_LOG(fatal, LOGLEVEL_FATAL)

@@ -130,7 +130,7 @@ protected:
     CStdStr m_errorLogPath;
     CStdStr m_programName;
     mode_t m_fileMode = 0640;  // of both files: KivFolders::LogFileMode() at initialisation
-    PMutex m_fileLock;  // guards initialisation, m_errorFd and the error-log write
+    PMutex m_fileLock;         // guards initialisation, m_errorFd and the error-log write
     bool m_includeProcessId;
     int64_t m_sizeLimit;
     uint32_t m_processId;

@@ -142,8 +142,8 @@ bool MiniDumper::minidumpCallback(const char* dumpDir, const char* minidumpId, v
         (void)rc;  // a missing or failing reporter is not our concern here
     }
     if (m_logCrashes) {
-        CBBLog::fatal("crash of %s. minidump generated as %s (%dkB)", m_applicationName.c_str(),
-                      m_lastDumpPath.c_str(), static_cast<int>(size / 1024));
+        CBBLog::fatal("crash of %s. minidump generated as %s (%dkB)", m_applicationName.c_str(), m_lastDumpPath.c_str(),
+                      static_cast<int>(size / 1024));
         // The line is in errors.log already; give the writer a moment for the main log.
         boost::shared_ptr<CBBLog> log = CBBLog::getLogger();
         if (log) log->flush(2000);

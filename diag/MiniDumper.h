@@ -27,8 +27,7 @@ public:
     MiniDumper(const char* applicationName, bool logCrashes, bool launchReporter, bool printCrashes,
                bool installHandlers, bool catchCrashes);
     // Reporter "./KivCrashReporter" with two extra arguments, dumps in dumpDir.
-    MiniDumper(const char* applicationName, const char* reporterArg1, const char* reporterArg2,
-               const char* dumpDir);
+    MiniDumper(const char* applicationName, const char* reporterArg1, const char* reporterArg2, const char* dumpDir);
     ~MiniDumper();
     MiniDumper(const MiniDumper&) = delete;
     MiniDumper& operator=(const MiniDumper&) = delete;

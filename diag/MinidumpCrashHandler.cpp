@@ -106,8 +106,8 @@ MinidumpCrashHandler::MinidumpCrashHandler(const char* dumpDir, Callback callbac
     m_id[0] = '\0';
     m_path[0] = '\0';
     setDumpDirectory(dumpDir);
-    void* p = mmap(nullptr, kHelperStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                   -1, 0);
+    void* p = mmap(nullptr, kHelperStackSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1,
+                   0);
     m_helperStack = p == MAP_FAILED ? nullptr : p;
     if (doInstall) install();
 }
@@ -125,8 +125,7 @@ void MinidumpCrashHandler::setDumpDirectory(const char* dumpDir) {
 namespace {
 bool hasAltStack() {
     stack_t current;
-    return sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) &&
-           current.ss_size >= kAltStackSize;
+    return sigaltstack(nullptr, &current) == 0 && !(current.ss_flags & SS_DISABLE) && current.ss_size >= kAltStackSize;
 }
 }  // namespace
 

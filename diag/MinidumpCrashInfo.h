@@ -11,14 +11,14 @@
 namespace minidump {
 
 struct CrashInfo {
-    pid_t pid = 0;          // the crashed process
-    pid_t tid = 0;          // the thread that received the signal
+    pid_t pid = 0;  // the crashed process
+    pid_t tid = 0;  // the thread that received the signal
     int signal = 0;
-    int code = 0;           // si_code
+    int code = 0;               // si_code
     uint64_t faultAddress = 0;  // si_addr
     ucontext_t context{};       // general registers at the fault
     bool hasFpState = false;
-    struct _libc_fpstate fpState{};  // FXSAVE image at the fault
+    struct _libc_fpstate fpState {};  // FXSAVE image at the fault
 };
 
 }  // namespace minidump

@@ -102,8 +102,8 @@ struct Thread {
 };
 
 struct FixedFileInfo {
-    uint32_t signature, strucVersion, fileVersionHi, fileVersionLo, productVersionHi, productVersionLo,
-        fileFlagsMask, fileFlags, fileOs, fileType, fileSubtype, fileDateHi, fileDateLo;
+    uint32_t signature, strucVersion, fileVersionHi, fileVersionLo, productVersionHi, productVersionLo, fileFlagsMask,
+        fileFlags, fileOs, fileType, fileSubtype, fileDateHi, fileDateLo;
 };
 
 struct Module {

@@ -32,9 +32,9 @@ struct ModuleInfo {
     uint64_t base;
     uint64_t size;
     const char* path;
-    uint8_t id[40];   // build id, or the 16-byte text hash
-    size_t idSize;    // 0 when the file could not be identified
-    bool isBuildId;   // false: id is the hash of the text section
+    uint8_t id[40];  // build id, or the 16-byte text hash
+    size_t idSize;   // 0 when the file could not be identified
+    bool isBuildId;  // false: id is the hash of the text section
 };
 
 // Groups the file-backed mappings that start with an ELF header into modules.

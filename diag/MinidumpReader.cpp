@@ -59,7 +59,8 @@ bool MinidumpReader::parse(std::vector<uint8_t> bytes) {
         Directory d;
         if (!readAt(m_bytes, uint64_t(h.streamDirectoryRva) + uint64_t(i) * sizeof d, d))
             return fail("stream directory runs past the end of the file");
-        if (!located(d.location)) return fail("stream " + std::to_string(d.streamType) + " runs past the end of the file");
+        if (!located(d.location))
+            return fail("stream " + std::to_string(d.streamType) + " runs past the end of the file");
         switch (d.streamType) {
         case kSystemInfoStream:
             if (!readAt(m_bytes, d.location.rva, m_system)) return fail("short system info");
@@ -171,7 +172,8 @@ bool MinidumpReader::parseModules(const LocationDescriptor& loc) {
 bool MinidumpReader::parseMemory(const LocationDescriptor& loc) {
     uint32_t count;
     if (!readAt(m_bytes, loc.rva, count)) return fail("short memory list");
-    if (uint64_t(count) * sizeof(MemoryDescriptor) + 4 > loc.dataSize) return fail("memory list larger than its stream");
+    if (uint64_t(count) * sizeof(MemoryDescriptor) + 4 > loc.dataSize)
+        return fail("memory list larger than its stream");
     for (uint32_t i = 0; i < count; ++i) {
         MemoryDescriptor d{};
         readAt(m_bytes, uint64_t(loc.rva) + 4 + uint64_t(i) * sizeof d, d);
@@ -230,7 +232,8 @@ std::vector<std::string> MinidumpReader::crashModules() const {
     while (std::getline(maps, line)) {
         unsigned long long from = 0, to = 0;
         char perms[8] = {};
-        if (sscanf(line.c_str(), "%llx-%llx %7s", &from, &to, perms) == 3 && perms[2] == 'x') code.emplace_back(from, to);
+        if (sscanf(line.c_str(), "%llx-%llx %7s", &from, &to, perms) == 3 && perms[2] == 'x')
+            code.emplace_back(from, to);
     }
     auto add = [&](uint64_t address) {
         if (!code.empty()) {

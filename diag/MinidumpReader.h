@@ -25,7 +25,7 @@ public:
         uint64_t base = 0;
         uint64_t size = 0;
         std::string name;
-        std::string id;      // hex text of the build id or text hash; "" when none
+        std::string id;  // hex text of the build id or text hash; "" when none
         bool isBuildId = false;
     };
     struct ExceptionInfo {

@@ -165,8 +165,7 @@ bool writeMinidump(const char* path, const CrashInfo& crash) {
         if (t.hasContext) {
             t.contextLoc = file.append(&t.context, sizeof t.context);
             chooseStack(maps, mapCount, t.context.rsp, t.stackStart, t.stackSize);
-            if (t.stackSize)
-                t.stack = appendMemory(file, crash.pid, t.stackStart, t.stackSize, chunk, chunkSize);
+            if (t.stackSize) t.stack = appendMemory(file, crash.pid, t.stackStart, t.stackSize, chunk, chunkSize);
         }
         rec.threadContext = t.contextLoc;
         rec.stack = t.stack;

@@ -66,9 +66,8 @@ public:
     // ---- listing, fields and order -------------------------------------
     // Appends the folder's entries to `out`. False when a file-system error
     // stopped the listing (entries added until then stay). `reserved` has no effect.
-    static bool EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bool includeHidden,
-                                bool includeFolders, bool includeFiles, bool reserved,
-                                std::vector<CStdStr> extensions, bool recursive);
+    static bool EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bool includeHidden, bool includeFolders,
+                                bool includeFiles, bool reserved, std::vector<CStdStr> extensions, bool recursive);
     // Sorts by the first key of `sortKeys` (e.g. "size:desc"); 1 for a known key, 0 otherwise (then title order).
     static int SortFiles(std::vector<CFileTools*>& files, CStdStr sortKeys);
     static CStdStr PathToFileBrowserMediumId(const CStdStr& path);
@@ -106,8 +105,7 @@ public:
     // current position is a negative number converted to unsigned: the last N
     // bytes start at offset -N from the end. `count` becomes the number of
     // bytes read (0 on failure, before the start or past the end).
-    bool getData(char* buffer, unsigned long long& count, unsigned long long offset,
-                 SeekDirection direction);
+    bool getData(char* buffer, unsigned long long& count, unsigned long long offset, SeekDirection direction);
     // The whole file in a new[] buffer that the caller delete[]s, or null; `size` gets its size.
     char* getData(unsigned long long& size);
     // Replaces the file's contents with the bytes.

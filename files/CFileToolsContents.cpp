@@ -59,8 +59,7 @@ void CFileTools::closeFile() {
     m_fd = -1;
 }
 
-bool CFileTools::getData(char* buffer, unsigned long long& count, unsigned long long offset,
-                         SeekDirection direction) {
+bool CFileTools::getData(char* buffer, unsigned long long& count, unsigned long long offset, SeekDirection direction) {
     unsigned long long wanted = count;
     count = 0;
     if (!buffer && wanted > 0) return false;

@@ -14,8 +14,7 @@ CFileTools::CFileTools() = default;
 
 CFileTools::CFileTools(const CStdStr& path) : m_path(path) {}
 
-CFileTools::CFileTools(const CStdStr& path, const CStdStr& displayName)
-    : m_path(path), m_displayName(displayName) {}
+CFileTools::CFileTools(const CStdStr& path, const CStdStr& displayName) : m_path(path), m_displayName(displayName) {}
 
 CFileTools::CFileTools(const CFileTools& other)
     : m_path(other.m_path),

@@ -39,18 +39,12 @@ CStdStr CFileTools::resolveSpecialPath(const CStdStr& s) {
     if (second == CStdStr::npos) return s;
     CStdStr name = CStdStr(s.substr(first + 1, second - first - 1)).ToUpper();
     CStdStr result = GetUserHomeFolder();
-    if (name == "DESKTOP")
-        result += "/Desktop";
-    else if (name == "MYDOCUMENTS")
-        result += "/Documents";
-    else if (name == "MYMUSIC")
-        result += "/Music";
-    else if (name == "MYPICTURES")
-        result += "/Pictures";
-    else if (name == "MYVIDEO")
-        result += "/Videos";
-    else if (name == "MYCOMPUTER")
-        result += "/";
+    if (name == "DESKTOP") result += "/Desktop";
+    else if (name == "MYDOCUMENTS") result += "/Documents";
+    else if (name == "MYMUSIC") result += "/Music";
+    else if (name == "MYPICTURES") result += "/Pictures";
+    else if (name == "MYVIDEO") result += "/Videos";
+    else if (name == "MYCOMPUTER") result += "/";
     return result;
 }
 
@@ -128,7 +122,8 @@ CStdStr CFileTools::GetKivDataSubFolder(const CStdStr& name) {
                 throw std::logic_error("Couldn't set access rights on Kiv data folder");
         }
     } catch (const fs::filesystem_error& e) {
-        throw std::logic_error(CStdStr::Formatted("Failed to create Kiv data subfolder: %s\n\t%s", sub.c_str(), e.what()));
+        throw std::logic_error(
+            CStdStr::Formatted("Failed to create Kiv data subfolder: %s\n\t%s", sub.c_str(), e.what()));
     }
     return sub;
 }

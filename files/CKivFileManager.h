@@ -57,8 +57,8 @@ public:
     std::map<CStdStr, CStdStr> extensionMap();
 
 private:
-    CabSatellite* m_satellite;                       // set once; its Request is thread-safe
-    PMutex m_mapLock;                                // guards m_extensionMap
+    CabSatellite* m_satellite;                                            // set once; its Request is thread-safe
+    PMutex m_mapLock;                                                     // guards m_extensionMap
     std::map<CStdStr, CStdStr> m_extensionMap KIV_GUARDED_BY(m_mapLock);  // ".ext" -> media type
-    const CStdStr m_prefix;                          // "F": opens file-browser medium ids (constant)
+    const CStdStr m_prefix;  // "F": opens file-browser medium ids (constant)
 };

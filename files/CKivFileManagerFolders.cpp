@@ -95,10 +95,8 @@ int CKivFileManager::CabServiceGetFolderContent(const char* name, const tagVARIA
         int folders = 0, files = 0;
         for (long i = 0; i < total; ++i) {
             CFileTools*& entry = entries.items[i];
-            if (entry->isFolder())
-                ++folders;
-            else
-                ++files;
+            if (entry->isFolder()) ++folders;
+            else ++files;
             if (i >= first && produced < rowCount) {
                 CLocalVariant row;
                 VUtil::CreateArray(row.get(), VT_VARIANT, fields.size());

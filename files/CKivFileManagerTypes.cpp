@@ -11,8 +11,7 @@ namespace {
 const char* const kMediaTypes[] = {"audio", "video", "photo", "document"};
 }  // namespace
 
-int CKivFileManager::getKivMediaExtension(const CStdStr& context, const CStdStr& mediaType,
-                                          std::vector<CStdStr>& out) {
+int CKivFileManager::getKivMediaExtension(const CStdStr& context, const CStdStr& mediaType, std::vector<CStdStr>& out) {
     CLocalVariant in, answer, retcodes;
     VUtil::CreateArray(in.get(), VT_VARIANT, 2);
     VUtil::PutElement(in.get(), 0, context);

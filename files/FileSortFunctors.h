@@ -11,13 +11,13 @@
 
 int CompareNames(const char* a, const char* b);
 
-#define KIV_SORT_FUNCTOR(Name, Expr)                                          \
-    struct Name {                                                             \
-        bool operator()(CFileTools* a, CFileTools* b) const {                 \
-            bool fa = a->isFolder(), fb = b->isFolder();                      \
-            if (fa != fb) return fa;                                          \
-            return Expr;                                                      \
-        }                                                                     \
+#define KIV_SORT_FUNCTOR(Name, Expr)                          \
+    struct Name {                                             \
+        bool operator()(CFileTools* a, CFileTools* b) const { \
+            bool fa = a->isFolder(), fb = b->isFolder();      \
+            if (fa != fb) return fa;                          \
+            return Expr;                                      \
+        }                                                     \
     };
 
 KIV_SORT_FUNCTOR(SortByTitleAsc, CompareNames(a->getDisplayName().c_str(), b->getDisplayName().c_str()) < 0)

@@ -41,13 +41,20 @@ bool lookupKey(const CStdStr& sortKeys, Order& order) {
         Key key;
         bool descending;
     } table[] = {
-        {"title:asc", Key::Title, false},         {"path:asc", Key::Title, false},
-        {"title:desc", Key::Title, true},         {"path:desc", Key::Title, true},
-        {"path.extension:asc", Key::Extension, false}, {"path.extension:desc", Key::Extension, true},
-        {"size:asc", Key::Size, false},           {"size:desc", Key::Size, true},
-        {"creationDate:asc", Key::Created, false}, {"creationDate:desc", Key::Created, true},
-        {"lastModified:asc", Key::Modified, false}, {"lastModified:desc", Key::Modified, true},
-        {"lastAccessTime:asc", Key::Accessed, false}, {"lastAccessTime:desc", Key::Accessed, true},
+        {"title:asc", Key::Title, false},
+        {"path:asc", Key::Title, false},
+        {"title:desc", Key::Title, true},
+        {"path:desc", Key::Title, true},
+        {"path.extension:asc", Key::Extension, false},
+        {"path.extension:desc", Key::Extension, true},
+        {"size:asc", Key::Size, false},
+        {"size:desc", Key::Size, true},
+        {"creationDate:asc", Key::Created, false},
+        {"creationDate:desc", Key::Created, true},
+        {"lastModified:asc", Key::Modified, false},
+        {"lastModified:desc", Key::Modified, true},
+        {"lastAccessTime:asc", Key::Accessed, false},
+        {"lastAccessTime:desc", Key::Accessed, true},
     };
     for (const auto& row : table) {
         if (sortKeys == row.name) {
@@ -65,12 +72,12 @@ SortRecord readRecord(CFileTools* file, Key key) {
     SortRecord r;
     r.folder = file->isFolder();
     switch (key) {
-        case Key::Title: r.text = file->getDisplayName(); break;
-        case Key::Extension: r.text = file->getExtension(); break;
-        case Key::Size: r.size = file->getFileSize(); break;
-        case Key::Created: r.when = file->getDateCreated(); break;
-        case Key::Modified: r.when = file->getLastModified(); break;
-        case Key::Accessed: r.when = file->getLastAccessed(); break;
+    case Key::Title: r.text = file->getDisplayName(); break;
+    case Key::Extension: r.text = file->getExtension(); break;
+    case Key::Size: r.size = file->getFileSize(); break;
+    case Key::Created: r.when = file->getDateCreated(); break;
+    case Key::Modified: r.when = file->getLastModified(); break;
+    case Key::Accessed: r.when = file->getLastAccessed(); break;
     }
     return r;
 }
@@ -96,13 +103,13 @@ int CFileTools::SortFiles(std::vector<CFileTools*>& files, CStdStr sortKeys) {
         const SortRecord& b = records[ib];
         if (a.folder != b.folder) return a.folder;
         switch (key) {
-            case Key::Title:
-            case Key::Extension: {
-                int c = CompareNames(a.text.c_str(), b.text.c_str());
-                return desc ? c > 0 : c < 0;
-            }
-            case Key::Size: return desc ? a.size > b.size : a.size < b.size;
-            default: return desc ? a.when > b.when : a.when < b.when;
+        case Key::Title:
+        case Key::Extension: {
+            int c = CompareNames(a.text.c_str(), b.text.c_str());
+            return desc ? c > 0 : c < 0;
+        }
+        case Key::Size: return desc ? a.size > b.size : a.size < b.size;
+        default: return desc ? a.when > b.when : a.when < b.when;
         }
     });
 

@@ -42,11 +42,11 @@ enum class EntryKind { File, Folder, Other };
 // read is used when it is definite; only links and unknown types are stat'ed.
 EntryKind kindOf(DIR* dir, const struct dirent* entry) {
     switch (entry->d_type) {
-        case DT_REG: return EntryKind::File;
-        case DT_DIR: return EntryKind::Folder;
-        case DT_LNK:
-        case DT_UNKNOWN: break;
-        default: return EntryKind::Other;
+    case DT_REG: return EntryKind::File;
+    case DT_DIR: return EntryKind::Folder;
+    case DT_LNK:
+    case DT_UNKNOWN: break;
+    default: return EntryKind::Other;
     }
     struct stat st;
     if (fstatat(dirfd(dir), entry->d_name, &st, 0) != 0) return EntryKind::Other;  // e.g. a dangling link
@@ -125,14 +125,12 @@ bool listFolder(const std::string& folder, std::vector<CFileTools*>& out, bool i
 
 }  // namespace
 
-bool CFileTools::EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bool includeHidden,
-                                 bool includeFolders, bool includeFiles, bool reserved,
-                                 std::vector<CStdStr> extensions, bool recursive) {
+bool CFileTools::EnumerateFolder(CStdStr path, std::vector<CFileTools*>& out, bool includeHidden, bool includeFolders,
+                                 bool includeFiles, bool reserved, std::vector<CStdStr> extensions, bool recursive) {
     FolderChain chain;
     if (recursive) {
         struct stat sb;
         if (::stat(path.c_str(), &sb) == 0) chain.insert(std::make_pair(sb.st_dev, sb.st_ino));
     }
-    return listFolder(path, out, includeHidden, includeFolders, includeFiles, reserved, extensions,
-                      recursive, chain);
+    return listFolder(path, out, includeHidden, includeFolders, includeFiles, reserved, extensions, recursive, chain);
 }

@@ -4,10 +4,8 @@
 CStdStr CFileTools::getDisplayName() {
     if (m_displayName.empty()) {
         size_t slash = m_path.rfind('/');
-        if (slash == CStdStr::npos || slash == 0)
-            m_displayName = m_path;
-        else
-            m_displayName = m_path.substr(slash + 1);
+        if (slash == CStdStr::npos || slash == 0) m_displayName = m_path;
+        else m_displayName = m_path.substr(slash + 1);
     }
     return m_displayName;
 }

@@ -26,9 +26,9 @@ namespace Preferences {
 bool Value::operator==(const Value& o) const {
     if (type != o.type) return false;
     switch (type) {
-        case Bool: return b == o.b;
-        case Int: return i == o.i;
-        case String: return s == o.s;
+    case Bool: return b == o.b;
+    case Int: return i == o.i;
+    case String: return s == o.s;
     }
     return false;
 }
@@ -52,10 +52,8 @@ CStdStr encodeName(const CStdStr& domain) {
     CStdStr out;
     for (size_t i = 0; i < domain.size(); ++i) {
         unsigned char c = static_cast<unsigned char>(domain[i]);
-        if (c == '/' || c == '%' || c < 0x20 || c == 0x7F || (i == 0 && c == '.'))
-            out.AppendFormat("%%%02X", c);
-        else
-            out += static_cast<char>(c);
+        if (c == '/' || c == '%' || c < 0x20 || c == 0x7F || (i == 0 && c == '.')) out.AppendFormat("%%%02X", c);
+        else out += static_cast<char>(c);
     }
     return out;
 }
@@ -105,8 +103,9 @@ ReadResult readJson(const CStdStr& path, nlohmann::json& out, CStdStr* error) {
             out = nlohmann::json::object();
             return ReadResult::Missing;
         }
-        if (error) *error = errno == ELOOP ? CStdStr::Formatted("%s is a symbolic link", path.c_str())
-                                           : errnoText("cannot open", path);
+        if (error)
+            *error = errno == ELOOP ? CStdStr::Formatted("%s is a symbolic link", path.c_str())
+                                    : errnoText("cannot open", path);
         return ReadResult::Error;
     }
     struct stat st;
@@ -298,24 +297,23 @@ bool update(const CStdStr& domain, const std::function<bool(nlohmann::json&)>& c
     nlohmann::json j;
     CStdStr readError;
     switch (readJson(path, j, &readError)) {
-        case ReadResult::Ok:
-        case ReadResult::Missing:
-            break;
-        case ReadResult::Corrupt: {
-            CStdStr aside = path + ".corrupt";
-            if (rename(path.c_str(), aside.c_str()) != 0) {
-                if (error) *error = errnoText("cannot move aside corrupt settings file", path);
-                return false;
-            }
-            chmod(aside.c_str(), kFileMode);  // it may hold credentials
-            fprintf(stderr, "settings: %s could not be parsed; moved it to %s and started a fresh domain\n",
-                    path.c_str(), aside.c_str());
-            j = nlohmann::json::object();
-            break;
-        }
-        case ReadResult::Error:
-            if (error) *error = readError;
+    case ReadResult::Ok:
+    case ReadResult::Missing: break;
+    case ReadResult::Corrupt: {
+        CStdStr aside = path + ".corrupt";
+        if (rename(path.c_str(), aside.c_str()) != 0) {
+            if (error) *error = errnoText("cannot move aside corrupt settings file", path);
             return false;
+        }
+        chmod(aside.c_str(), kFileMode);  // it may hold credentials
+        fprintf(stderr, "settings: %s could not be parsed; moved it to %s and started a fresh domain\n", path.c_str(),
+                aside.c_str());
+        j = nlohmann::json::object();
+        break;
+    }
+    case ReadResult::Error:
+        if (error) *error = readError;
+        return false;
     }
     if (!change(j)) return true;
     std::string text;

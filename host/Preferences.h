@@ -52,9 +52,24 @@ struct Value {
     int32_t i = 0;
     std::string s;
 
-    static Value ofBool(bool v) { Value x; x.type = Bool; x.b = v; return x; }
-    static Value ofInt(int32_t v) { Value x; x.type = Int; x.i = v; return x; }
-    static Value ofString(const std::string& v) { Value x; x.type = String; x.s = v; return x; }
+    static Value ofBool(bool v) {
+        Value x;
+        x.type = Bool;
+        x.b = v;
+        return x;
+    }
+    static Value ofInt(int32_t v) {
+        Value x;
+        x.type = Int;
+        x.i = v;
+        return x;
+    }
+    static Value ofString(const std::string& v) {
+        Value x;
+        x.type = String;
+        x.s = v;
+        return x;
+    }
     bool operator==(const Value& o) const;
 };
 

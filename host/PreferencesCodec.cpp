@@ -15,12 +15,9 @@ const char kBytesKey[] = "$bytes";
 
 nlohmann::json encodeValue(const Preferences::Value& value) {
     switch (value.type) {
-        case Preferences::Value::Bool:
-            return nlohmann::json(value.b);
-        case Preferences::Value::Int:
-            return nlohmann::json(static_cast<int64_t>(value.i));
-        case Preferences::Value::String:
-            break;
+    case Preferences::Value::Bool: return nlohmann::json(value.b);
+    case Preferences::Value::Int: return nlohmann::json(static_cast<int64_t>(value.i));
+    case Preferences::Value::String: break;
     }
     if (IsValidUtf8(value.s)) return nlohmann::json(value.s);
     nlohmann::json j = nlohmann::json::object();

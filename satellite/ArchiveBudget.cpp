@@ -8,8 +8,8 @@
 namespace {
 
 struct Budget {
-    PMutex lock;          // guards both below
-    int running KIV_GUARDED_BY(lock) = 0;  // archives admitted and not yet released
+    PMutex lock;                                  // guards both below
+    int running KIV_GUARDED_BY(lock) = 0;         // archives admitted and not yet released
     long long promised KIV_GUARDED_BY(lock) = 0;  // the sum of their estimates
 };
 
@@ -21,8 +21,7 @@ Budget& budget() {
 
 long long reserveBytes() {
     int mb = ArchiveBudget::kDefaultReserveMB;
-    if (!CRegistry::getInstance()->ReadSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "archive.diskReserveMB",
-                                                   mb) ||
+    if (!CRegistry::getInstance()->ReadSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "archive.diskReserveMB", mb) ||
         mb < 0)
         mb = ArchiveBudget::kDefaultReserveMB;
     return static_cast<long long>(mb) << 20;

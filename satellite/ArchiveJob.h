@@ -28,14 +28,15 @@ struct TCreateZipThreadData {
     TCreateZipThreadData(const TCreateZipThreadData&) = delete;
     TCreateZipThreadData& operator=(const TCreateZipThreadData&) = delete;
 
-    PThread thread;          // started by the requester; joined only while the requester holds the record
-    PCondMutex completion;   // guards `done`, `error` and `holders`
-    bool done KIV_GUARDED_BY(completion) = false;  // set by the building thread once the archive is written or has failed
+    PThread thread;         // started by the requester; joined only while the requester holds the record
+    PCondMutex completion;  // guards `done`, `error` and `holders`
+    bool done KIV_GUARDED_BY(completion) =
+        false;                                 // set by the building thread once the archive is written or has failed
     CStdStr error KIV_GUARDED_BY(completion);  // why the archive failed; empty when it is complete
-    CStdStr zipPath;         // fixed before the thread starts
-    CMyPathTree* tree;       // owned; only the building thread uses it once started
-    bool store;              // fixed before the thread starts
-    std::set<CStdStr> refused;  // fixed before the thread starts: inputs refused already, written empty
+    CStdStr zipPath;                           // fixed before the thread starts
+    CMyPathTree* tree;                         // owned; only the building thread uses it once started
+    bool store;                                // fixed before the thread starts
+    std::set<CStdStr> refused;                 // fixed before the thread starts: inputs refused already, written empty
     long long budgeted = 0;  // fixed before the thread starts: counted in ArchiveBudget until the thread ends
     int holders KIV_GUARDED_BY(completion) = 2;  // requester + building thread
     std::atomic<bool> abandon{false};  // set by the job table (stop, deletion); the writer stops at its next block

@@ -67,12 +67,12 @@ private:
     void forgetFailure(const CStdStr& path) KIV_REQUIRES(m_lock);
     void forgetMade(const CStdStr& path) KIV_REQUIRES(m_lock);
 
-    mutable PMutex m_lock;                                    // guards everything below
+    mutable PMutex m_lock;                                                      // guards everything below
     std::map<CStdStr, TCreateZipThreadData*> m_running KIV_GUARDED_BY(m_lock);  // every archive being written, by path
     std::map<CStdStr, TCreateZipThreadData*> m_pending KIV_GUARDED_BY(m_lock);  // those whose requester stopped waiting
-    std::map<CStdStr, CStdStr> m_failures KIV_GUARDED_BY(m_lock);  // path -> reason
-    std::deque<CStdStr> m_failureOrder KIV_GUARDED_BY(m_lock);  // oldest first, to bound m_failures
-    std::map<CStdStr, TempEntryId> m_made KIV_GUARDED_BY(m_lock);  // complete archives, by path
-    std::deque<CStdStr> m_madeOrder KIV_GUARDED_BY(m_lock);  // oldest first, to bound m_made
+    std::map<CStdStr, CStdStr> m_failures KIV_GUARDED_BY(m_lock);               // path -> reason
+    std::deque<CStdStr> m_failureOrder KIV_GUARDED_BY(m_lock);                  // oldest first, to bound m_failures
+    std::map<CStdStr, TempEntryId> m_made KIV_GUARDED_BY(m_lock);               // complete archives, by path
+    std::deque<CStdStr> m_madeOrder KIV_GUARDED_BY(m_lock);                     // oldest first, to bound m_made
     bool m_stopping KIV_GUARDED_BY(m_lock) = false;
 };

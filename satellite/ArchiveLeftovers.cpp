@@ -100,10 +100,8 @@ std::vector<Entry> readRecord(const CStdStr& file) {
     std::string line;
     while (std::getline(lines, line)) {
         Entry e;
-        if (parse(line, &e))
-            entries.push_back(e);
-        else if (!line.empty())
-            CBBLog::warn("Ignoring a malformed line of %s", file.c_str());
+        if (parse(line, &e)) entries.push_back(e);
+        else if (!line.empty()) CBBLog::warn("Ignoring a malformed line of %s", file.c_str());
     }
     return entries;
 }
@@ -182,10 +180,8 @@ void remove(const CStdStr& zipPath) {
     update([&](std::vector<Entry>& entries) {
         const size_t before = entries.size();
         for (auto it = entries.begin(); it != entries.end();) {
-            if (it->path == zipPath && it->pid == me.pid && it->started == me.started)
-                it = entries.erase(it);
-            else
-                ++it;
+            if (it->path == zipPath && it->pid == me.pid && it->started == me.started) it = entries.erase(it);
+            else ++it;
         }
         return entries.size() != before;
     });
@@ -206,8 +202,8 @@ int cleanUp() {
                 ++deleted;
                 CBBLog::info("Removed %s, an archive left unfinished by an earlier run", it->path.c_str());
             } else if (result != TempDeletion::Missing) {
-                CBBLog::warn("Left %s alone: it is no longer the unfinished archive recorded (%s)",
-                             it->path.c_str(), detail.c_str());
+                CBBLog::warn("Left %s alone: it is no longer the unfinished archive recorded (%s)", it->path.c_str(),
+                             detail.c_str());
             }
             it = entries.erase(it);
         }

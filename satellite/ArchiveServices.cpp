@@ -81,7 +81,8 @@ static void startArchiveThread(KivRequestProxySatellite* satellite, ArchiveJobTa
 }
 
 static CabException archiveFailed(const char* service, const CStdStr& zipPath, const CStdStr& reason) {
-    return CabException(CStdStr::Formatted("%s: archive %s failed: %s", service, zipPath.c_str(), reason.c_str()).c_str(),
+    return CabException(CStdStr::Formatted("%s: archive %s failed: %s", service, zipPath.c_str(), reason.c_str())
+                            .c_str(),
                         1);
 }
 
@@ -110,10 +111,8 @@ int KivRequestProxySatellite::CabServiceCreateZipFile(const char*, const tagVARI
     for (const CStdStr& path : paths) {
         layout->AddFile(path);
         const long long size = m_served.sizeOf(path, "CreateZip");
-        if (size < 0)
-            refused.insert(path);  // missing or refused: an empty entry
-        else
-            total += size;
+        if (size < 0) refused.insert(path);  // missing or refused: an empty entry
+        else total += size;
     }
     long long estimate = total + static_cast<long long>(layout->getZipHeaderSize());
     CBBLog::info("Creating zip of %d files (%lld -> %lld)", static_cast<int>(paths.size()), total, estimate);
@@ -172,8 +171,8 @@ void* KivRequestProxySatellite::createZipThread(void* arg) {
     };
     CStdStr error;
     try {
-        if (!record->tree->createZip(record->zipPath.c_str(), store, &error,
-                                     [record] { return record->abandon.load(); }, openInput) &&
+        if (!record->tree->createZip(
+                record->zipPath.c_str(), store, &error, [record] { return record->abandon.load(); }, openInput) &&
             error.empty())
             error = "write failed";
     } catch (const std::exception& e) {
@@ -226,8 +225,7 @@ CStdStr KivRequestProxySatellite::waitForPendingArchive(const CStdStr& path, int
             if (turnedAway)
                 CBBLog::warn("%s is still being written; not waiting, %d readers wait for archives already",
                              path.c_str(), ArchiveThreads::kMaxWaiters);
-            else
-                CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
+            else CBBLog::warn("%s is still being written after %d ms", path.c_str(), timeoutMs);
             return CStdStr::Formatted("archive %s is still being written", path.c_str());
         }
         // The satellite stops: the archive is being abandoned.
@@ -255,15 +253,12 @@ int KivRequestProxySatellite::CabServiceZipLogs(const char*, const tagVARIANT&, 
     for (const auto& file : owned) {
         layout->AddFile(file->getPath());
         const long long size = m_served.sizeOf(file->getPath(), "ZipLogs");
-        if (size < 0)
-            refused.insert(file->getPath());
-        else
-            total += size;
+        if (size < 0) refused.insert(file->getPath());
+        else total += size;
     }
     const long long estimate = total + static_cast<long long>(layout->getZipHeaderSize());
     if (CBBLog::isDebugEnabled())
-        CBBLog::debug("Creating zip of %d log files (%lld -> %lld)", static_cast<int>(files.size()), total,
-                      estimate);
+        CBBLog::debug("Creating zip of %d log files (%lld -> %lld)", static_cast<int>(files.size()), total, estimate);
     CStdStr why;
     if (!ArchiveBudget::admit(estimate, &why)) throw archiveRefused("ZipLogs", why);
 
@@ -302,20 +297,13 @@ int KivRequestProxySatellite::CabServiceDeleteTempFile(const char*, const tagVAR
     }
     CStdStr detail;
     switch (deleteTempEntry(path, nullptr, &detail)) {
-        case TempDeletion::Deleted:
-            return 0;
-        case TempDeletion::Missing:
-            CBBLog::debug("DeleteTempFile: %s did not exist", path.c_str());
-            return 0;
-        case TempDeletion::Folder:
-            CBBLog::warn("DeleteTempFile refused %s: it is a folder", path.c_str());
-            return 403;
-        case TempDeletion::Failed:
-            CBBLog::info("Exception deleting %s: %s", path.c_str(), detail.c_str());
-            return 1;
-        default:
-            CBBLog::warn("DeleteTempFile refused %s (in %s): not inside the temporary folder", path.c_str(),
-                         detail.c_str());
-            return 403;
+    case TempDeletion::Deleted: return 0;
+    case TempDeletion::Missing: CBBLog::debug("DeleteTempFile: %s did not exist", path.c_str()); return 0;
+    case TempDeletion::Folder: CBBLog::warn("DeleteTempFile refused %s: it is a folder", path.c_str()); return 403;
+    case TempDeletion::Failed: CBBLog::info("Exception deleting %s: %s", path.c_str(), detail.c_str()); return 1;
+    default:
+        CBBLog::warn("DeleteTempFile refused %s (in %s): not inside the temporary folder", path.c_str(),
+                     detail.c_str());
+        return 403;
     }
 }

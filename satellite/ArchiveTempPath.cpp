@@ -32,8 +32,8 @@ CStdStr realFolder(const CStdStr& path) {
 
 bool inside(const CStdStr& folder, const CStdStr& root) {
     if (root.empty() || root == "/") return false;
-    return folder == root || (folder.size() > root.size() && folder.compare(0, root.size(), root) == 0 &&
-                              folder[root.size()] == '/');
+    return folder == root ||
+           (folder.size() > root.size() && folder.compare(0, root.size(), root) == 0 && folder[root.size()] == '/');
 }
 
 bool insideTemporaryFolders(const CStdStr& folder) {
@@ -87,7 +87,9 @@ TempDeletion deleteTempEntry(const CStdStr& path, const TempEntryId* expected, C
         *detail = "no entry name";
         return TempDeletion::Outside;
     }
-    const CStdStr parent = slash == CStdStr::npos ? CStdStr(".") : slash == 0 ? CStdStr("/") : CStdStr(path.substr(0, slash));
+    const CStdStr parent = slash == CStdStr::npos ? CStdStr(".")
+                           : slash == 0           ? CStdStr("/")
+                                                  : CStdStr(path.substr(0, slash));
     Descriptor folder(openFolder(parent));
     if (folder.get() < 0) {
         *detail = CStdStr::Formatted("cannot open %s: %s", parent.c_str(), strerror(errno));

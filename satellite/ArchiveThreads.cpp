@@ -9,9 +9,9 @@
 namespace {
 
 struct Bookkeeping {
-    PCondMutex signal;                                        // guards both below; broadcast on every finish
+    PCondMutex signal;  // guards both below; broadcast on every finish
     std::map<const KivRequestProxySatellite*, int> running KIV_GUARDED_BY(signal);  // threads per satellite
-    int waiters KIV_GUARDED_BY(signal) = 0;  // threads in waitWhile
+    int waiters KIV_GUARDED_BY(signal) = 0;                                         // threads in waitWhile
 };
 
 // Never destroyed: an archive thread may still finish while the process exits.

@@ -35,20 +35,11 @@ bool readCount(const tagVARIANT& in, int index, unsigned long long& value) {
     CLocalVariant v;
     VUtil::GetElement(in, index, v.get());
     switch (v.vt()) {
-        case VT_I4:
-            value = v.get().lVal < 0 ? 0 : static_cast<unsigned long long>(v.get().lVal);
-            return true;
-        case VT_UI4:
-            value = v.get().ulVal;
-            return true;
-        case VT_I8:
-            value = v.get().llVal < 0 ? 0 : static_cast<unsigned long long>(v.get().llVal);
-            return true;
-        case VT_UI8:
-            value = v.get().ullVal;
-            return true;
-        default:
-            return false;
+    case VT_I4: value = v.get().lVal < 0 ? 0 : static_cast<unsigned long long>(v.get().lVal); return true;
+    case VT_UI4: value = v.get().ulVal; return true;
+    case VT_I8: value = v.get().llVal < 0 ? 0 : static_cast<unsigned long long>(v.get().llVal); return true;
+    case VT_UI8: value = v.get().ullVal; return true;
+    default: return false;
     }
 }
 
@@ -68,8 +59,7 @@ int KivRequestProxySatellite::CabServiceGetFile(const char* name, const tagVARIA
     // Size and bytes come from one open descriptor, so they describe the same file.
     int fd = m_served.openForReading(path, "GetFile");
     struct stat st;
-    const unsigned long long size =
-        fd >= 0 && ::fstat(fd, &st) == 0 ? static_cast<unsigned long long>(st.st_size) : 0;
+    const unsigned long long size = fd >= 0 && ::fstat(fd, &st) == 0 ? static_cast<unsigned long long>(st.st_size) : 0;
     const unsigned long long start = offset < size ? offset : size;
     const unsigned long long remaining = size - start;
     unsigned long long length = maxBytes == 0 ? remaining : (maxBytes < remaining ? maxBytes : remaining);

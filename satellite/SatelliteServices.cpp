@@ -30,17 +30,18 @@ int KivRequestProxySatellite::Register() {
     CStdStr servers;
     if (CRegistry::getInstance()->ReadSettingImpl(kConfigKey, "cabDirectory.servers", servers) && !servers.empty())
         CBBLog::info("Connecting to %s", servers.c_str());
-    else
-        CBBLog::info("Connecting to %s", host.c_str());
+    else CBBLog::info("Connecting to %s", host.c_str());
     int rc = Connect(host.c_str(), "VorpaMediaProxy");
     CBBLog::debug("Register returned %d", rc);
     return rc;
 }
 
 int KivRequestProxySatellite::CreateServices() {
-    AddService("QueryFileSize", "Get file size", new Delegate(this, &KivRequestProxySatellite::CabServiceQueryFileSize));
+    AddService("QueryFileSize", "Get file size",
+               new Delegate(this, &KivRequestProxySatellite::CabServiceQueryFileSize));
     AddService("GetFile", "Download a file", new Delegate(this, &KivRequestProxySatellite::CabServiceGetFile));
-    AddService("my-KIV_GetVersion", "Get Kiv version", new Delegate(this, &KivRequestProxySatellite::CabServiceGetKivVersion));
+    AddService("my-KIV_GetVersion", "Get Kiv version",
+               new Delegate(this, &KivRequestProxySatellite::CabServiceGetKivVersion));
     AddService("my-KIV_TailLog", "", new Delegate(this, &KivRequestProxySatellite::CabServiceTailLog));
     AddService("MultiRequest", "", new Delegate(this, &KivRequestProxySatellite::CabServiceMultiRequest));
     AddService("CreateZip", "", new Delegate(this, &KivRequestProxySatellite::CabServiceCreateZipFile));
@@ -52,7 +53,8 @@ int KivRequestProxySatellite::CreateServices() {
                new Delegate(this, &KivRequestProxySatellite::CabServiceZipLogs));
     // The support services are for admins; the directory refuses them to
     // everybody else, and the proxy runs none of them on another's behalf.
-    for (const char* service : {"my-KIV_TailLog", "GetKivConfig", "ZipLogs", "GenerateCrash"}) RestrictToAdmins(service);
+    for (const char* service : {"my-KIV_TailLog", "GetKivConfig", "ZipLogs", "GenerateCrash"})
+        RestrictToAdmins(service);
     return 0;
 }
 

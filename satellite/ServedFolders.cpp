@@ -87,19 +87,13 @@ const char* kindOf(mode_t mode) {
 // Why openBeneath failed, for the log; empty when the file is simply missing.
 CStdStr refusalOf(int error) {
     switch (error) {
-        case ENOENT:
-        case ENOTDIR:
-            return CStdStr();
-        case EXDEV:
-            return "it leads out of the served folder (a link or \"..\")";
-        case ELOOP:
-            return "a link that is not followed";
-        case ENXIO:
-            return "a socket";
-        case ENOSYS:
-            return "this kernel cannot open beneath a folder (openat2)";
-        default:
-            return CStdStr::Formatted("cannot open it: %s", strerror(error));
+    case ENOENT:
+    case ENOTDIR: return CStdStr();
+    case EXDEV: return "it leads out of the served folder (a link or \"..\")";
+    case ELOOP: return "a link that is not followed";
+    case ENXIO: return "a socket";
+    case ENOSYS: return "this kernel cannot open beneath a folder (openat2)";
+    default: return CStdStr::Formatted("cannot open it: %s", strerror(error));
     }
 }
 
@@ -120,10 +114,8 @@ ServedFolders::ServedFolders(ArchiveLookup archives) : m_archives(std::move(arch
             size_t end = roots.find(':', start);
             if (end == CStdStr::npos) end = roots.size();
             const CStdStr root = roots.substr(start, end - start);
-            if (!root.empty() && root[0] == '/')
-                addFolder(m_folders, root);
-            else if (!root.empty())
-                CBBLog::warn("files.roots: %s is not an absolute folder; ignored", root.c_str());
+            if (!root.empty() && root[0] == '/') addFolder(m_folders, root);
+            else if (!root.empty()) CBBLog::warn("files.roots: %s is not an absolute folder; ignored", root.c_str());
             start = end + 1;
         }
     }
@@ -144,9 +136,7 @@ ServedFolders::ServedFolders(ArchiveLookup archives) : m_archives(std::move(arch
     }
 }
 
-int ServedFolders::openForReading(const CStdStr& path, const char* service) const {
-    return open(path, true, service);
-}
+int ServedFolders::openForReading(const CStdStr& path, const char* service) const { return open(path, true, service); }
 
 long long ServedFolders::sizeOf(const CStdStr& path, const char* service) const {
     const int fd = open(path, false, service);

@@ -58,5 +58,5 @@ private:
         dev_t device;
         ino_t inode;
     };
-    std::vector<Credential> m_credentials;   // files named by credential settings
+    std::vector<Credential> m_credentials;  // files named by credential settings
 };

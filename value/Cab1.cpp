@@ -13,8 +13,7 @@
 #include <cstdio>
 #include <cstring>
 
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__,
-              "CAB1 is little-endian; array storage is referenced in place");
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "CAB1 is little-endian; array storage is referenced in place");
 
 namespace {
 
@@ -25,22 +24,41 @@ const size_t kMinExternal = 256;
 
 bool isArrayElementType(VARTYPE t) {
     switch (t) {
-    case VT_I1: case VT_UI1: case VT_I2: case VT_UI2: case VT_I4: case VT_UI4: case VT_I8:
-    case VT_UI8: case VT_R4: case VT_R8: case VT_DATE: case VT_BSTR: case VT_BOOL: case VT_VARIANT:
-        return true;
-    default:
-        return false;
+    case VT_I1:
+    case VT_UI1:
+    case VT_I2:
+    case VT_UI2:
+    case VT_I4:
+    case VT_UI4:
+    case VT_I8:
+    case VT_UI8:
+    case VT_R4:
+    case VT_R8:
+    case VT_DATE:
+    case VT_BSTR:
+    case VT_BOOL:
+    case VT_VARIANT: return true;
+    default: return false;
     }
 }
 
 // Body size of a scalar type; -1 when the type is not a CAB1 scalar (BSTR is variable: 0 here).
 int scalarBodySize(VARTYPE t) {
     switch (t) {
-    case VT_EMPTY: case VT_NULL: return 0;
-    case VT_I1: case VT_UI1: return 1;
-    case VT_I2: case VT_UI2: case VT_BOOL: return 2;
-    case VT_I4: case VT_UI4: case VT_R4: return 4;
-    case VT_I8: case VT_UI8: case VT_R8: case VT_DATE: return 8;
+    case VT_EMPTY:
+    case VT_NULL: return 0;
+    case VT_I1:
+    case VT_UI1: return 1;
+    case VT_I2:
+    case VT_UI2:
+    case VT_BOOL: return 2;
+    case VT_I4:
+    case VT_UI4:
+    case VT_R4: return 4;
+    case VT_I8:
+    case VT_UI8:
+    case VT_R8:
+    case VT_DATE: return 8;
     case VT_BSTR: return 0;
     default: return -1;
     }
@@ -58,10 +76,10 @@ std::string hex16(uint16_t v) {
 
 struct Cab1Encoding::Impl {
     struct Piece {
-        size_t start;       // offset in the encoding
+        size_t start;  // offset in the encoding
         size_t len;
-        const char* ext;    // referenced bytes, or null for owned bytes
-        size_t owned;       // offset in `buffer` when ext is null
+        const char* ext;  // referenced bytes, or null for owned bytes
+        size_t owned;     // offset in `buffer` when ext is null
     };
     std::vector<Piece> pieces;
     std::string buffer;
@@ -79,16 +97,28 @@ struct Cab1Encoding::Impl {
         size += n;
     }
     void putSpan(const void* data, size_t n) {
-        if (n < kMinExternal) { putOwned(data, n); return; }
+        if (n < kMinExternal) {
+            putOwned(data, n);
+            return;
+        }
         pieces.push_back({size, n, static_cast<const char*>(data), 0});
         size += n;
     }
-    template <class T> void put(T value) { putOwned(&value, sizeof value); }
+    template <class T>
+    void put(T value) {
+        putOwned(&value, sizeof value);
+    }
 
     bool putString(BSTR s) {
-        if (!s) { put<uint32_t>(kNullString); return true; }
+        if (!s) {
+            put<uint32_t>(kNullString);
+            return true;
+        }
         uint32_t n = SysStringLen(s);
-        if (n == kNullString) { error = "string too long for CAB1"; return false; }
+        if (n == kNullString) {
+            error = "string too long for CAB1";
+            return false;
+        }
         put<uint32_t>(n);
         putSpan(s, n);
         return true;
@@ -96,11 +126,20 @@ struct Cab1Encoding::Impl {
 
     bool encode(const tagVARIANT& v, int depth) {
         VARTYPE vt = v.vt;
-        if (vt & VT_BYREF) { error = "by-reference variant (type " + hex16(vt) + ") cannot be encoded"; return false; }
+        if (vt & VT_BYREF) {
+            error = "by-reference variant (type " + hex16(vt) + ") cannot be encoded";
+            return false;
+        }
         if (vt & VT_ARRAY) {
             VARTYPE et = VARTYPE(vt & ~VT_ARRAY);
-            if (!isArrayElementType(et)) { error = "array element type " + hex16(et) + " cannot be encoded"; return false; }
-            if (depth + 1 > kMaxArrayDepth) { error = "arrays nested deeper than 64"; return false; }
+            if (!isArrayElementType(et)) {
+                error = "array element type " + hex16(et) + " cannot be encoded";
+                return false;
+            }
+            if (depth + 1 > kMaxArrayDepth) {
+                error = "arrays nested deeper than 64";
+                return false;
+            }
             const SAFEARRAY* psa = v.parray;
             put<uint16_t>(vt);
             if (!psa) {
@@ -109,7 +148,10 @@ struct Cab1Encoding::Impl {
                 put<uint32_t>(0);
                 return true;
             }
-            if (psa->cDims != 1) { error = "multi-dimensional array cannot be encoded"; return false; }
+            if (psa->cDims != 1) {
+                error = "multi-dimensional array cannot be encoded";
+                return false;
+            }
             if (psa->vt != et) {
                 error = "array of type " + hex16(psa->vt) + " held in a variant of type " + hex16(vt);
                 return false;
@@ -131,7 +173,10 @@ struct Cab1Encoding::Impl {
             return true;
         }
         int body = scalarBodySize(vt);
-        if (body < 0) { error = "type " + std::to_string(vt) + " cannot be encoded"; return false; }
+        if (body < 0) {
+            error = "type " + std::to_string(vt) + " cannot be encoded";
+            return false;
+        }
         put<uint16_t>(vt);
         if (vt == VT_BSTR) return putString(v.bstrVal);
         putOwned(&v.llVal, size_t(body));
@@ -212,10 +257,11 @@ public:
         return false;
     }
 
-    template <class T> bool read(T* out, const char* what) {
+    template <class T>
+    bool read(T* out, const char* what) {
         if (remaining() < sizeof(T))
-            return fail(std::string("truncated ") + what + " (needs " + std::to_string(sizeof(T)) +
-                            " bytes, " + std::to_string(remaining()) + " left)",
+            return fail(std::string("truncated ") + what + " (needs " + std::to_string(sizeof(T)) + " bytes, " +
+                            std::to_string(remaining()) + " left)",
                         m_pos);
         take(out, sizeof(T));
         return true;
@@ -234,7 +280,10 @@ public:
         size_t at = m_pos;
         uint32_t n;
         if (!read(&n, "string length")) return false;
-        if (n == kNullString) { *out = nullptr; return true; }
+        if (n == kNullString) {
+            *out = nullptr;
+            return true;
+        }
         if (remaining() < n)
             return fail("truncated string (length " + std::to_string(n) + ", " + std::to_string(remaining()) +
                             " bytes left)",
@@ -301,7 +350,10 @@ private:
             tagVARIANT* e = static_cast<tagVARIANT*>(psa->pvData);
             for (uint32_t i = 0; good && i < bound.cElements; ++i) good = variant(&e[i], depth + 1);
         }
-        if (!good) { SafeArrayDestroy(psa); return false; }
+        if (!good) {
+            SafeArrayDestroy(psa);
+            return false;
+        }
         out->vt = vt;
         out->parray = psa;
         return true;
@@ -347,9 +399,9 @@ private:
 
     const Cab1Piece* m_pieces;
     size_t m_count;
-    size_t m_next = 0;           // index of the range after the current one
+    size_t m_next = 0;  // index of the range after the current one
     const uint8_t* m_cur = nullptr;
-    size_t m_curLeft = 0;        // bytes left in the current range
+    size_t m_curLeft = 0;  // bytes left in the current range
     size_t m_len = 0;
     size_t m_pos = 0;
     std::string m_error;

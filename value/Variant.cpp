@@ -32,12 +32,22 @@ const uint16_t FADF_VARIANT = 0x0800;
 
 bool isScalarType(VARTYPE vt) {
     switch (vt) {
-    case VT_EMPTY: case VT_NULL: case VT_I1: case VT_UI1: case VT_I2: case VT_UI2: case VT_BOOL:
-    case VT_I4: case VT_UI4: case VT_R4: case VT_I8: case VT_UI8: case VT_R8: case VT_DATE:
-    case VT_BSTR:
-        return true;
-    default:
-        return false;
+    case VT_EMPTY:
+    case VT_NULL:
+    case VT_I1:
+    case VT_UI1:
+    case VT_I2:
+    case VT_UI2:
+    case VT_BOOL:
+    case VT_I4:
+    case VT_UI4:
+    case VT_R4:
+    case VT_I8:
+    case VT_UI8:
+    case VT_R8:
+    case VT_DATE:
+    case VT_BSTR: return true;
+    default: return false;
     }
 }
 
@@ -79,7 +89,10 @@ void releaseStorage(SAFEARRAY* psa) {
 void clearElements(SAFEARRAY* psa, uint32_t from, uint32_t to) {
     if (psa->vt == VT_BSTR) {
         BSTR* p = static_cast<BSTR*>(psa->pvData);
-        for (uint32_t i = from; i < to; ++i) { SysFreeString(p[i]); p[i] = nullptr; }
+        for (uint32_t i = from; i < to; ++i) {
+            SysFreeString(p[i]);
+            p[i] = nullptr;
+        }
     } else if (psa->vt == VT_VARIANT) {
         tagVARIANT* p = static_cast<tagVARIANT*>(psa->pvData);
         for (uint32_t i = from; i < to; ++i) VariantClear(&p[i]);
@@ -132,10 +145,18 @@ uint32_t SysStringLen(BSTR s) {
 
 uint32_t SafeArrayElementSize(VARTYPE vt) {
     switch (vt) {
-    case VT_I1: case VT_UI1: return 1;
-    case VT_I2: case VT_UI2: case VT_BOOL: return 2;
-    case VT_I4: case VT_UI4: case VT_R4: return 4;
-    case VT_I8: case VT_UI8: case VT_R8: case VT_DATE: return 8;
+    case VT_I1:
+    case VT_UI1: return 1;
+    case VT_I2:
+    case VT_UI2:
+    case VT_BOOL: return 2;
+    case VT_I4:
+    case VT_UI4:
+    case VT_R4: return 4;
+    case VT_I8:
+    case VT_UI8:
+    case VT_R8:
+    case VT_DATE: return 8;
     case VT_BSTR: return sizeof(BSTR);
     case VT_VARIANT: return sizeof(tagVARIANT);
     default: return 0;
@@ -152,7 +173,10 @@ SAFEARRAY* SafeArrayCreateEx(VARTYPE vt, const SAFEARRAYBOUND& bound, bool zero)
     SAFEARRAY* psa = static_cast<SAFEARRAY*>(calloc(1, sizeof(SAFEARRAY)));
     if (!psa) return nullptr;
     psa->pvData = allocStorage(bytes, zero);
-    if (!psa->pvData) { free(psa); return nullptr; }
+    if (!psa->pvData) {
+        free(psa);
+        return nullptr;
+    }
     psa->cDims = 1;
     psa->fFeatures = FADF_HAVEVARTYPE | (vt == VT_BSTR ? FADF_BSTR : 0) | (vt == VT_VARIANT ? FADF_VARIANT : 0);
     psa->cbElements = cb;
@@ -328,14 +352,20 @@ HRESULT SafeArrayCopy(const SAFEARRAY* psa, SAFEARRAY** out) {
         for (uint32_t i = 0; i < n; ++i) {
             if (!from[i]) continue;
             to[i] = SysAllocStringLen(from[i], SysStringLen(from[i]));
-            if (!to[i]) { SafeArrayDestroy(copy); return E_OUTOFMEMORY; }
+            if (!to[i]) {
+                SafeArrayDestroy(copy);
+                return E_OUTOFMEMORY;
+            }
         }
     } else if (psa->vt == VT_VARIANT) {
         const tagVARIANT* from = static_cast<const tagVARIANT*>(psa->pvData);
         tagVARIANT* to = static_cast<tagVARIANT*>(copy->pvData);
         for (uint32_t i = 0; i < n; ++i) {
             HRESULT hr = VariantCopy(&to[i], &from[i]);
-            if (hr != S_OK) { SafeArrayDestroy(copy); return hr; }
+            if (hr != S_OK) {
+                SafeArrayDestroy(copy);
+                return hr;
+            }
         }
     } else {
         memcpy(copy->pvData, psa->pvData, size_t(n) * psa->cbElements);

@@ -55,11 +55,11 @@ struct SAFEARRAYBOUND {
 };
 
 struct SAFEARRAY {
-    uint16_t cDims;        // always 1
+    uint16_t cDims;  // always 1
     uint16_t fFeatures;
-    uint32_t cbElements;   // bytes per element
+    uint32_t cbElements;  // bytes per element
     uint32_t cLocks;
-    VARTYPE vt;            // element type
+    VARTYPE vt;  // element type
     void* pvData;
     SAFEARRAYBOUND rgsabound[1];
     // Storage lent by someone else (SafeArrayCreateOver): pfnRelease(pvOwner)
@@ -130,4 +130,4 @@ SAFEARRAY* SafeArrayCreateOver(VARTYPE vt, const SAFEARRAYBOUND& bound, void* da
 BSTR SysAllocString(const char* text);                   // copies up to the NUL; null gives null
 BSTR SysAllocStringLen(const char* data, uint32_t len);  // copies len bytes (data may be null: zeros)
 void SysFreeString(BSTR s);
-uint32_t SysStringLen(BSTR s);                           // 0 for null
+uint32_t SysStringLen(BSTR s);  // 0 for null

@@ -23,10 +23,9 @@ struct TypeEntry {
     const char* name;
 };
 const TypeEntry kTypes[] = {
-    {VT_EMPTY, "EMPTY"}, {VT_NULL, "NULL"}, {VT_I1, "I1"},     {VT_UI1, "UI1"},   {VT_I2, "I2"},
-    {VT_UI2, "UI2"},     {VT_I4, "I4"},     {VT_UI4, "UI4"},   {VT_I8, "I8"},     {VT_UI8, "UI8"},
-    {VT_R4, "R4"},       {VT_R8, "R8"},     {VT_DATE, "DATE"}, {VT_BSTR, "BSTR"}, {VT_BOOL, "BOOL"},
-    {VT_VARIANT, "VARIANT"},
+    {VT_EMPTY, "EMPTY"}, {VT_NULL, "NULL"}, {VT_I1, "I1"},     {VT_UI1, "UI1"},         {VT_I2, "I2"}, {VT_UI2, "UI2"},
+    {VT_I4, "I4"},       {VT_UI4, "UI4"},   {VT_I8, "I8"},     {VT_UI8, "UI8"},         {VT_R4, "R4"}, {VT_R8, "R8"},
+    {VT_DATE, "DATE"},   {VT_BSTR, "BSTR"}, {VT_BOOL, "BOOL"}, {VT_VARIANT, "VARIANT"},
 };
 
 const char* shortName(VARTYPE vt) {
@@ -37,7 +36,10 @@ const char* shortName(VARTYPE vt) {
 
 bool typeFromName(const std::string& name, VARTYPE* vt) {
     for (const auto& t : kTypes)
-        if (name == t.name) { *vt = t.vt; return true; }
+        if (name == t.name) {
+            *vt = t.vt;
+            return true;
+        }
     return false;
 }
 
@@ -56,8 +58,7 @@ bool textToDate(const std::string& text, double* days) {
     if (sscanf(text.c_str(), "%4d-%2d-%2d %2d:%2d:%2d%n", &y, &mo, &d, &h, &mi, &s, &used) != 6 ||
         used != int(text.size())) {
         used = 0;
-        if (sscanf(text.c_str(), "%4d-%2d-%2d%n", &y, &mo, &d, &used) != 3 || used != int(text.size()))
-            return false;
+        if (sscanf(text.c_str(), "%4d-%2d-%2d%n", &y, &mo, &d, &used) != 3 || used != int(text.size())) return false;
         h = mi = s = 0;
     }
     if (y < 1 || mo < 1 || mo > 12 || d < 1 || d > 31 || h > 23 || mi > 59 || s > 59) return false;
@@ -87,8 +88,8 @@ bool dateToText(double days, std::string* text) {
     struct tm tm;
     if (!localtime_r(&t, &tm) || tm.tm_year + 1900 < 1 || tm.tm_year + 1900 > 9999) return false;
     char buf[40];
-    snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
-             tm.tm_hour, tm.tm_min, tm.tm_sec);
+    snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday, tm.tm_hour,
+             tm.tm_min, tm.tm_sec);
     double back;
     if (!textToDate(buf, &back) || memcmp(&back, &days, sizeof back) != 0) return false;
     *text = buf;
@@ -149,7 +150,8 @@ json writeElement(VARTYPE t, const void* p) {
         memcpy(&bits, p, 4);
         return writeFloating(double(f), bits, 8, 0x7FC00000u, 0x7F800000u, 0xFF800000u);
     }
-    case VT_R8: case VT_DATE: {
+    case VT_R8:
+    case VT_DATE: {
         double d;
         uint64_t bits;
         memcpy(&d, p, 8);
@@ -212,8 +214,7 @@ json writeVariant(const tagVARIANT& v) {
     case VT_BSTR:
         if (v.bstrVal && IsValidUtf8(v.bstrVal, SysStringLen(v.bstrVal))) return writeString(v.bstrVal);
         break;
-    default:
-        break;
+    default: break;
     }
     const char* name = shortName(vt);
     if (!name || vt == VT_VARIANT) return unknown(vt);
@@ -241,18 +242,33 @@ public:
             return true;
         case json::value_t::number_integer: {
             int64_t n = j.get<int64_t>();
-            if (n >= INT32_MIN && n <= INT32_MAX) { out->vt = VT_I4; out->lVal = int32_t(n); }
-            else { out->vt = VT_I8; out->llVal = n; }
+            if (n >= INT32_MIN && n <= INT32_MAX) {
+                out->vt = VT_I4;
+                out->lVal = int32_t(n);
+            } else {
+                out->vt = VT_I8;
+                out->llVal = n;
+            }
             return true;
         }
         case json::value_t::number_unsigned: {
             uint64_t n = j.get<uint64_t>();
-            if (n <= uint64_t(INT32_MAX)) { out->vt = VT_I4; out->lVal = int32_t(n); }
-            else if (n <= uint64_t(INT64_MAX)) { out->vt = VT_I8; out->llVal = int64_t(n); }
-            else { out->vt = VT_UI8; out->ullVal = n; }
+            if (n <= uint64_t(INT32_MAX)) {
+                out->vt = VT_I4;
+                out->lVal = int32_t(n);
+            } else if (n <= uint64_t(INT64_MAX)) {
+                out->vt = VT_I8;
+                out->llVal = int64_t(n);
+            } else {
+                out->vt = VT_UI8;
+                out->ullVal = n;
+            }
             return true;
         }
-        case json::value_t::number_float: out->vt = VT_R8; out->dblVal = j.get<double>(); return true;
+        case json::value_t::number_float:
+            out->vt = VT_R8;
+            out->dblVal = j.get<double>();
+            return true;
         case json::value_t::string: {
             const std::string& s = j.get_ref<const std::string&>();
             return string(s, path, &out->bstrVal) && (out->vt = VT_BSTR, true);
@@ -272,8 +288,7 @@ private:
 
     bool object(const json& j, const std::string& path, int depth, tagVARIANT* out) {
         auto vtIt = j.find("$vt");
-        if (vtIt == j.end() || !vtIt->is_string())
-            return fail(path, "an object must name its type with \"$vt\"");
+        if (vtIt == j.end() || !vtIt->is_string()) return fail(path, "an object must name its type with \"$vt\"");
         std::string name = vtIt->get<std::string>();
         bool isArray = name.size() > 2 && name.compare(name.size() - 2, 2, "[]") == 0;
         VARTYPE t;
@@ -282,8 +297,8 @@ private:
             return fail(path + "/$vt", "unknown type \"" + name + "\"");
         for (auto& kv : j.items()) {
             const std::string& k = kv.key();
-            bool allowed = k == "$vt" || (k == "v" && t != VT_EMPTY && t != VT_NULL) ||
-                           (isArray && k == "lb") || (k == "base64" && (t == VT_BSTR || (isArray && t == VT_UI1))) ||
+            bool allowed = k == "$vt" || (k == "v" && t != VT_EMPTY && t != VT_NULL) || (isArray && k == "lb") ||
+                           (k == "base64" && (t == VT_BSTR || (isArray && t == VT_UI1))) ||
                            (!isArray && k == "bits" && (t == VT_R4 || t == VT_R8 || t == VT_DATE));
             if (!allowed) return fail(path + "/" + k, "unexpected key \"" + k + "\" for type \"" + name + "\"");
         }
@@ -297,7 +312,10 @@ private:
             }
             return array(t, j, lb, path, depth, out);
         }
-        if (t == VT_EMPTY || t == VT_NULL) { out->vt = t; return true; }
+        if (t == VT_EMPTY || t == VT_NULL) {
+            out->vt = t;
+            return true;
+        }
         const json* element;
         std::string elementPath = path;
         json rest;
@@ -404,8 +422,10 @@ private:
             unsigned long long bits = strtoull(s.c_str(), &end, 16);
             if (s.size() != digits || *end || s.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos)
                 return fail(path + "/bits", "expected " + std::to_string(digits) + " hex digits");
-            if (isFloat) { uint32_t b = uint32_t(bits); memcpy(slot, &b, 4); }
-            else memcpy(slot, &bits, 8);
+            if (isFloat) {
+                uint32_t b = uint32_t(bits);
+                memcpy(slot, &b, 4);
+            } else memcpy(slot, &bits, 8);
             return true;
         } else {
             return fail(path, "expected a number, got " + e.dump());
@@ -437,7 +457,9 @@ private:
                 return true;
             }
             return integer<int16_t>(e, path, "BOOL", slot);
-        case VT_R4: case VT_R8: case VT_DATE: return floating(t, e, path, slot);
+        case VT_R4:
+        case VT_R8:
+        case VT_DATE: return floating(t, e, path, slot);
         case VT_BSTR: {
             BSTR s = nullptr;
             if (e.is_string()) {
@@ -472,10 +494,15 @@ void quoted(const char* s, size_t n, std::string* out) {
     *out += '"';
     for (size_t i = 0; i < shown; ++i) {
         unsigned char c = static_cast<unsigned char>(s[i]);
-        if (c == '"' || c == '\\') { *out += '\\'; *out += char(c); }
-        else if (c == '\n') *out += "\\n";
-        else if (c < 0x20 || c == 0x7F) { char b[8]; snprintf(b, sizeof b, "\\x%02x", c); *out += b; }
-        else *out += char(c);
+        if (c == '"' || c == '\\') {
+            *out += '\\';
+            *out += char(c);
+        } else if (c == '\n') *out += "\\n";
+        else if (c < 0x20 || c == 0x7F) {
+            char b[8];
+            snprintf(b, sizeof b, "\\x%02x", c);
+            *out += b;
+        } else *out += char(c);
     }
     *out += '"';
     if (shown < n) *out += "... (" + std::to_string(n) + " bytes)";
@@ -499,8 +526,18 @@ void scalarText(VARTYPE t, const void* p, std::string* out) {
         else snprintf(buf, sizeof buf, "%d", b);
         break;
     }
-    case VT_R4: { float f; memcpy(&f, p, 4); snprintf(buf, sizeof buf, "%.9g", double(f)); break; }
-    case VT_R8: { double d; memcpy(&d, p, 8); snprintf(buf, sizeof buf, "%.17g", d); break; }
+    case VT_R4: {
+        float f;
+        memcpy(&f, p, 4);
+        snprintf(buf, sizeof buf, "%.9g", double(f));
+        break;
+    }
+    case VT_R8: {
+        double d;
+        memcpy(&d, p, 8);
+        snprintf(buf, sizeof buf, "%.17g", d);
+        break;
+    }
     case VT_DATE: {
         double d;
         memcpy(&d, p, 8);
@@ -531,8 +568,14 @@ void renderText(const tagVARIANT& v, int indent, std::string* out) {
         return;
     }
     const SAFEARRAY* psa = v.parray;
-    if (!psa) { *out += " (no array)"; return; }
-    if (psa->cDims != 1) { *out += " (" + std::to_string(psa->cDims) + " dimensions)"; return; }
+    if (!psa) {
+        *out += " (no array)";
+        return;
+    }
+    if (psa->cDims != 1) {
+        *out += " (" + std::to_string(psa->cDims) + " dimensions)";
+        return;
+    }
     uint32_t n = psa->rgsabound[0].cElements;
     *out += " [" + std::to_string(n) + "]";
     if (psa->rgsabound[0].lLbound) *out += " lb=" + std::to_string(psa->rgsabound[0].lLbound);

@@ -62,17 +62,17 @@ void GetBinaryElement(const tagVARIANT& v, int index, unsigned char*& out, int& 
 
 // `out` is overwritten (not cleared first) with a copy that the caller clears.
 void GetElement(const tagVARIANT& v, int index, tagVARIANT& out);
-void GetElement(const tagVARIANT& v, int index, long& out);        // VT_I4
-void GetElement(const tagVARIANT& v, int index, int& out);         // VT_I4
-void GetElement(const tagVARIANT& v, int index, short& out);       // VT_I2
+void GetElement(const tagVARIANT& v, int index, long& out);                // VT_I4
+void GetElement(const tagVARIANT& v, int index, int& out);                 // VT_I4
+void GetElement(const tagVARIANT& v, int index, short& out);               // VT_I2
 void GetElement(const tagVARIANT& v, int index, unsigned short& out);      // VT_UI2
 void GetElement(const tagVARIANT& v, int index, unsigned long& out);       // VT_UI4
 void GetElement(const tagVARIANT& v, int index, long long& out);           // VT_I8
 void GetElement(const tagVARIANT& v, int index, unsigned long long& out);  // VT_UI8
-void GetElement(const tagVARIANT& v, int index, float& out);       // VT_R4
-void GetElement(const tagVARIANT& v, int index, double& out);      // VT_R8
-void GetElement(const tagVARIANT& v, int index, bool& out);        // VT_BOOL (its error says "short")
-void GetElement(const tagVARIANT& v, int index, CStdStr& out);     // VT_BSTR
+void GetElement(const tagVARIANT& v, int index, float& out);               // VT_R4
+void GetElement(const tagVARIANT& v, int index, double& out);              // VT_R8
+void GetElement(const tagVARIANT& v, int index, bool& out);                // VT_BOOL (its error says "short")
+void GetElement(const tagVARIANT& v, int index, CStdStr& out);             // VT_BSTR
 
 // ---- Converting readers: the typed array, or an array of variants whose
 // element has the right type. The ...Empty forms also take a VT_EMPTY element.
@@ -81,16 +81,16 @@ void GetElement(const tagVARIANT& v, int index, CStdStr& out);     // VT_BSTR
 
 int GetIntElement(const tagVARIANT& v, int index);
 long GetLongElement(const tagVARIANT& v, int index);
-long GetLongElementEmpty(const tagVARIANT& v, int index);                   // empty: 0
+long GetLongElementEmpty(const tagVARIANT& v, int index);  // empty: 0
 short GetShortElement(const tagVARIANT& v, int index);
 unsigned short GetUnsignedShortElement(const tagVARIANT& v, int index);
 double GetDoubleElement(const tagVARIANT& v, int index);
-float GetFloatElement(const tagVARIANT& v, int index);                      // R4, or R8 narrowed
-CStdStr GetStringElement(const tagVARIANT& v, int index);                   // empty: ""
-CStdStr GetStringElementEmpty(const tagVARIANT& v, int index);              // empty: ""
+float GetFloatElement(const tagVARIANT& v, int index);          // R4, or R8 narrowed
+CStdStr GetStringElement(const tagVARIANT& v, int index);       // empty: ""
+CStdStr GetStringElementEmpty(const tagVARIANT& v, int index);  // empty: ""
 bool GetBoolElement(const tagVARIANT& v, int index);
-bool GetBoolElementEmpty(const tagVARIANT& v, int index);   // also I2/UI2/I4/UI4 non-zero; NULL/empty: false
-long GetDateElement(const tagVARIANT& v, int index);        // seconds since 1970
+bool GetBoolElementEmpty(const tagVARIANT& v, int index);  // also I2/UI2/I4/UI4 non-zero; NULL/empty: false
+long GetDateElement(const tagVARIANT& v, int index);       // seconds since 1970
 
 // ---- Writers: into the typed array, or wrapped in a variant when `v` is an
 // array of variants.

@@ -24,8 +24,7 @@ int measure(const tagVARIANT& v) {
     if (lower != 0) throwInvalid("Array is not zero indexed! (VUtil::GetArrayLength)");
     int32_t upper = 0;
     // An upper-bound failure reports the lower-bound text; callers match on it.
-    if (SafeArrayGetUBound(v.parray, 1, &upper) < 0)
-        throwInvalid("SafeArrayGetLBound failed in VUtil::GetArrayLength");
+    if (SafeArrayGetUBound(v.parray, 1, &upper) < 0) throwInvalid("SafeArrayGetLBound failed in VUtil::GetArrayLength");
     return static_cast<int>(upper) + 1;
 }
 

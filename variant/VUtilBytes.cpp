@@ -40,10 +40,8 @@ void PutBinaryIntoVariant(tagVARIANT* v, const void* data, int len) {
     if (len == 0) return;
     void* dest = nullptr;
     if (SafeArrayAccessData(v->parray, &dest) != 0 || !dest) throwInvalid("SafeArrayAccessData failed");
-    if (data)
-        memcpy(dest, data, static_cast<size_t>(len));
-    else
-        memset(dest, 0, static_cast<size_t>(len));  // no source: zeros
+    if (data) memcpy(dest, data, static_cast<size_t>(len));
+    else memset(dest, 0, static_cast<size_t>(len));  // no source: zeros
     SafeArrayUnaccessData(v->parray);
 }
 

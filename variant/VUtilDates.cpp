@@ -6,7 +6,7 @@
 namespace {
 const long kEpochDay = 25569;  // 1 January 1970 in variant days
 const long kDaySeconds = 86400;
-const double kMaxDays = 1e9;   // far beyond any real date, well inside long
+const double kMaxDays = 1e9;  // far beyond any real date, well inside long
 }  // namespace
 
 namespace VUtil {

@@ -49,8 +49,7 @@ void CheckSingleRetcode(const tagVARIANT& out, const char* context) {
     // Statuses are 32-bit: the hexadecimal form shows their 32 bits.
     if (status < 0)
         throwInvalid("%sCab error detected in VUtil::CheckSingleRetcode : hr = %ld - 0x%lx",
-                     contextPrefix(context).c_str(), status,
-                     static_cast<unsigned long>(static_cast<uint32_t>(status)));
+                     contextPrefix(context).c_str(), status, static_cast<unsigned long>(static_cast<uint32_t>(status)));
 }
 
 }  // namespace VUtil

@@ -36,7 +36,7 @@ namespace {
 kivtest::NatsServer* g_server;
 EchoSatellite* g_echo;
 CabClient* g_client;
-natsConnection* g_rawServe;   // answers "raw.echo" and "raw.blob"
+natsConnection* g_rawServe;  // answers "raw.echo" and "raw.blob"
 natsConnection* g_rawClient;
 std::string g_blob(4u << 20, 'x');
 
@@ -114,10 +114,10 @@ private:
     natsConnection* m_nc = nullptr;
     natsSubscription* m_sub = nullptr;
     std::thread m_worker;
-    std::mutex m_lock;              // guards the two below
+    std::mutex m_lock;  // guards the two below
     std::condition_variable m_cv;
-    std::deque<natsMsg*> m_msgs;    // m_lock
-    bool m_stop = false;            // m_lock
+    std::deque<natsMsg*> m_msgs;  // m_lock
+    bool m_stop = false;          // m_lock
 };
 
 // Bare NATS served by leader/follower: two threads take turns waiting in
@@ -308,8 +308,9 @@ void BM_PairedEcho64(benchmark::State& state) {
     };
     for (auto _ : state) {
         paired::Times t;
-        if (!paired::run(state, g_pairs, [&] { return timedLoop(&rawUs, [&] { return rawEcho(payload); }); },
-                         [&] { return timedLoop(&cabUs, [&] { return cabEcho(input); }); }, &t))
+        if (!paired::run(
+                state, g_pairs, [&] { return timedLoop(&rawUs, [&] { return rawEcho(payload); }); },
+                [&] { return timedLoop(&cabUs, [&] { return cabEcho(input); }); }, &t))
             return;
         paired::report(state, t, "cab_over_raw", false, "raw", "cab", "us", 1e6 / perRun);
     }
@@ -338,11 +339,11 @@ void BM_PairedEcho64x8(benchmark::State& state) {
     };
     for (auto _ : state) {
         paired::Times t;
-        if (!paired::run(state, g_pairs, [&] { return concurrently([&] { return rawEcho(payload); }); },
-                         [&] { return concurrently([&] { return cabEcho(input); }); }, &t))
+        if (!paired::run(
+                state, g_pairs, [&] { return concurrently([&] { return rawEcho(payload); }); },
+                [&] { return concurrently([&] { return cabEcho(input); }); }, &t))
             return;
-        paired::report(state, t, "cab_over_raw", false, "raw", "cab", "us_per_request",
-                       1e6 / (threads * perThread));
+        paired::report(state, t, "cab_over_raw", false, "raw", "cab", "us_per_request", 1e6 / (threads * perThread));
     }
 }
 
@@ -415,7 +416,8 @@ void pairedRawVariant(benchmark::State& state, const char* subject) {
     };
     for (auto _ : state) {
         paired::Times t;
-        if (!paired::run(state, g_pairs, [&] { return loop("raw.echo"); }, [&] { return loop(subject); }, &t))
+        if (!paired::run(
+                state, g_pairs, [&] { return loop("raw.echo"); }, [&] { return loop(subject); }, &t))
             return;
         paired::report(state, t, "variant_over_raw", false, "raw", "variant", "us", 1e6 / perRun);
     }
@@ -434,11 +436,23 @@ BENCHMARK(BM_RawEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(tru
 BENCHMARK(BM_CabEcho64)->UseRealTime()->Repetitions(5)->ReportAggregatesOnly(true);
 BENCHMARK(BM_RawEcho64)->Threads(8)->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
 BENCHMARK(BM_CabEcho64)->Threads(8)->UseRealTime()->Repetitions(3)->ReportAggregatesOnly(true);
-BENCHMARK(BM_RawBlob256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3)
+BENCHMARK(BM_RawBlob256MiB)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
-BENCHMARK(BM_CabBlob256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3)
+BENCHMARK(BM_CabBlob256MiB)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
-BENCHMARK(BM_CabBlobParts256MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3)
+BENCHMARK(BM_CabBlobParts256MiB)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
 
 }  // namespace

@@ -63,8 +63,9 @@ void BM_PairedListingVsLs(benchmark::State& state) {
     std::string command = "ls -l --sort=size '" + g_folder + "' > /dev/null";
     for (auto _ : state) {
         paired::Times t;
-        if (!paired::run(state, g_pairs, [&] { return system(command.c_str()) == 0; },
-                         [] { return listSortFields() == (size_t)kFiles; }, &t))
+        if (!paired::run(
+                state, g_pairs, [&] { return system(command.c_str()) == 0; },
+                [] { return listSortFields() == (size_t)kFiles; }, &t))
             return;
         paired::report(state, t, "listing_over_ls", false, "ls", "listing", "ms", 1e3);
     }

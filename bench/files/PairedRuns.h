@@ -75,8 +75,7 @@ inline bool run(benchmark::State& state, int pairs, const Run& a, const Run& b, 
         return false;
     }
     for (int i = 0; i < pairs; ++i) {
-        bool ok = i % 2 == 0 ? timed(a, &times->a) && timed(b, &times->b)
-                             : timed(b, &times->b) && timed(a, &times->a);
+        bool ok = i % 2 == 0 ? timed(a, &times->a) && timed(b, &times->b) : timed(b, &times->b) && timed(a, &times->a);
         if (!ok) {
             state.SkipWithError("a paired run failed");
             return false;
@@ -94,8 +93,7 @@ inline bool run(benchmark::State& state, int pairs, const Run& a, const Run& b, 
 // took than it would have first. Plus each side's median seconds times
 // `unitScale` as `<aName>_<unit>` and `<bName>_<unit>`.
 inline void report(benchmark::State& state, const Times& t, const std::string& name, bool speed,
-                   const std::string& aName, const std::string& bName, const std::string& unit,
-                   double unitScale) {
+                   const std::string& aName, const std::string& bName, const std::string& unit, double unitScale) {
     std::vector<double> ratios, order;
     for (size_t i = 0; i + 1 < t.a.size() && i + 1 < t.b.size(); i += 2) {
         double abFirst = t.b[i] / t.a[i], baFirst = t.b[i + 1] / t.a[i + 1];

@@ -184,11 +184,23 @@ void BM_FolderContent100kBySize(benchmark::State& state) {
     }
 }
 
-BENCHMARK(BM_CatFile)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(2)->Repetitions(3)
+BENCHMARK(BM_CatFile)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(2)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
-BENCHMARK(BM_ProxyGetFile4MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)
+BENCHMARK(BM_ProxyGetFile4MiB)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
-BENCHMARK(BM_RawNats4MiB)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3)
+BENCHMARK(BM_RawNats4MiB)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->Repetitions(3)
     ->ReportAggregatesOnly(true);
 BENCHMARK(BM_PairedGetFile)->UseRealTime()->Unit(benchmark::kMillisecond)->Iterations(1);
 BENCHMARK(BM_FolderContent100kBySize)->UseRealTime()->Unit(benchmark::kMillisecond)->MinTime(5.0);
@@ -253,7 +265,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "bench_fileservices: nats-server did not start: %s\n", server.error().c_str());
         return 1;
     }
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port", server.port());
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port",
+                                               server.port());
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "files.roots",
                                                CStdStr(sandbox.path()));

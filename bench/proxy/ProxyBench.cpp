@@ -104,8 +104,7 @@ void BM_PairedGetVersion(benchmark::State& state) {
     auto raw = [&] {
         for (int i = 0; i < perRun; ++i) {
             natsMsg* r = nullptr;
-            if (natsConnection_Request(&r, g_rawClient, "raw.echo", payload.data(), 64, 10000) != NATS_OK)
-                return false;
+            if (natsConnection_Request(&r, g_rawClient, "raw.echo", payload.data(), 64, 10000) != NATS_OK) return false;
             natsMsg_Destroy(r);
         }
         return true;
@@ -146,7 +145,8 @@ int main(int argc, char** argv) {
         return 1;
     }
     g_server = &server;
-    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port", server.port());
+    CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv\\Config", "cabDirectory.port",
+                                               server.port());
     CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 1);
 
     // Both sides send each message at once, as the broker library does;

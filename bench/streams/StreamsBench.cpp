@@ -167,9 +167,10 @@ int main(int argc, char** argv) {
         if (a == "--seconds" && i + 1 < argc) seconds = atoi(argv[++i]);
         else if (a == "--rounds" && i + 1 < argc) rounds = atoi(argv[++i]);
         else {
-            printf("usage: bench_streams [--seconds T (10)] [--rounds R (1)]\n"
-                   "Runs A B B A R times: A with answers in parts on the proxy's one connection,\n"
-                   "B on a connection of their own; see the top of StreamsBench.cpp.\n");
+            printf(
+                "usage: bench_streams [--seconds T (10)] [--rounds R (1)]\n"
+                "Runs A B B A R times: A with answers in parts on the proxy's one connection,\n"
+                "B on a connection of their own; see the top of StreamsBench.cpp.\n");
             return a == "--help" ? 0 : 64;
         }
     }
@@ -184,9 +185,7 @@ int main(int argc, char** argv) {
     }
     const long long fileBytes = 1ll << 30;
     const std::string file = work.file("film.bin");
-    {
-        std::ofstream f(file);
-    }
+    { std::ofstream f(file); }
     if (truncate(file.c_str(), fileBytes) != 0) return 2;
     auto registry = CRegistry::getInstance();
     registry->WriteSettingImpl(kConfig, "cabDirectory.host", CStdStr("127.0.0.1"));
@@ -199,8 +198,8 @@ int main(int argc, char** argv) {
         fprintf(stderr, "bench_streams: cab-echo did not start\n");
         return 2;
     }
-    printf("%-4s %9s %9s %9s %9s %7s %7s %8s %7s %11s %4s\n", "run", "proxy p50", "proxy p99", "echo p50",
-           "echo p99", "x p50", "x p99", "MB/s", "spread", "load", "fail");
+    printf("%-4s %9s %9s %9s %9s %7s %7s %8s %7s %11s %4s\n", "run", "proxy p50", "proxy p99", "echo p50", "echo p99",
+           "x p50", "x p99", "MB/s", "spread", "load", "fail");
     std::vector<double> p50Ratios, p99Ratios, rateRatios;
     for (int round = 0; round < rounds; ++round) {
         RunResult a1, b1, b2, a2;

@@ -44,8 +44,7 @@ void onAnswer(natsConnection*, natsSubscription*, natsMsg* msg, void* closure) {
     const bool first = natsMsgHeader_Get(msg, "Cab-Part", &part) != NATS_OK || (part && std::string(part) == "0");
     if (first) {
         ++tally.answers;
-        if (natsMsgHeader_Get(msg, "Cab-Status", &status) == NATS_OK && status &&
-            atoi(status) == CAB_E_BUSY)
+        if (natsMsgHeader_Get(msg, "Cab-Status", &status) == NATS_OK && status && atoi(status) == CAB_E_BUSY)
             ++tally.busy;
     }
     natsMsg_Destroy(msg);
@@ -128,9 +127,10 @@ int runMemoryAttack(const MemoryAttack& attack, const StressConnection& connecti
         fprintf(stderr, "bench_stress: the victim cannot connect: %s\n", CabGetLastError().c_str());
         return 2;
     }
-    printf("memory attack: %d grouped requests of %d inline \"GetFile\"s of %lld MiB, never credited, and %d\n"
-           "uncredited \"GetFile\"s of the whole file a second for %d s; a victim fetches 4 MiB chunks\n",
-           attack.groups, attack.perGroup, (long long)data.bytes.size() >> 20, attack.perSecond, attack.seconds);
+    printf(
+        "memory attack: %d grouped requests of %d inline \"GetFile\"s of %lld MiB, never credited, and %d\n"
+        "uncredited \"GetFile\"s of the whole file a second for %d s; a victim fetches 4 MiB chunks\n",
+        attack.groups, attack.perGroup, (long long)data.bytes.size() >> 20, attack.perSecond, attack.seconds);
     fflush(stdout);
 
     const long rssBefore = proxyPid > 0 ? rssKiB(proxyPid) : -1;
@@ -160,8 +160,7 @@ int runMemoryAttack(const MemoryAttack& attack, const StressConnection& connecti
         if (status == 0) status = CabRetcode(rc.get());
         const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
         worstMs = std::max(worstMs, ms);
-        if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1))
-            ++answered;
+        if (status == 0 && out.vt() == (VT_ARRAY | VT_UI1)) ++answered;
         else if (status == CAB_E_BUSY) {
             ++busy;
             std::this_thread::sleep_for(std::chrono::milliseconds(20));  // tries again later, as told
@@ -173,15 +172,17 @@ int runMemoryAttack(const MemoryAttack& attack, const StressConnection& connecti
     // Alive: the process is there and answers.
     CLocalVariant none, version, rc;
     const bool answers = victim.Request("VorpaMediaProxy", "my-KIV_GetVersion", none.get(), version.ptr(), 0,
-                                        rc.ptr()) == 0 && CabRetcode(rc.get()) == 0;
+                                        rc.ptr()) == 0 &&
+                         CabRetcode(rc.get()) == 0;
     const bool alive = (proxyPid <= 0 || kill(proxyPid, 0) == 0) && answers;
     monitor.stop();
     const long peak = std::max(rssBefore, monitor.peakKiB());
 
     const AttackerTally& t = attacker.tally();
-    printf("attacker: %lld bytes of requests sent; %lld answers began (%lld CAB_E_BUSY), %lld messages, %.1f MiB "
-           "received\n",
-           attacker.sentBytes(), t.answers.load(), t.busy.load(), t.messages.load(), t.bytes.load() / 1048576.0);
+    printf(
+        "attacker: %lld bytes of requests sent; %lld answers began (%lld CAB_E_BUSY), %lld messages, %.1f MiB "
+        "received\n",
+        attacker.sentBytes(), t.answers.load(), t.busy.load(), t.messages.load(), t.bytes.load() / 1048576.0);
     printf("victim: %lld chunks answered, %lld CAB_E_BUSY, %lld other failures, slowest %.0f ms\n", answered, busy,
            failed, worstMs);
     printf("proxy: %s; RSS before %s, peak %s (goal: at most %s)\n", alive ? "alive and answering" : "NOT ANSWERING",

@@ -118,16 +118,11 @@ void StressRequester::run(Clock::time_point until, const std::atomic<bool>& stop
     while (Clock::now() < until && !stop) {
         long long roll = pick(0, 19);
         try {
-            if (roll < 9)
-                getFileChunk();
-            else if (roll < 12)
-                queryFileSize();
-            else if (roll < 16)
-                getVersion();
-            else if (roll < 18)
-                nestedMultiRequest();
-            else
-                archiveRoundTrip();
+            if (roll < 9) getFileChunk();
+            else if (roll < 12) queryFileSize();
+            else if (roll < 16) getVersion();
+            else if (roll < 18) nestedMultiRequest();
+            else archiveRoundTrip();
         } catch (const std::exception& e) {
             // A malformed answer that the element helpers refused.
             m_tally.record("answer checks", 0, e.what());
@@ -158,14 +153,10 @@ void StressRequester::getFileChunk() {
     VUtil::CreateArray(in.get(), VT_VARIANT, 3);
     VUtil::PutElement(in.get(), 0, CStdStr(m_data.file));
     // Both integer widths the service takes.
-    if (pick(0, 1) && offset <= 0x7FFFFFFF)
-        VUtil::PutElement(in.get(), 1, (int)offset);
-    else
-        VUtil::PutElement(in.get(), 1, offset);
-    if (pick(0, 1) && max <= 0x7FFFFFFF)
-        VUtil::PutElement(in.get(), 2, (int)max);
-    else
-        VUtil::PutElement(in.get(), 2, max);
+    if (pick(0, 1) && offset <= 0x7FFFFFFF) VUtil::PutElement(in.get(), 1, (int)offset);
+    else VUtil::PutElement(in.get(), 1, offset);
+    if (pick(0, 1) && max <= 0x7FFFFFFF) VUtil::PutElement(in.get(), 2, (int)max);
+    else VUtil::PutElement(in.get(), 2, max);
 
     const long long start = std::min(offset, size);
     const long long want = max <= 0 ? size - start : std::min(max, size - start);
@@ -219,8 +210,9 @@ void StressRequester::queryFileSize() {
     }
     if (count.vt() != VT_I4 || bytes.vt() != VT_I8 || count.get().lVal != (int)paths.size() ||
         bytes.get().llVal != total)
-        return m_tally.record("QueryFileSize", ms, "expected " + std::to_string(paths.size()) + " files of " +
-                                                       std::to_string(total) + " bytes");
+        return m_tally.record("QueryFileSize", ms,
+                              "expected " + std::to_string(paths.size()) + " files of " + std::to_string(total) +
+                                  " bytes");
     m_tally.record("QueryFileSize", ms);
 }
 
@@ -287,8 +279,8 @@ void StressRequester::archiveRoundTrip() {
     if (remote.empty() || size.vt() != VT_I8) return m_tally.record("CreateZip", ms, "not [path, I8 size]");
     m_tally.record("CreateZip", ms);
 
-    const std::string local =
-        m_data.localFolder + "/archive-" + std::to_string(m_index) + "-" + std::to_string(m_archives++) + ".zip";
+    const std::string local = m_data.localFolder + "/archive-" + std::to_string(m_index) + "-" +
+                              std::to_string(m_archives++) + ".zip";
     if (fetchArchive(remote, size.get().llVal, local)) {
         t0 = Clock::now();
         int rc = unzipTest(local);

@@ -48,9 +48,16 @@ bool makeFileAttackTargets(const std::string& served, const std::string& outside
         symlink("/dev/zero", (served + "/attack-device").c_str()) != 0)
         return false;
     const std::string up = served + "/../" + outside.substr(outside.rfind('/') + 1) + "/secret.txt";
-    *targets = {served + "/attack.fifo", served + "/attack.sock", served + "/attack-link",
-                served + "/attack-folder/secret.txt", served + "/attack-device", up, secret, "/etc/passwd",
-                "/proc/self/environ", settingsFile};
+    *targets = {served + "/attack.fifo",
+                served + "/attack.sock",
+                served + "/attack-link",
+                served + "/attack-folder/secret.txt",
+                served + "/attack-device",
+                up,
+                secret,
+                "/etc/passwd",
+                "/proc/self/environ",
+                settingsFile};
     return true;
 }
 
@@ -112,7 +119,8 @@ void FileAttacker::attack(const std::string& path, int service) {
         leaked = status == 0 && size.vt() == VT_I8 ? size.get().llVal : -1;
         if (status != 0 || leaked != 0) problem = "status " + std::to_string(status);
     }
-    if (!problem.empty()) problem += " for " + path + (leaked > 0 ? " (" + std::to_string(leaked) + " bytes served)" : "");
+    if (!problem.empty())
+        problem += " for " + path + (leaked > 0 ? " (" + std::to_string(leaked) + " bytes served)" : "");
     if (leaked > 0) m_tally.addWrongBytes(leaked);
     m_tally.record(what, ms, problem);
 }

@@ -192,10 +192,11 @@ int main(int argc, char** argv) {
             fprintf(stderr, "bench_stress: --%s needs a positive whole number\n", name);
             return 64;
         }
-    if (requesters > 4096 || attackers > 4096 || pidArg > 0x7FFFFFFF || timeoutMs > 24ll * 3600 * 1000 || fileMiB > 4096 ||
-        chunkMiB > 4095) {
-        fprintf(stderr, "bench_stress: a value is out of range (requesters, attackers <= 4096, file-mib <= 4096,\n"
-                        "max-chunk-mib <= 4095, timeout <= one day)\n");
+    if (requesters > 4096 || attackers > 4096 || pidArg > 0x7FFFFFFF || timeoutMs > 24ll * 3600 * 1000 ||
+        fileMiB > 4096 || chunkMiB > 4095) {
+        fprintf(stderr,
+                "bench_stress: a value is out of range (requesters, attackers <= 4096, file-mib <= 4096,\n"
+                "max-chunk-mib <= 4095, timeout <= one day)\n");
         return 64;
     }
     const bool attach = args.has("server") || args.has("attach");
@@ -268,9 +269,9 @@ int main(int argc, char** argv) {
     // Outside the served folder: the attacks' links lead there.
     kivtest::TempDir outside("kivstress-outside");
     std::vector<std::string> targets;
-    if (attackers > 0 && !stress::makeFileAttackTargets(work.path(), outside.file("secrets"),
-                                                        Preferences::DomainFile("com.kiv-foundry.kiv.config"),
-                                                        &targets)) {
+    if (attackers > 0 &&
+        !stress::makeFileAttackTargets(work.path(), outside.file("secrets"),
+                                       Preferences::DomainFile("com.kiv-foundry.kiv.config"), &targets)) {
         fprintf(stderr, "bench_stress: cannot make the attack targets in %s\n", work.path().c_str());
         return 2;
     }
@@ -294,10 +295,11 @@ int main(int argc, char** argv) {
         }
     }
 
-    printf("bench_stress: %lld requesters and %lld file attackers for %lld s against %s proxy, directory %s\n"
-           "test file %lld MiB, \"GetFile\" lengths up to %lld MiB\n",
-           requesters, attackers, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
-           data.maxChunk >> 20);
+    printf(
+        "bench_stress: %lld requesters and %lld file attackers for %lld s against %s proxy, directory %s\n"
+        "test file %lld MiB, \"GetFile\" lengths up to %lld MiB\n",
+        requesters, attackers, seconds, attach ? "the running" : "our own", connection.server.c_str(), fileMiB,
+        data.maxChunk >> 20);
     fflush(stdout);
     const long rssBefore = proxyPid > 0 ? stress::rssKiB(proxyPid) : -1;
     stress::RssMonitor monitor(proxyPid);

@@ -65,7 +65,7 @@ private:
 
     pid_t m_pid;
     std::thread m_thread;
-    mutable std::mutex m_lock;     // guards m_stopping and m_peakKiB
+    mutable std::mutex m_lock;       // guards m_stopping and m_peakKiB
     std::condition_variable m_wake;  // signalled by stop(), under m_lock
     bool m_stopping = false;
     long m_peakKiB = -1;

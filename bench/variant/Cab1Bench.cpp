@@ -39,19 +39,29 @@ struct Variants {
         tagVARIANT* e = static_cast<tagVARIANT*>(v.parray->pvData);
         for (uint32_t i = 0; i < kElements; ++i) {
             switch (i % 4) {
-            case 0: e[i].vt = VT_I4; e[i].lVal = int32_t(i); break;
-            case 1: e[i].vt = VT_BSTR; e[i].bstrVal = SysAllocString(("file-" + std::to_string(i) + ".jpg").c_str()); break;
-            case 2: e[i].vt = VT_R8; e[i].dblVal = i * 0.5; break;
-            default: e[i].vt = VT_I8; e[i].llVal = int64_t(i) << 33; break;
+            case 0:
+                e[i].vt = VT_I4;
+                e[i].lVal = int32_t(i);
+                break;
+            case 1:
+                e[i].vt = VT_BSTR;
+                e[i].bstrVal = SysAllocString(("file-" + std::to_string(i) + ".jpg").c_str());
+                break;
+            case 2:
+                e[i].vt = VT_R8;
+                e[i].dblVal = i * 0.5;
+                break;
+            default:
+                e[i].vt = VT_I8;
+                e[i].llVal = int64_t(i) << 33;
+                break;
             }
         }
     }
     ~Variants() { VariantClear(&v); }
 };
 
-void setBytes(benchmark::State& state, size_t n) {
-    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n));
-}
+void setBytes(benchmark::State& state, size_t n) { state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(n)); }
 
 void BM_Memcpy64MiB(benchmark::State& state) {
     std::vector<char> from(kBytes, 1), to(kBytes);

@@ -76,14 +76,14 @@ private:
     Channel* findLocked(natsSubscription* sub) KIV_REQUIRES(m_lock);
 
     const int m_cap;
-    PCondMutex m_lock;                                 // guards everything below
+    PCondMutex m_lock;  // guards everything below
     std::vector<std::unique_ptr<Channel>> m_channels KIV_GUARDED_BY(m_lock);
     CabThreadSet m_threads KIV_GUARDED_BY(m_lock){m_lock, "Service"};
     int m_busy KIV_GUARDED_BY(m_lock) = 0;
-    int m_idle KIV_GUARDED_BY(m_lock) = 0;  // threads waiting for a role
-    int m_woken KIV_GUARDED_BY(m_lock) = 0;  // idle threads signalled, not yet awake
-    bool m_deputy KIV_GUARDED_BY(m_lock) = false;  // an idle thread is the deputy
-    bool m_deputyAsleep KIV_GUARDED_BY(m_lock) = false;  // ...and waits without looking
+    int m_idle KIV_GUARDED_BY(m_lock) = 0;                // threads waiting for a role
+    int m_woken KIV_GUARDED_BY(m_lock) = 0;               // idle threads signalled, not yet awake
+    bool m_deputy KIV_GUARDED_BY(m_lock) = false;         // an idle thread is the deputy
+    bool m_deputyAsleep KIV_GUARDED_BY(m_lock) = false;   // ...and waits without looking
     int64_t m_lastDeferredNs KIV_GUARDED_BY(m_lock) = 0;  // last message served without a new leader
     bool m_stopping KIV_GUARDED_BY(m_lock) = false;
 };

@@ -40,7 +40,7 @@ struct CabServiceEntry {
     natsSubscription* sub = nullptr;      // CabSatelliteState::lock
     natsSubscription* hostSub = nullptr;  // CabSatelliteState::lock: "cab.<name>@<host>.<service>", with host scope
 
-    PMutex statsLock;        // guards stats
+    PMutex statsLock;  // guards stats
     CabServiceStats stats KIV_GUARDED_BY(statsLock);
     void record(int64_t ns, const std::string* error);
 };
@@ -58,17 +58,18 @@ struct CabSatelliteState {
     std::string started KIV_GUARDED_BY(lock);  // RFC 3339, UTC
     std::string token KIV_GUARDED_BY(lock);
     bool tokenSet KIV_GUARDED_BY(lock) = false;
-    std::string user KIV_GUARDED_BY(lock);      // set by setUser: wins over the settings
+    std::string user KIV_GUARDED_BY(lock);  // set by setUser: wins over the settings
     std::string password KIV_GUARDED_BY(lock);
-    int timeoutMs KIV_GUARDED_BY(lock) = -1;    // -1: from the settings
+    int timeoutMs KIV_GUARDED_BY(lock) = -1;                 // -1: from the settings
     mutable int settingTimeoutMs KIV_GUARDED_BY(lock) = 0;   // the setting as last read
     mutable int64_t settingReadMs KIV_GUARDED_BY(lock) = 0;  // when, on the monotonic clock
-    int maxHandlers KIV_GUARDED_BY(lock) = -1;  // -1: from the settings
+    int maxHandlers KIV_GUARDED_BY(lock) = -1;               // -1: from the settings
     std::shared_ptr<CabConnection> conn KIV_GUARDED_BY(lock);
-    std::shared_ptr<CabConnection> partsConn KIV_GUARDED_BY(lock);   // answers in parts, with cabDirectory.partsConnection; or null
+    std::shared_ptr<CabConnection> partsConn
+        KIV_GUARDED_BY(lock);  // answers in parts, with cabDirectory.partsConnection; or null
     std::shared_ptr<CabDispatcher> dispatcher KIV_GUARDED_BY(lock);  // serves the services' requests
     std::shared_ptr<CabWorkerPool> pool KIV_GUARDED_BY(lock);        // sends the later parts of answers
-    std::shared_ptr<CabTransfers> transfers KIV_GUARDED_BY(lock);  // answers waiting for their requesters
+    std::shared_ptr<CabTransfers> transfers KIV_GUARDED_BY(lock);    // answers waiting for their requesters
     bool creating KIV_GUARDED_BY(lock) = false;  // inside CreateServices: Connect registers the services afterwards
     std::vector<std::shared_ptr<CabServiceEntry>> services KIV_GUARDED_BY(lock);  // in the order added
     std::vector<natsSubscription*> srvSubs KIV_GUARDED_BY(lock);                  // discovery subscriptions
@@ -77,7 +78,7 @@ struct CabSatelliteState {
 
     // Requests accepted and not yet answered, so that a satellite leaving
     // before its handlers end can still answer each of them exactly once.
-    PMutex inflightLock;                           // guards the three below
+    PMutex inflightLock;                                                    // guards the three below
     std::map<uint64_t, std::string> inflight KIV_GUARDED_BY(inflightLock);  // reply subjects by serial
     uint64_t nextServe KIV_GUARDED_BY(inflightLock) = 1;
     int stuckHandlers KIV_GUARDED_BY(inflightLock) = 0;  // still running when Disconnect gave up on them

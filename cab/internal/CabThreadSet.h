@@ -30,8 +30,8 @@ public:
     // thread) and is false.
     // (The analysis cannot tell that the caller holds m_lock: it knows the
     // lock by the owner's name; the owner's field is guarded by it instead.)
-    bool waitEndedLocked(const struct timespec& deadline, std::vector<std::unique_ptr<PThread>>* toJoin)
-        KIV_NO_THREAD_SAFETY_ANALYSIS;
+    bool waitEndedLocked(const struct timespec& deadline,
+                         std::vector<std::unique_ptr<PThread>>* toJoin) KIV_NO_THREAD_SAFETY_ANALYSIS;
 
     int startedLocked() const { return (int)m_threads.size(); }
     int liveLocked() const { return m_live; }

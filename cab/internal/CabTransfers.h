@@ -73,7 +73,7 @@ private:
     const uint64_t m_minBytesPerSecond;
     const std::shared_ptr<CabMemoryBudget> m_budget;
 
-    PCondMutex m_lock;                                        // guards the three below
+    PCondMutex m_lock;                                                              // guards the three below
     std::map<uint64_t, std::shared_ptr<Transfer>> m_active KIV_GUARDED_BY(m_lock);  // by mailbox token
     bool m_stopping KIV_GUARDED_BY(m_lock) = false;
     std::unique_ptr<PThread> m_sweeper KIV_GUARDED_BY(m_lock);  // started with the first transfer

@@ -9,24 +9,24 @@
 
 namespace cabwire {
 
-extern const char* const kProto;        // "Cab-Proto": protocol version, "1"
-extern const char* const kFlags;        // "Cab-Flags": the request's CABFLAGS (decimal)
-extern const char* const kStatus;       // "Cab-Status": the answer's status (decimal int32)
-extern const char* const kError;        // "Cab-Error": text of a failure
-extern const char* const kErrorCode;    // "Cab-Error-Code": code of a thrown CabException
-extern const char* const kSize;         // "Cab-Size": total bytes of a reply sent in parts
-extern const char* const kParts;        // "Cab-Parts": number of parts
-extern const char* const kPart;         // "Cab-Part": index of this part, from 0
-extern const char* const kCreditTo;     // "Cab-Credit-To": where the requester sends credit
-extern const char* const kWindow;       // "Cab-Window": parts the responder sends ahead of credit
-extern const char* const kReceived;     // "Cab-Received": parts the requester has consumed
-extern const char* const kCancel;       // "Cab-Cancel": the requester gave up the transfer
+extern const char* const kProto;      // "Cab-Proto": protocol version, "1"
+extern const char* const kFlags;      // "Cab-Flags": the request's CABFLAGS (decimal)
+extern const char* const kStatus;     // "Cab-Status": the answer's status (decimal int32)
+extern const char* const kError;      // "Cab-Error": text of a failure
+extern const char* const kErrorCode;  // "Cab-Error-Code": code of a thrown CabException
+extern const char* const kSize;       // "Cab-Size": total bytes of a reply sent in parts
+extern const char* const kParts;      // "Cab-Parts": number of parts
+extern const char* const kPart;       // "Cab-Part": index of this part, from 0
+extern const char* const kCreditTo;   // "Cab-Credit-To": where the requester sends credit
+extern const char* const kWindow;     // "Cab-Window": parts the responder sends ahead of credit
+extern const char* const kReceived;   // "Cab-Received": parts the requester has consumed
+extern const char* const kCancel;     // "Cab-Cancel": the requester gave up the transfer
 
 const char* const kProtoVersion = "1";
-const uint64_t kMaxReply = 4ull << 30;          // 4 GiB
-const size_t kHeaderRoom = 4096;                // kept free for headers in every message
-const size_t kMaxPart = 4u << 20;               // parts are at most 4 MiB
-const size_t kWindowBytes = 8u << 20;           // at most 8 MiB of one transfer in flight
+const uint64_t kMaxReply = 4ull << 30;  // 4 GiB
+const size_t kHeaderRoom = 4096;        // kept free for headers in every message
+const size_t kMaxPart = 4u << 20;       // parts are at most 4 MiB
+const size_t kWindowBytes = 8u << 20;   // at most 8 MiB of one transfer in flight
 
 // 1-128 characters of [A-Za-z0-9_-]: a satellite, service or host name.
 bool validName(const char* name);

@@ -40,7 +40,7 @@ private:
     bool startThreadLocked() KIV_REQUIRES(m_lock);
 
     const int m_cap;
-    PCondMutex m_lock;                           // guards everything below
+    PCondMutex m_lock;  // guards everything below
     std::deque<std::function<void()>> m_jobs KIV_GUARDED_BY(m_lock);
     CabThreadSet m_threads KIV_GUARDED_BY(m_lock){m_lock, "Worker"};
     int m_idle KIV_GUARDED_BY(m_lock) = 0;

@@ -95,7 +95,7 @@ std::vector<Entry> readZip(const std::string& path) {
         char name[1024];
         unsigned char extra[256];
         EXPECT_EQ(unzGetCurrentFileInfo64(uf, &info, name, sizeof name, extra, sizeof extra, nullptr, 0), UNZ_OK);
-        Entry e{name, static_cast<int>(info.compression_method), info.uncompressed_size, "",
+        Entry e{name,          static_cast<int>(info.compression_method), info.uncompressed_size, "",
                 info.tmu_date, extendedTime(extra, info.size_file_extra)};
         EXPECT_EQ(unzOpenCurrentFile(uf), UNZ_OK);
         char buf[65536];
@@ -123,8 +123,10 @@ TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
     const std::string text(50000, 'a');
     // path, contents, modified (2021, 2023, 1970, 2009); the last is missing: an empty entry.
     const std::tuple<std::string, std::string, time_t> files[] = {{"src/big.bin", big, 1614834368},
-        {"src/text.txt", text, 1700000001}, {"src/empty", "", 0}, {"grp/set\\one.txt", "one", 1234567890},
-        {"grp/set\\vanished", "", -1}};
+                                                                  {"src/text.txt", text, 1700000001},
+                                                                  {"src/empty", "", 0},
+                                                                  {"grp/set\\one.txt", "one", 1234567890},
+                                                                  {"grp/set\\vanished", "", -1}};
     for (const auto& [name, content, modified] : files) {
         if (modified < 0) continue;
         kivtest::writeFile(dir.file(name), content);
@@ -154,9 +156,9 @@ TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
             localtime_r(&modified, &t);
             const tm_unz& d = entries[i].date;
             EXPECT_EQ(dateText(d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour, d.tm_min, d.tm_sec),
-                      modified == 0 ? "1980-01-01 00:00:00"
-                                    : dateText(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min,
-                                               t.tm_sec / 2 * 2));
+                      modified == 0
+                          ? "1980-01-01 00:00:00"
+                          : dateText(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec / 2 * 2));
             EXPECT_EQ(entries[i].utcTime, static_cast<long long>(modified));
         }
     }

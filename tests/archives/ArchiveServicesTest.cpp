@@ -176,7 +176,8 @@ TEST_F(ArchiveServicesTest, ZipLogsDeflatesEveryLogFile) {
         return zips.back();
     };
     EXPECT_EQ(zipMethods(zipLogs()), (Methods{{"KivRequestProxy.log", "Defl:X"},
-                                              {"KivRequestProxy.log.back", "Defl:X"}, {"KivCrashReporter.log", "Defl:X"}}));
+                                              {"KivRequestProxy.log.back", "Defl:X"},
+                                              {"KivCrashReporter.log", "Defl:X"}}));
     fs::remove_all(logs);
     const std::string empty = zipLogs();
     EXPECT_TRUE(fs::exists(empty));
@@ -254,7 +255,8 @@ TEST_F(ArchiveServicesTest, ConcurrentRequestsEachGetTheirArchive) {
 TEST(AddFolderToTreeTest, AddsFilesOfAllSubfoldersButNoFolders) {
     kivtest::TempDir dir("addfolder");
     const std::vector<std::string> files = {dir.file(".hidden"), dir.file("empty/.keep"),
-        dir.file("sub/deeper/leaf.mp3"), dir.file("sub/inner.bin"), dir.file("top.txt")};
+                                            dir.file("sub/deeper/leaf.mp3"), dir.file("sub/inner.bin"),
+                                            dir.file("top.txt")};
     for (const std::string& f : files) kivtest::writeFile(f, "x");
     CMyPathTree tree, none;
     EXPECT_EQ(AddFolderToTree(CStdStr(dir.path()), &tree), 5);
@@ -326,8 +328,8 @@ TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
     // "ZipLogs" of more than the space left.
     fs::remove(big);
     kivtest::writeFile(CFileTools::GetLogsDirectory() + "/KivRequestProxy.log", patternBytes(1200 * 1024, 2));
-    const std::string logsError =
-        thrownBy([&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); });
+    const std::string logsError = thrownBy(
+        [&] { satellite.CabServiceZipLogs("ZipLogs", CLocalVariant().get(), out.ptr()); });
     EXPECT_THAT(logsError, HasSubstr("ZipLogs: archive /tmp/file"));
     EXPECT_THAT(logsError, HasSubstr("No space left on device"));
     EXPECT_EQ(archivesInTmp(), 0);

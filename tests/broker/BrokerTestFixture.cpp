@@ -10,8 +10,8 @@ void BrokerTest::SetUp() {
     ASSERT_TRUE(client->isConnected());
 }
 
-int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn,
-            tagVARIANT* out, int* rc) {
+int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn, tagVARIANT* out,
+            int* rc) {
     CLocalVariant codes;
     int r = c.Request(target.c_str(), service, JsonVariant(jsonIn).get(), out, 0, codes.ptr());
     if (rc) *rc = r;
@@ -45,7 +45,8 @@ std::string directoryUsers(const std::string& users) {
     kivtest::writeFile(dir.file("users"), users);
     int status = -1;
     const std::string conf = kivtest::runCommand("bash '" KIV_SOURCE_DIR "/scripts/cab-directory-users' < '" +
-                                                 dir.file("users") + "'", &status);
+                                                     dir.file("users") + "'",
+                                                 &status);
     EXPECT_EQ(0, status) << conf;
     return conf;
 }

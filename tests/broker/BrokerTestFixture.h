@@ -16,8 +16,8 @@
 
 // A request on `c` with the input in its JSON form: returns the retcode (status),
 // fills *out and, given rc, the library's own result.
-int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn,
-            tagVARIANT* out, int* rc = nullptr);
+int request(CabSatellite& c, const std::string& target, const char* service, const std::string& jsonIn, tagVARIANT* out,
+            int* rc = nullptr);
 // A client connected to `url`, as `user` when one is given.
 std::unique_ptr<CabClient> connectClient(const std::string& url, const char* name, const char* user = nullptr,
                                          const char* password = nullptr, int timeoutMs = 60000);
@@ -85,9 +85,9 @@ public:
         lock.broadcast();
         while (holding > 0) lock.wait();
     }
-    PCondMutex lock;   // guards the four below
-    int inside = 0;    // lock: in "Meet"
-    int holding = 0;   // lock: in "Hold"
-    int expected = 3;  // lock
-    bool open = false; // lock
+    PCondMutex lock;    // guards the four below
+    int inside = 0;     // lock: in "Meet"
+    int holding = 0;    // lock: in "Hold"
+    int expected = 3;   // lock
+    bool open = false;  // lock
 };

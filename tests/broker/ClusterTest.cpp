@@ -84,7 +84,8 @@ protected:
             }
             for (int i = 0; i < 3; ++i) {
                 servers.emplace_back(new kivtest::NatsServer(1 << 20, "cluster {\n  name: kiv\n  listen: 127.0.0.1:" +
-                                     std::to_string(route[i]) + "\n  routes: [" + routes + "]\n}\n"));
+                                                                          std::to_string(route[i]) + "\n  routes: [" +
+                                                                          routes + "]\n}\n"));
                 if (!servers.back()->start()) {
                     printf("cluster start failed, trying again: %s\n", servers.back()->error().c_str());
                     servers.pop_back();
@@ -188,8 +189,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     std::string notice;
     int noticePart = -1;
     for (kivtest::Msg m(nullptr, &natsMsg_Destroy); notice.empty() && (m = held.next(5000));) {
-        if (natsMsg_GetDataLength(m.get()) > 0)
-            ++partsBefore;
+        if (natsMsg_GetDataLength(m.get()) > 0) ++partsBefore;
         else if (!(notice = kivtest::header(m.get(), "Cab-Status")).empty())
             noticePart = atoi(kivtest::header(m.get(), "Cab-Part").c_str());
     }
@@ -242,7 +242,7 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
 // its host-scoped subjects, and no other host's.
 TEST(ClusterPermissions, ASatelliteServesUnderTheHostsItIsGranted) {
     kivtest::NatsServer server(64 * 1024, directoryUsers("satellite EchoA echoPassword0123456 alpha\n"
-                                                        "client cli cliPassword012345678\n"));
+                                                         "client cli cliPassword012345678\n"));
     ASSERT_TRUE(server.start()) << server.error();
     configure("", 1);
     setenv("KIV_HOSTNAME", "alpha", 1);

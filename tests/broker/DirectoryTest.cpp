@@ -27,10 +27,17 @@ TEST_F(BrokerTest, DiscoveryDescribesTheSatelliteAndCountsRequests) {
         for (const auto& [pointer, value] : fields)
             EXPECT_EQ(j.value(nlohmann::json::json_pointer(pointer), nlohmann::json()), value) << pointer;
     };
-    expectFields("INFO", nullptr, {{"/type", "io.nats.micro.v1.info_response"}, {"/name", "EchoA"},
-        {"/id", echo->instanceId()}, {"/endpoints/0/name", "Echo"}, {"/endpoints/0/subject", "cab.EchoA.Echo"},
-        {"/endpoints/0/queue_group", "EchoA"}, {"/endpoints/0/metadata/description", "Answers its input"},
-        {"/endpoints/2/name", "Throw"}, {"/endpoints/2/metadata/description", ""}, {"/endpoints/7/name", "Sleep"}});
+    expectFields("INFO", nullptr,
+                 {{"/type", "io.nats.micro.v1.info_response"},
+                  {"/name", "EchoA"},
+                  {"/id", echo->instanceId()},
+                  {"/endpoints/0/name", "Echo"},
+                  {"/endpoints/0/subject", "cab.EchoA.Echo"},
+                  {"/endpoints/0/queue_group", "EchoA"},
+                  {"/endpoints/0/metadata/description", "Answers its input"},
+                  {"/endpoints/2/name", "Throw"},
+                  {"/endpoints/2/metadata/description", ""},
+                  {"/endpoints/7/name", "Sleep"}});
     // On an open directory anybody may answer a request addressed to EchoA: an answer naming another is dropped.
     kivtest::RawInbox impostor(server.url(), "$SRV.STATS.EchoA");
     ASSERT_EQ(NATS_OK, natsConnection_Flush(impostor.nc));
@@ -38,9 +45,13 @@ TEST_F(BrokerTest, DiscoveryDescribesTheSatelliteAndCountsRequests) {
         if (kivtest::Msg m = impostor.next(30000))
             natsConnection_PublishString(impostor.nc, natsMsg_GetReply(m.get()), R"({"name":"Other","id":"x"})");
     });
-    expectFields("STATS", "EchoA", {{"/type", "io.nats.micro.v1.stats_response"}, {"/endpoints/0/num_requests", 2},
-        {"/endpoints/0/num_errors", 0}, {"/endpoints/2/num_requests", 1}, {"/endpoints/2/num_errors", 1},
-        {"/endpoints/2/last_error", "bad argument from Throw"}});
+    expectFields("STATS", "EchoA",
+                 {{"/type", "io.nats.micro.v1.stats_response"},
+                  {"/endpoints/0/num_requests", 2},
+                  {"/endpoints/0/num_errors", 0},
+                  {"/endpoints/2/num_requests", 1},
+                  {"/endpoints/2/num_errors", 1},
+                  {"/endpoints/2/last_error", "bad argument from Throw"}});
     liar.join();
     EXPECT_FALSE(j["started"].get<std::string>().empty());
     EXPECT_GT(j["endpoints"][0]["processing_time"].get<int64_t>(), 0);

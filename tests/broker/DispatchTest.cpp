@@ -70,8 +70,10 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
     kivtest::RawInbox answers(server.url(), "queued.answer");
     ASSERT_TRUE(answers.ok());
     for (int i = 0; i < 2 * kServices; ++i)
-        ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.Gate.Hold" + (i % kServices ? std::to_string(i % kServices) : "") + ".-",
-                                            "Cab-Proto", "1", "", "queued.answer"));
+        ASSERT_EQ(NATS_OK,
+                  kivtest::publish(answers.nc,
+                                   "cab.Gate.Hold" + (i % kServices ? std::to_string(i % kServices) : "") + ".-",
+                                   "Cab-Proto", "1", "", "queued.answer"));
     ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     auto start = std::chrono::steady_clock::now();
     gate.Disconnect();

@@ -35,12 +35,12 @@ TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
         bool granted;
         const char* why;  // part of the refusal
     } steps[] = {
-        {"greedy", 600, true, ""},           // alone: half of 1200
+        {"greedy", 600, true, ""},  // alone: half of 1200
         {"greedy", 1, false, "share of caller greedy: 600"},
-        {"other", 400, true, ""},            // two hold memory: 1200 / 3 each
+        {"other", 400, true, ""},  // two hold memory: 1200 / 3 each
         {"other", 1, false, "share of caller other: 400"},
         {"greedy", 1, false, "share of caller greedy: 400"},  // over its new share: no more
-        {"", 200, true, ""},                 // unknown callers, one key: 1200 / 4, but 200 are left
+        {"", 200, true, ""},                                  // unknown callers, one key: 1200 / 4, but 200 are left
         {"", 1, false, "pass the 1200 bytes"},
     };
     for (const auto& s : steps) {

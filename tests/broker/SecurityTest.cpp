@@ -23,15 +23,17 @@ const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 
 // The authorization block make run would write for these identities.
 std::string authorization() {
-    std::string conf = directoryUsers("satellite EchoA echoPassword0123456\n"
-                                      "satellite Other otherPassword012345\n"
-                                      "client cli cliPassword012345678\n"
-                                      "client snoop snoopPassword0123456\n"
-                                      "admin root rootPassword01234567\n");
+    std::string conf = directoryUsers(
+        "satellite EchoA echoPassword0123456\n"
+        "satellite Other otherPassword012345\n"
+        "client cli cliPassword012345678\n"
+        "client snoop snoopPassword0123456\n"
+        "admin root rootPassword01234567\n");
     // A user allowed to send requests to EchoA only: its other requests are refused.
-    conf.insert(conf.rfind("  ]"), "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
-                                   "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
-                                   "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
+    conf.insert(conf.rfind("  ]"),
+                "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"
+                "        subscribe: { allow: [\"_INBOX_narrow.>\"] }\n"
+                "        publish: { allow: [\"cab.EchoA.>\"] } } }\n");
     return conf;
 }
 
@@ -56,10 +58,8 @@ natsConnection* rawConnection(const std::string& hostPort, const std::string& us
 
 // The directory's answer to a subscription of `nc`: "" when accepted.
 std::string refusal(natsConnection* nc, natsSubscription** sub, const char* subject, const char* queue) {
-    if (queue)
-        natsConnection_QueueSubscribeSync(sub, nc, subject, queue);
-    else
-        natsConnection_SubscribeSync(sub, nc, subject);
+    if (queue) natsConnection_QueueSubscribeSync(sub, nc, subject, queue);
+    else natsConnection_SubscribeSync(sub, nc, subject);
     natsConnection_FlushTimeout(nc, 5000);
     const char* text = nullptr;
     if (natsConnection_GetLastError(nc, &text) != NATS_NOT_PERMITTED || !text) return "";
@@ -181,7 +181,8 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
     std::string d = dir.path();
     // A CA, a server certificate for 127.0.0.1 and a client certificate, all signed by the CA.
     std::string script =
-        "set -e; cd '" + d + "'\n"
+        "set -e; cd '" + d +
+        "'\n"
         "gen() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key "
         "-out $1.csr -subj /CN=$1 2>/dev/null; }\n"
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ca.key -out ca.pem "
@@ -208,7 +209,8 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
     client.setRequestTimeoutMs(60000);
     EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient"));
     set("cabDirectory.tls.ca", d + "/ca.pem");
-    EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient")) << "the server wants a client certificate";
+    EXPECT_EQ(CAB_E_CONNECT_FAILED, client.Connect(url.c_str(), "TlsClient"))
+        << "the server wants a client certificate";
 
     set("cabDirectory.tls.cert", d + "/client.pem");
     set("cabDirectory.tls.key", d + "/client.key");

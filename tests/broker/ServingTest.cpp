@@ -71,9 +71,13 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     ASSERT_TRUE(answers.ok());
     // No reply subject: dropped; the satellite keeps serving.
     natsConnection_PublishString(answers.nc, "cab.EchoA.Echo.-", "junk");
-    const std::tuple<const char*, std::string, const char*> cases[] = {  // Cab-Proto, payload, error
-        {nullptr, "", "missing Cab-Proto"}, {"2", "", "unsupported Cab-Proto"}, {"1 ", "", "unsupported Cab-Proto"},
-        {" 1", "", "unsupported Cab-Proto"}, {"1", std::string("\xff\xff\xff\xff garbage", 12), "request payload"},
+    const std::tuple<const char*, std::string, const char*> cases[] = {
+        // Cab-Proto, payload, error
+        {nullptr, "", "missing Cab-Proto"},
+        {"2", "", "unsupported Cab-Proto"},
+        {"1 ", "", "unsupported Cab-Proto"},
+        {" 1", "", "unsupported Cab-Proto"},
+        {"1", std::string("\xff\xff\xff\xff garbage", 12), "request payload"},
         {"1", "", ""},  // well-formed: VT_EMPTY travels as an empty payload
     };
     for (const auto& [proto, payload, text] : cases) {

@@ -17,7 +17,7 @@ namespace {
 struct Meeting {
     std::mutex lock;
     std::condition_variable cv;
-    int inside = 0;         // lock
+    int inside = 0;  // lock
     std::atomic<int> met{0};
     void join(int n) {
         std::unique_lock<std::mutex> g(lock);

@@ -4,12 +4,21 @@
 
 TEST(KivctlCodec, EncodeAndDecodeWithTheirExitStatuses) {
     const std::string kivctl = std::string(KIV_BINARY_DIR) + "/bin/kivctl ";
-    const std::string json = R"([1,"a",{"$vt":"I8","v":5},null,{"$vt":"UI1[]","base64":"AAEC","lb":2},{"$vt":"R8","v":"NaN"}])";
+    const std::string json =
+        R"([1,"a",{"$vt":"I8","v":5},null,{"$vt":"UI1[]","base64":"AAEC","lb":2},{"$vt":"R8","v":"NaN"}])";
     int status = -1;
     EXPECT_EQ(json + "\n", kivtest::runCommand(kivctl + "encode '" + json + "' | " + kivctl + "decode", &status));
     EXPECT_EQ(0, status);
-    EXPECT_EQ("0c20" "00000000" "02000000" "0300" "01000000" "0800" "01000000" "61\n",
-              kivtest::runCommand(kivctl + "encode '[1,\"a\"]'", &status));
+    EXPECT_EQ(
+        "0c20"
+        "00000000"
+        "02000000"
+        "0300"
+        "01000000"
+        "0800"
+        "01000000"
+        "61\n",
+        kivtest::runCommand(kivctl + "encode '[1,\"a\"]'", &status));
     EXPECT_EQ(0, status);
     std::string out = kivtest::runCommand("echo 0c20 00000000 05000000 | " + kivctl + "decode 2>&1", &status);
     EXPECT_EQ(2, status);

@@ -24,14 +24,21 @@
 // Generated values of every type and nesting, a bit-for-bit comparison, builders.
 namespace kivtest {
 
-inline const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2,   VT_UI2, VT_BOOL, VT_I4,
-                                   VT_UI4,   VT_R4,   VT_I8, VT_UI8, VT_R8,   VT_DATE, VT_BSTR};
-inline const VARTYPE kElements[] = {VT_I1, VT_UI1, VT_I2,   VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
-                                    VT_UI8, VT_R4, VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
+inline const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT_BOOL, VT_I4,
+                                   VT_UI4,   VT_R4,   VT_I8, VT_UI8, VT_R8, VT_DATE, VT_BSTR};
+inline const VARTYPE kElements[] = {VT_I1,  VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
+                                    VT_UI8, VT_R4,  VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
 
 inline std::string randomText(std::mt19937_64& rng) {
-    static const char* samples[] = {"", "a", "hello world", "caf\xc3\xa9", "\xff\xfe raw", "nul\0inside",
-                                    "quote \" and \\ backslash", "{\"$vt\":\"I2\"}", "\xe2\x82\xac euro"};
+    static const char* samples[] = {"",
+                                    "a",
+                                    "hello world",
+                                    "caf\xc3\xa9",
+                                    "\xff\xfe raw",
+                                    "nul\0inside",
+                                    "quote \" and \\ backslash",
+                                    "{\"$vt\":\"I2\"}",
+                                    "\xe2\x82\xac euro"};
     size_t pick = rng() % 10;
     if (pick < 9) return std::string(samples[pick], pick == 5 ? 10 : strlen(samples[pick]));
     std::string s(rng() % 40, '\0');
@@ -51,10 +58,15 @@ inline double randomDouble(std::mt19937_64& rng) {
     case 1: return -0.0;
     case 2: return std::numeric_limits<double>::quiet_NaN();
     case 3: return -std::numeric_limits<double>::infinity();
-    case 4: return 3.0;  // integral: must not come back as an integer
+    case 4: return 3.0;                // integral: must not come back as an integer
     case 5: return 39511.21253472222;  // a date with a time of day
     case 6: return double(int64_t(rng() % 80000)) + double(rng() % 86400) / 86400.0;
-    case 7: { uint64_t bits = rng(); double d; memcpy(&d, &bits, 8); return d; }
+    case 7: {
+        uint64_t bits = rng();
+        double d;
+        memcpy(&d, &bits, 8);
+        return d;
+    }
     default: return std::ldexp(double(int64_t(rng())), -int(rng() % 80));
     }
 }
@@ -68,13 +80,30 @@ inline void randomValueBits(std::mt19937_64& rng, VARTYPE t, void* out) {
     default: break;
     }
     switch (t) {
-    case VT_I1: case VT_UI1: memcpy(out, &bits, 1); break;
-    case VT_I2: case VT_UI2: memcpy(out, &bits, 2); break;
-    case VT_BOOL: { int16_t b = rng() % 5 ? (rng() % 2 ? -1 : 0) : int16_t(bits); memcpy(out, &b, 2); break; }
-    case VT_I4: case VT_UI4: memcpy(out, &bits, 4); break;
-    case VT_R4: { float f = float(randomDouble(rng)); memcpy(out, &f, 4); break; }
-    case VT_I8: case VT_UI8: memcpy(out, &bits, 8); break;
-    case VT_R8: case VT_DATE: { double d = randomDouble(rng); memcpy(out, &d, 8); break; }
+    case VT_I1:
+    case VT_UI1: memcpy(out, &bits, 1); break;
+    case VT_I2:
+    case VT_UI2: memcpy(out, &bits, 2); break;
+    case VT_BOOL: {
+        int16_t b = rng() % 5 ? (rng() % 2 ? -1 : 0) : int16_t(bits);
+        memcpy(out, &b, 2);
+        break;
+    }
+    case VT_I4:
+    case VT_UI4: memcpy(out, &bits, 4); break;
+    case VT_R4: {
+        float f = float(randomDouble(rng));
+        memcpy(out, &f, 4);
+        break;
+    }
+    case VT_I8:
+    case VT_UI8: memcpy(out, &bits, 8); break;
+    case VT_R8:
+    case VT_DATE: {
+        double d = randomDouble(rng);
+        memcpy(out, &d, 8);
+        break;
+    }
     default: break;
     }
 }
@@ -155,9 +184,9 @@ TEST(VariantRuntime, StringsKeepLengthAndBytes) {
 
 TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
     SAFEARRAYBOUND b{4, 0}, huge{0xFFFFFFFFu, 0}, two[2] = {{2, 0}, {2, 0}};
-    const std::tuple<VARTYPE, unsigned, const SAFEARRAYBOUND*> refused[] = {
-        {VT_EMPTY, 1, &b}, {VT_NULL, 1, &b},       {VT_I4 | VT_ARRAY, 1, &b}, {VT_I4, 2, two},
-        {VT_I4, 1, nullptr}, {VT_VARIANT, 1, &huge}, {VT_R8, 1, &huge}};
+    const std::tuple<VARTYPE, unsigned, const SAFEARRAYBOUND*> refused[] =
+        {{VT_EMPTY, 1, &b},   {VT_NULL, 1, &b},       {VT_I4 | VT_ARRAY, 1, &b}, {VT_I4, 2, two},
+         {VT_I4, 1, nullptr}, {VT_VARIANT, 1, &huge}, {VT_R8, 1, &huge}};
     for (const auto& [type, dims, bounds] : refused) EXPECT_EQ(SafeArrayCreate(type, dims, bounds), nullptr) << type;
     SAFEARRAYBOUND none{0, 0};
     SAFEARRAY* empty = SafeArrayCreate(VT_UI1, 1, &none);
@@ -295,18 +324,26 @@ std::string readError(const std::string& text) {
 }  // namespace
 
 TEST(VariantJson, PlainJsonReadsAsTheNaturalTypes) {
-    const std::pair<const char*, VARTYPE> types[] = {{"null", VT_EMPTY}, {"true", VT_BOOL},
-        {"2147483647", VT_I4}, {"-2147483648", VT_I4}, {"2147483648", VT_I8}, {"-2147483649", VT_I8},
-        {"9223372036854775807", VT_I8}, {"9223372036854775808", VT_UI8}, {"1.0", VT_R8}, {"1e3", VT_R8},
-        {"\"x\"", VT_BSTR}, {"[]", VT_ARRAY | VT_VARIANT}};
+    const std::pair<const char*, VARTYPE> types[] = {{"null", VT_EMPTY},
+                                                     {"true", VT_BOOL},
+                                                     {"2147483647", VT_I4},
+                                                     {"-2147483648", VT_I4},
+                                                     {"2147483648", VT_I8},
+                                                     {"-2147483649", VT_I8},
+                                                     {"9223372036854775807", VT_I8},
+                                                     {"9223372036854775808", VT_UI8},
+                                                     {"1.0", VT_R8},
+                                                     {"1e3", VT_R8},
+                                                     {"\"x\"", VT_BSTR},
+                                                     {"[]", VT_ARRAY | VT_VARIANT}};
     for (const auto& [text, type] : types) EXPECT_EQ(typeOf(text), type) << text;
     // Forms that print back as they are read.
-    for (const char* text : {
-        "[1,\"a\",{\"$vt\":\"I8\",\"v\":5},null]", "[true,false,-7,3.5,\"caf\xc3\xa9\"]", "{\"$vt\":\"NULL\"}",
-        "{\"$vt\":\"BSTR\",\"v\":null}", "{\"$vt\":\"UI8\",\"v\":5}", "-0.0", "{\"$vt\":\"R8\",\"v\":\"NaN\"}",
-        "{\"$vt\":\"R4\",\"v\":\"-Infinity\"}", "{\"$vt\":\"R8\",\"bits\":\"7ff8000000000001\"}",
-        "{\"$vt\":\"BOOL\",\"v\":1}", "{\"$vt\":\"UI1[]\",\"base64\":\"AAEC\",\"lb\":1}",
-        "{\"$vt\":\"I4[]\",\"v\":[1,2]}", "{\"$vt\":\"BSTR[]\",\"v\":[\"a\",null,{\"base64\":\"/w==\"}]}"})
+    for (const char* text :
+         {"[1,\"a\",{\"$vt\":\"I8\",\"v\":5},null]", "[true,false,-7,3.5,\"caf\xc3\xa9\"]", "{\"$vt\":\"NULL\"}",
+          "{\"$vt\":\"BSTR\",\"v\":null}", "{\"$vt\":\"UI8\",\"v\":5}", "-0.0", "{\"$vt\":\"R8\",\"v\":\"NaN\"}",
+          "{\"$vt\":\"R4\",\"v\":\"-Infinity\"}", "{\"$vt\":\"R8\",\"bits\":\"7ff8000000000001\"}",
+          "{\"$vt\":\"BOOL\",\"v\":1}", "{\"$vt\":\"UI1[]\",\"base64\":\"AAEC\",\"lb\":1}",
+          "{\"$vt\":\"I4[]\",\"v\":[1,2]}", "{\"$vt\":\"BSTR[]\",\"v\":[\"a\",null,{\"base64\":\"/w==\"}]}"})
         EXPECT_EQ(reprint(text), text);
     EXPECT_EQ(reprint("{\"$vt\":\"BSTR\",\"v\":\"plain\"}"), "\"plain\"");
     EXPECT_EQ(reprint("{\"$vt\":\"I4\",\"v\":5}"), "5");
@@ -337,7 +374,10 @@ TEST(VariantJson, DatesAreLocalTextWhenExact) {
 }
 
 TEST(VariantJson, ReaderErrorsNameThePath) {
-    struct Case { const char* json; const char* says; };
+    struct Case {
+        const char* json;
+        const char* says;
+    };
     const Case cases[] = {
         {"[1,", "JSON parse error"},
         {"", "JSON parse error"},
@@ -394,7 +434,9 @@ TEST(VariantJson, RoundTripsGeneratedValuesBitForBit) {
 
 TEST(VariantJson, TextRenderingIndentsAndShortens) {
     std::vector<tagVARIANT> e(3);
-    VariantInit(&e[0]); e[0].vt = VT_I4; e[0].lVal = 1;
+    VariantInit(&e[0]);
+    e[0].vt = VT_I4;
+    e[0].lVal = 1;
     kivtest::MakeString(&e[1], std::string(300, 'x'));
     kivtest::MakeVariantArray(&e[2], std::vector<tagVARIANT>(1));
     CLocalVariant list;
@@ -457,7 +499,17 @@ void countRelease(void*) { ++g_released; }
 TEST(Cab1, EncodesTheDocumentedBytes) {
     const std::pair<const char*, std::string> cases[] = {
         {R"([1, "a", {"$vt":"I8","v":5}, null])",
-         "0c20" "00000000" "04000000" "0300" "01000000" "0800" "01000000" "61" "1400" "0500000000000000" "0000"},
+         "0c20"
+         "00000000"
+         "04000000"
+         "0300"
+         "01000000"
+         "0800"
+         "01000000"
+         "61"
+         "1400"
+         "0500000000000000"
+         "0000"},
         {R"({"$vt":"BSTR","v":null})", "0800ffffffff"},
         {"true", "0b00ffff"},
         {R"({"$vt":"UI1[]","lb":-1,"base64":"AQI="})", "1120ffffffff020000000102"},
@@ -467,8 +519,8 @@ TEST(Cab1, EncodesTheDocumentedBytes) {
         EXPECT_EQ(hex(Cab1Encoding(v.get()).str()), bytes) << value;
     }
     // Nothing, and a type alone, decode too.
-    for (const auto& [bytes, value] : {std::pair<std::string, std::string>{"", "null"}, {"0000", "null"},
-                                       {"0100", "{\"$vt\":\"NULL\"}"}}) {
+    for (const auto& [bytes, value] :
+         {std::pair<std::string, std::string>{"", "null"}, {"0000", "null"}, {"0100", "{\"$vt\":\"NULL\"}"}}) {
         CLocalVariant v;
         v.get().vt = VT_I4;
         EXPECT_TRUE(Cab1Decode(unhex(bytes).data(), bytes.size() / 2, &v.get(), nullptr));
@@ -525,7 +577,10 @@ TEST(Cab1, EncoderRefusesWhatTheWireCannotCarry) {
 }
 
 TEST(Cab1, DecoderRefusesHostileBytes) {
-    struct Case { const char* hex; const char* says; };
+    struct Case {
+        const char* hex;
+        const char* says;
+    };
     const Case cases[] = {
         {"00", "truncated type code (needs 2 bytes, 1 left) at byte offset 0"},
         {"0900", "unknown type code 0x0009 at byte offset 0"},
@@ -541,7 +596,8 @@ TEST(Cab1, DecoderRefusesHostileBytes) {
         {"0800 feffffff", "truncated string"},
         {"0300 01000000 00", "1 trailing bytes at byte offset 6"},
         {"0000 00", "trailing bytes at byte offset 2"},
-        {"1120 00000000 ffffffff 00", "array count 4294967295 needs at least 4294967295 bytes but only 1 remain at byte offset 6"},
+        {"1120 00000000 ffffffff 00",
+         "array count 4294967295 needs at least 4294967295 bytes but only 1 remain at byte offset 6"},
         {"0c20 00000000 ffffffff 0000", "array count 4294967295 needs at least 8589934590 bytes"},
         {"0820 00000000 02000000 00000000", "array count 2 needs at least 8 bytes but only 4 remain"},
         {"0520 00000000 01000000 0000", "array count 1 needs at least 8 bytes"},
@@ -614,16 +670,24 @@ TEST(Cab1, LargeArraysDecodeOverTheirInput) {
     std::vector<tagVARIANT> e(1);
     kivtest::MakeBytes(&e[0], std::string(kCab1LendMin, 'n'));
     kivtest::MakeVariantArray(&nested.get(), e);
-    struct Case { std::string in; size_t skip; bool good; };
-    std::vector<Case> cases = {{encoded(VT_UI1, kCab1LendMin - 1, 0), 0, true}, {misaligned, 1, true},
-                               {Cab1Encoding(nested.get()).str(), 0, true}, {truncated, 0, false}};
+    struct Case {
+        std::string in;
+        size_t skip;
+        bool good;
+    };
+    std::vector<Case> cases = {{encoded(VT_UI1, kCab1LendMin - 1, 0), 0, true},
+                               {misaligned, 1, true},
+                               {Cab1Encoding(nested.get()).str(), 0, true},
+                               {truncated, 0, false}};
     g_released = 0;
     for (auto& c : cases) {
         CLocalVariant out;
         bool lent = true;
         std::string error;
         EXPECT_EQ(Cab1DecodeLending(&c.in[c.skip], c.in.size() - c.skip, &countRelease, nullptr, &out.get(), &lent,
-                                    &error), c.good) << error;
+                                    &error),
+                  c.good)
+            << error;
         EXPECT_FALSE(lent);
     }
     EXPECT_EQ(g_released, 0);

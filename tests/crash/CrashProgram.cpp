@@ -89,7 +89,8 @@ int main(int argc, char** argv) {
     if (mode == "overflow-thread") {
         // A thread started after the crash handler gets its own signal stack.
         PThread t;
-        t.init(nullptr, new PThreadDelegateFunction([](void*) -> void* { return reinterpret_cast<void*>(recurseForever(0)); }),
+        t.init(nullptr,
+               new PThreadDelegateFunction([](void*) -> void* { return reinterpret_cast<void*>(recurseForever(0)); }),
                nullptr);
         t.join();
     }

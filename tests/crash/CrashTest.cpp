@@ -93,8 +93,9 @@ protected:
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
         crashtest::ChildResult r = crashtest::runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
-        EXPECT_TRUE(r.exited && r.status == 0) << mode << (r.exited ? " exited with " : " ended by signal ")
-                                               << r.status << "\n" << r.output;
+        EXPECT_TRUE(r.exited && r.status == 0)
+            << mode << (r.exited ? " exited with " : " ended by signal ") << r.status << "\n"
+            << r.output;
         std::vector<std::string> dumps = crashtest::filesEndingWith(dumpDir, ".dmp");
         EXPECT_EQ(1u, dumps.size()) << mode;
         if (dumps.size() != 1) return std::string();
@@ -115,8 +116,7 @@ protected:
         int crashThreadListed = 0;  // with the registers of the exception
         for (const MinidumpReader::ThreadInfo& t : reader.threads()) {
             EXPECT_TRUE(t.hasContext && t.stackSize > 0) << "thread " << t.id;
-            crashThreadListed +=
-                t.id == reader.exception().threadId && t.context.rip == reader.exception().context.rip;
+            crashThreadListed += t.id == reader.exception().threadId && t.context.rip == reader.exception().context.rip;
         }
         EXPECT_EQ(1, crashThreadListed);
         const MinidumpReader::ModuleInfo* m = reader.moduleAt(reader.crashInstructionPointer());
@@ -226,8 +226,8 @@ TEST(MiniDumperCommand, DefaultsAndEachConstructorsCommandLineWithEveryBlankEsca
     // Every blank in the reporter path is escaped, also one after a backslash.
     EXPECT_EQ("/a\\ b/c\\ \\ d", MiniDumper::escapeBlanks("/a b/c  d"));
     EXPECT_EQ("/a\\\\ b", MiniDumper::escapeBlanks("/a\\ b"));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir",
-                                                           CStdStr("/opt/My Kiv")));
+    ASSERT_TRUE(
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir", CStdStr("/opt/My Kiv")));
     MiniDumper i("App", true, true, true, false, false);
     EXPECT_EQ("/opt/My\\ Kiv/bin/KivCrashReporter \"/tmp/i.dmp\" \"App\"", i.commandLine("/tmp/i.dmp"));
     i.SetCrashReporterPath("/x y/KivCrashReporter");  // as given; the next initialisation escapes it
@@ -244,8 +244,7 @@ void (*currentHandler(int sig))(int) {
 
 TEST(MiniDumperHandlers, InstalledByTheNameConstructorAndPutBackOnDestruction) {
     auto handlers = [] {
-        return std::vector<void (*)(int)>{currentHandler(SIGUSR1), currentHandler(SIGABRT),
-                                          currentHandler(SIGSEGV)};
+        return std::vector<void (*)(int)>{currentHandler(SIGUSR1), currentHandler(SIGABRT), currentHandler(SIGSEGV)};
     };
     const std::vector<void (*)(int)> before = handlers();
     std::terminate_handler terminateBefore = std::get_terminate();
@@ -280,10 +279,8 @@ TEST(ModuleId, BuildIdOrTextHash) {
 
 TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
     std::string exe = CRASH_PROGRAM;
-    std::string text = "1000-2000 r--p 00000000 08:01 42 " + exe + "\n" +
-                       "2000-3000 r-xp 00001000 08:01 42 " + exe + "\n" +
-                       "3000-4000 rw-p 00002000 08:01 42 " + exe + "\n" +
-                       "4000-5000 rw-p 00000000 00:00 0 \n" +
+    std::string text = "1000-2000 r--p 00000000 08:01 42 " + exe + "\n" + "2000-3000 r-xp 00001000 08:01 42 " + exe +
+                       "\n" + "3000-4000 rw-p 00002000 08:01 42 " + exe + "\n" + "4000-5000 rw-p 00000000 00:00 0 \n" +
                        "7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
                        "garbage line\n"
                        "9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
@@ -301,8 +298,8 @@ TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
 
 std::vector<uint8_t> realDump() {
     kivtest::TempDir tmp("readerdump");
-    crashtest::ChildResult r =
-        crashtest::runCrashProgram("null", tmp.path() + "/", "/bin/true", {}, tmp.path() + "/rec");
+    crashtest::ChildResult r = crashtest::runCrashProgram("null", tmp.path() + "/", "/bin/true", {},
+                                                          tmp.path() + "/rec");
     EXPECT_EQ(0, r.status) << r.output;
     std::vector<std::string> files = crashtest::filesEndingWith(tmp.path(), ".dmp");
     std::string text = files.size() == 1 ? kivtest::readFile(files[0]) : "";

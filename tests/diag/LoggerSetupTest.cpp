@@ -35,11 +35,14 @@ TEST_F(LoggerTest, LevelWrittenByKivctlEnablesDebugLines) {
     kivctl("defaults write com.kiv-foundry.kiv.config flag -bool no", &status);
     EXPECT_EQ(0, status);
     EXPECT_EQ("0\n", kivctl("defaults read 'Software\\Kiv Foundry\\Kiv\\Config' flag", &status));
-    const std::pair<const char*, int> runs[] = {
-        {"read com.kiv-foundry.kiv.config nothing", 1}, {"delete com.kiv-foundry.kiv.config flag", 0},
-        {"delete com.kiv-foundry.kiv.config flag", 1}, {"write com.kiv-foundry.kiv LogLevel -int four", 64},
-        {"write com.kiv-foundry.kiv LogLevel -float 4", 64}, {"write com.kiv-foundry.kiv LogLevel -int -1", 0},
-        {"--help", 0}, {"read broken", 2}};
+    const std::pair<const char*, int> runs[] = {{"read com.kiv-foundry.kiv.config nothing", 1},
+                                                {"delete com.kiv-foundry.kiv.config flag", 0},
+                                                {"delete com.kiv-foundry.kiv.config flag", 1},
+                                                {"write com.kiv-foundry.kiv LogLevel -int four", 64},
+                                                {"write com.kiv-foundry.kiv LogLevel -float 4", 64},
+                                                {"write com.kiv-foundry.kiv LogLevel -int -1", 0},
+                                                {"--help", 0},
+                                                {"read broken", 2}};
     for (const auto& [args, expected] : runs)
         EXPECT_EQ(expected, (kivctl(std::string("defaults ") + args, &status), status)) << args;
     EXPECT_EQ("-1\n", kivctl("defaults read com.kiv-foundry.kiv LogLevel", &status));
@@ -68,8 +71,8 @@ TEST_F(LoggerTest, FilesArePrivateByDefaultSharedOnRequestWhateverTheUmask) {
         SCOPED_TRACE(shared ? "shared" : "private");
         kivtest::ScopedEnv root("KIV_ROOT", (m_dir.path() + (shared ? "/shared" : "/private")).c_str());
         const std::string logs = m_dir.path() + (shared ? "/shared" : "/private") + "/Library/Logs/KivFoundry";
-        ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.sharedFileModes",
-                                     Preferences::Value::ofBool(shared)));
+        ASSERT_TRUE(
+            Preferences::Set("com.kiv-foundry.kiv.config", "app.sharedFileModes", Preferences::Value::ofBool(shared)));
         mode_t oldMask = umask(shared ? 022 : 0);
         {
             CBBLog log("modes.log", false, 524288);

@@ -110,7 +110,8 @@ TEST_F(LoggerTest, NoLogsFolderIsReportedAndHarmless) {
     std::string out = testing::internal::GetCapturedStdout();
     EXPECT_TRUE(out.find("Error: could not open log file '") != std::string::npos &&
                 out.find("Error: could not open error log file '") != std::string::npos &&
-                out.find("nothing") == std::string::npos) << out;
+                out.find("nothing") == std::string::npos)
+        << out;
 }
 
 std::string raw(int n) {  // exactly 100 bytes, line end included

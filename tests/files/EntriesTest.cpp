@@ -42,15 +42,15 @@ TEST(EntryContents, GetDataFromBeginCurrentAndEnd) {
     auto read = [&](unsigned long long n, long long offset, CFileTools::SeekDirection from) {
         count = n;
         return file.getData(buf, count, static_cast<unsigned long long>(offset), from) ? std::string(buf, count)
-                                                                                     : "refused";
+                                                                                       : "refused";
     };
     EXPECT_EQ(read(4, 2, CFileTools::begin), "2345");
-    EXPECT_EQ(read(2, 1, CFileTools::current), "78");  // position was 6
-    EXPECT_EQ(read(3, -3, CFileTools::end), "789");    // the last three bytes
-    EXPECT_EQ(read(2, -3, CFileTools::current), "78"); // position was 10
-    EXPECT_EQ(read(3, 3, CFileTools::end), "refused");  // a positive offset from the end is past it
+    EXPECT_EQ(read(2, 1, CFileTools::current), "78");      // position was 6
+    EXPECT_EQ(read(3, -3, CFileTools::end), "789");        // the last three bytes
+    EXPECT_EQ(read(2, -3, CFileTools::current), "78");     // position was 10
+    EXPECT_EQ(read(3, 3, CFileTools::end), "refused");     // a positive offset from the end is past it
     EXPECT_EQ(read(20, -20, CFileTools::end), "refused");  // before the start of the file
-    EXPECT_EQ(read(100, 8, CFileTools::begin), "89");  // asks past the end: only what is there
+    EXPECT_EQ(read(100, 8, CFileTools::begin), "89");      // asks past the end: only what is there
     EXPECT_EQ(read(5, 50, CFileTools::begin), "refused");
     EXPECT_EQ(count, 0u);
 
@@ -79,9 +79,12 @@ TEST(PathNames, ThresholdsOfEachHelper) {
     EXPECT_EQ(CFileTools::GetDisplayNameFromPath("/a/"), "");
     const std::tuple<const char*, const char*, const char*, const char*> cases[] = {
         // path, display name (only "/" as the first character is kept), extension (last "." anywhere), directory
-        {"/music/a.MP3", "a.MP3", "MP3", "a.MP3"},     {"/root", "/root", "/root", "/root"},
-        {"plain", "plain", "plain", "plain"},          {"/music/README", "README", "/music/README", "README"},
-        {"/my.music/README", "README", "music/README", "README"}, {".hidden", ".hidden", ".hidden", ".hidden"},
+        {"/music/a.MP3", "a.MP3", "MP3", "a.MP3"},
+        {"/root", "/root", "/root", "/root"},
+        {"plain", "plain", "plain", "plain"},
+        {"/music/README", "README", "/music/README", "README"},
+        {"/my.music/README", "README", "music/README", "README"},
+        {".hidden", ".hidden", ".hidden", ".hidden"},
         {"/music/album/a.mp3", "a.mp3", "mp3", "a.mp3"},
     };
     for (const auto& [path, name, extension, directory] : cases) {
@@ -126,10 +129,15 @@ TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
     const std::string home = CFileTools::GetUserHomeFolder();
     ASSERT_FALSE(home.empty());
     const std::pair<const char*, std::string> cases[] = {{"%mydocuments%", home + "/Documents"},
-        {"%MYDOCUMENTS%/x", home + "/Documents"}, {"before%MyMusic%after", home + "/Music"},
-        {"%desktop%", home + "/Desktop"}, {"%MYPICTURES%", home + "/Pictures"}, {"%MYVIDEO%", home + "/Videos"},
-        {"%MYCOMPUTER%", home + "/"}, {"%UNKNOWN%", home}, {"/plain/path", "/plain/path"},
-        {"/one%sign", "/one%sign"}};
+                                                         {"%MYDOCUMENTS%/x", home + "/Documents"},
+                                                         {"before%MyMusic%after", home + "/Music"},
+                                                         {"%desktop%", home + "/Desktop"},
+                                                         {"%MYPICTURES%", home + "/Pictures"},
+                                                         {"%MYVIDEO%", home + "/Videos"},
+                                                         {"%MYCOMPUTER%", home + "/"},
+                                                         {"%UNKNOWN%", home},
+                                                         {"/plain/path", "/plain/path"},
+                                                         {"/one%sign", "/one%sign"}};
     for (const auto& [path, resolved] : cases) EXPECT_EQ(CFileTools::resolveSpecialPath(path), resolved);
     EXPECT_EQ(CFileTools::resolveShortcut("/any/path"), "");
     EXPECT_EQ(CFileTools::GetPathFromCSIDL(5), "");
@@ -169,8 +177,7 @@ TEST(DataFolder, CreatedWithParentsAndPrivateModeUnderRootOrThrows) {
     EXPECT_EQ(kivtest::runCommand("stat -c '%F %a' '" + data + "' '" + sub + "'"), "directory 750\ndirectory 750\n");
     EXPECT_EQ(CFileTools::GetLogsDirectory(), KivFolders::LogsDirectory());
     EXPECT_THAT([] { CFileTools::GetKivDataSubFolder("no/such/parent"); },
-                testing::ThrowsMessage<std::logic_error>(
-                    testing::StartsWith("Failed to create Kiv data subfolder")));
+                testing::ThrowsMessage<std::logic_error>(testing::StartsWith("Failed to create Kiv data subfolder")));
 }
 
 TEST(BinFolder, InstallDirSettingElseExecutableFolder) {
@@ -180,7 +187,8 @@ TEST(BinFolder, InstallDirSettingElseExecutableFolder) {
     EXPECT_FALSE(CFileTools::testKivBinPath(dir.path()));
     kivtest::writeFile(dir.file("KivLauncher"), "");
     EXPECT_TRUE(CFileTools::testKivBinPath(dir.path()));
-    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir", CStdStr("/opt/kiv")));
+    ASSERT_TRUE(
+        CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "InstallDir", CStdStr("/opt/kiv")));
     EXPECT_EQ(CFileTools::getKivBinFolderPath(), "/opt/kiv/bin");
 }
 
@@ -201,7 +209,9 @@ TEST(MediumId, RoundTripAndLossyCharacters) {
 }
 
 TEST(StdPath, AppendInsertsOneSeparatorOnlyWhereNeeded) {
-    const std::tuple<const char*, const char*, const char*> cases[] = {
-        {"/base", "x", "/base/x"}, {"/base/", "x", "/base/x"}, {"/base", "", "/base"}, {"", "x", "x"}};
+    const std::tuple<const char*, const char*, const char*> cases[] = {{"/base", "x", "/base/x"},
+                                                                       {"/base/", "x", "/base/x"},
+                                                                       {"/base", "", "/base"},
+                                                                       {"", "x", "x"}};
     for (const auto& [base, part, joined] : cases) EXPECT_EQ(CStdPath(base).AppendPath(part), joined);
 }

@@ -82,13 +82,23 @@ TEST(FieldValues, EveryFieldOfAnEntry) {
     kivtest::writeFile(song, "12345");
     kivtest::runCommand("touch -d '2021-03-14 09:08:07' '" + song + "'");  // local time
     CFileTools entry(song);
-    const std::pair<const char*, std::string> fields[] = {{"title", "Song.Mp3"}, {"path", song},
-        {"path.extension", "Mp3"}, {"path.directory", "Song.Mp3"}, {"path.filename", "Song.Mp3"},
-        {"mediumId", CFileTools::PathToFileBrowserMediumId(song)}, {"kivMediumId", entry.getMediumId()},
-        {"type", "file"}, {"size", "5"}, {"dateModified", "2021-03-14 09:08:07"},
-        {"lastModified", "2021-03-14 09:08:07"}, {"lastAccessTime", "2021-03-14 09:08:07"},
-        {"creationDate", "2021-03-14 09:08:07"}, {"creationDate.year", "2021"}, {"creationDate.month", "0003"},
-        {"Title", ""}, {"nonsense", ""}};
+    const std::pair<const char*, std::string> fields[] = {{"title", "Song.Mp3"},
+                                                          {"path", song},
+                                                          {"path.extension", "Mp3"},
+                                                          {"path.directory", "Song.Mp3"},
+                                                          {"path.filename", "Song.Mp3"},
+                                                          {"mediumId", CFileTools::PathToFileBrowserMediumId(song)},
+                                                          {"kivMediumId", entry.getMediumId()},
+                                                          {"type", "file"},
+                                                          {"size", "5"},
+                                                          {"dateModified", "2021-03-14 09:08:07"},
+                                                          {"lastModified", "2021-03-14 09:08:07"},
+                                                          {"lastAccessTime", "2021-03-14 09:08:07"},
+                                                          {"creationDate", "2021-03-14 09:08:07"},
+                                                          {"creationDate.year", "2021"},
+                                                          {"creationDate.month", "0003"},
+                                                          {"Title", ""},
+                                                          {"nonsense", ""}};
     for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
     EXPECT_EQ(CFileTools(dir.path()).getFieldValue("type"), "folder");
     EXPECT_EQ(CFileTools(dir.file("gone")).getFieldValue("size"), "0");
@@ -102,37 +112,47 @@ TEST(SortFiles, EveryKeyKeepsFoldersFirst) {
     std::vector<std::unique_ptr<CFileTools>> owned;
     std::vector<CFileTools*> entries;
     const std::string ete = "\xc3\xa9t\xc3\xa9.ogg";
-    const std::tuple<std::string, int, time_t> made[] = {  // name, size (-1: a folder), modified
-        {"b.txt", 30, 300}, {"A.mp3", 10, 200}, {"c.wav", 20, 100}, {ete, 5, 400}, {"zfolder", -1, 50},
-        {"Afolder", -1, 60}};
+    const std::tuple<std::string, int, time_t> made[] = {// name, size (-1: a folder), modified
+                                                         {"b.txt", 30, 300}, {"A.mp3", 10, 200},  {"c.wav", 20, 100},
+                                                         {ete, 5, 400},      {"zfolder", -1, 50}, {"Afolder", -1, 60}};
     for (const auto& [name, size, modified] : made) {
         kivtest::writeFile(dir.file(size < 0 ? name + "/inside" : name), std::string(std::max(size, 0), 'x'));
         kivtest::runCommand("touch -d @" + std::to_string(modified) + " '" + dir.file(name) + "'");
         owned.emplace_back(new CFileTools(dir.file(name), name));
         entries.push_back(owned.back().get());
     }
-    const std::string byTitle = "Afolder zfolder ETE A.mp3 b.txt c.wav", byDate = "zfolder Afolder c.wav A.mp3 b.txt ETE";
-    const std::tuple<std::string, int, std::string> cases[] = {  // keys, answer, order
-        {"title:asc", 1, byTitle}, {"path:asc", 1, byTitle}, {"title:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
-        {"path:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
-        // The folders' paths hold no ".", so their extension is the whole path.
-        {"path.extension:asc", 1, "Afolder zfolder A.mp3 ETE b.txt c.wav"},
-        {"path.extension:desc", 1, "zfolder Afolder c.wav b.txt ETE A.mp3"},
-        {"size:asc", 1, "? ? ETE A.mp3 c.wav b.txt"}, {"size:desc", 1, "? ? b.txt c.wav A.mp3 ETE"},
-        {"lastModified:asc", 1, byDate}, {"creationDate:asc", 1, byDate}, {"lastAccessTime:asc", 1, byDate},
-        {"lastModified:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-        {"creationDate:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-        {"lastAccessTime:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-        {"title:desc,size:asc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
-        {",size:asc", 0, byTitle}, {"", 0, byTitle}, {"Title:asc", 0, byTitle}};
+    const std::string byTitle = "Afolder zfolder ETE A.mp3 b.txt c.wav",
+                      byDate = "zfolder Afolder c.wav A.mp3 b.txt ETE";
+    const std::tuple<std::string, int, std::string> cases[] =
+        {// keys, answer, order
+         {"title:asc", 1, byTitle},
+         {"path:asc", 1, byTitle},
+         {"title:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+         {"path:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+         // The folders' paths hold no ".", so their extension is the whole path.
+         {"path.extension:asc", 1, "Afolder zfolder A.mp3 ETE b.txt c.wav"},
+         {"path.extension:desc", 1, "zfolder Afolder c.wav b.txt ETE A.mp3"},
+         {"size:asc", 1, "? ? ETE A.mp3 c.wav b.txt"},
+         {"size:desc", 1, "? ? b.txt c.wav A.mp3 ETE"},
+         {"lastModified:asc", 1, byDate},
+         {"creationDate:asc", 1, byDate},
+         {"lastAccessTime:asc", 1, byDate},
+         {"lastModified:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+         {"creationDate:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+         {"lastAccessTime:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+         {"title:desc,size:asc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+         {",size:asc", 0, byTitle},
+         {"", 0, byTitle},
+         {"Title:asc", 0, byTitle}};
     for (const auto& [keys, answer, expected] : cases) {
         CFileTools::SortFiles(entries, "size:desc");  // a different order before each
         EXPECT_EQ(CFileTools::SortFiles(entries, keys), answer) << keys;
         std::string got;
         for (CFileTools* e : entries) {
             const std::string name = e->getDisplayName();
-            got += (got.empty() ? "" : " ") +
-                   (name == ete ? "ETE" : expected[0] == '?' && e->isFolder() ? std::string("?") : name);
+            got += (got.empty() ? "" : " ") + (name == ete                           ? "ETE"
+                                               : expected[0] == '?' && e->isFolder() ? std::string("?")
+                                                                                     : name);
         }
         EXPECT_EQ(got, expected) << keys;
     }

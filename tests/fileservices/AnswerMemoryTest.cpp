@@ -60,8 +60,8 @@ TEST_F(AnswerMemoryTest, GroupedInlineGetFilesBeyondTheBudgetAnswerBusyAndHoldNo
         SCOPED_TRACE("round " + std::to_string(round));
         budget->resetPeak();
         CLocalVariant out, rc;
-        ASSERT_EQ(0, client.Request("VorpaMediaProxy", "MultiRequest", JsonVariant(group.dump()).get(), out.ptr(),
-                                    0, rc.ptr()))
+        ASSERT_EQ(0, client.Request("VorpaMediaProxy", "MultiRequest", JsonVariant(group.dump()).get(), out.ptr(), 0,
+                                    rc.ptr()))
             << CabGetLastError();
         ASSERT_EQ(0, CabRetcode(rc.get()));
         ASSERT_EQ(20, VUtil::GetArrayLength(out.get()));
@@ -123,7 +123,8 @@ TEST(AnswerMemoryShares, OneCallerFillingItsShareLeavesRoomForAnother) {
     int status = -1;
     const std::string users = kivtest::runCommand(
         "printf 'satellite VorpaMediaProxy proxyPassword0123456\\nclient hog hogPassword012345678\\n"
-        "client other otherPassword0123456\\n' | bash " KIV_SOURCE_DIR "/scripts/cab-directory-users", &status);
+        "client other otherPassword0123456\\n' | bash " KIV_SOURCE_DIR "/scripts/cab-directory-users",
+        &status);
     ASSERT_EQ(0, status) << users;
     kivtest::NatsServer server(1 << 20, users);
     ASSERT_TRUE(server.start()) << server.error();
@@ -162,8 +163,10 @@ TEST(AnswerMemoryShares, OneCallerFillingItsShareLeavesRoomForAnother) {
     other.setRequestTimeoutMs(60000);
     ASSERT_EQ(0, other.Connect(server.hostPort().c_str(), "Other"));
     CLocalVariant out, rc;
-    ASSERT_EQ(0, other.Request("VorpaMediaProxy", "GetFile", JsonVariant(nlohmann::json::array({path, 0, 16 << 20}).dump()).get(),
-                               out.ptr(), 0, rc.ptr())) << CabGetLastError();
+    ASSERT_EQ(0, other.Request("VorpaMediaProxy", "GetFile",
+                               JsonVariant(nlohmann::json::array({path, 0, 16 << 20}).dump()).get(), out.ptr(), 0,
+                               rc.ptr()))
+        << CabGetLastError();
     EXPECT_EQ(0, CabRetcode(rc.get())) << CabGetLastError();
     EXPECT_EQ(16u << 20, out.vt() == (VT_ARRAY | VT_UI1) ? out.get().parray->rgsabound[0].cElements : 0u);
     ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 1 << 30));

@@ -73,9 +73,10 @@ protected:
 TEST_F(ManagerTest, PagesOfTheWholeListingInTheOrderAsked) {
     const std::string many = dir.file("many");
     for (int i = 0; i < 10; ++i) kivtest::writeFile(many + "/f" + std::to_string(i) + ".txt", "x");
-    const std::tuple<long, long, size_t, std::string> cases[] = {  // first, count, rows, the first title
-        {8, 5, 2, "f8.txt"}, {8, 0, 2, "f8.txt"}, {8, -1, 2, "f8.txt"}, {0, 3, 3, "f0.txt"},
-        {0, 10, 10, "f0.txt"}, {9, 1, 1, "f9.txt"}, {10, 5, 0, ""}, {12, 5, 0, ""}, {12, 0, 0, ""},
+    const std::tuple<long, long, size_t, std::string> cases[] = {
+        // first, count, rows, the first title
+        {8, 5, 2, "f8.txt"}, {8, 0, 2, "f8.txt"}, {8, -1, 2, "f8.txt"}, {0, 3, 3, "f0.txt"}, {0, 10, 10, "f0.txt"},
+        {9, 1, 1, "f9.txt"}, {10, 5, 0, ""},      {12, 5, 0, ""},       {12, 0, 0, ""},
     };
     for (const auto& [first, count, size, firstTitle] : cases) {
         SCOPED_TRACE(testing::Message() << "first " << first << " count " << count);
@@ -123,8 +124,14 @@ TEST_F(ManagerTest, SingleFilesMissingFoldersBadArgumentsAndSwitchedOff) {
 
 TEST(StrSplitTest, PiecesIncludingEmptyOnes) {
     const std::vector<std::pair<const char*, std::vector<CStdStr>>> cases = {
-        {"", {}}, {"a", {"a"}}, {"a,b", {"a", "b"}}, {"a,b,", {"a", "b", ""}}, {",a", {"", "a"}},
-        {"a,,b", {"a", "", "b"}}, {",", {"", ""}}, {"x::y::", {"x", "y", ""}},
+        {"", {}},
+        {"a", {"a"}},
+        {"a,b", {"a", "b"}},
+        {"a,b,", {"a", "b", ""}},
+        {",a", {"", "a"}},
+        {"a,,b", {"a", "", "b"}},
+        {",", {"", ""}},
+        {"x::y::", {"x", "y", ""}},
     };
     for (const auto& [text, pieces] : cases) {
         std::vector<CStdStr> out;
@@ -147,7 +154,8 @@ TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
     const std::string a = R"([["mimeType","audio/x-unknown"],["mediaType","audio.file"],["Path","/a.mp3"],)"
                           R"(["Name","/a"]])";
     EXPECT_EQ(json(info.get()), a);
-    EXPECT_EQ(json(list.get()), "[" + a + R"(,null,[["mimeType","photo/x-unknown"],)"
+    EXPECT_EQ(json(list.get()), "[" + a +
+                                    R"(,null,[["mimeType","photo/x-unknown"],)"
                                     R"(["mediaType","photo.file"],["Path","/b.png"],["Name","/b"]]])");
 
     // IsMediumShared answers 1 to three texts, and throws on anything else.

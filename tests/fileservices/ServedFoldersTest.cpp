@@ -79,14 +79,14 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {media + "/a.txt", "served", ""},
         {media + "/sub/../a.txt", "served", ""},
         {media + "//sub/b.txt", "bee", ""},
-        {media + "/link-in", "bee", ""},                       // a link that stays inside
-        {ownLog, "a log line\n", ""},                          // the proxy's own log folder
-        {dump, "", "a crash dump"},                            // in its data folder, but holds its memory
-        {media + "/none.txt", "", ""},                         // missing: no refusal
-        {media + "/../outside/secret.txt", "", "leads out"},   // ".."
-        {media + "/link-out", "", "leads out"},                // a link inside to outside
-        {media + "/absolute-link", "", "leads out"},           // absolute links are never followed
-        {media + "/folder-out/secret.txt", "", "leads out"},   // a link in a parent folder
+        {media + "/link-in", "bee", ""},                           // a link that stays inside
+        {ownLog, "a log line\n", ""},                              // the proxy's own log folder
+        {dump, "", "a crash dump"},                                // in its data folder, but holds its memory
+        {media + "/none.txt", "", ""},                             // missing: no refusal
+        {media + "/../outside/secret.txt", "", "leads out"},       // ".."
+        {media + "/link-out", "", "leads out"},                    // a link inside to outside
+        {media + "/absolute-link", "", "leads out"},               // absolute links are never followed
+        {media + "/folder-out/secret.txt", "", "leads out"},       // a link in a parent folder
         {outside + "/link-in", "", "outside the served folders"},  // a link outside to inside
         {outside + "/secret.txt", "", "outside the served folders"},
         {media + "-sibling/x.txt", "", "outside the served folders"},
@@ -96,7 +96,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {media + "/nkey.txt", "", "a credential file"},
         {media + "/fifo", "", "a FIFO"},
         {media + "/sock", "", "a socket"},
-        {media + "/null", "", "leads out"},                    // a device, through a link
+        {media + "/null", "", "leads out"},  // a device, through a link
         {media + "/sub", "", "a folder"},
     };
     // Every request runs on another thread: one that blocked fails the test
@@ -116,8 +116,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
             }
             const std::string id = CFileTools::PathToFileBrowserMediumId(c.path);
             const nlohmann::json sizeIn = {id, {id}};
-            ASSERT_EQ(satellite.CabServiceQueryFileSize("QueryFileSize", JsonVariant(sizeIn.dump()).get(),
-                                                        sizes.ptr()),
+            ASSERT_EQ(satellite.CabServiceQueryFileSize("QueryFileSize", JsonVariant(sizeIn.dump()).get(), sizes.ptr()),
                       0);
             EXPECT_EQ(json(sizes.get()), "[1," + typed("I8", c.content.size()) + "]");
             // One WARN line per refused request, with the path and the reason.
@@ -134,8 +133,8 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
                               .dump());
         ASSERT_EQ(satellite.CabServiceCreateZipFile("CreateZip", zipIn.get(), zip.ptr()), 0);
         const std::string path = VUtil::GetStringElement(zip.get(), 0);
-        for (const auto& [entry, content] : {std::pair<std::string, std::string>{"a.txt", "served"},
-                                             {"fifo", ""}, {"link-out", ""}})
+        for (const auto& [entry, content] :
+             {std::pair<std::string, std::string>{"a.txt", "served"}, {"fifo", ""}, {"link-out", ""}})
             EXPECT_EQ(kivtest::runCommand("unzip -p '" + path + "' '" + entry + "'"), content) << entry;
         EXPECT_EQ(countOf(log->linesUpTo(LOGLEVEL_WARN), "CreateZip refused " + media + "/fifo: a FIFO"), 1);
         fs::remove(path);

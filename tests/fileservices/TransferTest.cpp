@@ -57,8 +57,7 @@ protected:
         return status;
     }
     // [path, offset, max] with both counts of variant type `type` ("I4", "UI8", ...).
-    int getFile(const std::string& path, const std::string& type, long long offset, long long max,
-                std::string* bytes) {
+    int getFile(const std::string& path, const std::string& type, long long offset, long long max, std::string* bytes) {
         return getFile("[\"" + path + "\"," + typed(type, offset) + "," + typed(type, max) + "]", bytes);
     }
     // The JSON of the "QueryFileSize" answer to [medium, items], or "status N".
@@ -85,10 +84,10 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
     const std::vector<std::string> all = {"I4", "UI4", "I8", "UI8"}, signedOnes = {"I4", "I8"};
     const std::tuple<std::vector<std::string>, long long, long long, size_t, size_t> cases[] = {
         // types, offset, maximum, and the slice: from, length
-        {all, 0, 0, 0, 100000},           {all, 12345, 100, 12345, 100},
-        {all, 99990, 100, 99990, 10},     {signedOnes, 500, -1, 500, 99500},
-        {signedOnes, -20, 10, 0, 10},     {{"I8"}, 100000, 10, 0, 0},
-        {{"UI8"}, 1ll << 40, 0, 0, 0},    {{"UI4"}, 0xFFFFFFFFll, 0xFFFFFFFFll, 0, 0},
+        {all, 0, 0, 0, 100000},        {all, 12345, 100, 12345, 100},
+        {all, 99990, 100, 99990, 10},  {signedOnes, 500, -1, 500, 99500},
+        {signedOnes, -20, 10, 0, 10},  {{"I8"}, 100000, 10, 0, 0},
+        {{"UI8"}, 1ll << 40, 0, 0, 0}, {{"UI4"}, 0xFFFFFFFFll, 0xFFFFFFFFll, 0, 0},
     };
     for (const auto& [types, offset, max, from, length] : cases)
         for (const std::string& type : types) {
@@ -107,7 +106,8 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
     }
 
     const std::pair<std::string, std::string> wrong[] = {{"\"10\", 10", "Invalid offset type"},
-        {"10, 2.5", "Invalid maxLength type"}, {typed("I2", 1) + ", 10", "Invalid offset type"}};
+                                                         {"10, 2.5", "Invalid maxLength type"},
+                                                         {typed("I2", 1) + ", 10", "Invalid offset type"}};
     for (const auto& [counts, text] : wrong) {
         EXPECT_EQ(getFile("[\"" + path + "\", " + counts + "]", &got), CAB_E_HANDLER_EXCEPTION) << counts;
         EXPECT_THAT(CabGetLastError(), HasSubstr(text));
@@ -180,10 +180,11 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     EXPECT_TRUE(waitForLog("GetMediumListPath: "));
     // A media service that refuses (404) leaves no answer to read: the lookup fails the same way.
     CabSatellite refusing;
-    refusing.AddService("GetMediumListInfoFromId", "", +[](const char*, const tagVARIANT&, tagVARIANT*) {
-        ++refusedLookups;
-        return 404;
-    });
+    refusing.AddService(
+        "GetMediumListInfoFromId", "", +[](const char*, const tagVARIANT&, tagVARIANT*) {
+            ++refusedLookups;
+            return 404;
+        });
     ASSERT_EQ(refusing.Connect(hostPort().c_str(), "KivMediaV2"), 0);
     EXPECT_EQ(querySizes("M1", {"M1"}), "status -1");
     EXPECT_EQ(refusedLookups, 1);
@@ -195,7 +196,8 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
 
     ASSERT_TRUE(startCatalog(R"({"extensions": {"audio": [".mp3"]},
         "media": {"M1": {"path": "music/a song.mp3", "name": "A song"},
-                  "M2": {"path": ")" + media.file("photos/b.png") + R"("}}})"));
+                  "M2": {"path": ")" +
+                             media.file("photos/b.png") + R"("}}})"));
     EXPECT_EQ(querySizes("M1", {"M1", "M2"}), sizes(2, 1234));
     // An id the catalog does not know resolves to nothing, with a warning.
     EXPECT_EQ(querySizes("M1", {"M2", "nope"}), sizes(1, 234));
@@ -240,8 +242,9 @@ TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
 // Every name the file system allows comes back byte for byte through get and
 // zip, also those the file-browser id cannot carry (| * > <).
 TEST_F(KivctlGetTest, AwkwardNamesComeBackByteForByte) {
-    const std::string names[] = {"sp ace.txt", "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline",
-                                 "\xc3\xbc \xe2\x9c\x93", "\xff\xfe.bin", "-dash"};
+    const std::string names[] =
+        {"sp ace.txt",   "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline", "\xc3\xbc \xe2\x9c\x93",
+         "\xff\xfe.bin", "-dash"};
     std::string paths, all, output;
     for (const std::string& name : names) {
         SCOPED_TRACE(name);
@@ -290,9 +293,9 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRestAndNeverWritesOverItsSource) {
     const std::string bigContent = patternBytes(16 << 20, 3), log = media.file("local/log");
     const std::string pidFile = media.file("local/pid"), rcFile = media.file("local/rc");
     kivtest::writeFile(big, bigContent);
-    kivtest::runCommand("sh -c '" KIV_BINARY_DIR "/bin/kivctl get --server " + hostPort() + " " + big +
-                        " -o " + out + " --chunk 4K >" + log + " 2>&1 & echo $! >" + pidFile + "; wait $!; " +
-                        "echo $? >" + rcFile + "' >/dev/null 2>&1 &");
+    kivtest::runCommand("sh -c '" KIV_BINARY_DIR "/bin/kivctl get --server " + hostPort() + " " + big + " -o " + out +
+                        " --chunk 4K >" + log + " 2>&1 & echo $! >" + pidFile + "; wait $!; " + "echo $? >" + rcFile +
+                        "' >/dev/null 2>&1 &");
     struct stat st;
     auto started = [&] {
         return stat((out + ".part").c_str(), &st) == 0 && st.st_size > 0 && kivtest::readFile(pidFile) != "";
@@ -318,7 +321,8 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     kivtest::writeFile(media.file("remote/sub/clip.bin"), "other");
     const std::string none = media.file("remote/none.bin"), folder = media.file("remote");
     const std::string x = " -o " + out.file("x"), zip = " -o " + out.file("z.zip");
-    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
+    const std::tuple<std::string, int, std::string> cases[] = {
+        // command, exit status, output
         {"get " + none + x, 1, "no such file"},
         {"get " + folder + x, 1, "no such file"},  // a folder is answered as a missing file
         {"get " + none, 1, "no such file"},

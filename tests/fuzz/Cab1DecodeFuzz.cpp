@@ -23,14 +23,20 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::string again = Cab1Encoding(v).str();
     bool same = size == 0 ? again == std::string("\0\0", 2)
                           : again.size() == size && memcmp(again.data(), data, size) == 0;
-    if (!same) { fprintf(stderr, "re-encoding differs\n"); abort(); }
+    if (!same) {
+        fprintf(stderr, "re-encoding differs\n");
+        abort();
+    }
 
     tagVARIANT back;
     if (!VariantFromJson(VariantToJson(v), &back, &error)) {
         fprintf(stderr, "JSON form does not read back: %s\n", error.c_str());
         abort();
     }
-    if (Cab1Encoding(back).str() != again) { fprintf(stderr, "JSON round trip differs\n"); abort(); }
+    if (Cab1Encoding(back).str() != again) {
+        fprintf(stderr, "JSON round trip differs\n");
+        abort();
+    }
     VariantClear(&back);
     VariantClear(&v);
     return 0;

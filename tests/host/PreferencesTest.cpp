@@ -50,9 +50,12 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     // Types survive: an int is not read as a string and the other way round.
     EXPECT_TRUE(!r.ReadSettingImpl(kKiv, "Int", asString) && asString == "unchanged");
     // ...but a text holding a decimal number reads as one; other texts and booleans warn once.
-    const std::pair<const char*, int> ports[] = {
-        {"37715", 37715}, {" -12 ", -12}, {"+5", 5}, {"-2147483648", -2147483647 - 1}, {"", 0},
-        {"+", 0},         {"+-1", 0},     {"12abc", 0}, {"0x10", 0}, {"2147483648", 0}, {"1 2", 0}};
+    const std::pair<const char*, int> ports[] = {{"37715", 37715}, {" -12 ", -12},
+                                                 {"+5", 5},        {"-2147483648", -2147483647 - 1},
+                                                 {"", 0},          {"+", 0},
+                                                 {"+-1", 0},       {"12abc", 0},
+                                                 {"0x10", 0},      {"2147483648", 0},
+                                                 {"1 2", 0}};
     for (const auto& [text, number] : ports) {
         ASSERT_TRUE(r.WriteSettingImpl(kConfig, "cabDirectory.port", CStdStr(text)));
         int port = 4222;
@@ -65,14 +68,16 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
         int asInt = 99;
         EXPECT_FALSE(r.ReadSettingImpl(kConfig, name, asInt) || r.ReadSettingImpl(kConfig, name, asInt)) << name;
         EXPECT_EQ(99, asInt) << name;
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), std::string("settings: warning: ") + name +
-                  " in com.kiv-foundry.kiv.config is neither a number nor a text of one; the default applies\n");
+        EXPECT_EQ(testing::internal::GetCapturedStderr(),
+                  std::string("settings: warning: ") + name +
+                      " in com.kiv-foundry.kiv.config is neither a number nor a text of one; the default applies\n");
     }
     // Booleans: the reader takes the key path as the domain as given.
-    ASSERT_TRUE(Preferences::Set("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", Preferences::Value::ofBool(true)));
+    ASSERT_TRUE(
+        Preferences::Set("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", Preferences::Value::ofBool(true)));
     bool b = false;
     EXPECT_TRUE(r.ReadSettingImpl("com.kiv-foundry.kiv.config", "app.fileBrowser.enabled", b) && b);
-    EXPECT_TRUE(!r.ReadSettingImpl(kConfig, "app.fileBrowser.enabled", b) && b);  // untouched
+    EXPECT_TRUE(!r.ReadSettingImpl(kConfig, "app.fileBrowser.enabled", b) && b);        // untouched
     ASSERT_TRUE(Preferences::Set(kConfig, "flag", Preferences::Value::ofBool(false)));  // backslashes in the domain
     EXPECT_TRUE(r.ReadSettingImpl(kConfig, "flag", b) && !b);
     EXPECT_NE(std::string::npos, kivtest::readFile(folder() + "/com.kiv-foundry.kiv.json").find("\"Int\""));
@@ -80,8 +85,15 @@ TEST_F(SettingsTest, ValuesOfEveryTypeRoundTrip) {
     std::string all;
     for (int k = 0; k < 256; ++k) all += static_cast<char>(k);
     // Latin-1, valid UTF-8, what looks like the escape form, controls, a long text that is not UTF-8.
-    const std::string cases[] = {all, "", std::string("\0", 1), std::string("a\0b\0", 4), "\xff", "caf\xe9",
-                                 "\xc3\xa9t\xc3\xa9", "{\"$bytes\": \"AAAA\"}", "line\nbreak\ttab\\slash\"quote",
+    const std::string cases[] = {all,
+                                 "",
+                                 std::string("\0", 1),
+                                 std::string("a\0b\0", 4),
+                                 "\xff",
+                                 "caf\xe9",
+                                 "\xc3\xa9t\xc3\xa9",
+                                 "{\"$bytes\": \"AAAA\"}",
+                                 "line\nbreak\ttab\\slash\"quote",
                                  std::string(70000, 'x') + "\x80"};
     int n = 0;
     for (const std::string& c : cases) {

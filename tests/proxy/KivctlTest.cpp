@@ -39,15 +39,20 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     snprintf(date, sizeof date, "{\"$vt\":\"DATE\",\"v\":%.17g}", VUtil::TimeToDate(second));
     const std::string when = TimeUtils::FormatTime2(second);
     typedef std::vector<std::string> Texts;
-    const std::tuple<std::string, int, Texts, Texts> cases[] = {  // command, exit, shown, not shown
+    const std::tuple<std::string, int, Texts, Texts> cases[] = {
+        // command, exit, shown, not shown
         {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}, {}},
         // Which name is wrong, and the nearest one; the service's own text kept.
         {"call NoSuchSatellite Echo", 2, {"-1002", "no satellite 'NoSuchSatellite' is running"}, {}},
-        {"call VorpaMediaProxi my-KIV_GetVersion", 2,
-         {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"}, {}},
+        {"call VorpaMediaProxi my-KIV_GetVersion",
+         2,
+         {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"},
+         {}},
         {"call VorpaMediaProxy GetFil", 2, {"has no service 'GetFil'; did you mean 'GetFile'?"}, {}},
-        {"call VorpaMediaProxy my-KIV_TailLog '[\"f\"]'", 2,
-         {"SafeArrayGetElement", "the count (element 1) is missing"}, {}},
+        {"call VorpaMediaProxy my-KIV_TailLog '[\"f\"]'",
+         2,
+         {"SafeArrayGetElement", "the count (element 1) is missing"},
+         {}},
         {"call VorpaMediaProxy Echo '[1,'", 64, {"column 4", "hint: the text ends early"}, {"parse_error"}},
         {"call EchoA Echo '" + std::string(date) + "'", 0, {when}, {}},
         {"multi '[[\"EchoA\",\"Echo\"," + std::string(date) + "]]'", 0, {when}, {}},
@@ -56,8 +61,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"--version", 0, {"kivctl 0."}, {}},
         {"list VorpaMediaProxy", 0, {"my-KIV_GetVersion", "Inparams: none; Outparams = (string)zipPath"}, {}},
         // The build's version; empty fields left out of the table, kept in JSON.
-        {"version", 0, {"version:          0.", "platform:         linux"},
-         {"placeholder", "performanceIndex"}},
+        {"version", 0, {"version:          0.", "platform:         linux"}, {"placeholder", "performanceIndex"}},
         {"version --json", 0, {"\"placeholder\": null", "\"performanceIndex\": \"\""}, {}},
         // Integers as numbers, read from the settings the proxy shares here.
         {"config", 0, {"cabDirectory.port = " + std::to_string(server.port())}, {"one-character"}},
@@ -68,10 +72,14 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         // A folder is never served: said as for a missing file, with a non-zero exit.
         {"tail " + dir.path(), 1, {"no such file"}, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
-        {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 1,
-         {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"}, {}},
-        {"multi '[[\"Nobody\",\"X\",1],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'", 2,
-         {"-1002", "no such satellite"}, {}},
+        {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'",
+         1,
+         {"\"out\": 7", "sub-request 2 (VorpaMediaProxy DeleteTempFile) answered 403"},
+         {}},
+        {"multi '[[\"Nobody\",\"X\",1],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'",
+         2,
+         {"-1002", "no such satellite"},
+         {}},
         {"multi '[[\"VorpaMediaProxy\",\"GetKivConfig\",null]]'", 2, {"-1013", "call it on its own"}, {}},
         // The directory refuses (the later --server wins): the reason once, and what to do.
         {"list --server 127.0.0.1:1", 2, {"No server available", "no directory answers"}, {"kivctl: CAB_E"}},
@@ -95,11 +103,15 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     auto shows = [&](const std::string& text) {
         return kivtest::eventually([&] { return kivtest::readFile(capture).find(text) != std::string::npos; }, 30000);
     };
-    const std::pair<std::string, std::string> steps[] = {  // a command on @, what the output then shows
-        {"", "old line\n"}, {"printf 'added\\n' >> @", "added\n"}, {"printf 'old' > @", "truncated"},
+    const std::pair<std::string, std::string> steps[] = {
+        // a command on @, what the output then shows
+        {"", "old line\n"},
+        {"printf 'added\\n' >> @", "added\n"},
+        {"printf 'old' > @", "truncated"},
         {"printf ' tail\\n' >> @", " tail\n"},
         // Rotated: the name now holds a new file (renamed over it, so it never goes missing).
-        {"cp @ @.back && printf 'the new file\\n' > @.new && mv @.new @", "replaced"}, {"", "the new file\n"},
+        {"cp @ @.back && printf 'the new file\\n' > @.new && mv @.new @", "replaced"},
+        {"", "the new file\n"},
     };
     for (auto step : steps) {
         replaceAll(&step.first, "@", followed);
@@ -151,11 +163,11 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     kivtest::TempDir checkout;
     kivtest::writeFile(checkout.file("scripts/run-local"), "");
     const std::string reports = checkout.file("var/root/Library/KivFoundry/CrashReports");
-    kivtest::writeFile(reports + "/a.json",
-                       R"({"time":"T","application":"KivRequestProxy","signalName":"SIGSEGV"})");
+    kivtest::writeFile(reports + "/a.json", R"({"time":"T","application":"KivRequestProxy","signalName":"SIGSEGV"})");
     int status = -1;
-    std::string out = kivtest::runCommand(
-        "cd " + checkout.file("var/root") + " && env -u KIV_ROOT " + kKivctl + " crashes 2>&1", &status);
+    std::string out = kivtest::runCommand("cd " + checkout.file("var/root") + " && env -u KIV_ROOT " + kKivctl +
+                                              " crashes 2>&1",
+                                          &status);
     EXPECT_EQ(status, 0) << out;
     EXPECT_THAT(out, testing::AllOf(HasSubstr(reports), HasSubstr("KivRequestProxy  SIGSEGV")));
     out = kivtest::runCommand("cd " + checkout.path() + " && " + kKivctl + " crashes 2>&1", &status);
@@ -166,13 +178,14 @@ TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
 // A directory that refuses the credential: the reason once, and where kivctl
 // takes its credential from; one that refuses a service: who may not call what.
 TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
-    kivtest::NatsServer guarded(64 * 1024, "authorization { users = [{user: proxy, password: p},\n"
-        "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash.*\",\n"
-        "  \"cab.*.my-KIV_TailLog.*\"]}}}] }\n");
+    kivtest::NatsServer
+        guarded(64 * 1024,
+                "authorization { users = [{user: proxy, password: p},\n"
+                "  {user: someone, password: secret, permissions: {publish: {deny: [\"cab.*.GenerateCrash.*\",\n"
+                "  \"cab.*.my-KIV_TailLog.*\"]}}}] }\n");
     ASSERT_TRUE(guarded.start()) << guarded.error();
     int status = -1;
-    const std::string out =
-        kivtest::runCommand(kKivctl + " list --server " + guarded.hostPort() + " 2>&1", &status);
+    const std::string out = kivtest::runCommand(kKivctl + " list --server " + guarded.hostPort() + " 2>&1", &status);
     EXPECT_EQ(status, 2) << out;
     EXPECT_THAT(out, HasSubstr("Violation"));
     EXPECT_EQ(out.find("Violation"), out.rfind("Violation")) << "said once\n" << out;
@@ -181,9 +194,9 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
 
     // A proxy of its own settings; a user who may not call GenerateCrash nor my-KIV_TailLog.
     kivtest::TempDir dir;
-    for (const std::string& value : {"cabDirectory.port -int " + std::to_string(guarded.port()),
-                                     std::string("cabDirectory.user -string proxy"),
-                                     std::string("cabDirectory.password -string p"), "files.roots -string " + dir.path()})
+    for (const std::string& value :
+         {"cabDirectory.port -int " + std::to_string(guarded.port()), std::string("cabDirectory.user -string proxy"),
+          std::string("cabDirectory.password -string p"), "files.roots -string " + dir.path()})
         kivtest::runCommand("XDG_CONFIG_HOME=" + dir.file("settings") + " " + kKivctl +
                             " defaults write 'Software\\Kiv Foundry\\Kiv\\Config' " + value);
     kivtest::ProxyProcess proxy;
@@ -191,13 +204,15 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     client.setUser("someone", "secret");
     ASSERT_EQ(client.Connect(guarded.hostPort().c_str(), "KivctlTestClient"), 0);
     ASSERT_TRUE(proxy.start({{"XDG_CONFIG_HOME", dir.file("settings")}}, dir.file("proxy.out")) &&
-                proxy.waitUntilServing(client)) << kivtest::readFile(dir.file("proxy.out"));
+                proxy.waitUntilServing(client))
+        << kivtest::readFile(dir.file("proxy.out"));
     kivtest::writeFile(dir.file("password"), "secret\n");
     kivtest::writeFile(dir.file("a.txt"), "abc");
     const std::string as = kKivctl + " --server " + guarded.hostPort() + " --user someone --password-file " +
                            dir.file("password") + " ";
     // Without my-KIV_TailLog a file still comes; a path that gives no byte is refused, saying why.
-    const std::tuple<std::string, int, std::string> cases[] = {  // command, exit status, output
+    const std::tuple<std::string, int, std::string> cases[] = {
+        // command, exit status, output
         {"call VorpaMediaProxy GenerateCrash", 2,
          "does not let user 'someone' call GenerateCrash of VorpaMediaProxy (an admin"},
         {"get " + dir.file("a.txt") + " -o " + dir.file("b.txt"), 0, "3 bytes"},
@@ -253,8 +268,7 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         const int status = want["status"].get<int>();
         EXPECT_EQ(exit, status == 0 ? 0 : CabIsLibraryStatus(status) ? 2 : 1);
         // Archives the examples made are removed again.
-        const nlohmann::json& made = got["out"].is_array() && !got["out"].empty() ? got["out"][0]
-                                                                                    : got["out"];
+        const nlohmann::json& made = got["out"].is_array() && !got["out"].empty() ? got["out"][0] : got["out"];
         if (made.is_string() && made.get<std::string>().rfind("/tmp/file", 0) == 0)
             std::remove(made.get<std::string>().c_str());
         if (example.find("# varies") == std::string::npos) {

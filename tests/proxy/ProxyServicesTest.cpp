@@ -60,7 +60,9 @@ TEST_F(ProxyTest, StartsServesAndStopsAsTheServiceManagerExpects) {
     ASSERT_TRUE(manager.bound);
     const std::string own = root + "/service-manager";  // a root of its own: the log file is this test's alone
     const std::map<std::string, std::string> env = {{"NOTIFY_SOCKET", root + "/notify"},
-        {"WATCHDOG_USEC", "200000"}, {"WATCHDOG_PID", ""}, {"KIV_ROOT", own}};
+                                                    {"WATCHDOG_USEC", "200000"},
+                                                    {"WATCHDOG_PID", ""},
+                                                    {"KIV_ROOT", own}};
     const int port = server.port();
     server.stop();
     ASSERT_TRUE(proxy.start(env, root + "/proxy.out"));
@@ -84,9 +86,17 @@ TEST_F(ProxyTest, StartsServesAndStopsAsTheServiceManagerExpects) {
     const nlohmann::json info = nlohmann::json::parse(replies[0]);
     EXPECT_EQ(info["name"], "VorpaMediaProxy");
     const std::vector<std::pair<std::string, std::string>> expected = {{"QueryFileSize", "Get file size"},
-        {"GetFile", "Download a file"}, {"my-KIV_GetVersion", "Get Kiv version"}, {"my-KIV_TailLog", ""},
-        {"MultiRequest", ""}, {"CreateZip", ""}, {"DeleteTempFile", ""}, {"GetKivDataFolder", ""},
-        {"GetKivConfig", ""}, {"GenerateCrash", ""}, {"ZipLogs", "Inparams: none; Outparams = (string)zipPath"}};
+                                                                       {"GetFile", "Download a file"},
+                                                                       {"my-KIV_GetVersion", "Get Kiv version"},
+                                                                       {"my-KIV_TailLog", ""},
+                                                                       {"MultiRequest", ""},
+                                                                       {"CreateZip", ""},
+                                                                       {"DeleteTempFile", ""},
+                                                                       {"GetKivDataFolder", ""},
+                                                                       {"GetKivConfig", ""},
+                                                                       {"GenerateCrash", ""},
+                                                                       {"ZipLogs",
+                                                                        "Inparams: none; Outparams = (string)zipPath"}};
     std::vector<std::pair<std::string, std::string>> published;
     for (const auto& e : info["endpoints"]) {
         published.emplace_back(e["name"], e["metadata"]["description"]);
@@ -163,8 +173,9 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLa
 TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThrows) {
     // Credentials by the end of their name, in any case; a near miss is shown.
     const std::map<std::string, std::string> secrets = {{"mail.apiToken", "Secret-1"},
-        {"mail.ADMINPASSWORD", "Secret-2"},
-        {"backup.nkeySeed", "Secret-3"}, {"backup.nkeyseedfile", "Secret-4"}};
+                                                        {"mail.ADMINPASSWORD", "Secret-2"},
+                                                        {"backup.nkeySeed", "Secret-3"},
+                                                        {"backup.nkeyseedfile", "Secret-4"}};
     for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
     for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
     // Credentials inside server URLs: masked wherever the value goes, the logs included.
@@ -236,11 +247,12 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAtMostTenTho
         ["NoSuchSatellite","Echo",1], ["EchoA","Status",5], ["EchoA","Echo"],
         ["VorpaMediaProxy","GenerateCrash",null], ["VorpaMediaProxy","MultiRequest",
         [["VorpaMediaProxy","GetKivConfig",null], ["VorpaMediaProxy","my-KIV_TailLog",["/etc/hostname",9]]]]])",
-                   out.ptr()), 0);
+                   out.ptr()),
+              0);
     const std::string denied = "[[" + std::to_string(CAB_E_PERMISSION_DENIED) + "],null]";
     EXPECT_EQ(json(out.get()), "[[[0],300],[[0],\"fast\"],[[" + std::to_string(CAB_E_NO_SUCH_SERVICE) +
-                                   "],null],[[5],null],[null,null]," + denied + ",[[0],[" + denied + "," +
-                                   denied + "]]]");
+                                   "],null],[[5],null],[null,null]," + denied + ",[[0],[" + denied + "," + denied +
+                                   "]]]");
 
     // More sub-requests than one group has threads, finishing in a scrambled
     // order: every answer stays in its place, and the threads stay bounded.

@@ -45,8 +45,8 @@ bool NatsServer::start() {
         const int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
         dup2(fd, 1);
         dup2(fd, 2);
-        execl(bin.c_str(), bin.c_str(), "-c", conf.c_str(), "-a", "127.0.0.1", "-p", port.c_str(),
-              "--ports_file_dir", ports.c_str(), (char*)nullptr);
+        execl(bin.c_str(), bin.c_str(), "-c", conf.c_str(), "-a", "127.0.0.1", "-p", port.c_str(), "--ports_file_dir",
+              ports.c_str(), (char*)nullptr);
         _exit(127);
     }
     // The server writes its ports file once it accepts connections: no event

@@ -70,7 +70,8 @@ protected:
         const size_t verb = std::min(command.find(' '), command.size());
         int status = -1;
         const std::string out = kivtest::runCommand(prefix + KIV_BINARY_DIR "/bin/kivctl " + command.substr(0, verb) +
-                                                    " --server " + hostPort() + command.substr(verb) + " 2>&1 </dev/null",
+                                                        " --server " + hostPort() + command.substr(verb) +
+                                                        " 2>&1 </dev/null",
                                                     &status);
         if (output) *output = out;
         return status;

@@ -26,15 +26,15 @@
 
 // Expects `stmt` to throw a CabException with `code` and exactly `text`;
 // an invalid parameter has the code 1.
-#define EXPECT_CAB_THROW(stmt, code, text)                 \
-    do {                                                   \
-        try {                                              \
-            stmt;                                          \
-            ADD_FAILURE() << "no exception from " #stmt;   \
-        } catch (const CabException& e) {                  \
-            EXPECT_STREQ(text, e.getMessage()) << #stmt;   \
-            EXPECT_EQ(code, e.getCode());                  \
-        }                                                  \
+#define EXPECT_CAB_THROW(stmt, code, text)               \
+    do {                                                 \
+        try {                                            \
+            stmt;                                        \
+            ADD_FAILURE() << "no exception from " #stmt; \
+        } catch (const CabException& e) {                \
+            EXPECT_STREQ(text, e.getMessage()) << #stmt; \
+            EXPECT_EQ(code, e.getCode());                \
+        }                                                \
     } while (0)
 #define EXPECT_INVALID(stmt, text) EXPECT_CAB_THROW(stmt, 1, text)
 
@@ -326,9 +326,21 @@ TEST(VUtilElements, EachReaderAndWriterRefusesAnArrayOfAnotherType) {
         bools(VT_BOOL, 1);
     tagVARIANT &l = list.get(), &o = ui8.get(), &a = ui4.get();
     auto notA = [](const char* type) { return std::string("Variant passed to VUtil::GetElement is not a") + type; };
-    auto notOf = [](const char* type) { return std::string("PutElement failed: not an array of ") + type + " nor VARIANT"; };
-    short sh; unsigned short ush; long asLong; int asInt; unsigned long ul; long long ll; unsigned long long ull;
-    float f; double d; bool b; CStdStr s; tagVARIANT var;
+    auto notOf = [](const char* type) {
+        return std::string("PutElement failed: not an array of ") + type + " nor VARIANT";
+    };
+    short sh;
+    unsigned short ush;
+    long asLong;
+    int asInt;
+    unsigned long ul;
+    long long ll;
+    unsigned long long ull;
+    float f;
+    double d;
+    bool b;
+    CStdStr s;
+    tagVARIANT var;
     CLocalVariant scalar;
     vtest::setI4(scalar, 1);
     expectRefusals({
@@ -455,8 +467,10 @@ protected:
 TEST(VUtilDates, ConversionsBothWays) {
     EXPECT_EQ(25569.0, VUtil::TimeToDate(0));
     EXPECT_EQ(25569 - 1 / 86400.0, VUtil::TimeToDate(-1));
-    const std::pair<double, long> times[] = {{25569.5, 43200},    {25569.99999, 86399}, {25569.0, 0},
-                                             {VUtil::TimeToDate(-1), -1}, {NAN, -1}, {INFINITY, -1}, {1e300, -1}};
+    const std::pair<double, long> times[] = {{25569.5, 43200}, {25569.99999, 86399},
+                                             {25569.0, 0},     {VUtil::TimeToDate(-1), -1},
+                                             {NAN, -1},        {INFINITY, -1},
+                                             {1e300, -1}};
     for (const auto& [date, time] : times) EXPECT_EQ(time, VUtil::DateToTime(date)) << date;
     for (long t : {0L, 1L, 59L, 86399L, 86400L, -86400L, -129600L, k20080304050607, 4102444800L, -2208988800L})
         EXPECT_EQ(t, VUtil::DateToTime(VUtil::TimeToDate(t))) << t;
@@ -509,10 +523,9 @@ TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSeconds) {
 
 TEST(TimeUtilsParseInt, ClampsAndConverts) {
     // offset, length, the number; "-" alone is 0.
-    const int cases[][3] = {{0, 4, 2008}, {5, 2, 3}, {-3, 2, 20}, {0, -1, 0}, {10, 2, 0}, {400, 2, 0}, {8, 100, 4},
-                            {4, 1, 0}, {4, 3, -3}};
-    for (const auto& c : cases)
-        EXPECT_EQ(c[2], TimeUtils::ParseInt("2008-03-04", c[0], c[1])) << c[0] << " " << c[1];
+    const int cases[][3] = {{0, 4, 2008}, {5, 2, 3},   {-3, 2, 20}, {0, -1, 0}, {10, 2, 0},
+                            {400, 2, 0},  {8, 100, 4}, {4, 1, 0},   {4, 3, -3}};
+    for (const auto& c : cases) EXPECT_EQ(c[2], TimeUtils::ParseInt("2008-03-04", c[0], c[1])) << c[0] << " " << c[1];
     EXPECT_EQ(INT_MAX, TimeUtils::ParseInt("99999999999999999999", 0, 20));
 }
 
@@ -542,8 +555,9 @@ TEST_F(TimeUtilsTest, Formatters) {
 
 TEST_F(TimeUtilsTest, TimeZone) {
     // The last zone is in daylight saving all year: standard offset and the flag.
-    const std::tuple<const char*, long, bool, long> zones[] = {
-        {"UTC", 0, false, 0}, {"JST-9", -540, false, -32400}, {"STD5DST4,0/0,J365/25", 300, true, 300 * 60 - 3600}};
+    const std::tuple<const char*, long, bool, long> zones[] = {{"UTC", 0, false, 0},
+                                                               {"JST-9", -540, false, -32400},
+                                                               {"STD5DST4,0/0,J365/25", 300, true, 300 * 60 - 3600}};
     for (const auto& [zone, west, daylight, difference] : zones) {
         setZone(zone);
         long w = 99;

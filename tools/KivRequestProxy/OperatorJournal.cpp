@@ -14,10 +14,10 @@ bool startsWith(const std::string& text, const char* prefix) { return text.compa
 // Standard error to the journal: syslog priorities by level.
 int priorityOf(LOGLEVEL level) {
     switch (level) {
-        case LOGLEVEL_FATAL: return 2;  // crit
-        case LOGLEVEL_ERROR: return 3;
-        case LOGLEVEL_WARN: return 4;
-        default: return 6;  // info
+    case LOGLEVEL_FATAL: return 2;  // crit
+    case LOGLEVEL_ERROR: return 3;
+    case LOGLEVEL_WARN: return 4;
+    default: return 6;  // info
     }
 }
 
@@ -69,10 +69,8 @@ void OperatorJournal::write(LOGLEVEL level, const std::string& text) {
     }
     if (echoed) return;
     static const bool journal = getenv("JOURNAL_STREAM") != nullptr;
-    if (journal)
-        fprintf(stderr, "<%d>%s\n", priorityOf(level), text.c_str());
-    else
-        fprintf(stderr, "%s\n", text.c_str());
+    if (journal) fprintf(stderr, "<%d>%s\n", priorityOf(level), text.c_str());
+    else fprintf(stderr, "%s\n", text.c_str());
     fflush(stderr);
 }
 
@@ -97,8 +95,12 @@ void OperatorJournal::libraryLine(LOGLEVEL level, const std::string& text) {
     static const char kRegistered[] = "Registered ";
     static const char kReconnected[] = "reconnected to ";
     static const char* const kOther[] = {
-        "Connecting to the directory failed", "Connect refused", "Registering the services of",
-        "Disconnected ", "cabDirectory.hostScope", "The directory refused a subscription",
+        "Connecting to the directory failed",
+        "Connect refused",
+        "Registering the services of",
+        "Disconnected ",
+        "cabDirectory.hostScope",
+        "The directory refused a subscription",
     };
     bool connection = false;
     std::string status;

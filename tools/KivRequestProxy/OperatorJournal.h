@@ -44,7 +44,7 @@ private:
     void write(LOGLEVEL level, const std::string& text);
 
     SystemdNotify m_manager;
-    PMutex m_lock;  // guards the three below
+    PMutex m_lock;                              // guards the three below
     std::string m_url KIV_GUARDED_BY(m_lock);   // where the connection is (or was last)
     std::string m_name KIV_GUARDED_BY(m_lock);  // the satellite's name
     int m_services KIV_GUARDED_BY(m_lock) = 0;

@@ -14,7 +14,8 @@
 
 static void usage(FILE* to) {
     fprintf(to,
-            "usage: kiv-media-catalog --catalog FILE [--root DIR] [--name NAME] [--server HOST[:PORT]] [--token TOKEN]\n"
+            "usage: kiv-media-catalog --catalog FILE [--root DIR] [--name NAME] [--server HOST[:PORT]] [--token "
+            "TOKEN]\n"
             "Serves the media types and media items of the JSON catalog FILE on the CAB\n"
             "directory as satellite NAME (default KivMediaV2) until SIGINT or SIGTERM.\n"
             "Prints \"ready\" once it serves.\n"

@@ -45,7 +45,10 @@ bool Args::parse(int argc, char** argv, int first) {
             m_positional.push_back(a);
             continue;
         }
-        if (a == "--") { optionsDone = true; continue; }
+        if (a == "--") {
+            optionsDone = true;
+            continue;
+        }
         std::string name, inlineValue;
         bool hasInline = false;
         if (a[1] == '-') {
@@ -64,9 +67,15 @@ bool Args::parse(int argc, char** argv, int first) {
             continue;
         }
         auto known = m_known.find(name);
-        if (known == m_known.end()) { m_error = "unknown option '" + a + "'"; return false; }
+        if (known == m_known.end()) {
+            m_error = "unknown option '" + a + "'";
+            return false;
+        }
         if (!known->second) {
-            if (hasInline) { m_error = "option '--" + name + "' takes no value"; return false; }
+            if (hasInline) {
+                m_error = "option '--" + name + "' takes no value";
+                return false;
+            }
             m_values[name] = "1";
         } else if (hasInline) {
             m_values[name] = inlineValue;

@@ -85,10 +85,8 @@ int run(int argc, char** argv) {
             if (value.size() == 1 && known != integers.end() &&
                 static_cast<unsigned char>(value[0]) == static_cast<unsigned char>(known->second & 0xff))
                 shown = known->second;
-            else if (value.size() == 1)
-                unexplained = true;
-            if (args.has("json"))
-                all[name] = shown;
+            else if (value.size() == 1) unexplained = true;
+            if (args.has("json")) all[name] = shown;
             else
                 printf("%s = %s\n", name.c_str(),
                        shown.is_string() ? shown.get<std::string>().c_str() : shown.dump().c_str());

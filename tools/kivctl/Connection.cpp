@@ -114,10 +114,10 @@ int connect(const Args& args, CabClient& client, int* timeoutMs) {
         // The library has already printed the reason on stderr (kivctl installs
         // no logger for it); what is added here is what to do about it.
         const std::string error = CabGetLastError();
-        if (error.find("CAB_E_CONNECT_FAILED") != std::string::npos &&
-            error.find("Violation") == std::string::npos)
-            fprintf(stderr, "kivctl: no directory answers at %s; start one (make run), or name it with\n"
-                            "  --server HOST:PORT or the settings cabDirectory.host and .port\n",
+        if (error.find("CAB_E_CONNECT_FAILED") != std::string::npos && error.find("Violation") == std::string::npos)
+            fprintf(stderr,
+                    "kivctl: no directory answers at %s; start one (make run), or name it with\n"
+                    "  --server HOST:PORT or the settings cabDirectory.host and .port\n",
                     server.c_str());
         if (error.find("Authorization Violation") != std::string::npos ||
             error.find("Authentication") != std::string::npos || error.find("authorization") != std::string::npos)

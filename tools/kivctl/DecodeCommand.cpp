@@ -49,7 +49,10 @@ bool unhex(const std::string& text, std::string* out, std::string* error) {
         }
         digits += c;
     }
-    if (digits.size() % 2) { *error = "odd number of hex digits"; return false; }
+    if (digits.size() % 2) {
+        *error = "odd number of hex digits";
+        return false;
+    }
     out->resize(digits.size() / 2);
     for (size_t i = 0; i < out->size(); ++i)
         (*out)[i] = char(hexDigit(digits[2 * i]) << 4 | hexDigit(digits[2 * i + 1]));
@@ -62,9 +65,13 @@ int run(int argc, char** argv) {
     args.flag("pretty");
     args.flag("text");
     if (!args.parse(argc, argv, 1)) return kivctl::usageError(kCommand, args.error());
-    if (args.help()) { fputs(kUsage, stdout); return kivctl::kOk; }
+    if (args.help()) {
+        fputs(kUsage, stdout);
+        return kivctl::kOk;
+    }
     if (!args.positional().empty()) return kivctl::usageError(kCommand, "reads standard input; takes no arguments");
-    if (args.has("pretty") && args.has("text")) return kivctl::usageError(kCommand, "--pretty and --text exclude each other");
+    if (args.has("pretty") && args.has("text"))
+        return kivctl::usageError(kCommand, "--pretty and --text exclude each other");
 
     std::string input(std::istreambuf_iterator<char>(std::cin), {});
     std::string bytes, error;

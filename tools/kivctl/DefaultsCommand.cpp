@@ -58,8 +58,14 @@ bool parseInt(const std::string& text, int32_t& out) {
 bool parseBool(const std::string& text, bool& out) {
     CStdStr t(text);
     t.MakeLower();
-    if (t == "true" || t == "yes" || t == "1") { out = true; return true; }
-    if (t == "false" || t == "no" || t == "0") { out = false; return true; }
+    if (t == "true" || t == "yes" || t == "1") {
+        out = true;
+        return true;
+    }
+    if (t == "false" || t == "no" || t == "0") {
+        out = false;
+        return true;
+    }
     return false;
 }
 
@@ -92,12 +98,12 @@ int readCommand(const std::vector<std::string>& pos) {
     }
     const Preferences::Value& v = it->second;
     switch (v.type) {
-        case Preferences::Value::Bool: printf("%d\n", v.b ? 1 : 0); break;
-        case Preferences::Value::Int: printf("%d\n", v.i); break;
-        case Preferences::Value::String:
-            fwrite(v.s.data(), 1, v.s.size(), stdout);
-            fputc('\n', stdout);
-            break;
+    case Preferences::Value::Bool: printf("%d\n", v.b ? 1 : 0); break;
+    case Preferences::Value::Int: printf("%d\n", v.i); break;
+    case Preferences::Value::String:
+        fwrite(v.s.data(), 1, v.s.size(), stdout);
+        fputc('\n', stdout);
+        break;
     }
     return kivctl::kOk;
 }
@@ -141,8 +147,7 @@ int deleteCommand(const std::vector<std::string>& pos) {
                               : Preferences::Remove(domain, pos[2], &existed, &error);
     if (!ok) return failure(error);
     if (!existed) {
-        if (pos.size() == 2)
-            fprintf(stderr, "kivctl defaults: domain %s does not exist\n", domain.c_str());
+        if (pos.size() == 2) fprintf(stderr, "kivctl defaults: domain %s does not exist\n", domain.c_str());
         else
             fprintf(stderr, "kivctl defaults: the domain/default pair of (%s, %s) does not exist\n", domain.c_str(),
                     pos[2].c_str());

@@ -70,8 +70,9 @@ int downloadFile(ProxySession& session, const std::string& remotePath, const std
         },
         &partial);
     Progress bar(progress, "download ", 0, expected);
-    int rc = fetchChunks(session, remotePath, file, part, chunk, -1, bytes,
-                         [&](unsigned long long done) { bar.update(done, false); }, who);
+    int rc = fetchChunks(
+        session, remotePath, file, part, chunk, -1, bytes, [&](unsigned long long done) { bar.update(done, false); },
+        who);
     if (rc == kOk) bar.update(*bytes, true);
     if (fclose(file) != 0 && rc == kOk) {
         fprintf(stderr, "%s: %s: %s\n", who, part.c_str(), strerror(errno));

@@ -30,7 +30,10 @@ int run(int argc, char** argv) {
     kivctl::Args args;
     args.flag("raw");
     if (!args.parse(argc, argv, 1)) return kivctl::usageError(kCommand, args.error());
-    if (args.help()) { fputs(kUsage, stdout); return kivctl::kOk; }
+    if (args.help()) {
+        fputs(kUsage, stdout);
+        return kivctl::kOk;
+    }
     const auto& pos = args.positional();
     if (pos.size() > 1) return kivctl::usageError(kCommand, "takes one JSON argument");
     std::string text;
@@ -54,7 +57,10 @@ int run(int argc, char** argv) {
             std::string bytes = enc.str();
             std::string hex;
             hex.reserve(bytes.size() * 2 + 1);
-            for (unsigned char c : bytes) { hex += digits[c >> 4]; hex += digits[c & 15]; }
+            for (unsigned char c : bytes) {
+                hex += digits[c >> 4];
+                hex += digits[c & 15];
+            }
             hex += '\n';
             if (fwrite(hex.data(), 1, hex.size(), stdout) != hex.size()) status = kivctl::kFailure;
         }

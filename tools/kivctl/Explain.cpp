@@ -21,8 +21,8 @@ size_t editDistance(const std::string& a, const std::string& b) {
         row[0] = i;
         for (size_t j = 1; j <= b.size(); ++j) {
             const size_t above = row[j];
-            const bool same =
-                tolower(static_cast<unsigned char>(a[i - 1])) == tolower(static_cast<unsigned char>(b[j - 1]));
+            const bool same = tolower(static_cast<unsigned char>(a[i - 1])) ==
+                              tolower(static_cast<unsigned char>(b[j - 1]));
             row[j] = std::min({row[j] + 1, row[j - 1] + 1, diagonal + (same ? 0 : 1)});
             diagonal = above;
         }
@@ -136,8 +136,7 @@ std::string missingArgument(const std::string& target, const std::string& servic
     if (target.substr(0, target.find('@')) != kProxyName) return "";
     for (const Layout& l : kLayouts) {
         if (service != l.service) continue;
-        if (in.vt != (VT_ARRAY | VT_VARIANT))
-            return service + " takes an array " + l.form + "; the input is not one";
+        if (in.vt != (VT_ARRAY | VT_VARIANT)) return service + " takes an array " + l.form + "; the input is not one";
         const size_t given = in.parray ? in.parray->rgsabound[0].cElements : 0;
         if (given >= l.required.size()) return "";
         return service + " takes " + l.form + ": the " + l.required[given] + " (element " + std::to_string(given) +

@@ -163,16 +163,17 @@ int run(int argc, char** argv) {
         const std::string from = hasPart ? part : output;
         if (hasPart || stat(output.c_str(), &st) == 0) offset = static_cast<unsigned long long>(st.st_size);
         if (expected >= 0 && offset > static_cast<unsigned long long>(expected)) {
-            fprintf(stderr, "%s: %s holds %llu bytes, more than the %lld of %s\n", kWho, from.c_str(), offset,
-                    expected, path.c_str());
+            fprintf(stderr, "%s: %s holds %llu bytes, more than the %lld of %s\n", kWho, from.c_str(), offset, expected,
+                    path.c_str());
             return kivctl::kFailure;
         }
         if (offset > 0) {
             bool same = false;
             if ((rc = endsAlike(session, path, from, offset, &same)) != kivctl::kOk) return rc;
             if (!same) {
-                fprintf(stderr, "%s: %s does not end as %s does before byte %llu (the file changed, or it "
-                                "is another one); starting again from 0\n",
+                fprintf(stderr,
+                        "%s: %s does not end as %s does before byte %llu (the file changed, or it "
+                        "is another one); starting again from 0\n",
                         kWho, from.c_str(), path.c_str(), offset);
                 offset = 0;
             }
@@ -191,8 +192,9 @@ int run(int argc, char** argv) {
     kivctl::onInterrupt(describeResume, &howTo);
 
     kivctl::Progress progress(kivctl::progressWanted(false), "", offset, expected);
-    rc = kivctl::fetchChunks(session, path, file, part, chunk, expected, &offset,
-                             [&](unsigned long long done) { progress.update(done, false); }, kWho);
+    rc = kivctl::fetchChunks(
+        session, path, file, part, chunk, expected, &offset,
+        [&](unsigned long long done) { progress.update(done, false); }, kWho);
     progress.update(offset, true);
     if (fclose(file) != 0 && rc == kivctl::kOk) {
         fprintf(stderr, "%s: %s: %s\n", kWho, part.c_str(), strerror(errno));

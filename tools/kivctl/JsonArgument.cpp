@@ -48,8 +48,8 @@ bool readJsonArgument(const std::string& text, tagVARIANT* out, std::string* mes
         for (size_t i = 0; i < lineStart; ++i) line += text[i] == '\n';
         const size_t column = at - lineStart + 1;
         *message = "not valid JSON at " + (line > 1 ? "line " + std::to_string(line) + ", " : std::string()) +
-                   "column " + std::to_string(column) + ":\n  " + text.substr(lineStart, lineEnd - lineStart) +
-                   "\n  " + std::string(column - 1, ' ') + "^\n  hint: " + hintAt(text, at);
+                   "column " + std::to_string(column) + ":\n  " + text.substr(lineStart, lineEnd - lineStart) + "\n  " +
+                   std::string(column - 1, ' ') + "^\n  hint: " + hintAt(text, at);
         return false;
     } catch (const std::exception& e) {
         *message = e.what();

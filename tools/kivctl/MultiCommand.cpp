@@ -44,8 +44,7 @@ int run(int argc, char** argv) {
     std::string text;
     if (args.positional().empty() || args.positional()[0] == "-")
         text.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
-    else
-        text = args.positional()[0];
+    else text = args.positional()[0];
     CLocalVariant in, out;
     std::string error;
     if (!kivctl::readJsonArgument(text, in.ptr(), &error)) return kivctl::usageError(kMulti, "JSON: " + error);

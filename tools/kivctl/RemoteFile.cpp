@@ -92,15 +92,15 @@ int probeRemote(ProxySession& session, const std::string& path, RemoteKind* kind
 
 std::string remoteProblem(const std::string& path, RemoteKind kind) {
     switch (kind) {
-        case RemoteKind::Missing:
-            return path + ": no such file on the proxy's machine, or outside the folders it serves";
-        case RemoteKind::Folder: return path + " is a folder on the proxy's machine";
-        case RemoteKind::Unreadable: return "the proxy cannot read " + path + " (no permission, or not a plain file)";
-        case RemoteKind::NoByte:
-            return path + ": the proxy gives no byte of it: it is empty, or missing, outside the folders it "
-                          "serves or a folder (kivctl cannot ask which: the directory does not let this user "
-                          "call my-KIV_TailLog)";
-        case RemoteKind::File: break;
+    case RemoteKind::Missing: return path + ": no such file on the proxy's machine, or outside the folders it serves";
+    case RemoteKind::Folder: return path + " is a folder on the proxy's machine";
+    case RemoteKind::Unreadable: return "the proxy cannot read " + path + " (no permission, or not a plain file)";
+    case RemoteKind::NoByte:
+        return path +
+               ": the proxy gives no byte of it: it is empty, or missing, outside the folders it "
+               "serves or a folder (kivctl cannot ask which: the directory does not let this user "
+               "call my-KIV_TailLog)";
+    case RemoteKind::File: break;
     }
     return path;
 }

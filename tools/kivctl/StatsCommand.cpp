@@ -32,8 +32,7 @@ int run(int argc, char** argv) {
         for (const auto& e : j.value("endpoints", nlohmann::json::array())) {
             double avgMs = e.value("average_processing_time", (int64_t)0) / 1e6;
             printf("%-24s %-32s %10lld %8lld %14.3f\n", j.value("name", "?").c_str(), e.value("name", "?").c_str(),
-                   (long long)e.value("num_requests", (int64_t)0), (long long)e.value("num_errors", (int64_t)0),
-                   avgMs);
+                   (long long)e.value("num_requests", (int64_t)0), (long long)e.value("num_errors", (int64_t)0), avgMs);
         }
     }
     return kivctl::kOk;

@@ -118,8 +118,8 @@ bool sameStart(const std::string& a, const std::string& b) {
 
 // Polls the size alone while nothing changes: one request the proxy does not
 // log. `seen` is where the printed text ends, `last` the bytes before it.
-int follow(kivctl::ProxySession& session, const std::string& path, long seen, std::string last,
-           std::string head, long interval) {
+int follow(kivctl::ProxySession& session, const std::string& path, long seen, std::string last, std::string head,
+           long interval) {
     const size_t kKept = 64;  // bytes of the start and of the end kept for comparing
     if (head.empty() && seen > 0) kivctl::readRemote(session, path, 0, kKept, &head);
     bool gone = false;

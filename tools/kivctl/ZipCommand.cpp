@@ -97,8 +97,8 @@ int run(int argc, char** argv) {
         std::string name = path.substr(path.find_last_of('/') + 1);
         auto taken = byName.emplace(name, path);
         if (!taken.second)
-            return kivctl::usageError(kZip, taken.first->second + " and " + path + " would both be the entry '" +
-                                                name + "' (entries are named by file name alone)");
+            return kivctl::usageError(kZip, taken.first->second + " and " + path + " would both be the entry '" + name +
+                                                "' (entries are named by file name alone)");
         paths.push_back(path);
     }
 

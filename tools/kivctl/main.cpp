@@ -61,7 +61,10 @@ int main(int argc, char** argv) {
     if (left < 1 || !strcmp(rest[0], "--help") || !strcmp(rest[0], "-h") || !strcmp(rest[0], "help")) {
         if (left >= 2 && !strcmp(rest[0], "help")) {
             auto it = kivctl::commands().find(rest[1]);
-            if (it != kivctl::commands().end()) { fputs(it->second.usage, stdout); return kivctl::kOk; }
+            if (it != kivctl::commands().end()) {
+                fputs(it->second.usage, stdout);
+                return kivctl::kOk;
+            }
         }
         overview(left < 1 ? stderr : stdout);
         return left < 1 ? kivctl::kUsage : kivctl::kOk;
