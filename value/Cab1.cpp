@@ -44,24 +44,10 @@ bool isArrayElementType(VARTYPE t) {
 
 // Body size of a scalar type; -1 when the type is not a CAB1 scalar (BSTR is variable: 0 here).
 int scalarBodySize(VARTYPE t) {
-    switch (t) {
-    case VT_EMPTY:
-    case VT_NULL: return 0;
-    case VT_I1:
-    case VT_UI1: return 1;
-    case VT_I2:
-    case VT_UI2:
-    case VT_BOOL: return 2;
-    case VT_I4:
-    case VT_UI4:
-    case VT_R4: return 4;
-    case VT_I8:
-    case VT_UI8:
-    case VT_R8:
-    case VT_DATE: return 8;
-    case VT_BSTR: return 0;
-    default: return -1;
-    }
+    if (t == VT_EMPTY || t == VT_NULL || t == VT_BSTR) return 0;
+    if (t == VT_VARIANT) return -1;  // an element type, not a scalar
+    uint32_t size = SafeArrayElementSize(t);
+    return size ? (int)size : -1;
 }
 
 std::string hex16(uint16_t v) {
