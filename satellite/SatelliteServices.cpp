@@ -2,6 +2,7 @@
 #include "cab/CabException.h"
 #include "diag/CBBLog.h"
 #include "host/CRegistry.h"
+#include "satellite/AdminServices.h"
 #include "satellite/ArchiveThreads.h"
 #include "satellite/KivRequestProxySatellite.h"
 
@@ -53,8 +54,7 @@ int KivRequestProxySatellite::CreateServices() {
                new Delegate(this, &KivRequestProxySatellite::CabServiceZipLogs));
     // The support services are for admins; the directory refuses them to
     // everybody else, and the proxy runs none of them on another's behalf.
-    for (const char* service : {"my-KIV_TailLog", "GetKivConfig", "ZipLogs", "GenerateCrash"})
-        RestrictToAdmins(service);
+    for (const char* service : kAdminServices) RestrictToAdmins(service);
     return 0;
 }
 

@@ -11,6 +11,7 @@
 
 #include "cab/CabConnection.h"
 #include "host/CRegistry.h"
+#include "satellite/AdminServices.h"
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/RawNats.h"
@@ -174,6 +175,19 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     }
     natsSubscription_Destroy(fakeInfo);
     natsConnection_Destroy(other);
+}
+
+// The users script denies every user but an admin exactly the services the
+// proxy keeps for admins.
+TEST(SecurityUsers, EveryoneButAdminsIsDeniedExactlyTheAdminServices) {
+    std::string expected;
+    for (const char* service : kAdminServices)
+        expected += std::string(expected.empty() ? "" : ", ") + "\"cab.*." + service + ".*\"";
+    const std::string conf = authorization();
+    size_t denials = 0;
+    for (size_t at = conf.find("deny: ["); at != std::string::npos; at = conf.find("deny: [", at + 1), ++denials)
+        EXPECT_EQ(expected, conf.substr(at + 7, conf.find(']', at) - at - 7));
+    EXPECT_EQ(4u, denials) << conf;  // EchoA, Other, cli, snoop; not root (narrow has an allow list only)
 }
 
 TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {

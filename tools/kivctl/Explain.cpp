@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "satellite/AdminServices.h"
 #include "tools/kivctl/ProxyRequest.h"
 
 namespace kivctl {
@@ -55,8 +56,9 @@ std::string didYouMean(const std::string& name, const std::vector<std::string>& 
 
 // The services only the directory's admin role may call.
 bool forAdmins(const std::string& service) {
-    static const std::set<std::string> kAdmin = {"my-KIV_TailLog", "GetKivConfig", "ZipLogs", "GenerateCrash"};
-    return kAdmin.count(service) != 0;
+    for (const char* admin : kAdminServices)
+        if (service == admin) return true;
+    return false;
 }
 
 struct Layout {
