@@ -82,33 +82,16 @@ natsMsg* CabMailbox::wait(const struct timespec& deadline, int* status, std::str
 
 // ---- CabConnection
 
-namespace {
-
-// "u1, u2,u3" -> the URLs, blanks trimmed, empty entries dropped.
-std::vector<std::string> splitServers(const std::string& list) {
-    std::vector<std::string> urls;
-    size_t from = 0;
-    while (from <= list.size()) {
-        size_t comma = list.find(',', from);
-        if (comma == std::string::npos) comma = list.size();
-        std::string u = list.substr(from, comma - from);
-        size_t b = u.find_first_not_of(" \t"), e = u.find_last_not_of(" \t");
-        if (b != std::string::npos) urls.push_back(u.substr(b, e - b + 1));
-        from = comma + 1;
-    }
-    return urls;
+void CabConnection::markClosed() {
+    PLockGuard closed(m_cbLock);  // not yet shared when open() fails: taken for the lock check's sake
+    m_closed = true;
 }
-
-}  // namespace
 
 int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     std::shared_ptr<CabConnection> c(new CabConnection);
-    std::vector<std::string> urls = splitServers(o.url);
+    std::vector<std::string> urls = cabwire::splitList(o.url);
     if (urls.empty()) {
-        {
-            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
-            c->m_closed = true;
-        }
+        c->markClosed();
         return CabFail(CAB_E_CONNECT_FAILED, "no directory server given");
     }
     std::vector<const char*> urlPtrs;
@@ -139,10 +122,7 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
         // Name the file that could not be used, not just "SSL error".
         std::string why = nats_GetLastError(nullptr) ? nats_GetLastError(nullptr) : natsStatus_GetText(s);
         natsOptions_Destroy(opts);
-        {
-            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
-            c->m_closed = true;
-        }
+        c->markClosed();
         return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": TLS set-up: " + why);
     }
     if (s == NATS_OK) s = natsOptions_SetErrorHandler(opts, &CabConnection::onError, c.get());
@@ -164,10 +144,7 @@ int CabConnection::open(const Options& o, std::shared_ptr<CabConnection>* out) {
     natsOptions_Destroy(opts);
     if (s != NATS_OK) {
         c->m_nc = nullptr;
-        {
-            PLockGuard closed(c->m_cbLock);  // nobody else sees c yet: taken for the check's sake
-            c->m_closed = true;
-        }
+        c->markClosed();
         return CabFail(CAB_E_CONNECT_FAILED, SettingsSecrets::MaskUrlCredentials(o.url) + ": " + natsStatus_GetText(s));
     }
     char* inbox = nullptr;

@@ -129,6 +129,8 @@ public:
 
 private:
     CabConnection() = default;
+    // Marks a connection that open() could not complete as closed.
+    void markClosed() KIV_EXCLUDES(m_cbLock);
     struct SubRecord {
         CabConnection* owner;
         Handler handler;

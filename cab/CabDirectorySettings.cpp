@@ -47,15 +47,7 @@ std::string cabsettings::directoryUrl(const char* host) {
         cabsettings::string("cabDirectory.servers", &servers) && servers.find_first_not_of(" \t,") != std::string::npos)
         h = servers;
     std::string urls;
-    size_t from = 0;
-    while (from <= h.size()) {
-        size_t comma = h.find(',', from);
-        if (comma == std::string::npos) comma = h.size();
-        std::string one = h.substr(from, comma - from);
-        size_t b = one.find_first_not_of(" \t"), e = one.find_last_not_of(" \t");
-        if (b != std::string::npos) urls += (urls.empty() ? "" : ",") + serverUrl(one.substr(b, e - b + 1));
-        from = comma + 1;
-    }
+    for (const std::string& one : cabwire::splitList(h)) urls += (urls.empty() ? "" : ",") + serverUrl(one);
     return urls;
 }
 

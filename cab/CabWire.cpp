@@ -40,6 +40,20 @@ bool validTarget(const char* target) {
     return validName(satellite.c_str()) && validName(at + 1);
 }
 
+std::vector<std::string> splitList(const std::string& list) {
+    std::vector<std::string> items;
+    size_t from = 0;
+    while (from <= list.size()) {
+        size_t comma = list.find(',', from);
+        if (comma == std::string::npos) comma = list.size();
+        std::string one = list.substr(from, comma - from);
+        size_t b = one.find_first_not_of(" \t"), e = one.find_last_not_of(" \t");
+        if (b != std::string::npos) items.push_back(one.substr(b, e - b + 1));
+        from = comma + 1;
+    }
+    return items;
+}
+
 std::string hostToken(const std::string& host) {
     std::string h = host;
     for (char& c : h)

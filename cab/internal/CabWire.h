@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <nats/nats.h>
 
@@ -36,6 +37,8 @@ bool validTarget(const char* target);
 // A host name as it appears in a host-scoped target: lower case, so that
 // "NAS" and "nas" are one host. Not checked here.
 std::string hostToken(const std::string& host);
+// "u1, u2,u3" -> the entries, blanks trimmed, empty ones dropped.
+std::vector<std::string> splitList(const std::string& list);
 // "cab.<target>.<service>"; the host of a "<satellite>@<host>" target in
 // lower case.
 std::string serviceSubject(const std::string& target, const std::string& service);
