@@ -166,8 +166,30 @@ void CabDispatcher::takePending(const std::function<void(natsMsg*)>& take) {
         natsMsg* msg = nullptr;
         while (natsSubscription_NextMsg(&msg, c->sub, 0) == NATS_OK) take(msg);
     }
-    PLockGuard guard(m_lock);
-    for (Channel* c : open) --c->pins;
+    std::vector<natsMsg*> held;
+    {
+        PLockGuard guard(m_lock);
+        for (Channel* c : open) --c->pins;
+        for (natsMsg** m : m_held) {
+            held.push_back(*m);
+            *m = nullptr;
+        }
+        m_held.clear();
+        m_lock.broadcast();
+    }
+    for (natsMsg* msg : held) take(msg);
+}
+
+bool CabDispatcher::waitForSlotLocked(natsMsg** msg) {
+    if (m_busy < m_cap && m_held.empty()) return true;
+    // Every subscription has its leader, so several can take a message at
+    // the cap: the later ones wait here, first come first served.
+    m_held.push_back(msg);
+    while (*msg && (m_busy >= m_cap || m_held.front() != msg)) m_lock.wait();
+    if (!*msg) return false;
+    m_held.pop_front();
+    if (!m_held.empty() && m_busy + 1 < m_cap) m_lock.broadcast();
+    return true;
 }
 
 CabDispatcher::Channel* CabDispatcher::needsLeaderLocked(int64_t unledForNs) {
@@ -217,6 +239,15 @@ std::vector<natsSubscription*> CabDispatcher::reapLocked() {
     return dead;
 }
 
+void CabDispatcher::reapEndedLocked(Channel* c) {
+    if (!c->ended) return;
+    std::vector<natsSubscription*> dead = reapLocked();
+    if (dead.empty()) return;
+    m_lock.unlock();
+    for (natsSubscription* sub : dead) natsSubscription_Destroy(sub);
+    m_lock.lock();
+}
+
 void* CabDispatcher::run(void*) {
     bool deputy = false;  // this thread looks for subscriptions left without a leader
     bool woken = false;   // signalled to take up a subscription at once
@@ -254,8 +285,13 @@ void* CabDispatcher::run(void*) {
         m_lock.lock();
         c->led = false;
         if (s == NATS_OK) {
-            ++m_busy;
             ++c->pins;
+            if (!waitForSlotLocked(&msg)) {  // taken at shutdown
+                --c->pins;
+                reapEndedLocked(c);
+                continue;
+            }
+            ++m_busy;
             // The subscription needs its next leader while this thread serves:
             // at once when messages wait behind slow handlers, else only if
             // this one takes long.
@@ -274,23 +310,14 @@ void* CabDispatcher::run(void*) {
             if (quick) c->slow = false;
             --c->pins;
             --m_busy;
-            if (c->ended) {
-                std::vector<natsSubscription*> dead = reapLocked();
-                m_lock.unlock();
-                for (natsSubscription* sub : dead) natsSubscription_Destroy(sub);
-                m_lock.lock();
-            }
+            if (!m_held.empty()) m_lock.broadcast();  // the first held message may go
+            reapEndedLocked(c);
             continue;
         }
         // A time-out also ends a drain; the next call then reports the end.
         if (s == NATS_TIMEOUT || s == NATS_SLOW_CONSUMER) continue;
         c->ended = true;
-        std::vector<natsSubscription*> dead = reapLocked();
-        if (!dead.empty()) {
-            m_lock.unlock();
-            for (natsSubscription* sub : dead) natsSubscription_Destroy(sub);
-            m_lock.lock();
-        }
+        reapEndedLocked(c);
     }
     if (deputy) m_deputy = false;
     m_threads.endedLocked();

@@ -20,8 +20,8 @@
 //   A satellite that adds no service is a pure client: it publishes nothing.
 // - Handlers run on the library's service threads, on the thread that
 //   received the request (cab/CabDispatcher.h), several at once; at most
-//   "cabDirectory.maxHandlers" (default 256) run together, later requests
-//   wait in order. A handler may itself call Request, also on its own
+//   "cabDirectory.maxHandlers" (default 256) run together over all services,
+//   later requests wait in order. A handler may itself call Request, also on its own
 //   satellite: a request to the satellite's own service runs inline on the
 //   calling thread, at most 16 deep (cab/CabInline.h), so it never waits for
 //   a service thread.

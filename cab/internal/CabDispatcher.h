@@ -6,8 +6,10 @@
 // one, or a new one) at once when more messages wait, else when the message
 // takes longer than a millisecond: handlers of one subscription run
 // concurrently, and a quick answer costs no thread wake-up.
-// At most `cap` messages are served at once; beyond it messages wait in their
-// subscriptions, in order. Threads are started as needed and stay for reuse.
+// At most `cap` messages are served at once, whatever the number of
+// subscriptions; beyond it messages wait in their subscriptions, in order, or
+// (one taken by each subscription's leader) for a free slot, in the order
+// they were taken. Threads are started as needed and stay for reuse.
 //
 // The dispatcher owns the subscriptions it is given and destroys each once it
 // has ended (unsubscribed, drained, or its connection closed) and no thread
@@ -15,6 +17,7 @@
 #pragma once
 
 #include <ctime>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <vector>
@@ -43,7 +46,8 @@ public:
     // timeoutMs) until every message it routed before has been taken.
     // Subscriptions not drained by then keep their messages (see takePending).
     void drain(const std::vector<natsSubscription*>& subs, int timeoutMs);
-    // Hands every message still waiting in a subscription to `take`.
+    // Hands every message still waiting in a subscription, or taken and
+    // waiting for a slot, to `take`.
     void takePending(const std::function<void(natsMsg*)>& take);
 
     // No new subscription is accepted; threads end once their subscriptions
@@ -71,15 +75,22 @@ private:
     // channels left without a leader for that long) is looking.
     void deputeLocked() KIV_REQUIRES(m_lock);
     bool startThreadLocked() KIV_REQUIRES(m_lock);
+    // Waits until `*msg` may be served within the cap: true then; false when
+    // takePending took it meanwhile (`*msg` null).
+    bool waitForSlotLocked(natsMsg** msg) KIV_REQUIRES(m_lock);
     // Unlinks channels that ended and that nobody uses; their subscriptions.
     std::vector<natsSubscription*> reapLocked() KIV_REQUIRES(m_lock);
     Channel* findLocked(natsSubscription* sub) KIV_REQUIRES(m_lock);
+    // When `c` has ended: reapLocked(), destroying what it returns without
+    // the lock (so `c` may be gone on return).
+    void reapEndedLocked(Channel* c) KIV_REQUIRES(m_lock);
 
     const int m_cap;
     PCondMutex m_lock;  // guards everything below
     std::vector<std::unique_ptr<Channel>> m_channels KIV_GUARDED_BY(m_lock);
     CabThreadSet m_threads KIV_GUARDED_BY(m_lock){m_lock, "Service"};
     int m_busy KIV_GUARDED_BY(m_lock) = 0;
+    std::deque<natsMsg**> m_held KIV_GUARDED_BY(m_lock);  // taken, waiting for a slot; oldest first
     int m_idle KIV_GUARDED_BY(m_lock) = 0;                // threads waiting for a role
     int m_woken KIV_GUARDED_BY(m_lock) = 0;               // idle threads signalled, not yet awake
     bool m_deputy KIV_GUARDED_BY(m_lock) = false;         // an idle thread is the deputy

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
 #include <string>
 
@@ -61,7 +62,7 @@ public:
     }
     int hold(const char*, const tagVARIANT&, tagVARIANT*) {
         PLockGuard guard(lock);
-        ++holding;
+        maxHolding = std::max(maxHolding, ++holding);
         lock.broadcast();
         while (!open) lock.wait();
         --holding;
@@ -85,9 +86,10 @@ public:
         lock.broadcast();
         while (holding > 0) lock.wait();
     }
-    PCondMutex lock;    // guards the four below
-    int inside = 0;     // lock: in "Meet"
-    int holding = 0;    // lock: in "Hold"
-    int expected = 3;   // lock
-    bool open = false;  // lock
+    PCondMutex lock;     // guards the five below
+    int inside = 0;      // lock: in "Meet"
+    int holding = 0;     // lock: in "Hold"
+    int maxHolding = 0;  // lock: most in "Hold" at once
+    int expected = 3;    // lock
+    bool open = false;   // lock
 };
