@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <deque>
 #include <memory>
 #include <vector>
 
@@ -369,6 +370,23 @@ std::string answerField(const std::string& json, const char* field) {
 
 std::string answerName(const std::string& json) { return answerField(json, "name"); }
 
+// Answers of several mailboxes in the order they came, tagged with the
+// mailbox's index; the first failure of any.
+struct DiscoveryAnswers {
+    ~DiscoveryAnswers() {
+        for (auto& a : answers) cabwire::destroy(a.second);
+    }
+    void handle(size_t index, natsMsg* msg, int failure) {
+        PLockGuard guard(lock);
+        if (msg) answers.emplace_back(index, msg);
+        else if (!this->failure) this->failure = failure;
+        lock.signal();
+    }
+    PCondMutex lock;  // guards the two below
+    std::deque<std::pair<size_t, natsMsg*>> answers KIV_GUARDED_BY(lock);
+    int failure KIV_GUARDED_BY(lock) = 0;
+};
+
 // Sends one discovery request per subject, each to a mailbox of its own,
 // and collects the answers (per subject) until waitMs passed or, once every
 // subject has an answer, they pause for quietMs. A subject not heard from is
@@ -376,23 +394,22 @@ std::string answerName(const std::string& json) { return answerField(json, "name
 // satellite is busy); the caller drops repeated answers.
 int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vector<std::string>& subjects, int waitMs,
                      int quietMs, std::vector<std::vector<std::string>>* answers) {
-    struct Ask {
-        std::shared_ptr<CabMailbox> box;
-        std::unique_ptr<MailboxGuard> guard;
-        std::string inbox;
-    };
-    std::vector<Ask> asks(subjects.size());
+    // One queue for all mailboxes: an answer is taken as it comes, whichever
+    // subject it answers.
+    auto arrived = std::make_shared<DiscoveryAnswers>();
+    std::vector<std::string> inboxes(subjects.size());
+    std::vector<std::unique_ptr<MailboxGuard>> guards;
     answers->assign(subjects.size(), {});
     std::vector<bool> heard(subjects.size(), false);  // an answer, or the directory's "no responders"
     auto send = [&](size_t i) {
-        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), asks[i].inbox.c_str(), nullptr,
-                                                     0);
+        natsStatus s = natsConnection_PublishRequest(conn->nc(), subjects[i].c_str(), inboxes[i].c_str(), nullptr, 0);
         return s == NATS_OK ? 0 : CabFail(CAB_E_NOT_CONNECTED, natsStatus_GetText(s));
     };
     for (size_t i = 0; i < subjects.size(); ++i) {
         uint64_t token = 0;
-        asks[i].box = conn->openMailbox(&asks[i].inbox, &token);
-        asks[i].guard.reset(new MailboxGuard{conn, token});
+        conn->openMailbox(&inboxes[i], &token, std::string(),
+                          [arrived, i](natsMsg* msg, int failure) { arrived->handle(i, msg, failure); });
+        guards.emplace_back(new MailboxGuard{conn, token});
         if (int rc = send(i)) return rc;
     }
     const auto start = std::chrono::steady_clock::now();
@@ -409,28 +426,28 @@ int collectDiscovery(const std::shared_ptr<CabConnection>& conn, const std::vect
                     if (int rc = send(i)) return rc;
             lastSend = now;
         }
-        // Wait on the last mailbox at most until the next resend; the others are emptied as they are.
-        auto until = all ? std::min(end, quietUntil) : std::min(end, lastSend + std::chrono::milliseconds(250));
-        bool got = false;
-        for (size_t i = 0; i < asks.size(); ++i) {
-            const int64_t ms = i + 1 == asks.size()
-                                   ? std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(
-                                                              until - std::chrono::steady_clock::now())
-                                                              .count())
-                                   : 0;
-            int st = 0;
-            natsMsg* m = asks[i].box->wait(cabDeadline(ms), &st);
-            if (!m) {
-                if (st != CAB_E_TIMEOUT) return CabFail(st);
-                continue;
+        const auto until = all ? std::min(end, quietUntil) : std::min(end, lastSend + std::chrono::milliseconds(250));
+        std::pair<size_t, natsMsg*> answer(0, nullptr);
+        {
+            PLockGuard guard(arrived->lock);
+            const struct timespec deadline = cabDeadline(
+                std::max<int64_t>(0, std::chrono::duration_cast<std::chrono::milliseconds>(until - now).count()));
+            while (arrived->answers.empty() && !arrived->failure)
+                if (!arrived->lock.waitUntil(deadline)) break;
+            if (!arrived->answers.empty()) {
+                answer = arrived->answers.front();
+                arrived->answers.pop_front();
+            } else if (arrived->failure) {
+                return CabFail(arrived->failure);
             }
-            got = heard[i] = true;
-            if (!natsMsg_IsNoResponders(m))
-                (*answers)[i].emplace_back(natsMsg_GetData(m) ? natsMsg_GetData(m) : "",
-                                           (size_t)natsMsg_GetDataLength(m));
-            cabwire::destroy(m);
         }
-        if (got) quietUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(quietMs);
+        if (!answer.second) continue;  // time to ask again, or the end
+        heard[answer.first] = true;
+        if (!natsMsg_IsNoResponders(answer.second))
+            (*answers)[answer.first].emplace_back(natsMsg_GetData(answer.second) ? natsMsg_GetData(answer.second) : "",
+                                                  (size_t)natsMsg_GetDataLength(answer.second));
+        cabwire::destroy(answer.second);
+        quietUntil = std::chrono::steady_clock::now() + std::chrono::milliseconds(quietMs);
     }
 }
 
