@@ -23,7 +23,7 @@
 #include "host/KivFolders.h"
 #include "tests/support/TempDir.h"
 
-namespace crashtest {
+namespace {
 
 struct ChildResult {
     bool exited = false;  // ended by exit/_exit (not by a signal)
@@ -32,7 +32,7 @@ struct ChildResult {
 };
 
 // Runs argv through the shell after the assignments `env` ("A=1 B=2"), with its output.
-inline ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
+ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
     std::string command = env;
     for (const std::string& a : argv) command += " " + kivtest::shellQuoted(a);
     ChildResult result;
@@ -43,8 +43,8 @@ inline ChildResult runProgram(const std::vector<std::string>& argv, const std::s
 }
 
 // CRASH_PROGRAM mode dumpDir reporter extra..., the sanitizers leaving crash signals to the program.
-inline ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir, const std::string& reporter,
-                                   const std::vector<std::string>& extra, const std::string& recordFile) {
+ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir, const std::string& reporter,
+                            const std::vector<std::string>& extra, const std::string& recordFile) {
     std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
     argv.insert(argv.end(), extra.begin(), extra.end());
     return runProgram(argv, "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
@@ -54,7 +54,7 @@ inline ChildResult runCrashProgram(const std::string& mode, const std::string& d
                                 " TSAN_OPTIONS=report_signal_unsafe=0");
 }
 
-inline std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
+std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
     std::vector<std::string> out;
     std::error_code ec;
     for (const auto& e : std::filesystem::directory_iterator(folder, ec))
@@ -63,7 +63,7 @@ inline std::vector<std::string> filesEndingWith(const std::string& folder, const
 }
 
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.
-inline std::vector<std::string> recordedArguments(const std::string& recordFile) {
+std::vector<std::string> recordedArguments(const std::string& recordFile) {
     std::vector<std::string> args;
     std::istringstream in(kivtest::readFile(recordFile));
     for (std::string l; std::getline(in, l);)
@@ -71,11 +71,7 @@ inline std::vector<std::string> recordedArguments(const std::string& recordFile)
     return args;
 }
 
-inline std::string errorsLogPath() { return KivFolders::LogsDirectory() + "/errors.log"; }
-
-}  // namespace crashtest
-
-namespace {
+std::string errorsLogPath() { return KivFolders::LogsDirectory() + "/errors.log"; }
 
 class CrashPaths : public ::testing::Test {
 protected:
@@ -87,26 +83,26 @@ protected:
         std::filesystem::create_directories(dumpDir);
         std::filesystem::create_directories(tmp.path() + "/dir with blanks");
         std::filesystem::copy_file(RECORD_REPORTER, reporter);  // an executable copy
-        std::filesystem::remove(crashtest::errorsLogPath());
+        std::filesystem::remove(errorsLogPath());
     }
     // Runs one crash and checks what every path must leave; returns the dump.
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
-        crashtest::ChildResult r = crashtest::runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
+        ChildResult r = runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
         EXPECT_TRUE(r.exited && r.status == 0)
             << mode << (r.exited ? " exited with " : " ended by signal ") << r.status << "\n"
             << r.output;
-        std::vector<std::string> dumps = crashtest::filesEndingWith(dumpDir, ".dmp");
+        std::vector<std::string> dumps = filesEndingWith(dumpDir, ".dmp");
         EXPECT_EQ(1u, dumps.size()) << mode;
         if (dumps.size() != 1) return std::string();
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();
         EXPECT_TRUE(id.size() == 36 && id[14] == '4') << "not a random UUID: " << id;
         expectedArguments.insert(expectedArguments.begin(), {dump, "CrashProgram"});
-        EXPECT_EQ(expectedArguments, crashtest::recordedArguments(recordFile)) << r.output;
+        EXPECT_EQ(expectedArguments, recordedArguments(recordFile)) << r.output;
         std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
                             std::to_string(std::filesystem::file_size(dump) / 1024) + "kB)";
-        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(fatal))
-            << kivtest::readFile(crashtest::errorsLogPath());
+        EXPECT_NE(std::string::npos, kivtest::readFile(errorsLogPath()).find(fatal))
+            << kivtest::readFile(errorsLogPath());
         return dump;
     }
     // The dump is well formed and shows a null store by the crashing thread.
@@ -179,9 +175,9 @@ TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
-        std::filesystem::remove(crashtest::errorsLogPath());
+        std::filesystem::remove(errorsLogPath());
         std::string dump = crashOnce(c.mode, c.extra, c.tail);
-        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(c.logged));
+        EXPECT_NE(std::string::npos, kivtest::readFile(errorsLogPath()).find(c.logged));
         MinidumpReader reader;
         if (c.check == kNullStore) {
             expectNullStoreDump(dump, reader);
@@ -298,10 +294,9 @@ TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
 
 std::vector<uint8_t> realDump() {
     kivtest::TempDir tmp("readerdump");
-    crashtest::ChildResult r = crashtest::runCrashProgram("null", tmp.path() + "/", "/bin/true", {},
-                                                          tmp.path() + "/rec");
+    ChildResult r = runCrashProgram("null", tmp.path() + "/", "/bin/true", {}, tmp.path() + "/rec");
     EXPECT_EQ(0, r.status) << r.output;
-    std::vector<std::string> files = crashtest::filesEndingWith(tmp.path(), ".dmp");
+    std::vector<std::string> files = filesEndingWith(tmp.path(), ".dmp");
     std::string text = files.size() == 1 ? kivtest::readFile(files[0]) : "";
     return std::vector<uint8_t>(text.begin(), text.end());
 }
@@ -330,11 +325,11 @@ TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
 }
 
 TEST(CrashReporter, RefusesBadCommandLinesAndFilesDamagedDumpsWithTheReason) {
-    EXPECT_EQ(64, crashtest::runProgram({CRASH_REPORTER}).status);
-    EXPECT_EQ(64, crashtest::runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}).status);
-    crashtest::ChildResult help = crashtest::runProgram({CRASH_REPORTER, "--help"});
+    EXPECT_EQ(64, runProgram({CRASH_REPORTER}).status);
+    EXPECT_EQ(64, runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}).status);
+    ChildResult help = runProgram({CRASH_REPORTER, "--help"});
     EXPECT_TRUE(help.status == 0 && help.output.find("usage: KivCrashReporter") != std::string::npos);
-    crashtest::ChildResult missing = crashtest::runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
+    ChildResult missing = runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
     EXPECT_EQ(2, missing.status);
     EXPECT_NE(std::string::npos, missing.output.find("refused to file /nonexistent/x.dmp")) << missing.output;
     // On another file system where there is one (/dev/shm), so it is copied rather than renamed.
