@@ -28,7 +28,8 @@ struct Counter {
 
 // init() returns once the thread runs, even when the delegate ends at once, and a PThread destroyed
 // right away leaves the thread to free its own record. Many, to give the handshake a chance to fail.
-TEST(PThread, HandshakeUnderLoadAndDestroyRightAfterInit) {
+// A joined thread gives back its delegate's result.
+TEST(PThread, HandshakeUnderLoadDestroyRightAfterInitAndJoin) {
     Counter c;
     const int kThreads = 400;
     for (int i = 0; i < kThreads; ++i) {
@@ -40,10 +41,6 @@ TEST(PThread, HandshakeUnderLoadAndDestroyRightAfterInit) {
     while (c.finished < kThreads) c.done.wait();
     c.done.unlock();
     EXPECT_EQ(c.runs.load(), kThreads);
-}
-
-TEST(PThread, JoinReturnsTheDelegateResult) {
-    Counter c;
     PThread t;
     t.init(nullptr, new PThreadDelegateMember<Counter>(&c, &Counter::work), reinterpret_cast<void*>(42));
     EXPECT_EQ(t.join(), reinterpret_cast<void*>(42));

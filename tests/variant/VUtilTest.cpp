@@ -293,7 +293,7 @@ TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
                     {[&] { VUtil::GetDateElement(l, 3); }, "Element is not a date"}});
 }
 
-TEST(VUtilReaders, ConvertingReadersOnTypedArrays) {
+TEST(VUtilTypedArrays, WritersKeepValuesReadersConvertAndFailedStoresChangeNothing) {
     Array doubles(VT_R8, 1);
     VUtil::PutElement(doubles.get(), 0, 0.1);
     EXPECT_TRUE(VUtil::GetFloatElement(doubles.get(), 0) == 0.1f && VUtil::GetDoubleElement(doubles.get(), 0) == 0.1);
@@ -303,9 +303,30 @@ TEST(VUtilReaders, ConvertingReadersOnTypedArrays) {
     VUtil::PutDateElement(dates.get(), 0, 86399);
     EXPECT_EQ(86399L, VUtil::GetDateElement(dates.get(), 0));
     EXPECT_INVALID(VUtil::GetDateElement(dates.get(), 5), "SafeArrayGetElement failed in VUtil::GetDateElement");
-    Array ints(VT_I4, 2);
-    VUtil::PutElement(ints.get(), 1, 42L);
-    EXPECT_TRUE(VUtil::GetIntElement(ints.get(), 1) == 42 && VUtil::GetLongElementEmpty(ints.get(), 1) == 42L);
+    Array i4(VT_I4, 2);
+    VUtil::PutElement(i4.get(), 0, -3L);
+    VUtil::PutElement(i4.get(), 1, 9);
+    EXPECT_TRUE(VUtil::GetLongElement(i4.get(), 0) == -3L && VUtil::GetIntElement(i4.get(), 1) == 9 &&
+                VUtil::GetLongElementEmpty(i4.get(), 0) == -3L);
+    EXPECT_INVALID(VUtil::PutElement(i4.get(), 2, 1L), "SafeArrayPutElement failed");
+    EXPECT_EQ(2, VUtil::GetArrayLength(i4.get()));
+    Array i8(VT_I8, 1);
+    VUtil::PutElement(i8.get(), 0, -(1LL << 40));
+    EXPECT_EQ(-(1LL << 40), element(i8.get(), 0, 0LL));
+    Array bools(VT_BOOL, 2);
+    VUtil::PutBoolElement(bools.get(), 0, true);
+    VUtil::PutBoolElement(bools.get(), 1, false);
+    VARIANT_BOOL stored[2] = {7, 7};
+    for (int32_t i = 0; i < 2; ++i) ASSERT_EQ(S_OK, SafeArrayGetElement(bools.get().parray, &i, &stored[i]));
+    EXPECT_TRUE(stored[0] == 1 && stored[1] == 0);  // the typed array gets 1, not -1
+    Array strings(VT_BSTR, 2);
+    VUtil::PutElement(strings.get(), 0, CStdStr("first"));
+    VUtil::PutElement(strings.get(), 0, "second");  // replaces, freeing the first
+    VUtil::PutElement(strings.get(), 1, static_cast<const char*>(nullptr));
+    EXPECT_EQ("second", VUtil::GetStringElement(strings.get(), 0));
+    EXPECT_EQ("", VUtil::GetStringElement(strings.get(), 1));
+    EXPECT_INVALID(VUtil::PutElement(strings.get(), 5, "x"), "SafeArrayPutElement failed");
+    EXPECT_EQ("second", VUtil::GetStringElement(strings.get(), 0));
 }
 
 // Every reader and writer refuses an array of another type with its own text.
@@ -363,32 +384,6 @@ TEST(VUtilElements, EachReaderAndWriterRefusesAnArrayOfAnotherType) {
         {[&] { VUtil::PutElement(scalar.get(), 0, static_cast<const void*>(&a)); }, "SafeArrayPutElement failed"},
         {[&] { VUtil::PutElement(scalar.get(), 0, a); }, "SafeArrayPutElement failed"},
     });
-}
-
-TEST(VUtilWriters, TypedArraysKeepValuesAndFailedStoresChangeNothing) {
-    Array i4(VT_I4, 2);
-    VUtil::PutElement(i4.get(), 0, -3L);
-    VUtil::PutElement(i4.get(), 1, 9);
-    EXPECT_TRUE(VUtil::GetLongElement(i4.get(), 0) == -3L && VUtil::GetIntElement(i4.get(), 1) == 9);
-    EXPECT_INVALID(VUtil::PutElement(i4.get(), 2, 1L), "SafeArrayPutElement failed");
-    EXPECT_EQ(2, VUtil::GetArrayLength(i4.get()));
-    Array i8(VT_I8, 1);
-    VUtil::PutElement(i8.get(), 0, -(1LL << 40));
-    EXPECT_EQ(-(1LL << 40), element(i8.get(), 0, 0LL));
-    Array bools(VT_BOOL, 2);
-    VUtil::PutBoolElement(bools.get(), 0, true);
-    VUtil::PutBoolElement(bools.get(), 1, false);
-    VARIANT_BOOL stored[2] = {7, 7};
-    for (int32_t i = 0; i < 2; ++i) ASSERT_EQ(S_OK, SafeArrayGetElement(bools.get().parray, &i, &stored[i]));
-    EXPECT_TRUE(stored[0] == 1 && stored[1] == 0);  // the typed array gets 1, not -1
-    Array strings(VT_BSTR, 2);
-    VUtil::PutElement(strings.get(), 0, CStdStr("first"));
-    VUtil::PutElement(strings.get(), 0, "second");  // replaces, freeing the first
-    VUtil::PutElement(strings.get(), 1, static_cast<const char*>(nullptr));
-    EXPECT_EQ("second", VUtil::GetStringElement(strings.get(), 0));
-    EXPECT_EQ("", VUtil::GetStringElement(strings.get(), 1));
-    EXPECT_INVALID(VUtil::PutElement(strings.get(), 5, "x"), "SafeArrayPutElement failed");
-    EXPECT_EQ("second", VUtil::GetStringElement(strings.get(), 0));
 }
 
 TEST(VUtilWriters, VariantArraysGetWrappedValues) {
