@@ -539,10 +539,8 @@ TEST(Cab1, LargeArraysDecodeOverTheirInput) {
         SAFEARRAYBOUND b{count, lb};
         v.get().vt = VARTYPE(VT_ARRAY | et);
         v.get().parray = SafeArrayCreate(et, 1, &b);
-        void* p = nullptr;
-        SafeArrayAccessData(v.get().parray, &p);
-        for (size_t i = 0; i < size_t(count) * SafeArrayElementSize(et); ++i) static_cast<char*>(p)[i] = char(i * 13);
-        SafeArrayUnaccessData(v.get().parray);
+        char* p = static_cast<char*>(v.get().parray->pvData);
+        for (size_t i = 0; i < size_t(count) * SafeArrayElementSize(et); ++i) p[i] = char(i * 13);
         return Cab1Encoding(v.get()).str();
     };
     const size_t head = 10;

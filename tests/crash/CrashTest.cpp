@@ -287,17 +287,9 @@ TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
     EXPECT_TRUE(modules[0].base == 0x1000u && modules[0].size == 0x3000u);
 }
 
-std::vector<uint8_t> realDump() {
-    kivtest::TempDir tmp("readerdump");
-    ChildResult r = runCrashProgram("null", tmp.path() + "/", "/bin/true", {}, tmp.path() + "/rec");
-    EXPECT_EQ(0, r.status) << r.output;
-    std::vector<std::string> files = filesEndingWith(tmp.path(), ".dmp");
-    std::string text = files.size() == 1 ? kivtest::readFile(files[0]) : "";
-    return std::vector<uint8_t>(text.begin(), text.end());
-}
-
-TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
-    std::vector<uint8_t> good = realDump();
+TEST_F(CrashPaths, TheDumpReaderRefusesTruncatedAndGarbledFiles) {
+    const std::string text = kivtest::readFile(crashOnce("null", {}, {}));
+    const std::vector<uint8_t> good(text.begin(), text.end());
     MinidumpReader reader;
     ASSERT_TRUE(good.size() > 1024 && reader.parse(good)) << reader.error();
     EXPECT_EQ(static_cast<uint16_t>(minidump::kCpuArchitectureAmd64), reader.systemInfo().processorArchitecture);

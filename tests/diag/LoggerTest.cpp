@@ -8,7 +8,6 @@
 #include <regex>
 #include <string>
 #include <thread>
-#include <tuple>
 #include <vector>
 
 #include "diag/CBBLog.h"
