@@ -269,12 +269,10 @@ TEST(ModuleId, BuildIdOrTextHash) {
 }
 
 TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
-    std::string exe = CRASH_PROGRAM;
-    std::string text = "1000-2000 r--p 00000000 08:01 42 " + exe + "\n" + "2000-3000 r-xp 00001000 08:01 42 " + exe +
-                       "\n" + "3000-4000 rw-p 00002000 08:01 42 " + exe + "\n" + "4000-5000 rw-p 00000000 00:00 0 \n" +
-                       "7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
-                       "garbage line\n"
-                       "9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
+    const std::string exe = std::string(" 08:01 42 ") + CRASH_PROGRAM + "\n";  // device, inode, path
+    std::string text = "1000-2000 r--p 00000000" + exe + "2000-3000 r-xp 00001000" + exe + "3000-4000 rw-p 00002000" +
+                       exe + "4000-5000 rw-p 00000000 00:00 0 \n7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
+                       "garbage line\n9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
     minidump::Mapping maps[16];
     int n = minidump::parseMaps(&text[0], maps, 16);  // parsed in place
     ASSERT_EQ(6, n);

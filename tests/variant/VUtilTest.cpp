@@ -151,10 +151,7 @@ TEST(VUtilPairs, PutGetAndFindPairs) {
     tagVARIANT& l = list.get();
     VUtil::PutPair(l, 0, "Path", CStdStr("/a"));
     VUtil::PutPair(l, 2, "Count", 42L);
-    CLocalVariant flag;
-    flag.get().vt = VT_BOOL;
-    flag.get().boolVal = VARIANT_TRUE;
-    VUtil::PutPair(l, 3, "Flag", flag.get());
+    VUtil::PutPair(l, 3, "Flag", JsonVariant("true").get());
     VUtil::PutPair(l, 4, "Size", "17");
     EXPECT_EQ(R"([["Path","/a"],null,["Count",42],["Flag",true],["Size","17"]])", json(l));
     CStdStr name, value = "untouched";
@@ -207,8 +204,7 @@ TEST(VUtilPairs, StringMapsAndCsv) {
 }
 
 TEST(VUtilPairs, ReturnCodesAndOutputStrings) {
-    JsonVariant failed("-1"), hresult("-2147024809"), positive("3");
-    CLocalVariant other;
+    JsonVariant failed("-1"), hresult("-2147024809"), positive("3"), other("2.5");
     EXPECT_EQ(-1L, VUtil::GetSingleRetcode(failed.get()));
     EXPECT_INVALID(VUtil::CheckSingleRetcode(failed.get(), nullptr),
                    "Cab error detected in VUtil::CheckSingleRetcode : hr = -1 - 0xffffffff");
@@ -221,7 +217,6 @@ TEST(VUtilPairs, ReturnCodesAndOutputStrings) {
     CStdStr s;
     VUtil::GetSingleOutParamString(text.get(), s);
     EXPECT_EQ("text", s);
-    other.get().vt = VT_R8;
     EXPECT_THROW(VUtil::CheckSingleRetcode(other.get(), nullptr), CabInvalidParameterException);
     expectRefusals({
         {[&] { VUtil::GetSingleRetcode(text.get()); },
