@@ -51,14 +51,6 @@ ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir,
                                 " TSAN_OPTIONS=report_signal_unsafe=0");
 }
 
-std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
-    std::vector<std::string> out;
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(folder, ec))
-        if (e.is_regular_file() && e.path().extension() == suffix) out.push_back(e.path().string());
-    return out;
-}
-
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.
 std::vector<std::string> recordedArguments(const std::string& recordFile) {
     std::vector<std::string> args;
@@ -87,7 +79,9 @@ protected:
                           std::vector<std::string> expectedArguments) {
         ChildResult r = runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
         EXPECT_EQ(0, r.status) << mode << "\n" << r.output;
-        std::vector<std::string> dumps = filesEndingWith(dumpDir, ".dmp");
+        std::vector<std::string> dumps;
+        for (const auto& e : std::filesystem::directory_iterator(dumpDir))
+            if (e.path().extension() == ".dmp") dumps.push_back(e.path().string());
         EXPECT_EQ(1u, dumps.size()) << mode;
         if (dumps.size() != 1) return std::string();
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();

@@ -38,14 +38,11 @@
     } while (0)
 #define EXPECT_INVALID(stmt, text) EXPECT_CAB_THROW(stmt, 1, text)
 
-struct Refusal {
-    std::function<void()> call;
-    std::string text;
-};
-inline void expectRefusals(const std::vector<Refusal>& refusals) {
-    for (const Refusal& r : refusals) {
-        SCOPED_TRACE(r.text);
-        EXPECT_INVALID(r.call(), r.text.c_str());
+// Expects each call to be refused as an invalid parameter with its text.
+inline void expectRefusals(const std::vector<std::pair<std::function<void()>, std::string>>& refusals) {
+    for (const auto& [call, text] : refusals) {
+        SCOPED_TRACE(text);
+        EXPECT_INVALID(call(), text.c_str());
     }
 }
 
@@ -410,22 +407,13 @@ namespace {
 
 const long k20080304050607 = 1204607167;  // 2008-03-04 05:06:07 UTC
 
+// In UTC unless a test sets another zone, and with the lines logged kept.
 class TimeUtilsTest : public testing::Test {
 protected:
-    void SetUp() override {
-        setZone("UTC");
-        log = boost::make_shared<CapturingLog>();
-        CBBLog::setLogger(log);
-    }
-    void TearDown() override {
-        CBBLog::setLogger(boost::shared_ptr<CBBLog>());
-        setZone("UTC");
-    }
-    static void setZone(const char* zone) {
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    boost::shared_ptr<CapturingLog> log;
+    void SetUp() override { setZone("UTC"), CBBLog::setLogger(log); }
+    void TearDown() override { CBBLog::setLogger(boost::shared_ptr<CBBLog>()), setZone("UTC"); }
+    static void setZone(const char* zone) { setenv("TZ", zone, 1), tzset(); }
+    boost::shared_ptr<CapturingLog> log = boost::make_shared<CapturingLog>();
 };
 
 }  // namespace
