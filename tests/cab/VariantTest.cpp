@@ -22,9 +22,7 @@
 #include "value/VariantJson.h"
 #include "variant/CLocalVariant.h"
 
-// Generated values of every type and nesting, a bit-for-bit comparison, builders.
-namespace kivtest {
-
+// Generated values of every type and nesting, and a bit-for-bit comparison.
 inline const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT_BOOL, VT_I4,
                                    VT_UI4,   VT_R4,   VT_I8, VT_UI8, VT_R8, VT_DATE, VT_BSTR};
 inline const VARTYPE kElements[] = {VT_I1,  VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
@@ -117,10 +115,6 @@ inline bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::str
     if (why) *why = ja + "\n  vs " + jb;
     return false;
 }
-
-}  // namespace kivtest
-
-using kivtest::IdenticalVariants;
 
 TEST(VariantRuntime, StringsKeepLengthAndBytes) {
     BSTR s = SysAllocString("abc"), z = SysAllocStringLen("a\0b", 3), zeros = SysAllocStringLen(nullptr, 4);
@@ -295,8 +289,7 @@ TEST(VariantJson, PlainJsonReadsAsTheNaturalTypes) {
 }
 
 TEST(VariantJson, DatesAreLocalTextWhenExact) {
-    setenv("TZ", "Europe/Berlin", 1);
-    tzset();
+    setenv("TZ", "Europe/Berlin", 1), tzset();
     CLocalVariant d;
     std::string error;
     ASSERT_TRUE(VariantFromJson("{\"$vt\":\"DATE\",\"v\":\"1970-01-01 01:00:00\"}", &d.get(), &error)) << error;
@@ -308,8 +301,7 @@ TEST(VariantJson, DatesAreLocalTextWhenExact) {
     EXPECT_NE(readError("{\"$vt\":\"DATE\",\"v\":\"2008-02-30 00:00:00\"}").find("not a date"), std::string::npos);
     // 02:30 does not exist on the spring-forward day.
     EXPECT_NE(readError("{\"$vt\":\"DATE\",\"v\":\"2021-03-28 02:30:00\"}").find("/v"), std::string::npos);
-    unsetenv("TZ");
-    tzset();
+    unsetenv("TZ"), tzset();
 }
 
 TEST(VariantJson, ReaderErrorsNameThePath) {
@@ -431,12 +423,11 @@ TEST(Cab1, EncodesTheDocumentedBytes) {
 
 // Each generated value comes back the same to the bit from its JSON text and from its CAB1 bytes.
 TEST(GeneratedValues, RoundTripBitForBitAsJsonAndAsCab1) {
-    setenv("TZ", "America/New_York", 1);  // dates in JSON: a zone with DST gaps and folds
-    tzset();
+    setenv("TZ", "America/New_York", 1), tzset();  // dates in JSON: a zone with DST gaps and folds
     std::mt19937_64 rng(4242);
     for (int n = 0; n < 3000; ++n) {
         CLocalVariant a, j, b;
-        kivtest::RandomVariant(rng, 5, &a.get());
+        RandomVariant(rng, 5, &a.get());
         std::string text = VariantToJson(a.get(), n % 2 ? 2 : -1), error, why;
         ASSERT_TRUE(VariantFromJson(text, &j.get(), &error)) << error << "\n" << text;
         ASSERT_TRUE(IdenticalVariants(a.get(), j.get(), &why)) << n << ": " << why << "\n" << text;
@@ -456,8 +447,7 @@ TEST(GeneratedValues, RoundTripBitForBitAsJsonAndAsCab1) {
         bool typeAlone = cut == 2 && (a.get().vt == VT_EMPTY || a.get().vt == VT_NULL);
         EXPECT_FALSE(cut && !typeAlone && Cab1Decode(bytes.data(), cut, &c.get(), &error)) << cut;
     }
-    unsetenv("TZ");
-    tzset();
+    unsetenv("TZ"), tzset();
 }
 
 TEST(Cab1, EncoderRefusesWhatTheWireCannotCarry) {

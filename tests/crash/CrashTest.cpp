@@ -39,18 +39,6 @@ ChildResult runProgram(const std::vector<std::string>& argv, const std::string& 
     return result;
 }
 
-// CRASH_PROGRAM mode dumpDir reporter extra..., the sanitizers leaving crash signals to the program.
-ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir, const std::string& reporter,
-                            const std::vector<std::string>& extra, const std::string& recordFile) {
-    std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return runProgram(argv, "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
-                                " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
-                                "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
-                                // The reporter run after the dump allocates inside the signal handler by design.
-                                " TSAN_OPTIONS=report_signal_unsafe=0");
-}
-
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.
 std::vector<std::string> recordedArguments(const std::string& recordFile) {
     std::vector<std::string> args;
@@ -77,7 +65,15 @@ protected:
     // Runs one crash and checks what every path must leave; returns the dump.
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
-        ChildResult r = runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
+        std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        // The sanitizers leave crash signals to the program; the reporter run after the dump allocates
+        // inside the signal handler by design.
+        ChildResult r = runProgram(argv,
+                                   "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
+                                       " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
+                                       "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
+                                       " TSAN_OPTIONS=report_signal_unsafe=0");
         EXPECT_EQ(0, r.status) << mode << "\n" << r.output;
         std::vector<std::string> dumps;
         for (const auto& e : std::filesystem::directory_iterator(dumpDir))
