@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <string>
 
 #include "host/MemoryPolicy.h"
 #include "host/PThread.h"
 #include "tests/support/Sanitizers.h"
+#include "tests/support/Thrown.h"
 
 namespace {
 
@@ -56,13 +56,9 @@ TEST(PThread, FailedCreationThrowsWithTheErrorNumber) {
     // A stack far beyond the address space makes pthread_create fail.
     ASSERT_EQ(pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46), 0);
     PThread t;
-    try {
-        t.init(&attr, new PThreadDelegateFunction([](void*) -> void* { return nullptr; }), nullptr);
-        FAIL() << "expected an exception";
-    } catch (const std::runtime_error& e) {
-        std::string what = e.what();
-        EXPECT_TRUE(what.rfind("Failed to create thread: ", 0) == 0 && what != "Failed to create thread: 0") << what;
-    }
+    const std::string what = kivtest::thrownBy(
+        [&] { t.init(&attr, new PThreadDelegateFunction([](void*) -> void* { return nullptr; }), nullptr); });
+    EXPECT_TRUE(what.rfind("Failed to create thread: ", 0) == 0 && what != "Failed to create thread: 0") << what;
     pthread_attr_destroy(&attr);
 }
 

@@ -243,8 +243,8 @@ TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
     EXPECT_EQ(0xFFFFFFF0UL, element(ui4.get(), 0, ~0UL));
     EXPECT_EQ("abc", element(strings.get(), 0, CStdStr("old")));
     EXPECT_EQ("", element(strings.get(), 1, CStdStr("old")));  // never set: null string
-    EXPECT_INVALID(VUtil::GetElement(i4.get(), 1, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
-    EXPECT_INVALID(VUtil::GetElement(i4.get(), -1, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
+    for (int outside : {1, -1})
+        EXPECT_INVALID(VUtil::GetElement(i4.get(), outside, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
 }
 
 TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
@@ -431,8 +431,7 @@ TEST(VUtilDates, ConversionsBothWays) {
 }
 
 TEST_F(TimeUtilsTest, VariantDatesPassOnTheThreeLowBits) {
-    tagVARIANT v;
-    VariantInit(&v);
+    tagVARIANT v{};
     v.date = 25569.5;
     for (VARTYPE vt : {VT_DATE, VT_I4, VT_R8})  // the low bits of VT_DATE set: the value bits are read as a date
         EXPECT_EQ(43200L, TimeUtils::GetTime((v.vt = vt, v))) << vt;
