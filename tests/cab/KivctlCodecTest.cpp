@@ -14,8 +14,7 @@ TEST(KivctlCodec, EncodeAndDecodeWithTheirExitStatuses) {
               kivtest::runCommand(kivctl + "encode '[1,\"a\"]'", &status));
     EXPECT_EQ(0, status);
     std::string out = kivtest::runCommand("echo 0c20 00000000 05000000 | " + kivctl + "decode 2>&1", &status);
-    EXPECT_EQ(2, status);
-    EXPECT_NE(out.find("byte offset 6"), std::string::npos) << out;
+    EXPECT_TRUE(status == 2 && out.find("byte offset 6") != std::string::npos) << status << ": " << out;
     for (const std::string& refused :
          {kivctl + "encode '[1,'", kivctl + "encode '{\"$vt\":\"I2\",\"v\":1e9}'", "echo xyz | " + kivctl + "decode"}) {
         kivtest::runCommand(refused + " 2>/dev/null", &status);

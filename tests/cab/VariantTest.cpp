@@ -116,17 +116,6 @@ inline bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::str
     return false;
 }
 
-TEST(VariantRuntime, StringsKeepLengthAndBytes) {
-    BSTR s = SysAllocString("abc"), z = SysAllocStringLen("a\0b", 3), zeros = SysAllocStringLen(nullptr, 4);
-    EXPECT_EQ((std::vector<uint32_t>{3, 3, 4, 0}),
-              (std::vector<uint32_t>{SysStringLen(s), SysStringLen(z), SysStringLen(zeros), SysStringLen(nullptr)}));
-    EXPECT_STREQ(s, "abc");
-    EXPECT_EQ(memcmp(z, "a\0b\0", 4), 0);  // terminated after the length
-    EXPECT_EQ(memcmp(zeros, "\0\0\0\0\0", 5), 0);
-    for (BSTR b : {s, z, zeros, BSTR(nullptr)}) SysFreeString(b);
-    EXPECT_EQ(SysAllocString(nullptr), nullptr);
-}
-
 TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
     SAFEARRAYBOUND b{4, 0}, huge{0xFFFFFFFFu, 0}, two[2] = {{2, 0}, {2, 0}};
     const std::tuple<VARTYPE, unsigned, const SAFEARRAYBOUND*> refused[] =
@@ -143,7 +132,15 @@ TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
     EXPECT_EQ(SafeArrayDestroy(empty), S_OK);
 }
 
-TEST(VariantRuntime, ElementsHonourBoundsAndCopyStrings) {
+TEST(VariantRuntime, StringsKeepLengthAndBytesAndArraysOfThemHonourBoundsAndCopy) {
+    BSTR s = SysAllocString("abc"), z = SysAllocStringLen("a\0b", 3), zeros = SysAllocStringLen(nullptr, 4);
+    EXPECT_EQ((std::vector<uint32_t>{3, 3, 4, 0}),
+              (std::vector<uint32_t>{SysStringLen(s), SysStringLen(z), SysStringLen(zeros), SysStringLen(nullptr)}));
+    EXPECT_STREQ(s, "abc");
+    EXPECT_EQ(memcmp(z, "a\0b\0", 4), 0);  // terminated after the length
+    EXPECT_EQ(memcmp(zeros, "\0\0\0\0\0", 5), 0);
+    for (BSTR b : {s, z, zeros, BSTR(nullptr)}) SysFreeString(b);
+    EXPECT_EQ(SysAllocString(nullptr), nullptr);
     SAFEARRAYBOUND b{3, 5};
     SAFEARRAY* strings = SafeArrayCreate(VT_BSTR, 1, &b);
     ASSERT_NE(strings, nullptr);

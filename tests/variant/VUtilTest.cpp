@@ -98,29 +98,7 @@ TEST(VUtilArrays, LengthsCreationAndTypeChecks) {
     EXPECT_EQ(VT_EMPTY, empty.vt());
 }
 
-TEST(VUtilBytes, SlicesOfAByteArray) {
-    std::string data = kivtest::patternBytes(50, 3);
-    JsonVariant v("\"replaced\"");  // PutBinaryIntoVariant releases what v held
-    CLocalVariant empty;
-    VUtil::PutBinaryIntoVariant(v.ptr(), reinterpret_cast<const unsigned char*>(data.data()), 50);
-    EXPECT_TRUE(v.vt() == (VT_ARRAY | VT_UI1) && VUtil::GetArrayLength(v.get()) == 50);
-    unsigned char buffer[100] = {};
-    for (int outside : {50, 60, -1}) EXPECT_EQ(0, VUtil::GetBinaryElement(v.get(), buffer, outside, 10)) << outside;
-    auto got = [&](int n) { return std::string(reinterpret_cast<char*>(buffer), n); };
-    EXPECT_TRUE(VUtil::GetBinaryElement(v.get(), buffer, 10, 100) == 40 && data.substr(10) == got(40));
-    EXPECT_TRUE(VUtil::GetBinaryElement(v.get(), buffer, 0, 5) == 5 && data.substr(0, 5) == got(5));
-    Array signedBytes(VT_I1, 4), words(VT_I2, 4);
-    EXPECT_EQ(4, VUtil::GetBinaryElement(signedBytes.get(), buffer, 0, 10));
-    EXPECT_INVALID(VUtil::GetBinaryElement(words.get(), buffer, 0, 10),
-                   "Element is not an array of (unsigned) char: 8194");
-    VUtil::PutBinaryIntoVariant(empty.ptr(), nullptr, 0);
-    EXPECT_EQ(0, VUtil::GetArrayLength(empty.get()));
-    EXPECT_INVALID(VUtil::PutBinaryIntoVariant(empty.ptr(), buffer, -1),
-                   "PutBinaryIntoVariant: could not create safe array");
-    EXPECT_EQ(VT_ARRAY | VT_UI1, empty.vt());
-}
-
-TEST(VUtilBytes, ByteArrayElementsOfAVariantArray) {
+TEST(VUtilBytes, ByteArraysOfAVariantArrayAndSlicesOfAByteArray) {
     JsonVariant list(R"([{"$vt":"UI1[]","base64":"AQID"}, "not bytes"])");
     const tagVARIANT& l = list.get();
     unsigned char* mallocBuffer = nullptr;
@@ -140,6 +118,25 @@ TEST(VUtilBytes, ByteArrayElementsOfAVariantArray) {
         {[&] { VUtil::GetBinaryElement(bytes.get(), 0, newBuffer, len); }, "Not an array of variant: 8209"},
         {[&] { VUtil::GetByteArray(l, 2, &mallocBuffer); }, "SafeArrayGetElement failed in VUtil::GetElement"},
     });
+    std::string data = kivtest::patternBytes(50, 3);
+    JsonVariant v("\"replaced\"");  // PutBinaryIntoVariant releases what v held
+    CLocalVariant empty;
+    VUtil::PutBinaryIntoVariant(v.ptr(), reinterpret_cast<const unsigned char*>(data.data()), 50);
+    EXPECT_TRUE(v.vt() == (VT_ARRAY | VT_UI1) && VUtil::GetArrayLength(v.get()) == 50);
+    unsigned char buffer[100] = {};
+    for (int outside : {50, 60, -1}) EXPECT_EQ(0, VUtil::GetBinaryElement(v.get(), buffer, outside, 10)) << outside;
+    auto got = [&](int n) { return std::string(reinterpret_cast<char*>(buffer), n); };
+    EXPECT_TRUE(VUtil::GetBinaryElement(v.get(), buffer, 10, 100) == 40 && data.substr(10) == got(40));
+    EXPECT_TRUE(VUtil::GetBinaryElement(v.get(), buffer, 0, 5) == 5 && data.substr(0, 5) == got(5));
+    Array signedBytes(VT_I1, 4), words(VT_I2, 4);
+    EXPECT_EQ(4, VUtil::GetBinaryElement(signedBytes.get(), buffer, 0, 10));
+    EXPECT_INVALID(VUtil::GetBinaryElement(words.get(), buffer, 0, 10),
+                   "Element is not an array of (unsigned) char: 8194");
+    VUtil::PutBinaryIntoVariant(empty.ptr(), nullptr, 0);
+    EXPECT_EQ(0, VUtil::GetArrayLength(empty.get()));
+    EXPECT_INVALID(VUtil::PutBinaryIntoVariant(empty.ptr(), buffer, -1),
+                   "PutBinaryIntoVariant: could not create safe array");
+    EXPECT_EQ(VT_ARRAY | VT_UI1, empty.vt());
 }
 
 TEST(VUtilPairs, PutGetAndFindPairs) {
