@@ -94,7 +94,6 @@ TEST(VUtilArrays, LengthsCreationAndTypeChecks) {
         // Messages are cut at 255 characters.
         {[&] { VUtil::CheckType(empty.get(), VT_I4, longContext.c_str()); }, std::string(255, 'c')},
     });
-    hollow.get().vt = VT_EMPTY;
     EXPECT_EQ(VT_EMPTY, empty.vt());
 }
 
@@ -184,8 +183,7 @@ TEST(VUtilPairs, StringMapsAndCsv) {
     VUtil::PutPair(list.get(), 2, "A", CStdStr("2"));
     EXPECT_EQ((VUtil::StringMap{{"a", "2"}}), VUtil::toStringMap(list.get(), true));
     EXPECT_EQ((VUtil::StringMap{{"A", "2"}, {"a", "1"}}), VUtil::toStringAMap(list.get(), false));
-    Array empty(VT_VARIANT, 0);
-    EXPECT_TRUE(VUtil::toStringMap(empty.get(), false).empty());
+    EXPECT_TRUE(VUtil::toStringMap(Array(VT_VARIANT, 0).get(), false).empty());
     Array strings(VT_BSTR, 1);
     EXPECT_INVALID(VUtil::toStringMap(strings.get(), false), "Variant passed to VUtil::toStringAMap is not an array");
     EXPECT_INVALID(VUtil::toStringAMap(strings.get(), true), "Variant passed to VUtil::toStringAMap is not an array");
@@ -385,11 +383,7 @@ TEST(VUtilWriters, VariantArraysGetWrappedValues) {
     VUtil::PutElement(l, 4, 2.25f);
     VUtil::PutElement(l, 5, static_cast<unsigned char>(200));
     VUtil::PutElement(l, 6, 7ULL);
-    {  // the array keeps its own deep copy of a stored variant
-        Array inner(VT_BSTR, 1);
-        VUtil::PutElement(inner.get(), 0, "deep");
-        VUtil::PutElement(l, 7, inner.get());
-    }
+    VUtil::PutElement(l, 7, JsonVariant(R"({"$vt":"BSTR[]","v":["deep"]})").get());  // kept as a deep copy
     kivtest::ScopedEnv utc("TZ", "UTC");
     tzset();
     // The variant form of true is -1.
