@@ -44,11 +44,8 @@ TEST(TextCodecs, Base64RoundTripsAndIsStrictUtf8IsStrict) {
     std::string all;
     for (int i = 0; i < 256; ++i) all += static_cast<char>(i);
     std::string out;
-    for (size_t n : {0, 1, 2, 3, 4, 5, 6, 256}) {
-        std::string in = all.substr(256 - n, n);
-        ASSERT_TRUE(Base64Decode(Base64Encode(in.data(), in.size()), &out, nullptr));
-        EXPECT_EQ(in, out);
-    }
+    for (size_t n : {0, 1, 2, 3, 4, 5, 6, 256})  // every padding, every byte value
+        EXPECT_TRUE(Base64Decode(Base64Encode(&all[256 - n], n), &out, nullptr) && out == all.substr(256 - n)) << n;
     for (const char* bad : {"abc", "ab!d", "a=bc"}) EXPECT_FALSE(Base64Decode(bad, &out, nullptr)) << bad;
     EXPECT_TRUE(IsValidUtf8(std::string("a\0b", 3)));
     EXPECT_TRUE(IsValidUtf8("\xc3\xa9\xe2\x82\xac\xf0\x9f\x98\x80"));

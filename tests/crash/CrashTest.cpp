@@ -23,47 +23,24 @@
 #include "host/KivFolders.h"
 #include "tests/support/TempDir.h"
 
-namespace crashtest {
+namespace {
 
 struct ChildResult {
-    bool exited = false;  // ended by exit/_exit (not by a signal)
-    int status = -1;      // exit status, or the signal number when !exited
-    std::string output;   // standard output and error together
+    int status = -1;     // the shell's: 128 + the signal's number when a signal ended the program
+    std::string output;  // standard output and error together
 };
 
 // Runs argv through the shell after the assignments `env` ("A=1 B=2"), with its output.
-inline ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
+ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
     std::string command = env;
     for (const std::string& a : argv) command += " " + kivtest::shellQuoted(a);
     ChildResult result;
     result.output = kivtest::runCommand(command + " 2>&1", &result.status);
-    result.exited = result.status >= 0 && result.status < 128;  // the shell answers 128 + a signal's number
-    if (result.status > 128) result.status -= 128;
     return result;
 }
 
-// CRASH_PROGRAM mode dumpDir reporter extra..., the sanitizers leaving crash signals to the program.
-inline ChildResult runCrashProgram(const std::string& mode, const std::string& dumpDir, const std::string& reporter,
-                                   const std::vector<std::string>& extra, const std::string& recordFile) {
-    std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
-    argv.insert(argv.end(), extra.begin(), extra.end());
-    return runProgram(argv, "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
-                                " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
-                                "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
-                                // The reporter run after the dump allocates inside the signal handler by design.
-                                " TSAN_OPTIONS=report_signal_unsafe=0");
-}
-
-inline std::vector<std::string> filesEndingWith(const std::string& folder, const std::string& suffix) {
-    std::vector<std::string> out;
-    std::error_code ec;
-    for (const auto& e : std::filesystem::directory_iterator(folder, ec))
-        if (e.is_regular_file() && e.path().extension() == suffix) out.push_back(e.path().string());
-    return out;
-}
-
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.
-inline std::vector<std::string> recordedArguments(const std::string& recordFile) {
+std::vector<std::string> recordedArguments(const std::string& recordFile) {
     std::vector<std::string> args;
     std::istringstream in(kivtest::readFile(recordFile));
     for (std::string l; std::getline(in, l);)
@@ -71,11 +48,7 @@ inline std::vector<std::string> recordedArguments(const std::string& recordFile)
     return args;
 }
 
-inline std::string errorsLogPath() { return KivFolders::LogsDirectory() + "/errors.log"; }
-
-}  // namespace crashtest
-
-namespace {
+std::string errorsLogPath() { return KivFolders::LogsDirectory() + "/errors.log"; }
 
 class CrashPaths : public ::testing::Test {
 protected:
@@ -87,26 +60,34 @@ protected:
         std::filesystem::create_directories(dumpDir);
         std::filesystem::create_directories(tmp.path() + "/dir with blanks");
         std::filesystem::copy_file(RECORD_REPORTER, reporter);  // an executable copy
-        std::filesystem::remove(crashtest::errorsLogPath());
+        std::filesystem::remove(errorsLogPath());
     }
     // Runs one crash and checks what every path must leave; returns the dump.
     std::string crashOnce(const std::string& mode, const std::vector<std::string>& extra,
                           std::vector<std::string> expectedArguments) {
-        crashtest::ChildResult r = crashtest::runCrashProgram(mode, dumpDir, reporter, extra, recordFile);
-        EXPECT_TRUE(r.exited && r.status == 0)
-            << mode << (r.exited ? " exited with " : " ended by signal ") << r.status << "\n"
-            << r.output;
-        std::vector<std::string> dumps = crashtest::filesEndingWith(dumpDir, ".dmp");
+        std::vector<std::string> argv = {CRASH_PROGRAM, mode, dumpDir, reporter};
+        argv.insert(argv.end(), extra.begin(), extra.end());
+        // The sanitizers leave crash signals to the program; the reporter run after the dump allocates
+        // inside the signal handler by design.
+        ChildResult r = runProgram(argv,
+                                   "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
+                                       " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
+                                       "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
+                                       " TSAN_OPTIONS=report_signal_unsafe=0");
+        EXPECT_EQ(0, r.status) << mode << "\n" << r.output;
+        std::vector<std::string> dumps;
+        for (const auto& e : std::filesystem::directory_iterator(dumpDir))
+            if (e.path().extension() == ".dmp") dumps.push_back(e.path().string());
         EXPECT_EQ(1u, dumps.size()) << mode;
         if (dumps.size() != 1) return std::string();
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();
         EXPECT_TRUE(id.size() == 36 && id[14] == '4') << "not a random UUID: " << id;
         expectedArguments.insert(expectedArguments.begin(), {dump, "CrashProgram"});
-        EXPECT_EQ(expectedArguments, crashtest::recordedArguments(recordFile)) << r.output;
+        EXPECT_EQ(expectedArguments, recordedArguments(recordFile)) << r.output;
         std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
                             std::to_string(std::filesystem::file_size(dump) / 1024) + "kB)";
-        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(fatal))
-            << kivtest::readFile(crashtest::errorsLogPath());
+        EXPECT_NE(std::string::npos, kivtest::readFile(errorsLogPath()).find(fatal))
+            << kivtest::readFile(errorsLogPath());
         return dump;
     }
     // The dump is well formed and shows a null store by the crashing thread.
@@ -179,9 +160,9 @@ TEST_F(CrashPaths, EachOtherCrashLeavesOneDump) {
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.mode);
-        std::filesystem::remove(crashtest::errorsLogPath());
+        std::filesystem::remove(errorsLogPath());
         std::string dump = crashOnce(c.mode, c.extra, c.tail);
-        EXPECT_NE(std::string::npos, kivtest::readFile(crashtest::errorsLogPath()).find(c.logged));
+        EXPECT_NE(std::string::npos, kivtest::readFile(errorsLogPath()).find(c.logged));
         MinidumpReader reader;
         if (c.check == kNullStore) {
             expectNullStoreDump(dump, reader);
@@ -278,12 +259,10 @@ TEST(ModuleId, BuildIdOrTextHash) {
 }
 
 TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
-    std::string exe = CRASH_PROGRAM;
-    std::string text = "1000-2000 r--p 00000000 08:01 42 " + exe + "\n" + "2000-3000 r-xp 00001000 08:01 42 " + exe +
-                       "\n" + "3000-4000 rw-p 00002000 08:01 42 " + exe + "\n" + "4000-5000 rw-p 00000000 00:00 0 \n" +
-                       "7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
-                       "garbage line\n"
-                       "9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
+    const std::string exe = std::string(" 08:01 42 ") + CRASH_PROGRAM + "\n";  // device, inode, path
+    std::string text = "1000-2000 r--p 00000000" + exe + "2000-3000 r-xp 00001000" + exe + "3000-4000 rw-p 00002000" +
+                       exe + "4000-5000 rw-p 00000000 00:00 0 \n7000-8000 rw-p 00000000 00:00 0 [stack]\n" +
+                       "garbage line\n9000-9100 r--p 00000000 08:01 43 /nonexistent/lib.so\n";
     minidump::Mapping maps[16];
     int n = minidump::parseMaps(&text[0], maps, 16);  // parsed in place
     ASSERT_EQ(6, n);
@@ -296,18 +275,9 @@ TEST(ModuleId, MapsParsingGroupsTheMappingsOfOneFile) {
     EXPECT_TRUE(modules[0].base == 0x1000u && modules[0].size == 0x3000u);
 }
 
-std::vector<uint8_t> realDump() {
-    kivtest::TempDir tmp("readerdump");
-    crashtest::ChildResult r = crashtest::runCrashProgram("null", tmp.path() + "/", "/bin/true", {},
-                                                          tmp.path() + "/rec");
-    EXPECT_EQ(0, r.status) << r.output;
-    std::vector<std::string> files = crashtest::filesEndingWith(tmp.path(), ".dmp");
-    std::string text = files.size() == 1 ? kivtest::readFile(files[0]) : "";
-    return std::vector<uint8_t>(text.begin(), text.end());
-}
-
-TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
-    std::vector<uint8_t> good = realDump();
+TEST_F(CrashPaths, TheDumpReaderRefusesTruncatedAndGarbledFiles) {
+    const std::string text = kivtest::readFile(crashOnce("null", {}, {}));
+    const std::vector<uint8_t> good(text.begin(), text.end());
     MinidumpReader reader;
     ASSERT_TRUE(good.size() > 1024 && reader.parse(good)) << reader.error();
     EXPECT_EQ(static_cast<uint16_t>(minidump::kCpuArchitectureAmd64), reader.systemInfo().processorArchitecture);
@@ -330,11 +300,11 @@ TEST(MinidumpReader, RefusesTruncatedAndGarbledFiles) {
 }
 
 TEST(CrashReporter, RefusesBadCommandLinesAndFilesDamagedDumpsWithTheReason) {
-    EXPECT_EQ(64, crashtest::runProgram({CRASH_REPORTER}).status);
-    EXPECT_EQ(64, crashtest::runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}).status);
-    crashtest::ChildResult help = crashtest::runProgram({CRASH_REPORTER, "--help"});
+    EXPECT_EQ(64, runProgram({CRASH_REPORTER}).status);
+    EXPECT_EQ(64, runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}).status);
+    ChildResult help = runProgram({CRASH_REPORTER, "--help"});
     EXPECT_TRUE(help.status == 0 && help.output.find("usage: KivCrashReporter") != std::string::npos);
-    crashtest::ChildResult missing = crashtest::runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
+    ChildResult missing = runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
     EXPECT_EQ(2, missing.status);
     EXPECT_NE(std::string::npos, missing.output.find("refused to file /nonexistent/x.dmp")) << missing.output;
     // On another file system where there is one (/dev/shm), so it is copied rather than renamed.

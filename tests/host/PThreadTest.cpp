@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <stdexcept>
 #include <string>
 
 #include "host/MemoryPolicy.h"
 #include "host/PThread.h"
 #include "tests/support/Sanitizers.h"
+#include "tests/support/Thrown.h"
 
 namespace {
 
@@ -28,7 +28,8 @@ struct Counter {
 
 // init() returns once the thread runs, even when the delegate ends at once, and a PThread destroyed
 // right away leaves the thread to free its own record. Many, to give the handshake a chance to fail.
-TEST(PThread, HandshakeUnderLoadAndDestroyRightAfterInit) {
+// A joined thread gives back its delegate's result.
+TEST(PThread, HandshakeUnderLoadDestroyRightAfterInitAndJoin) {
     Counter c;
     const int kThreads = 400;
     for (int i = 0; i < kThreads; ++i) {
@@ -40,10 +41,6 @@ TEST(PThread, HandshakeUnderLoadAndDestroyRightAfterInit) {
     while (c.finished < kThreads) c.done.wait();
     c.done.unlock();
     EXPECT_EQ(c.runs.load(), kThreads);
-}
-
-TEST(PThread, JoinReturnsTheDelegateResult) {
-    Counter c;
     PThread t;
     t.init(nullptr, new PThreadDelegateMember<Counter>(&c, &Counter::work), reinterpret_cast<void*>(42));
     EXPECT_EQ(t.join(), reinterpret_cast<void*>(42));
@@ -59,13 +56,9 @@ TEST(PThread, FailedCreationThrowsWithTheErrorNumber) {
     // A stack far beyond the address space makes pthread_create fail.
     ASSERT_EQ(pthread_attr_setstacksize(&attr, static_cast<size_t>(1) << 46), 0);
     PThread t;
-    try {
-        t.init(&attr, new PThreadDelegateFunction([](void*) -> void* { return nullptr; }), nullptr);
-        FAIL() << "expected an exception";
-    } catch (const std::runtime_error& e) {
-        std::string what = e.what();
-        EXPECT_TRUE(what.rfind("Failed to create thread: ", 0) == 0 && what != "Failed to create thread: 0") << what;
-    }
+    const std::string what = kivtest::thrownBy(
+        [&] { t.init(&attr, new PThreadDelegateFunction([](void*) -> void* { return nullptr; }), nullptr); });
+    EXPECT_TRUE(what.rfind("Failed to create thread: ", 0) == 0 && what != "Failed to create thread: 0") << what;
     pthread_attr_destroy(&attr);
 }
 
