@@ -41,6 +41,7 @@ inline std::string outsideFolder(const std::string& name) {
 }
 
 using kivtest::thrownBy;
+using Clock = std::chrono::steady_clock;
 
 // Archives made by a test are removed after it. While the gate is closed,
 // every archive thread waits before it writes.
@@ -185,7 +186,7 @@ TEST_F(ArchiveServicesTest, ZipLogsDeflatesEveryLogFile) {
     EXPECT_TRUE(zipMethods(empty).empty());
 }
 
-TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
+TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFoldersEvenRacedByAFolderSwap) {
     // Made the way archives are made, in "/tmp", and inside the folder of getTmpFolder().
     const std::string made = CFileTools::GenerateTempFilePath();
     const std::string inTmp = CFileTools::getTmpFolder("archives-test-sub") + "/x.zip";
@@ -226,6 +227,38 @@ TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFolders) {
     fs::create_symlink(outside, link);
     EXPECT_EQ(deleteTemp(link + "/kept.txt"), 403);
     EXPECT_EQ(kivtest::readFile(kept), "keep me");
+
+    // A folder inside is swapped again and again with a link to a folder
+    // outside, while "DeleteTempFile" deletes a file in it: nothing outside goes.
+    const std::string victim = outside + "/victim";
+    kivtest::writeFile(victim, "outside");
+    const std::string folder = dir.file("race/folder");  // swapped with `link`
+    kivtest::writeFile(folder + "/victim", "inside");
+    const int real = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // wherever its name goes
+    ASSERT_GE(real, 0);
+    if (renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) != 0)
+        GTEST_SKIP() << "renameat2 RENAME_EXCHANGE is not supported here";
+    std::atomic<bool> stop{false};
+    std::thread swapper([&] {
+        while (!stop) renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
+    });
+    int insideDeleted = 0, outsideDeleted = 0, calls = 0;
+    // A fixed number of calls (a few hundred race the swap), and at least one that deleted inside.
+    for (const auto end = Clock::now() + std::chrono::seconds(60);
+         (calls < 40000 || insideDeleted == 0) && Clock::now() < end; ++calls) {
+        close(openat(real, "victim", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
+        struct stat st;
+        if (deleteTemp(folder + "/victim") == 0 && fstatat(real, "victim", &st, 0) != 0) ++insideDeleted;
+        if (access(victim.c_str(), F_OK) != 0) {
+            ++outsideDeleted;
+            kivtest::writeFile(victim, "outside");
+        }
+    }
+    stop = true;
+    swapper.join();
+    close(real);
+    EXPECT_EQ(outsideDeleted, 0) << "of " << calls << " calls";
+    EXPECT_GT(insideDeleted, 0) << "of " << calls << " calls";
     fs::remove_all(outside);
 }
 
@@ -244,8 +277,6 @@ TEST(AddFolderToTreeTest, AddsFilesOfAllSubfoldersButNoFolders) {
     EXPECT_TRUE(none.fileNodes().empty());
     EXPECT_EQ(AddFolderToTree(CStdStr("/tmp"), nullptr), 0);
 }
-
-using Clock = std::chrono::steady_clock;
 
 // Archives in /tmp, named as GenerateTempFilePath names them.
 int archivesInTmp() { return std::stoi(kivtest::runCommand("ls /tmp | grep -cx 'file......'")); }
@@ -385,44 +416,6 @@ TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
     EXPECT_FALSE(fs::exists(record)) << "no archive is left pending";
     fs::remove(replaced);
     if (!outside.empty()) fs::remove_all(outside);
-}
-
-// A folder inside the temporary folder is swapped again and again with a
-// link to a folder outside, while "DeleteTempFile" deletes a file in it.
-TEST_F(ArchiveServicesTest, DeleteTempFileRacedByAFolderSwapDeletesNothingOutside) {
-    const std::string outside = outsideFolder("archives-race");
-    if (outside.empty()) GTEST_SKIP() << "no writable folder outside the temporary folders";
-    const std::string victim = outside + "/victim";
-    kivtest::writeFile(victim, "outside");
-    const std::string folder = dir.file("race/folder"), link = dir.file("race/link");
-    kivtest::writeFile(folder + "/victim", "inside");
-    fs::create_symlink(outside, link);
-    const int real = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);  // wherever its name goes
-    ASSERT_GE(real, 0);
-    if (renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE) != 0)
-        GTEST_SKIP() << "renameat2 RENAME_EXCHANGE is not supported here";
-    std::atomic<bool> stop{false};
-    std::thread swapper([&] {
-        while (!stop) renameat2(AT_FDCWD, folder.c_str(), AT_FDCWD, link.c_str(), RENAME_EXCHANGE);
-    });
-    int insideDeleted = 0, outsideDeleted = 0, calls = 0;
-    // A fixed number of calls (a few hundred race the swap), and at least one that deleted inside.
-    for (const auto end = Clock::now() + std::chrono::seconds(60);
-         (calls < 40000 || insideDeleted == 0) && Clock::now() < end; ++calls) {
-        close(openat(real, "victim", O_CREAT | O_WRONLY | O_CLOEXEC, 0600));
-        struct stat st;
-        if (deleteTemp(folder + "/victim") == 0 && fstatat(real, "victim", &st, 0) != 0) ++insideDeleted;
-        if (access(victim.c_str(), F_OK) != 0) {
-            ++outsideDeleted;
-            kivtest::writeFile(victim, "outside");
-        }
-    }
-    stop = true;
-    swapper.join();
-    close(real);
-    EXPECT_EQ(outsideDeleted, 0) << "of " << calls << " calls";
-    EXPECT_GT(insideDeleted, 0) << "of " << calls << " calls";
-    fs::remove_all(outside);
 }
 
 // Readers of a pending archive hold at most ArchiveThreads::kMaxWaiters
