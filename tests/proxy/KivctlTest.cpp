@@ -93,23 +93,20 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     const std::string followed = dir.file("f.log"), capture = dir.file("follow.out"), pid = dir.file("follow.pid");
     kivtest::writeFile(followed, "old line\n");
     kivctl("tail -f --interval 20 " + followed + " >" + capture + " 2>&1 & echo $! >" + pid);
-    auto shows = [&](const std::string& text) {
-        return kivtest::eventually([&] { return kivtest::readFile(capture).find(text) != std::string::npos; }, 30000);
-    };
-    const std::pair<std::string, std::string> steps[] = {
-        // a command on @, what the output then shows
-        {"", "old line\n"},
-        {"printf 'added\\n' >> @", "added\n"},
-        {"printf 'old' > @", "truncated"},
-        {"printf ' tail\\n' >> @", " tail\n"},
+    const std::pair<const char*, const char*> steps[] = {
+        // a command in the folder, what the output then shows
+        {"true", "old line\n"},
+        {"printf 'added\\n' >> f.log", "added\n"},
+        {"printf 'old' > f.log", "truncated"},
+        {"printf ' tail\\n' >> f.log", " tail\n"},
         // Rotated: the name now holds a new file (renamed over it, so it never goes missing).
-        {"cp @ @.back && printf 'the new file\\n' > @.new && mv @.new @", "replaced"},
-        {"", "the new file\n"},
+        {"cp f.log f.log.back && printf 'the new file\\n' > f.new && mv f.new f.log", "replaced"},
+        {"true", "the new file\n"},
     };
-    for (auto step : steps) {
-        replaceAll(&step.first, "@", followed);
-        kivtest::runCommand(step.first);
-        if (!shows(step.second)) {
+    for (const auto& step : steps) {
+        kivtest::runCommand("cd " + dir.path() + " && " + step.first);
+        if (!kivtest::eventually([&] { return kivtest::readFile(capture).find(step.second) != std::string::npos; },
+                                 30000)) {
             ADD_FAILURE() << step.first << "\n" << kivtest::readFile(capture);
             break;
         }
