@@ -101,14 +101,9 @@ check_installed() {
     for u in kiv-cab-directory kiv-request-proxy; do [ -L "$wants/$u.service" ] || fail "$u is not enabled"; done
 }
 
-# The directory and the proxy as the units start them (user kiv, its HOME,
-# the unit's ExecStart); kivctl asks with the installed "kivctl" credential;
-# SIGUSR1 makes the proxy crash: it must exit 0 and its crash reporter, found
-# beside it in /usr/lib/kivfoundry, must file a report in the data folder.
-#
-# Both run in the file system the proxy unit's hardening leaves them: all
-# read-only (ProtectSystem=strict, ProtectHome=read-only) but the unit's
-# ReadWritePaths and, with PrivateTmp, /tmp and /var/tmp.
+# The file system the proxy unit's hardening leaves: all read-only
+# (ProtectSystem=strict, ProtectHome=read-only) but the unit's ReadWritePaths
+# and, with PrivateTmp, /tmp and /var/tmp.
 hardened_view() {
     local unit=/lib/systemd/system/kiv-request-proxy.service view=/run/kiv-hardened p
     local rw; rw=$(sed -n 's/^ReadWritePaths=//p' "$unit")
@@ -118,6 +113,10 @@ hardened_view() {
     echo "$view"
 }
 
+# The directory and the proxy as the units start them (user kiv, its HOME,
+# the unit's ExecStart), in the hardened view; kivctl asks with the installed
+# "kivctl" credential; SIGUSR1 makes the proxy crash: it must exit 0 and its
+# crash reporter, beside it, must file a report in the data folder.
 run_services() {
     local port=$1 nats proxy status=0 view
     ! (exec 3<>"/dev/tcp/127.0.0.1/$port") 2>/dev/null ||
@@ -195,8 +194,7 @@ inside() {
     [ -d /run/systemd/system ] && fail "systemd runs in the throw-away root"
     export DEBIAN_FRONTEND=noninteractive
     echo "kivfoundry kivfoundry/served-folders string $served_answer" | debconf-set-selections
-    note "dpkg -i"
-    dpkg -i "$deb"
+    note "dpkg -i" && dpkg -i "$deb"
     check_installed
     [ "$(setting files.roots)" = "$served_setting" ] || fail "files.roots is '$(setting files.roots)', want '$served_setting'"
     [ "$(setting cabDirectory.port)" = 4223 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4223"
@@ -218,35 +216,30 @@ inside() {
     # Served folders set by hand outlive dpkg-reconfigure and upgrades.
     "${as_kiv[@]}" HOME="$kiv_home" /usr/bin/kivctl defaults write "$config" files.roots -string /srv/by-hand
     if command -v dpkg-reconfigure >/dev/null; then
-        note "dpkg-reconfigure, after a port change"
-        dpkg-reconfigure kivfoundry
+        note "dpkg-reconfigure, after a port change" && dpkg-reconfigure kivfoundry
         [ "$(setting cabDirectory.port)" = 4333 ] || fail "dpkg-reconfigure did not set cabDirectory.port to 4333"
     fi
     # The state an earlier version left: no user kiv-directory, the users
     # file readable by the group kiv.
-    chown root:kiv "$users_conf"
-    userdel kiv-directory
+    chown root:kiv "$users_conf" && userdel kiv-directory
     # ... and users who might send in anybody's name and call every service:
     # the upgrade writes the file anew, byte for byte as before, passwords kept.
     sed -i 's/"cab\.\*\.\*\.[A-Za-z0-9_-]*"/"cab.>"/; s/, deny: \[[^]]*\]//' "$users_conf"
     ! grep -q 'cab\.\*\.\*\.' "$users_conf" || fail "the old users file still names senders"
-    note "dpkg -i again, as an upgrade from a version without kiv-directory"
-    dpkg -i "$deb"
+    note "dpkg -i again, as an upgrade from a version without kiv-directory" && dpkg -i "$deb"
     check_installed
     [ "$(setting files.roots)" = /srv/by-hand ] || fail "the served folders set by hand became '$(setting files.roots)'"
     [ "$(md5sum "$users_conf" /etc/kivfoundry/kivctl.password)" = "$before" ] || fail "a reinstall changed the passwords"
     grep -q '^listen: 127.0.0.1:4333$' /etc/kivfoundry/cab-directory.conf || fail "a reinstall replaced the edited conffile"
     [ "$(setting cabDirectory.port)" = 4333 ] || fail "cabDirectory.port is $(setting cabDirectory.port), want 4333"
 
-    note "dpkg -r"
-    dpkg -r kivfoundry
+    note "dpkg -r" && dpkg -r kivfoundry
     [ ! -e /usr/lib/kivfoundry/KivRequestProxy ] || fail "remove left the programs"
     for u in kiv-cab-directory kiv-request-proxy; do [ ! -e "$wants/$u.service" ] || fail "remove left $u enabled"; done
     [ -f "$users_conf" ] && [ -f /etc/kivfoundry/cab-directory.conf ] || fail "remove deleted the configuration"
     [ -d /Library/KivFoundry ] && [ -d "$kiv_home" ] || fail "remove deleted the data"
 
-    note "dpkg -P"
-    dpkg -P kivfoundry
+    note "dpkg -P" && dpkg -P kivfoundry
     for p in /etc/kivfoundry "$kiv_home" /Library; do [ ! -e "$p" ] || fail "purge left $p"; done
     ! dpkg-query -W -f='${Status}' kivfoundry 2>/dev/null | grep -q installed || fail "kivfoundry is still known to dpkg"
     [ -z "$(debconf-show kivfoundry 2>/dev/null)" ] || fail "purge left the debconf answers: $(debconf-show kivfoundry)"

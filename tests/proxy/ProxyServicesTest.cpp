@@ -121,11 +121,24 @@ TEST_F(ProxyTest, SigtermWithASlowRequestInFlightEndsWithinTheGrace) {
     EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
 }
 
-TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLastBytesCapped) {
+// The support services: the version report (the zone from TZ, else from the
+// machine's sources), the tail of a log, the configuration sorted with its
+// credentials masked, and the data folder under the root.
+TEST_F(ProxyTest, SupportServicesReportVersionTailConfigAndDataFolder) {
     ASSERT_TRUE(setting("Version", CStdStr("7.1.2"), "Software\\Kiv Foundry\\Kiv"));
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr("42")));
+    // Credentials by the end of their name, in any case; a near miss is shown.
+    const std::map<std::string, std::string> secrets = {{"mail.apiToken", "Secret-1"},
+                                                        {"mail.ADMINPASSWORD", "Secret-2"},
+                                                        {"backup.nkeySeed", "Secret-3"},
+                                                        {"backup.nkeyseedfile", "Secret-4"}};
+    for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
+    for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
+    // Credentials inside server URLs: masked wherever the value goes, the logs included.
+    const std::string servers = "nats://proxy:Secret-5@" + hostPort() + ",nats://Secret-6@" + hostPort();
+    ASSERT_TRUE(setting("cabDirectory.servers", CStdStr(servers)));
     ASSERT_TRUE(startProxy({{"TZ", ":Europe/Paris"}})) << proxyOutput();
-    CLocalVariant out, noTz;
+    CLocalVariant out, noTz, config, folder, none;
     const time_t before = time(nullptr);
     ASSERT_EQ(call("my-KIV_GetVersion", "null", out.ptr()), 0);
     ASSERT_EQ(VUtil::GetArrayLength(out.get()), 6);
@@ -145,37 +158,12 @@ TEST_F(ProxyTest, VersionReportHasSixElementsAndTheZoneFromTzAndTailReturnsTheLa
         ASSERT_EQ(call("my-KIV_TailLog", "[\"" + data.file(file) + "\", " + count + "]", tail.ptr()), 0);
         EXPECT_EQ(json(tail.get()), expected) << file << " " << count;
     }
-    EXPECT_EQ(stopProxy(), 0);
-
-    // Without TZ the machine's own sources answer, as this process finds them.
-    ASSERT_TRUE(startProxy({{"TZ", ""}})) << proxyOutput();
-    ASSERT_EQ(call("my-KIV_GetVersion", "null", noTz.ptr()), 0);
-    TimeZoneSources sources;
-    sources.tzVariable = "KIV_TEST_NO_SUCH_VARIABLE";
-    const std::string expected = FindTimeZoneName(sources);
-    const nlohmann::json zone = nlohmann::json::parse(json(noTz.get()))[3];
-    EXPECT_EQ(zone, expected.empty() ? nullptr : nlohmann::json(expected));
-}
-
-TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThrows) {
-    // Credentials by the end of their name, in any case; a near miss is shown.
-    const std::map<std::string, std::string> secrets = {{"mail.apiToken", "Secret-1"},
-                                                        {"mail.ADMINPASSWORD", "Secret-2"},
-                                                        {"backup.nkeySeed", "Secret-3"},
-                                                        {"backup.nkeyseedfile", "Secret-4"}};
-    for (const auto& s : secrets) ASSERT_TRUE(setting(s.first.c_str(), CStdStr(s.second)));
-    for (const char* name : {"zeta", "alpha", "mail.tokenLimit"}) ASSERT_TRUE(setting(name, CStdStr(name)));
-    // Credentials inside server URLs: masked wherever the value goes, the logs included.
-    const std::string servers = "nats://proxy:Secret-5@" + hostPort() + ",nats://Secret-6@" + hostPort();
-    ASSERT_TRUE(setting("cabDirectory.servers", CStdStr(servers)));
-    ASSERT_TRUE(startProxy()) << proxyOutput();
-    CLocalVariant out, folder, none;
-    ASSERT_EQ(call("GetKivConfig", "null", out.ptr()), 0);
-    ASSERT_GE(VUtil::GetArrayLength(out.get()), 9);  // the seven above plus cabDirectory.host and .port
+    ASSERT_EQ(call("GetKivConfig", "null", config.ptr()), 0);
+    ASSERT_GE(VUtil::GetArrayLength(config.get()), 9);  // the credentials and names above, the host and port
     std::map<std::string, std::string> shown;
-    for (int i = 0; i < VUtil::GetArrayLength(out.get()); ++i) {  // sorted pairs of strings
+    for (int i = 0; i < VUtil::GetArrayLength(config.get()); ++i) {  // sorted pairs of strings
         CLocalVariant pair;
-        VUtil::GetElement(out.get(), i, pair.get());
+        VUtil::GetElement(config.get(), i, pair.get());
         ASSERT_EQ(pair.vt(), VT_ARRAY | VT_BSTR);
         const std::string name = VUtil::GetStringElement(pair.get(), 0);
         EXPECT_TRUE(shown.empty() || shown.rbegin()->first < name) << name << " is out of order";
@@ -186,22 +174,30 @@ TEST_F(ProxyTest, ConfigIsSortedMasksCredentialsAndDataFolderIsUnderTheRootOrThr
     for (const auto& s : secrets) EXPECT_EQ(shown[s.first], "********") << s.first;
     EXPECT_EQ(shown["cabDirectory.servers"], "nats://proxy:********@" + hostPort() + ",nats://********@" + hostPort());
     EXPECT_TRUE(waitForLog("Connecting to nats://proxy:********@"));
-    EXPECT_THAT(proxyLog() + proxyOutput(), Not(HasSubstr("Secret-")));
 
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
-    const std::string data = root + "/Library/KivFoundry";
-    EXPECT_EQ(json(folder.get()), "\"" + data + "\"");
-    EXPECT_TRUE(std::filesystem::is_directory(data));
+    const std::string dataFolder = root + "/Library/KivFoundry";
+    EXPECT_EQ(json(folder.get()), "\"" + dataFolder + "\"");
+    EXPECT_TRUE(std::filesystem::is_directory(dataFolder));
     // A data folder that cannot be made reaches the caller as the handler's exception, with its text.
-    std::filesystem::rename(data, data + ".away");
-    std::filesystem::create_symlink(data + ".nowhere/x", data);
+    std::filesystem::rename(dataFolder, dataFolder + ".away");
+    std::filesystem::create_symlink(dataFolder + ".nowhere/x", dataFolder);
     EXPECT_EQ(call("GetKivDataFolder", "null", none.ptr()), CAB_E_HANDLER_EXCEPTION);
     EXPECT_THAT(CabGetLastError(), HasSubstr("Failed to create Kiv data folder"));
-    std::filesystem::remove(data);  // the binary's later tests share this root
-    std::filesystem::rename(data + ".away", data);
+    std::filesystem::remove(dataFolder);  // the binary's later tests share this root
+    std::filesystem::rename(dataFolder + ".away", dataFolder);
     EXPECT_EQ(stopProxy(), 0);
     // No credential reached the proxy's output or its log.
-    for (const auto& s : secrets) EXPECT_THAT(proxyOutput() + proxyLog(), Not(HasSubstr(s.second)));
+    EXPECT_THAT(proxyOutput() + proxyLog(), Not(HasSubstr("Secret-")));
+
+    // Without TZ the machine's own sources answer, as this process finds them.
+    ASSERT_TRUE(startProxy({{"TZ", ""}})) << proxyOutput();
+    ASSERT_EQ(call("my-KIV_GetVersion", "null", noTz.ptr()), 0);
+    TimeZoneSources sources;
+    sources.tzVariable = "KIV_TEST_NO_SUCH_VARIABLE";
+    const std::string expected = FindTimeZoneName(sources);
+    const nlohmann::json zone = nlohmann::json::parse(json(noTz.get()))[3];
+    EXPECT_EQ(zone, expected.empty() ? nullptr : nlohmann::json(expected));
 }
 
 namespace {
