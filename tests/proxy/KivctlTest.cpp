@@ -28,6 +28,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     // Unset (as other tests of this program may have set them): the build's version, no index.
     ASSERT_TRUE(setting("Version", CStdStr(), "Software\\Kiv Foundry\\Kiv"));
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr()));
+    ASSERT_TRUE(setting("archive.diskReserveMB", 0));  // no machine refuses the archive
     ASSERT_TRUE(startProxy()) << proxyOutput();
     const kivtest::TempDir& dir = data;
     kivtest::writeFile(dir.file("a.log"), "first\nsecond\nthird\n");
@@ -38,8 +39,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     char date[64];
     snprintf(date, sizeof date, "{\"$vt\":\"DATE\",\"v\":%.17g}", VUtil::TimeToDate(second));
     const std::string when = TimeUtils::FormatTime2(second);
-    typedef std::vector<std::string> Texts;
-    const std::tuple<std::string, int, Texts> cases[] = {
+    const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
         // command, exit, shown ("!": not shown)
         {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}},
         // Which name is wrong, and the nearest one; the service's own text kept.
@@ -65,6 +65,10 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"tail " + dir.file("none.log"), 1, {"no such file"}},
         // A folder is never served: said as for a missing file, with a non-zero exit.
         {"tail " + dir.path(), 1, {"no such file"}},
+        {"zip --help", 0, {"usage: kivctl zip"}},
+        {"zip -o " + dir.file("x.zip"), 64, {}},
+        {"zip " + dir.file("a.log"), 64, {}},
+        {"logs extra -o " + dir.file("x.zip"), 64, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'",
          1,
@@ -115,29 +119,17 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     EXPECT_THAT(kivtest::readFile(capture), Not(HasSubstr("old line\nadded\nold"))) << "truncated part again";
     // Read with the request the proxy does not log: following its own log adds nothing to it.
     EXPECT_THAT(proxyLog(), Not(HasSubstr("GetFile " + followed)));
-}
 
-// kivctl zip and logs (CreateZip, GetFile, DeleteTempFile), and DeleteTempFile's refusal logged.
-TEST_F(ProxyTest, KivctlZipAndLogs) {
-    ASSERT_TRUE(setting("archive.diskReserveMB", 0));  // no machine refuses the archive
-    ASSERT_TRUE(startProxy()) << proxyOutput();
+    // kivctl zip and logs (CreateZip, GetFile, DeleteTempFile); DeleteTempFile's refusal logged.
     const size_t logged = proxyLog().size();  // the binary's tests share the log
-    const std::string a = data.file("m/a.txt"), out = data.file("out.zip"), logs = data.file("logs.zip");
+    const std::string a = dir.file("m/a.txt"), zip = dir.file("out.zip"), logs = dir.file("logs.zip");
     kivtest::writeFile(a, std::string(20000, 'q'));
-    std::string text;
-    ASSERT_EQ(kivctl("zip " + a + " -o " + out + " --chunk 1K", &text), 0) << text;  // --chunk as for get
-    EXPECT_THAT(text, HasSubstr(out));
-    EXPECT_FALSE(fs::exists(out + ".part"));
-    EXPECT_EQ(zipMethods(out), (Methods{{"a.txt", "Defl:X"}}));
-    ASSERT_EQ(kivctl("logs -o " + logs, &text), 0) << text;
-    const Methods entries = zipMethods(logs);
-    ASSERT_EQ(entries.count("KivRequestProxy.log"), 1u) << text;
-    for (const auto& e : entries) EXPECT_EQ(e.second, "Defl:X") << e.first;
-    for (const std::string& wrong : {"zip -o " + out, "zip " + a, "logs extra -o " + logs})
-        EXPECT_EQ(kivctl(wrong), 64) << wrong;
-    EXPECT_EQ(kivctl("zip --help", &text), 0);
-    EXPECT_THAT(text, HasSubstr("usage: kivctl zip"));
-    // Outside the temporary folders nothing is deleted, and the refusal is logged.
+    ASSERT_EQ(kivctl("zip " + a + " -o " + zip + " --chunk 1K", &out), 0) << out;  // --chunk as for get
+    EXPECT_THAT(out, HasSubstr(zip));
+    EXPECT_FALSE(fs::exists(zip + ".part"));
+    EXPECT_EQ(zipMethods(zip), (Methods{{"a.txt", "Defl:X"}}));
+    ASSERT_EQ(kivctl("logs -o " + logs, &out), 0) << out;
+    EXPECT_EQ(zipMethods(logs).count("KivRequestProxy.log"), 1u) << out;
     CLocalVariant none;
     EXPECT_EQ(call("DeleteTempFile", "[\"/tmp/../etc/passwd\"]", none.ptr()), 403);
     EXPECT_EQ(stopProxy(), 0);  // the logger drains its queue
