@@ -20,17 +20,15 @@ wait_for() {
 
 # ---- 1. the package file -------------------------------------------------
 check_package() {
-    local deb=$1 f
+    local deb=$1 f name arch version depends
     [ -f "$deb" ] || fail "no package $deb"
-    local name arch version depends
     name=$(dpkg-deb -f "$deb" Package) version=$(dpkg-deb -f "$deb" Version) arch=$(dpkg-deb -f "$deb" Architecture)
     depends=$(dpkg-deb -f "$deb" Depends)
     [ "$name" = kivfoundry ] || fail "Package is '$name'"
     [ "$arch" = "$(dpkg --print-architecture)" ] || fail "Architecture is '$arch'"
     [ "$(basename "$deb")" = "kivfoundry_${version}_${arch}.deb" ] || fail "file name $(basename "$deb")"
     for d in nats-server adduser debconf libc6 'libnats3\.4' libssl3 libminizip1 'libboost-filesystem' libsystemd0; do
-        grep -Eq "(^|, )$d" <<<"$depends" || fail "Depends lacks $d (from dpkg-shlibdeps or the package): $depends"
-    done
+        grep -Eq "(^|, )$d" <<<"$depends" || fail "Depends lacks $d (from dpkg-shlibdeps or the package): $depends"; done
     local control; control=$(mktemp -d)
     trap 'rm -rf "$control"' RETURN
     dpkg-deb -e "$deb" "$control" && dpkg-deb -x "$deb" "$control/x"
@@ -67,8 +65,7 @@ config='Software\Kiv Foundry\Kiv\Config'
 # would fork a subshell) is the program's own.
 as_kiv=(setpriv --reuid=kiv --regid=kiv --init-groups env -u XDG_CONFIG_HOME -u KIV_ROOT)
 as_directory=(setpriv --reuid=kiv-directory --regid=kiv-directory --init-groups)
-# The served folders preseeded before the first install: a relative one is
-# dropped, a missing one kept.
+# The served folders preseeded before the first install: a relative one is dropped, a missing one kept.
 served_answer='/srv/kiv media:relative/folder:/srv/missing'
 served_setting='/srv/kiv media:/srv/missing'
 
