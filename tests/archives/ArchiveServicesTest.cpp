@@ -181,8 +181,7 @@ TEST_F(ArchiveServicesTest, ZipLogsDeflatesEveryLogFile) {
                                               {"KivCrashReporter.log", "Defl:X"}}));
     fs::remove_all(logs);
     const std::string empty = zipLogs();
-    EXPECT_TRUE(fs::exists(empty));
-    EXPECT_TRUE(zipMethods(empty).empty());
+    EXPECT_TRUE(fs::exists(empty) && zipMethods(empty).empty());
 }
 
 TEST_F(ArchiveServicesTest, DeleteTempFileOnlyInsideTheTemporaryFoldersEvenRacedByAFolderSwap) {
