@@ -352,9 +352,7 @@ TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
     std::thread request([&] { createZip({small}); });
     ASSERT_TRUE(eventually([] { return atGateNow().second == 1; }));
     const std::string writing = atGateNow().first, record = ArchiveLeftovers::recordPath();
-    struct stat st;
-    ASSERT_EQ(stat(record.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0600u);
+    EXPECT_EQ(kivtest::runCommand("stat -c %a " + record), "600\n");
     EXPECT_THAT(kivtest::readFile(record), HasSubstr(" " + writing + "\n"));
 
     // Lines of a process that is gone: its archive, a file since replaced
@@ -367,8 +365,7 @@ TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
         text << gone << " 1 " << file.st_dev << " " << file.st_ino + !sameFile << " " << file.st_uid << " ";
         return text.str() + path + "\n";
     };
-    const std::string left = CFileTools::GenerateTempFilePath();
-    const std::string replaced = CFileTools::GenerateTempFilePath();
+    const std::string left = CFileTools::GenerateTempFilePath(), replaced = CFileTools::GenerateTempFilePath();
     const std::string outside = outsideFolder("archives-leftovers");
     std::string lines = line(left, true) + line(replaced, false);
     if (!outside.empty()) {

@@ -41,7 +41,6 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     const std::string when = TimeUtils::FormatTime2(second);
     const std::tuple<std::string, int, std::vector<std::string>> cases[] = {
         // command, exit, shown ("!": not shown)
-        {"call VorpaMediaProxy my-KIV_TailLog '[\"/no/such/file\", 5]'", 1, {"\"status\": 404"}},
         // Which name is wrong, and the nearest one; the service's own text kept.
         {"call NoSuchSatellite Echo", 2, {"-1002", "no satellite 'NoSuchSatellite' is running"}},
         {"call VorpaMediaProxi Echo", 2, {"no satellite 'VorpaMediaProxi'; did you mean 'VorpaMediaProxy'?"}},
