@@ -80,11 +80,10 @@ protected:
 
     // "CreateZip" of the files; the status, *zip the path and *size the size answered.
     int createZip(const std::vector<std::string>& paths, std::string* zip = nullptr, long long* size = nullptr) {
-        std::string ids;  // ["test", the file-browser id of each path]
-        for (const std::string& p : paths) ids += ",\"" + CFileTools::PathToFileBrowserMediumId(p) + "\"";
+        std::string in = "[\"test\"";  // ["test", the file-browser id of each path]
+        for (const std::string& p : paths) in += ",\"" + CFileTools::PathToFileBrowserMediumId(p) + "\"";
         CLocalVariant out, sizeValue;
-        JsonVariant in("[\"test\"" + ids + "]");
-        const int rc = satellite.CabServiceCreateZipFile("CreateZip", in.get(), out.ptr());
+        const int rc = satellite.CabServiceCreateZipFile("CreateZip", JsonVariant(in + "]").get(), out.ptr());
         if (rc != 0) return rc;
         EXPECT_EQ(VUtil::GetArrayLength(out.get()), 2);
         VUtil::GetElement(out.get(), 1, sizeValue.get());

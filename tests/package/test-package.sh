@@ -245,9 +245,8 @@ inside() {
 
 # Sets up the throw-away root and runs this script inside it.
 throwaway_root() {
-    local deb=$1 self top rc=0
-    self=$(readlink -f "$0")
-    top=$(mktemp -d /tmp/kiv-package-root.XXXXXX)
+    local deb=$1 rc=0 self top
+    self=$(readlink -f "$0") top=$(mktemp -d /tmp/kiv-package-root.XXXXXX)
     local net=(); command -v ip >/dev/null && net=(--net)
     # shellcheck disable=SC2016  # the inner script expands its own arguments
     # A pid namespace of its own: whatever the test started ends with it.
