@@ -98,8 +98,7 @@ TEST(PathNames, ThresholdsOfEachHelperAndJoins) {
 
 TEST(FileOperations, CreateCopyRenameDelete) {
     kivtest::TempDir dir;
-    EXPECT_TRUE(CFileTools::CreateDirectory(dir.file("a/b/c")));
-    EXPECT_TRUE(CFileTools(dir.file("a/b/c")).isFolder());
+    EXPECT_TRUE(CFileTools::CreateDirectory(dir.file("a/b/c")));  // with its parents (copied below)
     kivtest::writeFile(dir.file("a/one.txt"), "1");
     kivtest::writeFile(dir.file("a/b/two.txt"), "22");
     kivtest::writeFile(dir.file("a/.hidden"), "h");
@@ -124,8 +123,6 @@ TEST(FileOperations, CreateCopyRenameDelete) {
     EXPECT_EQ(printed.rfind("std::exception in CreateDirectory " + dir.file("blocker/sub") + ": ", 0), 0u) << printed;
 }
 
-using kivtest::ScopedEnv;
-
 TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
     const std::string home = CFileTools::GetUserHomeFolder();
     ASSERT_FALSE(home.empty());
@@ -147,17 +144,17 @@ TEST(SpecialPaths, NamesResolveUnderHomeInAnyCase) {
 TEST(TempFolders, TmpdirThenVarTmpThenTmp) {
     kivtest::TempDir dir;
     {
-        ScopedEnv env("TMPDIR", dir.path().c_str());
+        kivtest::ScopedEnv env("TMPDIR", dir.path().c_str());
         EXPECT_EQ(CFileTools::getTmpFolder(), dir.path());
         // Trailing and leading separators collapse to one, and the subfolder is created.
-        ScopedEnv env2("TMPDIR", (dir.path() + "//").c_str());
+        kivtest::ScopedEnv env2("TMPDIR", (dir.path() + "//").c_str());
         CStdStr sub = CFileTools::getTmpFolder(CStdStr("//zips"));
         EXPECT_EQ(sub, dir.path() + "/zips");
         EXPECT_TRUE(CFileTools(sub).isFolder());
     }
     const CStdStr fallback = CFileTools("/var/tmp/").isFolder() ? "/var/tmp/" : "/tmp";
     for (const std::string& tmpdir : {dir.path() + "/missing", std::string()}) {
-        ScopedEnv env("TMPDIR", tmpdir.empty() ? nullptr : tmpdir.c_str());
+        kivtest::ScopedEnv env("TMPDIR", tmpdir.empty() ? nullptr : tmpdir.c_str());
         EXPECT_EQ(CFileTools::getTmpFolder(), fallback) << tmpdir;
     }
     // A new empty file in /tmp, named "file" and six characters.

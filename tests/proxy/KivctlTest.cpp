@@ -30,8 +30,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr()));
     ASSERT_TRUE(setting("archive.diskReserveMB", 0));  // no machine refuses the archive
     ASSERT_TRUE(startProxy()) << proxyOutput();
-    const kivtest::TempDir& dir = data;
-    kivtest::writeFile(dir.file("a.log"), "first\nsecond\nthird\n");
+    kivtest::writeFile(data.file("a.log"), "first\nsecond\nthird\n");
     // A whole second that the proxy's count of days puts one rounding step off
     // the number its text reads back to: printed as that text all the same.
     long second = 1764000000;
@@ -58,15 +57,15 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         // Integers as numbers, read from the settings the proxy shares here.
         {"config", 0, {"cabDirectory.port = " + std::to_string(server.port()), "!one-character"}},
         // Lines with -n; bytes with -c; a missing file.
-        {"tail -n 2 " + dir.file("a.log"), 0, {"second\nthird\n", "!first"}},
-        {"tail -c 6 " + dir.file("a.log"), 0, {"third\n", "!second"}},
-        {"tail " + dir.file("none.log"), 1, {"no such file"}},
+        {"tail -n 2 " + data.file("a.log"), 0, {"second\nthird\n", "!first"}},
+        {"tail -c 6 " + data.file("a.log"), 0, {"third\n", "!second"}},
+        {"tail " + data.file("none.log"), 1, {"no such file"}},
         // A folder is never served: said as for a missing file, with a non-zero exit.
-        {"tail " + dir.path(), 1, {"no such file"}},
+        {"tail " + data.path(), 1, {"no such file"}},
         {"zip --help", 0, {"usage: kivctl zip"}},
-        {"zip -o " + dir.file("x.zip"), 64, {}},
-        {"zip " + dir.file("a.log"), 64, {}},
-        {"logs extra -o " + dir.file("x.zip"), 64, {}},
+        {"zip -o " + data.file("x.zip"), 64, {}},
+        {"zip " + data.file("a.log"), 64, {}},
+        {"logs extra -o " + data.file("x.zip"), 64, {}},
         // A failing sub-request: named on stderr, the worst status decides the exit.
         {"multi '[[\"EchoA\",\"Echo\",7],[\"VorpaMediaProxy\",\"DeleteTempFile\",[\"/etc/hostname\"]]]'",
          1,
@@ -88,11 +87,11 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     }
     // Without the proxy's settings at hand, the one-character form is explained.
     std::string out;
-    EXPECT_EQ(kivctl("config", &out, "cd / && XDG_CONFIG_HOME=" + dir.path() + " "), 0);
+    EXPECT_EQ(kivctl("config", &out, "cd / && XDG_CONFIG_HOME=" + data.path() + " "), 0);
     EXPECT_THAT(out, HasSubstr("may be an integer"));
 
     // tail -f: appended bytes; a truncated file from its new end; a replaced one from its start.
-    const std::string followed = dir.file("f.log"), capture = dir.file("follow.out"), pid = dir.file("follow.pid");
+    const std::string followed = data.file("f.log"), capture = data.file("follow.out"), pid = data.file("follow.pid");
     kivtest::writeFile(followed, "old line\n");
     kivctl("tail -f --interval 20 " + followed + " >" + capture + " 2>&1 & echo $! >" + pid);
     const std::pair<const char*, const char*> steps[] = {
@@ -106,7 +105,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
         {"true", "the new file\n"},
     };
     for (const auto& step : steps) {
-        kivtest::runCommand("cd " + dir.path() + " && " + step.first);
+        kivtest::runCommand("cd " + data.path() + " && " + step.first);
         if (!kivtest::eventually([&] { return kivtest::readFile(capture).find(step.second) != std::string::npos; },
                                  30000)) {
             ADD_FAILURE() << step.first << "\n" << kivtest::readFile(capture);
@@ -120,7 +119,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
 
     // kivctl zip and logs (CreateZip, GetFile, DeleteTempFile); DeleteTempFile's refusal logged.
     const size_t logged = proxyLog().size();  // the binary's tests share the log
-    const std::string a = dir.file("m/a.txt"), zip = dir.file("out.zip"), logs = dir.file("logs.zip");
+    const std::string a = data.file("m/a.txt"), zip = data.file("out.zip"), logs = data.file("logs.zip");
     kivtest::writeFile(a, std::string(20000, 'q'));
     ASSERT_EQ(kivctl("zip " + a + " -o " + zip + " --chunk 1K", &out), 0) << out;  // --chunk as for get
     EXPECT_THAT(out, HasSubstr(zip));
@@ -209,9 +208,8 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
 // GenerateCrash example comes last.
 TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
-    const kivtest::TempDir& files = data;
-    kivtest::writeFile(files.file("hello.txt"), "hello, world\n");
-    kivtest::writeFile(files.file("two.txt"), "a second file\n");
+    kivtest::writeFile(data.file("hello.txt"), "hello, world\n");
+    kivtest::writeFile(data.file("two.txt"), "a second file\n");
     // The "$ kivctl call ..." lines and the output under each; the crash last.
     std::vector<std::pair<std::string, std::string>> examples;
     std::ifstream doc(KIV_SOURCE_DIR "/docs/services.md");
@@ -230,10 +228,10 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         SCOPED_TRACE(example);
         std::string command = example.substr(0, example.find("  #"));
         replaceAll(&command, "kivctl call", kKivctl + " call --server " + server.hostPort());
-        replaceAll(&command, "/tmp/kivdoc", files.path());
-        replaceAll(&command, "|tmp|kivdoc", CFileTools::PathToFileBrowserMediumId(files.path()).substr(2));
+        replaceAll(&command, "/tmp/kivdoc", data.path());
+        replaceAll(&command, "|tmp|kivdoc", CFileTools::PathToFileBrowserMediumId(data.path()).substr(2));
         int exit = -1;
-        const std::string errors = files.file("stderr");
+        const std::string errors = data.file("stderr");
         std::string out = kivtest::runCommand(command + " 2>" + errors, &exit);
         if (example.find("GenerateCrash") != std::string::npos) {  // said as soon as the proxy is gone
             EXPECT_THAT(kivtest::readFile(errors), HasSubstr("VorpaMediaProxy ended during the request"));

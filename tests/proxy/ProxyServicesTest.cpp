@@ -249,8 +249,7 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAtMostTenTho
     done = true;
     sampler.join();
     EXPECT_EQ(json(many.get()), expected + "]");
-    printf("MultiRequest of 150: proxy threads %d idle, %d at most\n", idle, most);
-    EXPECT_LE(most, idle + KivRequestProxySatellite::kMultiRequestThreadsPerGroup + 8);
+    EXPECT_LE(most, idle + KivRequestProxySatellite::kMultiRequestThreadsPerGroup + 8) << idle << " threads idle";
 
     // More than 10000 are refused before anything is sent: one real sub-request
     // first, then empty ones (they keep the request small).
