@@ -12,32 +12,10 @@
 #include "tests/support/TempDir.h"
 #include "tests/support/Thrown.h"
 
-namespace {
-
-std::vector<std::string> entryNames(const CMyPathTree& tree) {
-    std::vector<std::string> names;
-    for (const CMyPathNode* n : tree.fileNodes()) names.push_back(n->GetRelativePath());
-    return names;
-}
-
 typedef std::vector<std::string> Names;
 
-}  // namespace
-
-TEST(PathTree, ParentFolderSplitsAtBackslashOnly) {
-    EXPECT_EQ(CMyPathTree::getParentFolder("C:\\a\\b.txt"), "C:\\a");
-    for (const char* path : {"/a/b/c.txt", "\\top", "/x"})
-        EXPECT_EQ(kivtest::thrownBy([&] { CMyPathTree::getParentFolder(path); }), "no parent folder") << path;
-    // A file, or a shared folder, to be grouped without a backslash has no parent folder.
-    for (const char* mixed : {"/base/data/deep/three.txt", "/base/data/deep\\three.txt"}) {
-        CMyPathTree t;
-        t.AddFile("/base/data/set\\one.txt");
-        EXPECT_EQ(kivtest::thrownBy([&] { t.AddFile(mixed); }), "no parent folder") << mixed;
-    }
-}
-
 // Entry names of files added in order, and the header estimate: 102 bytes and
-// twice the name's length per entry.
+// twice the name's length per entry; the parent folder of a grouped file.
 TEST(PathTree, EntryNamesAndHeaderEstimate) {
     const std::pair<Names, Names> cases[] = {
         {{}, {}},
@@ -55,10 +33,22 @@ TEST(PathTree, EntryNamesAndHeaderEstimate) {
     for (const auto& [paths, names] : cases) {
         CMyPathTree tree;
         for (const std::string& p : paths) tree.AddFile(p);
-        EXPECT_EQ(entryNames(tree), names);
+        Names got;
         uint32_t expected = 0;
+        for (const CMyPathNode* n : tree.fileNodes()) got.push_back(n->GetRelativePath());
         for (const std::string& name : names) expected += 102 + 2 * name.size();
+        EXPECT_EQ(got, names);
         EXPECT_EQ(tree.getZipHeaderSize(), expected);
+    }
+    // The parent folder splits at a backslash only.
+    EXPECT_EQ(CMyPathTree::getParentFolder("C:\\a\\b.txt"), "C:\\a");
+    for (const char* path : {"/a/b/c.txt", "\\top", "/x"})
+        EXPECT_EQ(kivtest::thrownBy([&] { CMyPathTree::getParentFolder(path); }), "no parent folder") << path;
+    // A file, or a shared folder, to be grouped without a backslash has no parent folder.
+    for (const char* mixed : {"/base/data/deep/three.txt", "/base/data/deep\\three.txt"}) {
+        CMyPathTree t;
+        t.AddFile("/base/data/set\\one.txt");
+        EXPECT_EQ(kivtest::thrownBy([&] { t.AddFile(mixed); }), "no parent folder") << mixed;
     }
 }
 
@@ -69,7 +59,7 @@ struct Entry {
     int method;
     unsigned long long size;
     std::string data;
-    tm_unz date;        // the DOS date and time, as minizip reads it
+    std::string date;   // the DOS date and time, as minizip reads it
     long long utcTime;  // from the extended timestamp field of the central header; -1 when absent
 };
 
@@ -95,8 +85,12 @@ std::vector<Entry> readZip(const std::string& path) {
         char name[1024];
         unsigned char extra[256];
         EXPECT_EQ(unzGetCurrentFileInfo64(uf, &info, name, sizeof name, extra, sizeof extra, nullptr, 0), UNZ_OK);
-        Entry e{name,          static_cast<int>(info.compression_method), info.uncompressed_size, "",
-                info.tmu_date, extendedTime(extra, info.size_file_extra)};
+        const tm_unz& d = info.tmu_date;
+        char date[32];
+        snprintf(date, sizeof date, "%04u-%02u-%02u %02u:%02u:%02u", d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour,
+                 d.tm_min, d.tm_sec);
+        Entry e{name, static_cast<int>(info.compression_method), info.uncompressed_size, "",
+                date, extendedTime(extra, info.size_file_extra)};
         EXPECT_EQ(unzOpenCurrentFile(uf), UNZ_OK);
         char buf[65536];
         int n;
@@ -109,15 +103,9 @@ std::vector<Entry> readZip(const std::string& path) {
     return entries;
 }
 
-std::string dateText(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute, unsigned second) {
-    char text[80];
-    snprintf(text, sizeof text, "%04u-%02u-%02u %02u:%02u:%02u", year, month, day, hour, minute, second);
-    return text;
-}
-
 }  // namespace
 
-TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
+TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntactAndFailedWritesReportFalse) {
     kivtest::TempDir dir;
     const std::string big = kivtest::patternBytes(131073, 1);  // two chunks: 131,072 bytes and 1
     const std::string text(50000, 'a');
@@ -154,18 +142,15 @@ TEST(ZipWriter, StoredAndDeflatedEntriesReadBackIntact) {
             // The local time in the DOS date, seconds rounded down to even; before 1980 the earliest date.
             struct tm t;
             localtime_r(&modified, &t);
-            const tm_unz& d = entries[i].date;
-            EXPECT_EQ(dateText(d.tm_year, d.tm_mon + 1, d.tm_mday, d.tm_hour, d.tm_min, d.tm_sec),
-                      modified == 0
-                          ? "1980-01-01 00:00:00"
-                          : dateText(t.tm_year + 1900, t.tm_mon + 1, t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec / 2 * 2));
+            t.tm_sec = t.tm_sec / 2 * 2;
+            char local[32];
+            strftime(local, sizeof local, "%Y-%m-%d %H:%M:%S", &t);
+            EXPECT_EQ(entries[i].date, modified == 0 ? "1980-01-01 00:00:00" : local);
             EXPECT_EQ(entries[i].utcTime, static_cast<long long>(modified));
         }
     }
-}
 
-TEST(ZipWriter, FailedOrAbandonedWriteReportsFalse) {
-    kivtest::TempDir dir;
+    // A write that fails or is abandoned reports false.
     kivtest::writeFile(dir.file("a.txt"), std::string(5 * 131072 + 1, 'a'));
     CMyPathTree tree;
     tree.AddFile(dir.file("a.txt"));

@@ -91,15 +91,13 @@ TEST(FieldValues, EveryFieldOfAnEntry) {
                                                           {"kivMediumId", entry.getMediumId()},
                                                           {"type", "file"},
                                                           {"size", "5"},
-                                                          {"dateModified", "2021-03-14 09:08:07"},
-                                                          {"lastModified", "2021-03-14 09:08:07"},
-                                                          {"lastAccessTime", "2021-03-14 09:08:07"},
-                                                          {"creationDate", "2021-03-14 09:08:07"},
                                                           {"creationDate.year", "2021"},
                                                           {"creationDate.month", "0003"},
                                                           {"Title", ""},
                                                           {"nonsense", ""}};
     for (const auto& [field, value] : fields) EXPECT_EQ(entry.getFieldValue(field), value) << field;
+    for (const char* date : {"dateModified", "lastModified", "lastAccessTime", "creationDate"})
+        EXPECT_EQ(entry.getFieldValue(date), "2021-03-14 09:08:07") << date;
     EXPECT_EQ(CFileTools(dir.path()).getFieldValue("type"), "folder");
     EXPECT_EQ(CFileTools(dir.file("gone")).getFieldValue("size"), "0");
 }
@@ -121,39 +119,32 @@ TEST(SortFiles, EveryKeyKeepsFoldersFirst) {
         owned.emplace_back(new CFileTools(dir.file(name), name));
         entries.push_back(owned.back().get());
     }
-    const std::string byTitle = "Afolder zfolder ETE A.mp3 b.txt c.wav",
-                      byDate = "zfolder Afolder c.wav A.mp3 b.txt ETE";
-    const std::tuple<std::string, int, std::string> cases[] =
-        {// keys, answer, order
-         {"title:asc", 1, byTitle},
-         {"path:asc", 1, byTitle},
-         {"title:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
-         {"path:desc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
+    const std::string byTitle = "Afolder zfolder ETE A.mp3 b.txt c.wav";
+    const std::tuple<std::vector<std::string>, int, std::string> cases[] =
+        {// keys (each alone), answer, order
+         {{"title:asc", "path:asc"}, 1, byTitle},
+         {{"title:desc", "path:desc", "title:desc,size:asc"}, 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
          // The folders' paths hold no ".", so their extension is the whole path.
-         {"path.extension:asc", 1, "Afolder zfolder A.mp3 ETE b.txt c.wav"},
-         {"path.extension:desc", 1, "zfolder Afolder c.wav b.txt ETE A.mp3"},
-         {"size:asc", 1, "? ? ETE A.mp3 c.wav b.txt"},
-         {"size:desc", 1, "? ? b.txt c.wav A.mp3 ETE"},
-         {"lastModified:asc", 1, byDate},
-         {"creationDate:asc", 1, byDate},
-         {"lastAccessTime:asc", 1, byDate},
-         {"lastModified:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-         {"creationDate:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-         {"lastAccessTime:desc", 1, "Afolder zfolder ETE b.txt A.mp3 c.wav"},
-         {"title:desc,size:asc", 1, "zfolder Afolder c.wav b.txt A.mp3 ETE"},
-         {",size:asc", 0, byTitle},
-         {"", 0, byTitle},
-         {"Title:asc", 0, byTitle}};
-    for (const auto& [keys, answer, expected] : cases) {
-        CFileTools::SortFiles(entries, "size:desc");  // a different order before each
-        EXPECT_EQ(CFileTools::SortFiles(entries, keys), answer) << keys;
-        std::string got;
-        for (CFileTools* e : entries) {
-            const std::string name = e->getDisplayName();
-            got += (got.empty() ? "" : " ") + (name == ete                           ? "ETE"
-                                               : expected[0] == '?' && e->isFolder() ? std::string("?")
-                                                                                     : name);
+         {{"path.extension:asc"}, 1, "Afolder zfolder A.mp3 ETE b.txt c.wav"},
+         {{"path.extension:desc"}, 1, "zfolder Afolder c.wav b.txt ETE A.mp3"},
+         {{"size:asc"}, 1, "? ? ETE A.mp3 c.wav b.txt"},
+         {{"size:desc"}, 1, "? ? b.txt c.wav A.mp3 ETE"},
+         {{"lastModified:asc", "creationDate:asc", "lastAccessTime:asc"}, 1, "zfolder Afolder c.wav A.mp3 b.txt ETE"},
+         {{"lastModified:desc", "creationDate:desc", "lastAccessTime:desc"},
+          1,
+          "Afolder zfolder ETE b.txt A.mp3 c.wav"},
+         {{",size:asc", "", "Title:asc"}, 0, byTitle}};
+    for (const auto& [keyList, answer, expected] : cases)
+        for (const std::string& keys : keyList) {
+            CFileTools::SortFiles(entries, "size:desc");  // a different order before each
+            EXPECT_EQ(CFileTools::SortFiles(entries, keys), answer) << keys;
+            std::string got;
+            for (CFileTools* e : entries) {
+                const std::string name = e->getDisplayName();
+                got += (got.empty() ? "" : " ") + (name == ete                           ? "ETE"
+                                                   : expected[0] == '?' && e->isFolder() ? std::string("?")
+                                                                                         : name);
+            }
+            EXPECT_EQ(got, expected) << keys;
         }
-        EXPECT_EQ(got, expected) << keys;
-    }
 }

@@ -2,7 +2,6 @@
 // the sources of the time zone name.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <stdexcept>
 
