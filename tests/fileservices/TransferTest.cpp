@@ -345,15 +345,16 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     EXPECT_TRUE(std::filesystem::is_empty(out.path()));
 }
 
-// Answers nobody takes (last in this program: its settings stay): requesters
-// ask for whole 1 GiB files, never grant credit and then go away. The proxy
-// holds each answer's window only, keeps its workers free, frees everything
-// after the credit time-out, and refuses answers past maxAnswerBytes with CAB_E_BUSY.
+// Answers nobody takes (last in this program: its settings stay): one caller
+// asks for whole 1 GiB files, never grants credit and then goes away. The proxy
+// holds each answer's window only, keeps its workers free, refuses that caller's
+// answers past its share of maxAnswerBytes with CAB_E_BUSY while another caller
+// still finds room, and frees everything after the credit time-out.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
-// A raw "GetFile" request for the whole of `path`, answered to `reply`.
+// A raw "GetFile" request of the caller "greedy" for the whole of `path`, answered to `reply`.
 natsStatus requestWholeFile(natsConnection* nc, const std::string& path, const std::string& reply) {
-    return publish(nc, "cab.VorpaMediaProxy.GetFile.-", "Cab-Proto", "1",
+    return publish(nc, "cab.VorpaMediaProxy.GetFile.greedy", "Cab-Proto", "1",
                    Cab1Encoding(JsonVariant("[\"" + path + "\"]").get()).str(), reply.c_str());
 }
 
@@ -376,11 +377,11 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     ASSERT_EQ(truncate(path.c_str(), 1ll << 30), 0);  // 1 GiB without blocks on disk
     const int64_t idle = kivtest::statusKiB(proxy.pid(), "VmRSS:");
     ASSERT_GT(idle, 0);
-    auto inbox = std::make_unique<kivtest::RawInbox>("nats://" + hostPort(), "greedy.inbox.*");
+    auto inbox = std::make_unique<kivtest::RawInbox>("nats://" + hostPort(), "_INBOX_greedy.*");
     ASSERT_TRUE(inbox->ok());
     const int kTransfers = 4;
     for (int i = 0; i <= kTransfers; ++i)
-        ASSERT_EQ(NATS_OK, requestWholeFile(inbox->nc, path, "greedy.inbox." + std::to_string(i)));
+        ASSERT_EQ(NATS_OK, requestWholeFile(inbox->nc, path, "_INBOX_greedy." + std::to_string(i)));
     // Each answer sends its first window, then waits for credit that never
     // comes; the fifth does not fit beside them and is refused.
     std::vector<std::string> creditTo(kTransfers + 1);
@@ -397,9 +398,10 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     EXPECT_EQ(1, busy);
     EXPECT_FALSE(inbox->next(200)) << "a part beyond the window";
 
-    // The workers are free: another caller is served while all four wait.
-    CLocalVariant version;
-    EXPECT_EQ(0, call("my-KIV_GetVersion", "null", version.ptr()));
+    // The workers are free and memory is left: another caller gets 16 MiB while all four wait.
+    std::string got;
+    ASSERT_EQ(0, getFile(path, "I8", 0, 16 << 20, &got));
+    EXPECT_EQ(16u << 20, got.size());
 
     // Credit for one part lets one more go.
     const std::string credit = creditTo[0].empty() ? creditTo[1] : creditTo[0];
@@ -417,7 +419,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     // The requester goes away; after the credit time-out every transfer is abandoned.
     inbox.reset();
     for (int i = 0; i <= kTransfers; ++i)
-        EXPECT_TRUE(creditTo[i].empty() || waitForLog("greedy.inbox." + std::to_string(i) + " abandoned")) << i;
+        EXPECT_TRUE(creditTo[i].empty() || waitForLog("_INBOX_greedy." + std::to_string(i) + " abandoned")) << i;
     EXPECT_THAT(proxyLog(), HasSubstr("no credit for 1500 ms"));
 #ifndef KIV_SANITIZED
     const int64_t after = kivtest::statusKiB(proxy.pid(), "VmRSS:");
@@ -428,8 +430,8 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     // that says why, instead of leaving the requester to time out.
     const std::string shrinking = media.file("shrinking.bin");
     kivtest::writeFile(shrinking, std::string(12 << 20, 'x'));
-    kivtest::RawInbox shrink("nats://" + hostPort(), "shrink.inbox");
-    ASSERT_EQ(NATS_OK, requestWholeFile(shrink.nc, shrinking, "shrink.inbox"));
+    kivtest::RawInbox shrink("nats://" + hostPort(), "_INBOX_greedy.s");
+    ASSERT_EQ(NATS_OK, requestWholeFile(shrink.nc, shrinking, "_INBOX_greedy.s"));
     std::string shrinkCredit;
     for (int i = 0; i < 8; ++i) {
         kivtest::Msg m = shrink.next();
