@@ -15,6 +15,7 @@
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/RawNats.h"
+#include "tests/support/ScopedEnv.h"
 
 namespace {
 
@@ -25,7 +26,7 @@ const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 // The authorization block make run would write for these identities.
 std::string authorization() {
     std::string conf = directoryUsers(
-        "satellite EchoA echoPassword0123456\n"
+        "satellite EchoA echoPassword0123456 alpha\n"
         "satellite Other otherPassword012345\n"
         "client cli cliPassword012345678\n"
         "client snoop snoopPassword0123456\n"
@@ -95,6 +96,17 @@ TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
         EXPECT_THAT(CabGetLastError(), testing::HasSubstr("Permissions Violation for Subscription"));
         EXPECT_LT(msSince(t0), 20000);
     }
+    // Serving also under its host's name (cabDirectory.hostScope) is granted for that host only.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.hostScope", 1));
+    for (const char* host : {"alpha", "beta"}) {
+        kivtest::ScopedEnv hostName("KIV_HOSTNAME", host);
+        EchoSatellite scoped;
+        scoped.setUser("EchoA", "echoPassword0123456");
+        const bool granted = host[0] == 'a';
+        EXPECT_EQ(granted ? 0 : CAB_E_PERMISSION_DENIED, scoped.Connect(server.hostPort().c_str(), "EchoA")) << host;
+        EXPECT_EQ(granted ? 0 : CAB_E_NO_SUCH_SERVICE, request(*client, "EchoA@alpha", "Echo", "7", out.ptr())) << host;
+    }
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.hostScope", 0));
 
     natsConnection* snoop = rawConnection(server.hostPort(), "snoop", "snoopPassword0123456");
     ASSERT_NE(nullptr, snoop);
