@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
-#include <set>
 #include <string>
 
 #include <nats/nats.h>
@@ -272,18 +271,16 @@ TEST_F(BrokerTest, MailboxSubjectsEndInUnguessableKeys) {
     o.url = server.url();
     std::shared_ptr<CabConnection> conn;
     ASSERT_EQ(0, CabConnection::open(o, &conn));
-    std::set<std::string> keys, halves;  // neither a key nor its first half repeats
-    for (int i = 0; i < 2; ++i) {
+    std::string keys[2];
+    for (std::string& key : keys) {
         std::string subject;
         uint64_t token = 0;
         conn->openMailbox(&subject, &token);
-        std::string key = subject.substr(subject.rfind('.') + 1);
+        conn->closeMailbox(token);
+        key = subject.substr(subject.rfind('.') + 1);
         EXPECT_EQ(32u, key.size()) << subject;
         EXPECT_EQ(std::string::npos, key.find_first_not_of("0123456789abcdef")) << subject;
-        keys.insert(key);
-        halves.insert(key.substr(0, 16));
-        conn->closeMailbox(token);
     }
-    EXPECT_EQ(2u, keys.size());
-    EXPECT_EQ(2u, halves.size()) << "keys that differ only at their end are guessed from each other";
+    EXPECT_NE(keys[0].substr(0, 16), keys[1].substr(0, 16))
+        << "keys that differ only at their end are guessed from each other";
 }
