@@ -1,10 +1,7 @@
 // The directory as a cluster: three nats-server processes on loopback joined
 // by routes, with the real proxy: failover after SIGKILL of the proxy's
 // server, and one proxy per host addressed by host name.
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <signal.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -23,18 +20,6 @@ using kivtest::eventually;
 using kivtest::msSince;
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 const char* const kProxy = "VorpaMediaProxy";
-
-int freePort() {
-    int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in a{};
-    a.sin_family = AF_INET;
-    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof a;
-    int port = -1;
-    if (bind(fd, (sockaddr*)&a, sizeof a) == 0 && getsockname(fd, (sockaddr*)&a, &len) == 0) port = ntohs(a.sin_port);
-    close(fd);
-    return port;
-}
 
 // A proxy process with a KIV_ROOT of its own and, optionally, a host name.
 struct Proxy {
@@ -67,32 +52,19 @@ std::string dataFolderOf(CabSatellite& client, const std::string& target) {
     return out.get().bstrVal;
 }
 
-// Three servers, each routed to all three (a route to itself is ignored).
+// Three servers on ports of their choosing, each routed to those started before it.
 class ClusterTest : public testing::Test {
 protected:
-    // A route port found free may be taken by another program before its
-    // server listens (tests run in parallel): then the cluster starts again.
     void SetUp() override {
-        for (int attempt = 0; attempt < 3 && servers.size() < 3; ++attempt) {
-            servers.clear();
-            int route[3];
-            std::string routes;
-            for (int i = 0; i < 3; ++i) {
-                route[i] = freePort();
-                routes += (i ? ", " : "") + std::string("nats-route://127.0.0.1:") + std::to_string(route[i]);
-            }
-            for (int i = 0; i < 3; ++i) {
-                servers.emplace_back(new kivtest::NatsServer(1 << 20, "cluster {\n  name: kiv\n  listen: 127.0.0.1:" +
-                                                                          std::to_string(route[i]) + "\n  routes: [" +
-                                                                          routes + "]\n}\n"));
-                if (!servers.back()->start()) {
-                    printf("cluster start failed, trying again: %s\n", servers.back()->error().c_str());
-                    servers.pop_back();
-                    break;
-                }
-            }
+        std::string routes;
+        for (int i = 0; i < 3; ++i) {
+            servers.emplace_back(
+                new kivtest::NatsServer(1 << 20, "cluster {\n  name: kiv\n  listen: 127.0.0.1:-1\n  routes: [" +
+                                                     routes + "]\n}\n"));
+            ASSERT_TRUE(servers.back()->start()) << servers.back()->error();
+            routes += (i ? ", " : "") + std::string("nats-route://127.0.0.1:") +
+                      std::to_string(servers.back()->clusterPort());
         }
-        ASSERT_EQ(3u, servers.size()) << "no cluster in three attempts";
     }
     void TearDown() override { configure("", 0); }
     std::string urls() const {
