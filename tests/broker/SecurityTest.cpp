@@ -205,19 +205,14 @@ TEST(SecurityTls, ConnectsOnlyWithTheTrustedAuthorityAndAClientCertificate) {
     kivtest::TempDir dir("kivtls");
     std::string d = dir.path();
     // A CA, a server certificate for 127.0.0.1 and a client certificate, all signed by the CA.
-    std::string script =
+    const std::string script =
         "set -e; cd '" + d +
-        "'\n"
-        "gen() { openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key "
-        "-out $1.csr -subj /CN=$1 2>/dev/null; }\n"
-        "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout ca.key -out ca.pem "
-        "-days 2 -subj /CN=kiv-test-ca 2>/dev/null\n"
-        "gen server; gen client\n"
-        "echo subjectAltName=IP:127.0.0.1 > server.ext\n"
-        "openssl x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile server.ext "
-        "-out server.pem 2>/dev/null\n"
-        "openssl x509 -req -in client.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -out client.pem "
-        "2>/dev/null\n";
+        "'; echo subjectAltName=IP:127.0.0.1 > server.ext; : > client.ext\n"
+        "key() { echo -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout $1.key -subj /CN=$1; }\n"
+        "openssl req -x509 $(key ca) -out ca.pem -days 2 2>/dev/null\n"
+        "for n in server client; do openssl req $(key $n) -out $n.csr 2>/dev/null\n"
+        "  openssl x509 -req -in $n.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile $n.ext -out $n.pem "
+        "2>/dev/null; done\n";
     int status = -1;
     std::string log = kivtest::runCommand(script, &status);
     ASSERT_EQ(0, status) << log;
