@@ -73,8 +73,8 @@ protected:
 
 // Each (offset, maximum) pair with the count types it is given in: the block
 // is that slice of the file. A maximum of 0 or below means to the end, a
-// negative offset starts at 0, offsets past the end give an empty block, and
-// the log line shows the counts as converted. Other count types are refused.
+// negative offset starts at 0 and offsets past the end give an empty block.
+// Other count types are refused.
 TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
     const std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
     kivtest::writeFile(path, content);
@@ -95,15 +95,6 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
             ASSERT_EQ(getFile(path, type, offset, max, &got), 0);
             EXPECT_TRUE(got == content.substr(from, length)) << got.size() << " bytes";
         }
-    for (const std::string& empty : {media.file("no/such/file"), media.path()}) {  // a missing file, a folder
-        ASSERT_EQ(getFile("[\"" + empty + "\"]", &got), 0) << empty;
-        EXPECT_TRUE(got.empty()) << empty;
-    }
-    for (const auto& [type, offset, max, logged] :
-         {std::tuple{"I8", -7, 25, "0, maxBytes: 25"}, {"UI8", 77, 0, "77, maxBytes: 0"}}) {
-        ASSERT_EQ(getFile(path, type, offset, max, &got), 0);
-        EXPECT_TRUE(waitForLog("GetFile " + path + ", offset: " + logged));
-    }
 
     const std::pair<std::string, std::string> wrong[] = {{"\"10\", 10", "Invalid offset type"},
                                                          {"10, 2.5", "Invalid maxLength type"},
@@ -112,8 +103,6 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
         EXPECT_EQ(getFile("[\"" + path + "\", " + counts + "]", &got), CAB_E_HANDLER_EXCEPTION) << counts;
         EXPECT_THAT(CabGetLastError(), HasSubstr(text));
     }
-    ASSERT_EQ(getFile(path, "I4", 1, 2, &got), 0) << "the proxy goes on serving";
-    EXPECT_TRUE(got == content.substr(1, 2));
 
     // Offsets beyond 4 GiB: a sparse 4 GiB + 64 file with 16 known bytes past the 32-bit range.
     const std::string sparse = media.file("sparse.bin");
@@ -177,7 +166,6 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     EXPECT_EQ(querySizes("x", {}), "status 1") << "no first item";
     EXPECT_EQ(querySizes("x", {""}), "status 1");
     EXPECT_EQ(querySizes("M1", {"M1"}), "status -1") << "no media service";
-    EXPECT_TRUE(waitForLog("GetMediumListPath: "));
     // A media service that refuses (404) leaves no answer to read: the lookup fails the same way.
     CabSatellite refusing;
     refusing.AddService(
@@ -202,7 +190,6 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     // An id the catalog does not know resolves to nothing, with a warning.
     EXPECT_EQ(querySizes("M1", {"M2", "nope"}), sizes(1, 234));
     EXPECT_TRUE(waitForLog("GetMediumListPath: got a VT_EMPTY in the list of paths"));
-    EXPECT_TRUE(waitForLog("Request GetMediumFromId returned in "));
     // The first id decides: with a catalog id first, file-browser ids go to the catalog too.
     EXPECT_EQ(querySizes("M1", {"M1", id("docs/c+d.txt")}), sizes(1, 1000));
 }
@@ -413,8 +400,6 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
 #ifndef KIV_SANITIZED
     const int64_t peak = kivtest::statusKiB(proxy.pid(), "VmHWM:");
     EXPECT_LT(peak - idle, 128 * kMiB) << "idle " << idle << " KiB, peak " << peak << " KiB";
-    printf("proxy memory: idle %lld KiB, peak %lld KiB with %d uncredited 1 GiB answers\n", (long long)idle,
-           (long long)peak, kTransfers);
 #endif
     // The requester goes away; after the credit time-out every transfer is abandoned.
     inbox.reset();
