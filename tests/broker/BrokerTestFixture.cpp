@@ -39,14 +39,3 @@ std::string encodingOf(const tagVARIANT& v) {
     Cab1Encoding e(v);
     return e.ok() ? e.str() : "invalid: " + e.error();
 }
-
-std::string directoryUsers(const std::string& users) {
-    kivtest::TempDir dir("kivauth");
-    kivtest::writeFile(dir.file("users"), users);
-    int status = -1;
-    const std::string conf = kivtest::runCommand("bash '" KIV_SOURCE_DIR "/scripts/cab-directory-users' < '" +
-                                                     dir.file("users") + "'",
-                                                 &status);
-    EXPECT_EQ(0, status) << conf;
-    return conf;
-}

@@ -22,14 +22,19 @@ using Clock = std::chrono::steady_clock;
 using kivtest::msSince;
 const char* const kConfigKey = "Software\\Kiv Foundry\\Kiv\\Config";
 
-// The authorization block make run would write for these identities.
+// The authorization block make run would write (scripts/cab-directory-users) for these identities.
 std::string authorization() {
-    std::string conf = directoryUsers(
-        "satellite EchoA echoPassword0123456 alpha\n"
-        "satellite Other otherPassword012345\n"
-        "client cli cliPassword012345678\n"
-        "client snoop snoopPassword0123456\n"
-        "admin root rootPassword01234567\n");
+    int status = -1;
+    std::string conf = kivtest::runCommand(
+        "printf '"
+        "satellite EchoA echoPassword0123456 alpha\\n"
+        "satellite Other otherPassword012345\\n"
+        "client cli cliPassword012345678\\n"
+        "client snoop snoopPassword0123456\\n"
+        "admin root rootPassword01234567\\n"
+        "' | bash '" KIV_SOURCE_DIR "/scripts/cab-directory-users'",
+        &status);
+    EXPECT_EQ(0, status) << conf;
     // A user allowed to send requests to EchoA only: its other requests are refused.
     conf.insert(conf.rfind("  ]"),
                 "    { user: \"narrow\", password: \"narrowPassword0123\", permissions: {\n"

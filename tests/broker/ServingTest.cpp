@@ -59,13 +59,6 @@ TEST_F(BrokerTest, RequestsEndWithTheirStatusAndTheSatelliteKeepsServing) {
     EXPECT_FALSE(other.isConnected());
 }
 
-TEST(CabRetcode, ReadsAScalarOrTheFirstOfAnArrayElseTheFallback) {
-    EXPECT_EQ(7, CabRetcode(JsonVariant("{\"$vt\":\"I4[]\",\"v\":[7]}").get()));
-    EXPECT_EQ(8, CabRetcode(JsonVariant("[8]").get()));
-    EXPECT_EQ(3, CabRetcode(JsonVariant("3").get()));
-    EXPECT_EQ(-5, CabRetcode(JsonVariant("null").get(), -5));
-}
-
 TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     kivtest::RawInbox answers(server.url(), "malformed.answers");
     ASSERT_TRUE(answers.ok());

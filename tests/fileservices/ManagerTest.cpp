@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "cab/CabException.h"
 #include "files/CFileTools.h"
 #include "files/CKivFileManager.h"
 #include "tests/proxy/TestHelpers.h"
@@ -157,12 +156,6 @@ TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
     EXPECT_EQ(json(list.get()), "[" + a +
                                     R"(,null,[["mimeType","photo/x-unknown"],)"
                                     R"(["mediaType","photo.file"],["Path","/b.png"],["Name","/b"]]])");
-
-    // IsMediumShared answers 1 to three texts, and throws on anything else.
-    JsonVariant texts(R"(["a", "b", "c"])"), number(R"(["a", "b", 5])"), two(R"(["a", "b"])");
-    EXPECT_EQ(m.CabServiceIsMediumShared("", texts.get(), nullptr), 1);
-    EXPECT_THROW(m.CabServiceIsMediumShared("", number.get(), nullptr), CabInvalidParameterException);
-    EXPECT_THROW(m.CabServiceIsMediumShared("", two.get(), nullptr), CabInvalidParameterException);
 }
 
 }  // namespace

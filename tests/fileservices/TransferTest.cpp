@@ -19,8 +19,7 @@ namespace {
 using kivtest::header;
 using kivtest::publish;
 
-// The real proxy and, when a test starts it, the real kiv-media-catalog as
-// "KivMediaV2" over a catalog in `media`, the folder of the media files.
+// The real proxy, serving the files of `media`.
 class TransferTest : public ProxyTest {
 protected:
     void SetUp() override {
@@ -28,24 +27,6 @@ protected:
         if (HasFatalFailure()) return;
         ASSERT_TRUE(setting("files.roots", CStdStr(media.path())));
         ASSERT_TRUE(startProxy()) << proxyOutput();
-    }
-    void TearDown() override {
-        stopCatalog();
-        ProxyTest::TearDown();
-    }
-
-    // Starts kiv-media-catalog over `catalogJson`; true once it says "ready".
-    bool startCatalog(const std::string& catalogJson) {
-        const std::string file = media.file("catalog.json"), out = media.file("catalog.out");
-        kivtest::writeFile(file, catalogJson);
-        const std::string command = std::string(KIV_BINARY_DIR) + "/bin/kiv-media-catalog --catalog " + file +
-                                    " --root " + media.path() + " --server " + hostPort();
-        catalogPid = kivtest::startInBackground(command, out, "ready\n");
-        return catalogPid > 0;
-    }
-    void stopCatalog() {
-        if (catalogPid > 0) kill(catalogPid, SIGTERM);
-        catalogPid = -1;
     }
 
     // "GetFile" of the JSON in-array; *bytes gets the block.
@@ -68,7 +49,6 @@ protected:
     }
 
     kivtest::TempDir media{"kivmedia"};
-    pid_t catalogPid = -1;
 };
 
 // Each (offset, maximum) pair with the count types it is given in: the block
@@ -182,10 +162,16 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
         EXPECT_EQ(call("QueryFileSize", in, out.ptr()), CAB_E_HANDLER_EXCEPTION) << in;
     }
 
-    ASSERT_TRUE(startCatalog(R"({"extensions": {"audio": [".mp3"]},
-        "media": {"M1": {"path": "music/a song.mp3", "name": "A song"},
-                  "M2": {"path": ")" +
-                             media.file("photos/b.png") + R"("}}})"));
+    // The real kiv-media-catalog as "KivMediaV2".
+    const std::string catalog = media.file("catalog.json");
+    kivtest::writeFile(catalog, R"({"extensions": {"audio": [".mp3"]}, "media": {"M1": {"path": "music/a song.mp3"},
+        "M2": {"path": ")" + media.file("photos/b.png") +
+                                    R"("}}})");
+    const pid_t pid = kivtest::startInBackground(KIV_BINARY_DIR "/bin/kiv-media-catalog --catalog " + catalog +
+                                                     " --root " + media.path() + " --server " + hostPort(),
+                                                 media.file("catalog.out"), "ready\n");
+    ASSERT_GT(pid, 0) << kivtest::readFile(media.file("catalog.out"));
+    std::shared_ptr<void> stop(nullptr, [pid](void*) { kill(pid, SIGTERM); });
     EXPECT_EQ(querySizes("M1", {"M1", "M2"}), sizes(2, 1234));
     // An id the catalog does not know resolves to nothing, with a warning.
     EXPECT_EQ(querySizes("M1", {"M2", "nope"}), sizes(1, 234));
