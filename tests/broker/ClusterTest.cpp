@@ -138,7 +138,6 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(viaB.end - t0).count(), 20000);
     std::string now = proxy.urlAfter("reconnected to");
     EXPECT_TRUE(indexOf(now) == b || indexOf(now) == c) << proxy.log();
-    servers[a]->stop();
 }
 
 TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {

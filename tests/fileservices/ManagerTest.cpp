@@ -121,24 +121,6 @@ TEST_F(ManagerTest, SingleFilesMissingFoldersBadArgumentsAndSwitchedOff) {
     EXPECT_EQ(manager->CabServiceGetFolderContent("GetFolderContent", tooShort.get(), shortOut.ptr()), 1);
 }
 
-TEST(StrSplitTest, PiecesIncludingEmptyOnes) {
-    const std::vector<std::pair<const char*, std::vector<CStdStr>>> cases = {
-        {"", {}},
-        {"a", {"a"}},
-        {"a,b", {"a", "b"}},
-        {"a,b,", {"a", "b", ""}},
-        {",a", {"", "a"}},
-        {"a,,b", {"a", "", "b"}},
-        {",", {"", ""}},
-        {"x::y::", {"x", "y", ""}},
-    };
-    for (const auto& [text, pieces] : cases) {
-        std::vector<CStdStr> out;
-        CKivFileManager::StrSplit(text, text[0] == 'x' ? "::" : ",", out);
-        EXPECT_EQ(out, pieces) << text;
-    }
-}
-
 TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
     JsonVariant pdf(R"(["ctx", "F*|d|x>pdf"])"), foreign(R"(["ctx", "G-|d|x>pdf"])");
     JsonVariant mp3(R"(["ctx", "F*|a>mp3"])"), ids(R"(["ctx", ["F*|a>mp3", "A1001", "F*|b>png"]])");
