@@ -2,7 +2,6 @@
 // by routes, with the real proxy: failover after SIGKILL of the proxy's
 // server, and one proxy per host addressed by host name.
 #include <signal.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <set>

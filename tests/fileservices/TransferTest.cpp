@@ -7,7 +7,6 @@
 #include <atomic>
 
 #include "value/Cab1.h"
-#include "files/CFileTools.h"
 #include "satellite/KivRequestProxySatellite.h"
 #include "tests/proxy/ProxyFixture.h"
 #include "tests/support/ProcStatus.h"
