@@ -1,7 +1,5 @@
 #include "tests/broker/BrokerTestFixture.h"
 
-#include "value/Cab1.h"
-
 void BrokerTest::SetUp() {
     ASSERT_TRUE(server.start()) << server.error();
     echo.reset(new EchoSatellite);
@@ -33,20 +31,4 @@ int64_t blobErrors(const tagVARIANT& v, int64_t size, int64_t step) {
     int64_t bad = p[size - 1] != echoBlobByte((uint64_t)(size - 1));
     for (int64_t i = 0; i < size; i += step) bad += p[i] != echoBlobByte((uint64_t)i);
     return bad;
-}
-
-std::string encodingOf(const tagVARIANT& v) {
-    Cab1Encoding e(v);
-    return e.ok() ? e.str() : "invalid: " + e.error();
-}
-
-std::string directoryUsers(const std::string& users) {
-    kivtest::TempDir dir("kivauth");
-    kivtest::writeFile(dir.file("users"), users);
-    int status = -1;
-    const std::string conf = kivtest::runCommand("bash '" KIV_SOURCE_DIR "/scripts/cab-directory-users' < '" +
-                                                     dir.file("users") + "'",
-                                                 &status);
-    EXPECT_EQ(0, status) << conf;
-    return conf;
 }

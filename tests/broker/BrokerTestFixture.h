@@ -25,10 +25,6 @@ std::unique_ptr<CabClient> connectClient(const std::string& url, const char* nam
 // Wrong bytes in an echo "Blob" answer of `size` bytes (every `step`th byte and
 // the last are checked); -1 when it is not a byte array of that size.
 int64_t blobErrors(const tagVARIANT& v, int64_t size, int64_t step = 1);
-std::string encodingOf(const tagVARIANT& v);
-// The authorization block make run writes for `users` (lines of "satellite
-// NAME PASSWORD [HOST...]" or "client NAME PASSWORD").
-std::string directoryUsers(const std::string& users);
 
 class BrokerTest : public testing::Test {
 protected:

@@ -54,8 +54,7 @@ TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
     held.erase(held.begin());  // greedy's reservation frees itself
     EXPECT_EQ(0u, budget->heldBy("greedy"));
     EXPECT_TRUE(grow(*budget, held, "other", 0)) << "nothing is always granted";
-    std::string why;
-    EXPECT_FALSE(grow(*budget, held, "late", 2000, &why)) << "larger than the whole budget";
+    EXPECT_FALSE(grow(*budget, held, "late", 2000)) << "larger than the whole budget";
     held.clear();
     EXPECT_EQ(0u, budget->held());
     EXPECT_EQ(1200u, budget->peak());

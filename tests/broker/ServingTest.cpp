@@ -7,6 +7,7 @@
 
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/RawNats.h"
+#include "value/Cab1.h"
 
 // Each row: the status, the library's own result and a part of the error text.
 TEST_F(BrokerTest, RequestsEndWithTheirStatusAndTheSatelliteKeepsServing) {
@@ -59,13 +60,6 @@ TEST_F(BrokerTest, RequestsEndWithTheirStatusAndTheSatelliteKeepsServing) {
     EXPECT_FALSE(other.isConnected());
 }
 
-TEST(CabRetcode, ReadsAScalarOrTheFirstOfAnArrayElseTheFallback) {
-    EXPECT_EQ(7, CabRetcode(JsonVariant("{\"$vt\":\"I4[]\",\"v\":[7]}").get()));
-    EXPECT_EQ(8, CabRetcode(JsonVariant("[8]").get()));
-    EXPECT_EQ(3, CabRetcode(JsonVariant("3").get()));
-    EXPECT_EQ(-5, CabRetcode(JsonVariant("null").get(), -5));
-}
-
 TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     kivtest::RawInbox answers(server.url(), "malformed.answers");
     ASSERT_TRUE(answers.ok());
@@ -104,7 +98,7 @@ TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     const int count = 20;
     for (int i = 0; i < count; ++i)
         ASSERT_EQ(NATS_OK, kivtest::publish(answers.nc, "cab.EchoSlow.Sleep.-", "Cab-Proto", "1",
-                                            encodingOf(JsonVariant("20").get()), "drain.answers"));
+                                            Cab1Encoding(JsonVariant("20").get()).str(), "drain.answers"));
     // After the round trip the server has routed every request to the satellite.
     ASSERT_EQ(NATS_OK, natsConnection_Flush(answers.nc));
     slow.Disconnect();

@@ -2,7 +2,6 @@
 // (so its budget can be read) against a real nats-server: grouped inline
 // "GetFile"s over a small budget, and a transfer whose requester is too slow.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -115,61 +114,6 @@ TEST_F(AnswerMemoryTest, ATransferSlowerThanTheRateBoundIsEnded) {
     EXPECT_EQ(std::to_string(CAB_E_TIMEOUT), status);
     EXPECT_NE(std::string::npos, error.find("bytes a second")) << error;
     EXPECT_TRUE(kivtest::eventually([&] { return budget->held() == 0; })) << budget->held() << " bytes held";
-}
-
-// Two directory users: one asks for answers and never takes them, until its
-// share is full; the other still gets a large answer of its own.
-TEST(AnswerMemoryShares, OneCallerFillingItsShareLeavesRoomForAnother) {
-    int status = -1;
-    const std::string users = kivtest::runCommand(
-        "printf 'satellite VorpaMediaProxy proxyPassword0123456\\nclient hog hogPassword012345678\\n"
-        "client other otherPassword0123456\\n' | bash " KIV_SOURCE_DIR "/scripts/cab-directory-users",
-        &status);
-    ASSERT_EQ(0, status) << users;
-    kivtest::NatsServer server(1 << 20, users);
-    ASSERT_TRUE(server.start()) << server.error();
-    kivtest::TempDir media("kivshares");
-    const std::string path = media.file("film.sparse");
-    kivtest::writeFile(path, "");
-    ASSERT_EQ(0, truncate(path.c_str(), 1ll << 30));
-    ASSERT_TRUE(setting("files.roots", CStdStr(media.path())));
-    ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 64 << 20));
-    KivRequestProxySatellite proxy;
-    proxy.setUser("VorpaMediaProxy", "proxyPassword0123456");
-    ASSERT_EQ(0, proxy.Connect(server.hostPort().c_str(), "VorpaMediaProxy")) << CabGetLastError();
-
-    // Each uncredited answer holds its 8 MiB window until the hog's share is full.
-    kivtest::RawInbox hog("nats://hog:hogPassword012345678@" + server.hostPort(), "_INBOX_hog.>");
-    ASSERT_TRUE(hog.ok());
-    const std::string request = Cab1Encoding(JsonVariant(nlohmann::json::array({path}).dump()).get()).str();
-    int held = 0;
-    for (int i = 0; i < 16; ++i) {
-        ASSERT_EQ(NATS_OK, kivtest::publish(hog.nc, "cab.VorpaMediaProxy.GetFile.hog", "Cab-Proto", "1", request,
-                                            ("_INBOX_hog.t" + std::to_string(i)).c_str()));
-        kivtest::Msg first = hog.next();
-        ASSERT_TRUE(first);
-        if (header(first.get(), "Cab-Status") != "0") {
-            EXPECT_EQ(std::to_string(CAB_E_BUSY), header(first.get(), "Cab-Status"));
-            break;
-        }
-        ++held;
-        for (int part = 1; part < atoi(header(first.get(), "Cab-Window").c_str()); ++part) ASSERT_TRUE(hog.next());
-    }
-    EXPECT_GE(held, 1);
-    EXPECT_LE(held, 4) << "one caller holds at most half of the 64 MiB";
-
-    CabClient other;
-    other.setUser("other", "otherPassword0123456");
-    other.setRequestTimeoutMs(60000);
-    ASSERT_EQ(0, other.Connect(server.hostPort().c_str(), "Other"));
-    CLocalVariant out, rc;
-    ASSERT_EQ(0, other.Request("VorpaMediaProxy", "GetFile",
-                               JsonVariant(nlohmann::json::array({path, 0, 16 << 20}).dump()).get(), out.ptr(), 0,
-                               rc.ptr()))
-        << CabGetLastError();
-    EXPECT_EQ(0, CabRetcode(rc.get())) << CabGetLastError();
-    EXPECT_EQ(16u << 20, out.vt() == (VT_ARRAY | VT_UI1) ? out.get().parray->rgsabound[0].cElements : 0u);
-    ASSERT_TRUE(setting("cabDirectory.maxAnswerBytes", 1 << 30));
 }
 
 }  // namespace

@@ -4,7 +4,6 @@
 
 #include <memory>
 
-#include "cab/CabException.h"
 #include "files/CFileTools.h"
 #include "files/CKivFileManager.h"
 #include "tests/proxy/TestHelpers.h"
@@ -122,24 +121,6 @@ TEST_F(ManagerTest, SingleFilesMissingFoldersBadArgumentsAndSwitchedOff) {
     EXPECT_EQ(manager->CabServiceGetFolderContent("GetFolderContent", tooShort.get(), shortOut.ptr()), 1);
 }
 
-TEST(StrSplitTest, PiecesIncludingEmptyOnes) {
-    const std::vector<std::pair<const char*, std::vector<CStdStr>>> cases = {
-        {"", {}},
-        {"a", {"a"}},
-        {"a,b", {"a", "b"}},
-        {"a,b,", {"a", "b", ""}},
-        {",a", {"", "a"}},
-        {"a,,b", {"a", "", "b"}},
-        {",", {"", ""}},
-        {"x::y::", {"x", "y", ""}},
-    };
-    for (const auto& [text, pieces] : cases) {
-        std::vector<CStdStr> out;
-        CKivFileManager::StrSplit(text, text[0] == 'x' ? "::" : ",", out);
-        EXPECT_EQ(out, pieces) << text;
-    }
-}
-
 TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
     JsonVariant pdf(R"(["ctx", "F*|d|x>pdf"])"), foreign(R"(["ctx", "G-|d|x>pdf"])");
     JsonVariant mp3(R"(["ctx", "F*|a>mp3"])"), ids(R"(["ctx", ["F*|a>mp3", "A1001", "F*|b>png"]])");
@@ -157,12 +138,6 @@ TEST_F(ManagerTest, MediumHandlersAnswerPerIdAndEmptyForForeignIds) {
     EXPECT_EQ(json(list.get()), "[" + a +
                                     R"(,null,[["mimeType","photo/x-unknown"],)"
                                     R"(["mediaType","photo.file"],["Path","/b.png"],["Name","/b"]]])");
-
-    // IsMediumShared answers 1 to three texts, and throws on anything else.
-    JsonVariant texts(R"(["a", "b", "c"])"), number(R"(["a", "b", 5])"), two(R"(["a", "b"])");
-    EXPECT_EQ(m.CabServiceIsMediumShared("", texts.get(), nullptr), 1);
-    EXPECT_THROW(m.CabServiceIsMediumShared("", number.get(), nullptr), CabInvalidParameterException);
-    EXPECT_THROW(m.CabServiceIsMediumShared("", two.get(), nullptr), CabInvalidParameterException);
 }
 
 }  // namespace

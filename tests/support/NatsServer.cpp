@@ -53,10 +53,13 @@ bool NatsServer::start() {
     // to wait on, so poll it (the deadline is only a safety net).
     const std::string portsFile = ports + "/nats-server_" + std::to_string(m_pid) + ".ports";
     for (int i = 0; i < 2000 && m_pid > 0; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
-        const std::string text = readFile(portsFile);
-        const size_t at = text.find("127.0.0.1:");
-        if (at != std::string::npos && atoi(text.c_str() + at + 10) > 0) {
+        const std::string text = readFile(portsFile);  // {"nats":["nats://127.0.0.1:P"],"cluster":[...]}
+        const size_t at = text.find("127.0.0.1:"), cluster = text.find("127.0.0.1:", text.find("\"cluster\""));
+        const bool clustered = m_extra.find("cluster {") != std::string::npos;  // then both ports are written
+        if (at != std::string::npos && atoi(text.c_str() + at + 10) > 0 &&
+            (!clustered || cluster != std::string::npos)) {
             m_port = atoi(text.c_str() + at + 10);
+            m_clusterPort = clustered ? atoi(text.c_str() + cluster + 10) : 0;
             return true;
         }
         if (waitpid(m_pid, nullptr, WNOHANG) == m_pid) m_pid = -1;

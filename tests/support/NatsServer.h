@@ -26,6 +26,7 @@ public:
     bool restart();
 
     int port() const { return m_port; }
+    int clusterPort() const { return m_clusterPort; }  // of a "cluster { listen: 127.0.0.1:-1 }" block; else 0
     pid_t pid() const { return m_pid; }
     std::string hostPort() const;  // "127.0.0.1:PORT"
     std::string url() const;       // "nats://127.0.0.1:PORT"
@@ -38,6 +39,7 @@ private:
     int m_maxPayload;
     std::string m_extra;
     int m_port = 0;  // 0 until the first start picked one
+    int m_clusterPort = 0;
     pid_t m_pid = -1;
     std::string m_error;
 };

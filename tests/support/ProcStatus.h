@@ -4,10 +4,18 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <fstream>
+#include <string>
 
 namespace kivtest {
 
 // The field's value in KiB (or as a count, for "Threads:"); -1 when absent.
-int64_t statusKiB(pid_t pid, const char* field);
+inline int64_t statusKiB(pid_t pid, const std::string& field) {
+    std::ifstream f("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(f, line);)
+        if (line.rfind(field, 0) == 0) return atoll(line.c_str() + field.size() + 1);
+    return -1;
+}
 
 }  // namespace kivtest

@@ -10,7 +10,6 @@
 #include <fstream>
 #include <random>
 #include <sstream>
-#include <vector>
 
 #include "tests/support/Eventually.h"
 
@@ -18,14 +17,11 @@ namespace kivtest {
 
 TempDir::TempDir(const std::string& prefix) {
     const char* base = getenv("TMPDIR");
-    std::string tmpl = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
-    std::vector<char> buf(tmpl.begin(), tmpl.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) {
+    m_path = std::string(base && *base ? base : "/tmp") + "/" + prefix + "-XXXXXX";
+    if (!mkdtemp(m_path.data())) {
         perror("mkdtemp");
         abort();
     }
-    m_path = buf.data();
 }
 
 TempDir::~TempDir() {
@@ -67,10 +63,8 @@ std::string shellQuoted(const std::string& text) {
 std::string runCommand(const std::string& command, int* status) {
     std::string out;
     FILE* p = popen(command.c_str(), "r");
-    if (!p) {
-        if (status) *status = -1;
-        return out;
-    }
+    if (status) *status = -1;
+    if (!p) return out;
     char buf[4096];
     size_t n;
     while ((n = fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
