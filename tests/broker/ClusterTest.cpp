@@ -8,9 +8,11 @@
 #include <thread>
 
 #include "host/CRegistry.h"
+#include "value/Cab1.h"
 #include "tests/broker/BrokerTestFixture.h"
 #include "tests/support/Eventually.h"
 #include "tests/support/ProxyProcess.h"
+#include "tests/support/RawNats.h"
 
 namespace {
 
@@ -84,6 +86,9 @@ protected:
 
 TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServesOnElsewhere) {
     configure(urls(), 0);
+    // Answers in parts on the proxy's one connection: a second one may pick
+    // another server, and then the held transfer below never loses its own.
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.partsConnection", 0));
     Proxy proxy;
     ASSERT_TRUE(proxy.start());
     std::unique_ptr<CabClient> probe = connectClient(servers[0]->url(), "ClusterProbe", nullptr, nullptr, 1000);
@@ -119,6 +124,23 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
         ta.join(), tb.join();
         FAIL() << "the proxy's handlers did not both hold";
     }
+    // And a 24 MiB answer in parts to a raw requester on B that grants no
+    // credit: the proxy has sent its window and waits.
+    const std::string path = proxy.root.file("Library/KivFoundry/pattern.bin");
+    kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
+    kivtest::RawInbox held(servers[b]->url(), "held.reply");
+    ASSERT_TRUE(held.ok());
+    Cab1Encoding input(JsonVariant(listOf(path)).get());
+    ASSERT_EQ(NATS_OK,
+              kivtest::publish(held.nc, "cab.VorpaMediaProxy.GetFile.-", "Cab-Proto", "1", input.str(), "held.reply"));
+    kivtest::Msg first = held.next(30000);
+    EXPECT_EQ("25", kivtest::header(first.get(), "Cab-Parts"));
+    // The whole window arrives before the kill: none of it goes down with the server.
+    const int window = atoi(kivtest::header(first.get(), "Cab-Window").c_str());
+    EXPECT_GT(window, 1);
+    int partsBefore = 1;
+    while (partsBefore < window && held.next(30000)) ++partsBefore;
+
     auto t0 = Clock::now();
     ASSERT_EQ(0, kill(servers[a]->pid(), SIGKILL));
     // Serving again, asked through a server that stayed up.
@@ -135,6 +157,17 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     EXPECT_EQ(0, viaB.status) << CabStatusName(viaB.status);
     EXPECT_NE(std::string::npos, viaB.json.find(std::to_string(CAB_E_CONNECTION_LOST))) << viaB.json;
     EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(viaB.end - t0).count(), 20000);
+    // The held transfer ends with an empty part that says why, numbered
+    // after every part that arrived (a requester waits for one of those).
+    std::string notice;
+    int noticePart = -1;
+    for (kivtest::Msg m(nullptr, &natsMsg_Destroy); notice.empty() && (m = held.next(5000));) {
+        if (natsMsg_GetDataLength(m.get()) > 0) ++partsBefore;
+        else if (!(notice = kivtest::header(m.get(), "Cab-Status")).empty())
+            noticePart = atoi(kivtest::header(m.get(), "Cab-Part").c_str());
+    }
+    EXPECT_EQ(std::to_string(CAB_E_CONNECTION_LOST), notice) << proxy.log();
+    EXPECT_GE(noticePart, partsBefore);
     std::string now = proxy.urlAfter("reconnected to");
     EXPECT_TRUE(indexOf(now) == b || indexOf(now) == c) << proxy.log();
 }
