@@ -22,13 +22,15 @@
 #include "value/VariantJson.h"
 #include "variant/CLocalVariant.h"
 
-// Generated values of every type and nesting, and a bit-for-bit comparison.
-inline const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT_BOOL, VT_I4,
-                                   VT_UI4,   VT_R4,   VT_I8, VT_UI8, VT_R8, VT_DATE, VT_BSTR};
-inline const VARTYPE kElements[] = {VT_I1,  VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
-                                    VT_UI8, VT_R4,  VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
+namespace {
 
-inline std::string randomText(std::mt19937_64& rng) {
+// Generated values of every type and nesting, and a bit-for-bit comparison.
+const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT_BOOL, VT_I4,
+                            VT_UI4,   VT_R4,   VT_I8, VT_UI8, VT_R8, VT_DATE, VT_BSTR};
+const VARTYPE kElements[] = {VT_I1,  VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
+                             VT_UI8, VT_R4,  VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
+
+std::string randomText(std::mt19937_64& rng) {
     // Empty, a blank, UTF-8, bytes that are not UTF-8, a NUL, JSON's escapes, what looks like a typed value.
     static const char* samples[] = {"",        "a b",       "caf\xc3\xa9",      "\xff\xfe raw",
                                     "nul\0in", "\" and \\", "{\"$vt\":\"I2\"}", "\xe2\x82\xac"};
@@ -39,13 +41,13 @@ inline std::string randomText(std::mt19937_64& rng) {
     return s;
 }
 
-inline BSTR randomBstr(std::mt19937_64& rng) {  // one in eight is a null string
+BSTR randomBstr(std::mt19937_64& rng) {  // one in eight is a null string
     if (rng() % 8 == 0) return nullptr;
     std::string s = randomText(rng);
     return SysAllocStringLen(s.data(), uint32_t(s.size()));
 }
 
-inline double randomDouble(std::mt19937_64& rng) {
+double randomDouble(std::mt19937_64& rng) {
     switch (rng() % 9) {
     case 0: return 0.0;
     case 1: return -0.0;
@@ -64,7 +66,7 @@ inline double randomDouble(std::mt19937_64& rng) {
     }
 }
 
-inline void randomValueBits(std::mt19937_64& rng, VARTYPE t, void* out) {
+void randomValueBits(std::mt19937_64& rng, VARTYPE t, void* out) {
     uint64_t bits = rng();
     switch (rng() % 4) {  // bias towards limits
     case 0: bits = 0; break;
@@ -82,7 +84,7 @@ inline void randomValueBits(std::mt19937_64& rng, VARTYPE t, void* out) {
 
 // Scalars of every type (NaN, -0.0, limits, embedded NULs, non-UTF-8 bytes, null
 // strings) and arrays of every element type, nested up to `depth` arrays.
-inline void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out) {
+void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out) {
     VariantInit(out);
     bool array = depth > 0 && rng() % 3 == 0;
     if (!array) {
@@ -109,12 +111,78 @@ inline void RandomVariant(std::mt19937_64& rng, int depth, tagVARIANT* out) {
 
 // Same type, bits and bounds, recursively: two independent writers, each exact
 // to the bit, so a value one of them loses is still told apart by the other.
-inline bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::string* why = nullptr) {
+bool IdenticalVariants(const tagVARIANT& a, const tagVARIANT& b, std::string* why = nullptr) {
     const std::string ja = VariantToJson(a), jb = VariantToJson(b);
     if (ja == jb && Cab1Encoding(a).str() == Cab1Encoding(b).str()) return true;
     if (why) *why = ja + "\n  vs " + jb;
     return false;
 }
+
+std::string reprint(const std::string& text) {
+    CLocalVariant v;
+    std::string error;
+    if (!VariantFromJson(text, &v.get(), &error)) return "error: " + error;
+    return VariantToJson(v.get());
+}
+
+VARTYPE typeOf(const std::string& text) {
+    CLocalVariant v;
+    std::string error;
+    EXPECT_TRUE(VariantFromJson(text, &v.get(), &error)) << text << ": " << error;
+    return v.get().vt;
+}
+
+std::string readError(const std::string& text) {
+    CLocalVariant v;
+    std::string error;
+    EXPECT_FALSE(VariantFromJson(text, &v.get(), &error)) << text;
+    EXPECT_EQ(v.get().vt, VT_EMPTY);
+    return error;
+}
+
+std::string unhex(const std::string& h) {
+    std::string out;
+    for (size_t i = 0; i + 1 < h.size(); i += h[i] == ' ' ? 1 : 2)
+        if (h[i] != ' ') out.push_back(char(std::stoi(h.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
+std::string hex(const std::string& b) {
+    std::string out;
+    for (unsigned char c : b) out += "0123456789abcdef"[c >> 4] + std::string(1, "0123456789abcdef"[c & 15]);
+    return out;
+}
+
+std::string decodeError(const std::string& bytes) {
+    CLocalVariant v;
+    std::string error;
+    EXPECT_FALSE(Cab1Decode(bytes.data(), bytes.size(), &v.get(), &error)) << hex(bytes);
+    EXPECT_EQ(v.get().vt, VT_EMPTY);
+    // Arriving one byte per piece changes nothing, not even the message.
+    std::vector<Cab1Piece> pieces;
+    for (size_t i = 0; i < bytes.size(); ++i) pieces.push_back({bytes.data() + i, 1});
+    CLocalVariant w;
+    std::string piecewise;
+    EXPECT_FALSE(Cab1DecodePieces(pieces.data(), pieces.size(), &w.get(), &piecewise)) << hex(bytes);
+    EXPECT_EQ(w.get().vt, VT_EMPTY);
+    EXPECT_EQ(piecewise, error);
+    return error;
+}
+
+// Cuts `bytes` into up to five pieces at random places (empty pieces included).
+std::vector<Cab1Piece> randomPieces(std::mt19937_64& rng, const std::string& bytes) {
+    std::vector<size_t> cuts{0, bytes.size()};
+    for (int i = rng() % 5; i > 0; --i) cuts.push_back(bytes.empty() ? 0 : rng() % (bytes.size() + 1));
+    std::sort(cuts.begin(), cuts.end());
+    std::vector<Cab1Piece> pieces;
+    for (size_t i = 0; i + 1 < cuts.size(); ++i) pieces.push_back({bytes.data() + cuts[i], cuts[i + 1] - cuts[i]});
+    return pieces;
+}
+
+int g_released = 0;
+void countRelease(void*) { ++g_released; }
+
+}  // namespace
 
 TEST(VariantRuntime, CreateRefusesWhatItCannotHold) {
     SAFEARRAYBOUND b{4, 0}, huge{0xFFFFFFFFu, 0}, two[2] = {{2, 0}, {2, 0}};
@@ -167,7 +235,7 @@ TEST(VariantRuntime, StringsKeepLengthAndBytesAndArraysOfThemHonourBoundsAndCopy
     EXPECT_EQ(SafeArrayDestroy(strings), S_OK);
 }
 
-TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
+TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOutAndCopyRefusesWhatItCannotRepresent) {
     JsonVariant list("[null,null]"), inner("\"deep\"");
     CLocalVariant copy;
     int32_t i = 0;
@@ -192,23 +260,20 @@ TEST(VariantRuntime, VariantArraysCopyDeeplyInAndOut) {
     // Copying over a variant frees what it held.
     EXPECT_TRUE(VariantCopy(&copy.get(), &inner.get()) == S_OK && copy.get().vt == VT_BSTR);
     EXPECT_EQ(VariantCopy(&copy.get(), &copy.get()), S_OK);
-}
-
-TEST(VariantRuntime, CopyRefusesWhatItCannotRepresent) {
-    JsonVariant dst("\"kept\"");
+    // What cannot be copied is refused, and the target keeps its string.
     tagVARIANT src;
     VariantInit(&src);
     for (VARTYPE bad : {VARTYPE(VT_BYREF | VT_I4), VARTYPE(6), VARTYPE(VT_VARIANT), VARTYPE(99),
                         VARTYPE(VT_ARRAY | VT_EMPTY), VARTYPE(VT_ARRAY | VT_BYREF | VT_I4)}) {
         src.vt = bad;
-        EXPECT_LT(VariantCopy(&dst.get(), &src), 0) << bad;
-        EXPECT_EQ(dst.get().vt, VT_BSTR);  // untouched on failure
+        EXPECT_LT(VariantCopy(&inner.get(), &src), 0) << bad;
+        EXPECT_EQ(inner.get().vt, VT_BSTR);  // untouched on failure
     }
     // Clearing a by-reference variant frees nothing it does not own.
     src.vt = VT_BYREF | VT_BSTR;
-    src.bstrVal = dst.get().bstrVal;
+    src.bstrVal = inner.get().bstrVal;
     EXPECT_TRUE(VariantClear(&src) == S_OK && src.vt == VT_EMPTY);
-    EXPECT_STREQ(dst.get().bstrVal, "kept");
+    EXPECT_STREQ(inner.get().bstrVal, "deep");
 }
 
 TEST(VariantRuntime, RedimHonoursLocksZeroesNewElementsAndFreesDroppedOnes) {
@@ -232,32 +297,6 @@ TEST(VariantRuntime, RedimHonoursLocksZeroesNewElementsAndFreesDroppedOnes) {
     EXPECT_EQ(VariantToJson(list.get()), R"(["a",null,null])");
     EXPECT_TRUE(SafeArrayRedim(list.get().parray, &huge) < 0 && list.get().parray->rgsabound[0].cElements == 3u);
 }
-
-namespace {
-
-std::string reprint(const std::string& text) {
-    CLocalVariant v;
-    std::string error;
-    if (!VariantFromJson(text, &v.get(), &error)) return "error: " + error;
-    return VariantToJson(v.get());
-}
-
-VARTYPE typeOf(const std::string& text) {
-    CLocalVariant v;
-    std::string error;
-    EXPECT_TRUE(VariantFromJson(text, &v.get(), &error)) << text << ": " << error;
-    return v.get().vt;
-}
-
-std::string readError(const std::string& text) {
-    CLocalVariant v;
-    std::string error;
-    EXPECT_FALSE(VariantFromJson(text, &v.get(), &error)) << text;
-    EXPECT_EQ(v.get().vt, VT_EMPTY);
-    return error;
-}
-
-}  // namespace
 
 TEST(VariantJson, PlainJsonReadsAsTheNaturalTypes) {
     const std::pair<const char*, VARTYPE> types[] = {{"null", VT_EMPTY},    {"true", VT_BOOL},
@@ -349,52 +388,6 @@ TEST(VariantJson, TextRenderingIndentsAndShortens) {
     EXPECT_EQ(VariantTypeName(VT_ARRAY | VT_UI1), "VT_ARRAY|VT_UI1");
     EXPECT_EQ(VariantTypeName(99), "99");
 }
-
-namespace {
-
-std::string unhex(const std::string& h) {
-    std::string out;
-    for (size_t i = 0; i + 1 < h.size(); i += h[i] == ' ' ? 1 : 2)
-        if (h[i] != ' ') out.push_back(char(std::stoi(h.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
-std::string hex(const std::string& b) {
-    std::string out;
-    for (unsigned char c : b) out += "0123456789abcdef"[c >> 4] + std::string(1, "0123456789abcdef"[c & 15]);
-    return out;
-}
-
-std::string decodeError(const std::string& bytes) {
-    CLocalVariant v;
-    std::string error;
-    EXPECT_FALSE(Cab1Decode(bytes.data(), bytes.size(), &v.get(), &error)) << hex(bytes);
-    EXPECT_EQ(v.get().vt, VT_EMPTY);
-    // Arriving one byte per piece changes nothing, not even the message.
-    std::vector<Cab1Piece> pieces;
-    for (size_t i = 0; i < bytes.size(); ++i) pieces.push_back({bytes.data() + i, 1});
-    CLocalVariant w;
-    std::string piecewise;
-    EXPECT_FALSE(Cab1DecodePieces(pieces.data(), pieces.size(), &w.get(), &piecewise)) << hex(bytes);
-    EXPECT_EQ(w.get().vt, VT_EMPTY);
-    EXPECT_EQ(piecewise, error);
-    return error;
-}
-
-// Cuts `bytes` into up to five pieces at random places (empty pieces included).
-std::vector<Cab1Piece> randomPieces(std::mt19937_64& rng, const std::string& bytes) {
-    std::vector<size_t> cuts{0, bytes.size()};
-    for (int i = rng() % 5; i > 0; --i) cuts.push_back(bytes.empty() ? 0 : rng() % (bytes.size() + 1));
-    std::sort(cuts.begin(), cuts.end());
-    std::vector<Cab1Piece> pieces;
-    for (size_t i = 0; i + 1 < cuts.size(); ++i) pieces.push_back({bytes.data() + cuts[i], cuts[i + 1] - cuts[i]});
-    return pieces;
-}
-
-int g_released = 0;
-void countRelease(void*) { ++g_released; }
-
-}  // namespace
 
 TEST(Cab1, EncodesTheDocumentedBytes) {
     const std::pair<const char*, std::string> cases[] = {

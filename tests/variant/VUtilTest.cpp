@@ -1,6 +1,5 @@
-// VUtil: arrays as wholes (lengths, type checks, bytes, pairs, string maps,
-// return codes), the readers and writers of their elements, and the dates and
-// times of TimeUtils.
+// VUtil: arrays as wholes, the readers and writers of their elements, dates;
+// and the times of TimeUtils.
 #include <gtest/gtest.h>
 
 #include <climits>
@@ -138,7 +137,7 @@ TEST(VUtilBytes, ByteArraysOfAVariantArrayAndSlicesOfAByteArray) {
     EXPECT_EQ(VT_ARRAY | VT_UI1, empty.vt());
 }
 
-TEST(VUtilPairs, PutGetAndFindPairs) {
+TEST(VUtilPairs, PutGetFindPairsStringMapsAndCsv) {
     // ("Path", "/a"), empty, ("Count", 42), ("Flag", BOOL), ("Size", "17").
     Array list(VT_VARIANT, 5), strings(VT_BSTR, 2);
     tagVARIANT& l = list.get();
@@ -174,21 +173,17 @@ TEST(VUtilPairs, PutGetAndFindPairs) {
         {[&] { VUtil::FindPairNoCase(notList.get(), "a", value); }, notAList},
         {[&] { VUtil::FindPairNoCase(notList.get(), "a", count); }, notAList},
         {[&] { VUtil::FindPairNoCase(notList.get(), "a", found); }, notAList},
+        {[&] { VUtil::toStringMap(strings.get(), false); }, "Variant passed to VUtil::toStringAMap is not an array"},
     });
-}
-
-TEST(VUtilPairs, StringMapsAndCsv) {
-    Array list(VT_VARIANT, 3);
-    VUtil::PutPair(list.get(), 0, "a", CStdStr("1"));
-    VUtil::PutPair(list.get(), 2, "A", CStdStr("2"));
-    EXPECT_EQ((VUtil::StringMap{{"a", "2"}}), VUtil::toStringMap(list.get(), true));
-    EXPECT_EQ((VUtil::StringMap{{"A", "2"}, {"a", "1"}}), VUtil::toStringAMap(list.get(), false));
+    // String maps: the later of two names that differ in case wins when case is ignored.
+    Array pairs(VT_VARIANT, 3);
+    VUtil::PutPair(pairs.get(), 0, "a", CStdStr("1"));
+    VUtil::PutPair(pairs.get(), 2, "A", CStdStr("2"));
+    EXPECT_EQ((VUtil::StringMap{{"a", "2"}}), VUtil::toStringMap(pairs.get(), true));
+    EXPECT_EQ((VUtil::StringMap{{"A", "2"}, {"a", "1"}}), VUtil::toStringAMap(pairs.get(), false));
     EXPECT_TRUE(VUtil::toStringMap(Array(VT_VARIANT, 0).get(), false).empty());
-    Array strings(VT_BSTR, 1);
-    EXPECT_INVALID(VUtil::toStringMap(strings.get(), false), "Variant passed to VUtil::toStringAMap is not an array");
-    EXPECT_INVALID(VUtil::toStringAMap(strings.get(), true), "Variant passed to VUtil::toStringAMap is not an array");
-    VUtil::PutElement(list.get(), 1, 5L);  // not a pair: the whole map fails
-    EXPECT_INVALID(VUtil::toStringMap(list.get(), false), "Not an array of variant or string");
+    VUtil::PutElement(pairs.get(), 1, 5L);  // not a pair: the whole map fails
+    EXPECT_INVALID(VUtil::toStringMap(pairs.get(), false), "Not an array of variant or string");
     VUtil::PutElement(strings.get(), 0, " a,,b , c ");
     EXPECT_EQ((std::vector<CStdStr>{"a", "b", "c"}), VUtil::GetCSVElement(strings.get(), 0));
     VUtil::PutElement(strings.get(), 0, ", ,");
@@ -229,19 +224,6 @@ T element(const tagVARIANT& v, int i, T start) {
     return start;
 }
 
-TEST(VUtilReaders, StrictReadersTakeExactlyTheirTypedArray) {
-    JsonVariant i4(R"({"$vt":"I4[]","v":[-5]})"), ui4(R"({"$vt":"UI4[]","v":[4294967280]})"),
-        strings(R"({"$vt":"BSTR[]","v":["abc",null]})");
-    long asLong = 0;
-    EXPECT_EQ(-5L, element(i4.get(), 0, 0x7777777777L));  // all 64 bits must be replaced
-    EXPECT_EQ(-5, element(i4.get(), 0, 0));
-    EXPECT_EQ(0xFFFFFFF0UL, element(ui4.get(), 0, ~0UL));
-    EXPECT_EQ("abc", element(strings.get(), 0, CStdStr("old")));
-    EXPECT_EQ("", element(strings.get(), 1, CStdStr("old")));  // never set: null string
-    for (int outside : {1, -1})
-        EXPECT_INVALID(VUtil::GetElement(i4.get(), outside, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
-}
-
 TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
     JsonVariant list(R"([-7, null, "text", 2.5, {"$vt":"R4","v":1.5}, true, {"$vt":"I2","v":3},
         {"$vt":"UI2","v":0}, {"$vt":"DATE","v":25569.5}, {"$vt":"NULL"}, {"$vt":"BSTR","v":null}, 0])");
@@ -280,7 +262,7 @@ TEST(VUtilReaders, ConvertingReadersOnAVariantArray) {
                     {[&] { VUtil::GetDateElement(l, 3); }, "Element is not a date"}});
 }
 
-TEST(VUtilTypedArrays, WritersKeepValuesReadersConvertAndFailedStoresChangeNothing) {
+TEST(VUtilTypedArrays, WritersKeepValuesReadersConvertOrTakeTheirTypeExactlyAndFailedStoresChangeNothing) {
     Array doubles(VT_R8, 1);
     VUtil::PutElement(doubles.get(), 0, 0.1);
     EXPECT_TRUE(VUtil::GetFloatElement(doubles.get(), 0) == 0.1f && VUtil::GetDoubleElement(doubles.get(), 0) == 0.1);
@@ -314,6 +296,16 @@ TEST(VUtilTypedArrays, WritersKeepValuesReadersConvertAndFailedStoresChangeNothi
     EXPECT_EQ("", VUtil::GetStringElement(strings.get(), 1));
     EXPECT_INVALID(VUtil::PutElement(strings.get(), 5, "x"), "SafeArrayPutElement failed");
     EXPECT_EQ("second", VUtil::GetStringElement(strings.get(), 0));
+    // The strict readers take exactly their typed array.
+    JsonVariant ui4(R"({"$vt":"UI4[]","v":[4294967280]})");
+    long asLong = 0;
+    EXPECT_EQ(-3L, element(i4.get(), 0, 0x7777777777L));  // all 64 bits must be replaced
+    EXPECT_EQ(9, element(i4.get(), 1, 0));
+    EXPECT_EQ(0xFFFFFFF0UL, element(ui4.get(), 0, ~0UL));
+    EXPECT_EQ("second", element(strings.get(), 0, CStdStr("old")));
+    EXPECT_EQ("", element(strings.get(), 1, CStdStr("old")));  // never set: null string
+    for (int outside : {2, -1})
+        EXPECT_INVALID(VUtil::GetElement(i4.get(), outside, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
 }
 
 // Every reader and writer refuses an array of another type with its own text.
@@ -439,7 +431,7 @@ TEST_F(TimeUtilsTest, VariantDatesPassOnTheThreeLowBits) {
     EXPECT_EQ(std::vector<CStdStr>{"FormatTime(Variant) failed"}, log->lines);
 }
 
-TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSeconds) {
+TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSecondsAndParseIntClamps) {
     EXPECT_EQ(k20080304050607, TimeUtils::GetTime2("2008-03-04 05:06:07"));
     EXPECT_EQ(k20080304050607, TimeUtils::GetTime(CStdStr("03/04/2008 05:06:07")));
     EXPECT_EQ(k20080304050607, TimeUtils::GetTime3("20080304050607"));
@@ -463,17 +455,14 @@ TEST_F(TimeUtilsTest, ThreeLayoutsParseToTheSameSeconds) {
     TimeUtils::GetTime(CStdStr(""));
     TimeUtils::GetTime(CStdStr("not a time at all"));
     EXPECT_TRUE(log->lines.empty());
-}
-
-TEST(TimeUtilsParseInt, ClampsAndConverts) {
-    // offset, length, the number; "-" alone is 0.
+    // ParseInt: offset, length, the number; "-" alone is 0.
     const int cases[][3] = {{0, 4, 2008}, {5, 2, 3},   {-3, 2, 20}, {0, -1, 0}, {10, 2, 0},
                             {400, 2, 0},  {8, 100, 4}, {4, 1, 0},   {4, 3, -3}};
     for (const auto& c : cases) EXPECT_EQ(c[2], TimeUtils::ParseInt("2008-03-04", c[0], c[1])) << c[0] << " " << c[1];
     EXPECT_EQ(INT_MAX, TimeUtils::ParseInt("99999999999999999999", 0, 20));
 }
 
-TEST_F(TimeUtilsTest, Formatters) {
+TEST_F(TimeUtilsTest, FormattersAndTimeZone) {
     const long t = k20080304050607;
     CStdStr out = "old";
     TimeUtils::FormatTime(out, t);
@@ -495,9 +484,6 @@ TEST_F(TimeUtilsTest, Formatters) {
     EXPECT_TIME_FAILURE(TimeUtils::FormatTime4(LONG_MAX), "FormatTime4: Localtime failed");
     EXPECT_TIME_FAILURE(TimeUtils::FormatFilenameDate(LONG_MAX), "FormatFilenameDate: Localtime failed");
     EXPECT_TIME_FAILURE(TimeUtils::FormatUniversal(LONG_MAX), "FormatTime: Localtime failed");
-}
-
-TEST_F(TimeUtilsTest, TimeZone) {
     // The last zone is in daylight saving all year: standard offset and the flag.
     const std::tuple<const char*, long, bool, long> zones[] = {{"UTC", 0, false, 0},
                                                                {"JST-9", -540, false, -32400},
