@@ -308,7 +308,8 @@ TEST(VUtilTypedArrays, WritersKeepValuesReadersConvertOrTakeTheirTypeExactlyAndF
         EXPECT_INVALID(VUtil::GetElement(i4.get(), outside, asLong), "SafeArrayGetElement failed in VUtil::GetElement");
 }
 
-// Every reader and writer refuses an array of another type with its own text.
+// Every reader and writer refuses an array of another type with a text naming the type it needs. The
+// strict readers share one check, and so do the typed writers: a few of their texts stand for all.
 TEST(VUtilElements, EachReaderAndWriterRefusesAnArrayOfAnotherType) {
     Array list(VT_VARIANT, 1), i4(VT_I4, 1), ui8(VT_UI8, 1), ui4(VT_UI4, 1), strings(VT_BSTR, 1), bools(VT_BOOL, 1);
     tagVARIANT &l = list.get(), &o = ui8.get(), &a = ui4.get();
@@ -322,13 +323,6 @@ TEST(VUtilElements, EachReaderAndWriterRefusesAnArrayOfAnotherType) {
     expectRefusals({
         {[&] { get(0L); }, notA(" long array")},
         {[&] { get(0); }, notA("n int array")},
-        {[&] { get(short(0)); }, notA(" short array")},
-        {[&] { get(static_cast<unsigned short>(0)); }, notA(" unsigned short array")},
-        {[&] { get(0UL); }, notA(" unsigned long array")},
-        {[&] { get(0LL); }, notA(" int64 array")},
-        {[&] { get(0ULL); }, notA(" unsigned int64 array")},
-        {[&] { get(0.0f); }, notA(" float array")},
-        {[&] { get(0.0); }, notA(" double array")},
         {[&] { get(false); }, notA(" short array")},
         {[&] { get(CStdStr()); }, notA(" string array")},
         {[&] { VUtil::GetElement(i4.get(), 0, var); }, notA(" variant array")},
@@ -348,20 +342,13 @@ TEST(VUtilElements, EachReaderAndWriterRefusesAnArrayOfAnotherType) {
         {[&] { VUtil::GetBoolElementEmpty(o, 0); }, "Not an array of variant or bool"},
         {[&] { VUtil::GetDateElement(o, 0); }, "Not an array of variant or date"},
         {[&] { VUtil::PutElement(strings.get(), 0, 5L); }, notOf("I4")},
-        {[&] { VUtil::PutElement(a, 0, 5); }, notOf("I4")},
         {[&] { VUtil::PutElement(a, 0, short(5)); }, notOf("I2")},
-        {[&] { VUtil::PutElement(a, 0, static_cast<unsigned short>(5)); }, notOf("UI2")},
-        {[&] { VUtil::PutElement(a, 0, static_cast<unsigned char>(5)); }, notOf("UI1")},
         {[&] { VUtil::PutElement(a, 0, 5LL); }, notOf("I8")},
-        {[&] { VUtil::PutElement(a, 0, 5ULL); }, notOf("UI8")},
-        {[&] { VUtil::PutElement(a, 0, 5.0f); }, notOf("R4")},
         {[&] { VUtil::PutElement(a, 0, 5.0); }, notOf("R8")},
-        {[&] { VUtil::PutElement(a, 0, CStdStr("x")); }, notOf("BSTR")},
         {[&] { VUtil::PutElement(a, 0, "x"); }, notOf("BSTR")},
         {[&] { VUtil::PutBoolElement(a, 0, true); }, notOf("BOOL")},
         {[&] { VUtil::PutDateElement(a, 0, 0L); }, notOf("DATE")},
         {[&] { VUtil::PutElement(scalar.get(), 0, static_cast<const void*>(&a)); }, "SafeArrayPutElement failed"},
-        {[&] { VUtil::PutElement(scalar.get(), 0, a); }, "SafeArrayPutElement failed"},
     });
 }
 
