@@ -1,6 +1,5 @@
-// Variants: the runtime (strings, arrays, copies, locks), the JSON form
-// (natural types, typed forms, dates, errors named by path) and the CAB1 wire
-// form, over documented bytes, generated values and hostile input.
+// Variants: the runtime (strings, arrays, copies, locks), the JSON form (natural types, typed forms, dates,
+// errors named by path) and the CAB1 wire form, over documented bytes, generated values and hostile input.
 #include <gtest/gtest.h>
 
 #include <algorithm>

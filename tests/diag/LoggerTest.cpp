@@ -1,6 +1,5 @@
-// The logger: line format (credentials masked), levels (also as kivctl writes them), rotation (also by
-// another process), lost files and folders created again, several threads and processes on one file,
-// and the modes of the logs folder, log files, the data folder and CrashReports.
+// The logger: line format (credentials masked), levels (also as kivctl writes them), rotation (also by another
+// process), lost files and folders, threads and processes on one file, the modes of what it creates.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -22,8 +21,7 @@
 
 namespace {
 
-// Each test gets its own KIV_ROOT (so its own logs folder and errors.log) and XDG_CONFIG_HOME (its own
-// LogLevel setting).
+// Each test gets its own KIV_ROOT (logs folder, errors.log) and XDG_CONFIG_HOME (LogLevel setting).
 class LoggerTest : public ::testing::Test {
 protected:
     std::string logs() const { return m_dir.path() + "/root/Library/Logs/KivFoundry"; }
