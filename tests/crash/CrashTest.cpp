@@ -24,18 +24,12 @@
 
 namespace {
 
-struct ChildResult {
-    int status = -1;     // the shell's: 128 + the signal's number when a signal ended the program
-    std::string output;  // standard output and error together
-};
-
-// Runs argv through the shell after the assignments `env` ("A=1 B=2"), with its output.
-ChildResult runProgram(const std::vector<std::string>& argv, const std::string& env = "") {
+// Runs argv through the shell after the assignments `env` ("A=1 B=2"): standard output and error together,
+// and in *status the shell's (128 + the signal's number when a signal ended the program).
+std::string runProgram(const std::vector<std::string>& argv, int* status, const std::string& env = "") {
     std::string command = env;
     for (const std::string& a : argv) command += " " + kivtest::shellQuoted(a);
-    ChildResult result;
-    result.output = kivtest::runCommand(command + " 2>&1", &result.status);
-    return result;
+    return kivtest::runCommand(command + " 2>&1", status);
 }
 
 // The lines recorded by the stand-in reporter, without their "<" ">" frame.
@@ -68,12 +62,14 @@ protected:
         argv.insert(argv.end(), extra.begin(), extra.end());
         // The sanitizers leave crash signals to the program; the reporter run after the dump allocates
         // inside the signal handler by design.
-        ChildResult r = runProgram(argv,
-                                   "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
-                                       " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
-                                       "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
-                                       " TSAN_OPTIONS=report_signal_unsafe=0");
-        EXPECT_EQ(0, r.status) << mode << "\n" << r.output;
+        int status = -1;
+        const std::string output =
+            runProgram(argv, &status,
+                       "KIV_RECORD_FILE=" + kivtest::shellQuoted(recordFile) +
+                           " ASAN_OPTIONS=handle_segv=0:handle_sigbus=0:handle_abort=0:handle_sigill=0:"
+                           "handle_sigfpe=0:detect_leaks=0:use_sigaltstack=0 UBSAN_OPTIONS=halt_on_error=1"
+                           " TSAN_OPTIONS=report_signal_unsafe=0");
+        EXPECT_EQ(0, status) << mode << "\n" << output;
         std::vector<std::string> dumps;
         for (const auto& e : std::filesystem::directory_iterator(dumpDir))
             if (e.path().extension() == ".dmp") dumps.push_back(e.path().string());
@@ -82,7 +78,7 @@ protected:
         std::string dump = dumps[0], id = std::filesystem::path(dump).stem().string();
         EXPECT_TRUE(id.size() == 36 && id[14] == '4') << "not a random UUID: " << id;
         expectedArguments.insert(expectedArguments.begin(), {dump, "CrashProgram"});
-        EXPECT_EQ(expectedArguments, recordedArguments(recordFile)) << r.output;
+        EXPECT_EQ(expectedArguments, recordedArguments(recordFile)) << output;
         std::string fatal = "[FATAL] - CrashProgram - crash of CrashProgram. minidump generated as " + dump + " (" +
                             std::to_string(std::filesystem::file_size(dump) / 1024) + "kB)";
         EXPECT_NE(std::string::npos, kivtest::readFile(errorsLogPath()).find(fatal))
@@ -294,13 +290,14 @@ TEST_F(CrashPaths, TheDumpReaderRefusesTruncatedAndGarbledFiles) {
 }
 
 TEST(CrashReporter, RefusesBadCommandLinesAndFilesDamagedDumpsWithTheReason) {
-    EXPECT_EQ(64, runProgram({CRASH_REPORTER}).status);
-    EXPECT_EQ(64, runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}).status);
-    ChildResult help = runProgram({CRASH_REPORTER, "--help"});
-    EXPECT_TRUE(help.status == 0 && help.output.find("usage: KivCrashReporter") != std::string::npos);
-    ChildResult missing = runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"});
-    EXPECT_EQ(2, missing.status);
-    EXPECT_NE(std::string::npos, missing.output.find("refused to file /nonexistent/x.dmp")) << missing.output;
+    int status = -1;
+    EXPECT_EQ(64, (runProgram({CRASH_REPORTER}, &status), status));
+    EXPECT_EQ(64, (runProgram({CRASH_REPORTER, "/x.dmp", "App", "-appData"}, &status), status));
+    EXPECT_NE(std::string::npos, runProgram({CRASH_REPORTER, "--help"}, &status).find("usage: KivCrashReporter"));
+    EXPECT_EQ(0, status);
+    const std::string missing = runProgram({CRASH_REPORTER, "/nonexistent/x.dmp", "App"}, &status);
+    EXPECT_EQ(2, status);
+    EXPECT_NE(std::string::npos, missing.find("refused to file /nonexistent/x.dmp")) << missing;
     // On another file system where there is one (/dev/shm), so it is copied rather than renamed.
     kivtest::TempDir tmp("reporterbad");
     std::string name = "kivbad-" + std::to_string(getpid()) + ".dmp", folder = tmp.path() + "/reports";

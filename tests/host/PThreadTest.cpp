@@ -26,9 +26,8 @@ struct Counter {
 
 }  // namespace
 
-// init() returns once the thread runs, even when the delegate ends at once, and a PThread destroyed
-// right away leaves the thread to free its own record. Many, to give the handshake a chance to fail.
-// A joined thread gives back its delegate's result.
+// init() returns once the thread runs, even when the delegate ends at once, and a PThread destroyed right
+// away leaves the thread to free its own record (many, to give the handshake a chance to fail). join() too.
 TEST(PThread, HandshakeUnderLoadDestroyRightAfterInitAndJoin) {
     Counter c;
     const int kThreads = 400;
