@@ -29,20 +29,15 @@ const VARTYPE kScalars[] = {VT_EMPTY, VT_NULL, VT_I1, VT_UI1, VT_I2, VT_UI2,  VT
 const VARTYPE kElements[] = {VT_I1,  VT_UI1, VT_I2, VT_UI2,  VT_I4,   VT_UI4,  VT_I8,
                              VT_UI8, VT_R4,  VT_R8, VT_DATE, VT_BSTR, VT_BOOL, VT_VARIANT};
 
-std::string randomText(std::mt19937_64& rng) {
+BSTR randomBstr(std::mt19937_64& rng) {  // one in eight is a null string
+    if (rng() % 8 == 0) return nullptr;
     // Empty, a blank, UTF-8, bytes that are not UTF-8, a NUL, JSON's escapes, what looks like a typed value.
     static const char* samples[] = {"",        "a b",       "caf\xc3\xa9",      "\xff\xfe raw",
                                     "nul\0in", "\" and \\", "{\"$vt\":\"I2\"}", "\xe2\x82\xac"};
     size_t pick = rng() % 9;
-    if (pick < 8) return std::string(samples[pick], pick == 4 ? 6 : strlen(samples[pick]));
+    if (pick < 8) return SysAllocStringLen(samples[pick], pick == 4 ? 6 : uint32_t(strlen(samples[pick])));
     std::string s(rng() % 40, '\0');
     for (auto& c : s) c = char(rng());
-    return s;
-}
-
-BSTR randomBstr(std::mt19937_64& rng) {  // one in eight is a null string
-    if (rng() % 8 == 0) return nullptr;
-    std::string s = randomText(rng);
     return SysAllocStringLen(s.data(), uint32_t(s.size()));
 }
 
