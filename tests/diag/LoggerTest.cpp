@@ -116,24 +116,6 @@ TEST_F(LoggerTest, MemberFormsDropWhileUnsetStaticFormsDoNot) {
         EXPECT_NE(std::string::npos, text.find(s)) << s;
 }
 
-TEST_F(LoggerTest, NoLogsFolderIsReportedAndHarmless) {
-    // KIV_ROOT names a regular file, so the logs folder cannot exist.
-    kivtest::writeFile(m_dir.path() + "/file", "x");
-    setenv("KIV_ROOT", (m_dir.path() + "/file").c_str(), 1);
-    testing::internal::CaptureStdout();
-    {
-        CBBLog log("nowhere.log", false, 524288);
-        log.setLogLevel(LOGLEVEL_DEBUG);
-        log.AddLog(LOGLEVEL_FATAL, "nothing");  // for both files
-        EXPECT_TRUE(log.getFileSize() == -1 && log.flush(60000));
-    }
-    std::string out = testing::internal::GetCapturedStdout();
-    EXPECT_TRUE(out.find("Error: could not open log file '") != std::string::npos &&
-                out.find("Error: could not open error log file '") != std::string::npos &&
-                out.find("nothing") == std::string::npos)
-        << out;
-}
-
 std::string raw(int n) {  // exactly 100 bytes, line end included
     std::string s = "line " + std::to_string(1000 + n) + " ";
     return s + std::string(99 - s.size(), '.') + "\n";
@@ -169,7 +151,7 @@ TEST_F(LoggerTest, RotatesAtTheLimitReplacingTheOldBackupAndReopensAfterAnotherP
     EXPECT_EQ("theirs\nmine after\n", kivtest::readFile(path));
 }
 
-TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgain) {
+TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgainAndNoFolderIsReportedAndHarmless) {
     std::string path = logs() + "/gone.log";
     CBBLog log("gone.log", false, 524288);
     log.setLogLevel(LOGLEVEL_DEBUG);
@@ -195,6 +177,21 @@ TEST_F(LoggerTest, DeletedFileAndFolderAreCreatedAgain) {
     log.AddLog(LOGLEVEL_FATAL, "fifth");
     ASSERT_TRUE(log.flush(60000));
     EXPECT_NE(std::string::npos, kivtest::readFile(logs() + "/errors.log").find("fifth"));
+    // KIV_ROOT names a regular file, so the logs folder cannot exist: reported, and harmless.
+    kivtest::writeFile(m_dir.path() + "/file", "x");
+    setenv("KIV_ROOT", (m_dir.path() + "/file").c_str(), 1);
+    testing::internal::CaptureStdout();
+    {
+        CBBLog nowhere("nowhere.log", false, 524288);
+        nowhere.setLogLevel(LOGLEVEL_DEBUG);
+        nowhere.AddLog(LOGLEVEL_FATAL, "nothing");  // for both files
+        EXPECT_TRUE(nowhere.getFileSize() == -1 && nowhere.flush(60000));
+    }
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_TRUE(out.find("Error: could not open log file '") != std::string::npos &&
+                out.find("Error: could not open error log file '") != std::string::npos &&
+                out.find("nothing") == std::string::npos)
+        << out;
 }
 
 TEST_F(LoggerTest, DestructorDrainsAndThreadsDoNotTearLines) {
