@@ -73,7 +73,6 @@ protected:
         for (auto& s : servers) u += (u.empty() ? "" : ",") + s->url();
         return u;
     }
-    // The index of the server listening on the port in `url`; -1 if none.
     int indexOf(const std::string& url) const {
         for (size_t i = 0; i < servers.size(); ++i)
             if (url == servers[i]->url()) return (int)i;
@@ -104,8 +103,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     ASSERT_TRUE(proxy.process.waitUntilServing(*onA));
     ASSERT_TRUE(proxy.process.waitUntilServing(*onB));
 
-    // Two requests held in the proxy's handlers: one sent through the proxy's
-    // own server, one through another.
+    // Two requests held in the proxy's handlers: one sent through the proxy's own server, one through another.
     const std::string group = "[[\"EchoA\",\"Hold\",0]]";
     struct Outcome {
         int status = 1;
@@ -148,7 +146,6 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     int64_t failoverMs = msSince(t0);
     ta.join();
     tb.join();
-    printf("failover after SIGKILL of the proxy's server: serving again after %lld ms\n", (long long)failoverMs);
     EXPECT_LT(failoverMs, 20000);  // bounds far below the 60 s request time-out
     // The requester on the dead server hears of it at once.
     EXPECT_EQ(CAB_E_CONNECTION_LOST, viaA.status) << CabStatusName(viaA.status);
@@ -194,9 +191,8 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
     for (int i = 0; i < 64 && seen.size() < 2; ++i) seen.insert(dataFolderOf(i % 2 ? *c0 : *c2, kProxy));
     EXPECT_EQ((std::set<std::string>{folderA, folderB}), seen);
 
-    // A proxy's requests to its own host-scoped name run inline, as those to
-    // its plain name do: so they are refused past 16 nested calls instead of
-    // taking a worker each.
+    // Requests to its own host-scoped name run inline, as to its plain name: refused past 16
+    // nested calls instead of taking a worker each.
     std::string nested = "[[\"VorpaMediaProxy@alpha\",\"GetKivDataFolder\",null]]";
     for (int i = 0; i < 18; ++i) nested = "[[\"VorpaMediaProxy@Alpha\",\"MultiRequest\"," + nested + "]]";
     CLocalVariant out;

@@ -202,10 +202,8 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     }
 }
 
-// Every "kivctl call" example of docs/services.md, run against the proxy with
-// the two files the reference describes: the same status, and the same answer
-// unless the example says it varies (then the same kind of answer). The
-// GenerateCrash example comes last.
+// Every "kivctl call" example of docs/services.md, with the files it describes: the same
+// status, and the same answer unless the example says it varies (then the same kind).
 TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     kivtest::writeFile(data.file("hello.txt"), "hello, world\n");
@@ -233,9 +231,8 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         int exit = -1;
         const std::string errors = data.file("stderr");
         std::string out = kivtest::runCommand(command + " 2>" + errors, &exit);
-        if (example.find("GenerateCrash") != std::string::npos) {  // said as soon as the proxy is gone
+        if (example.find("GenerateCrash") != std::string::npos)  // said as soon as the proxy is gone
             EXPECT_THAT(kivtest::readFile(errors), HasSubstr("VorpaMediaProxy ended during the request"));
-        }
         replaceAll(&out, root, "");
         const nlohmann::json got = nlohmann::json::parse(out, nullptr, false);
         const nlohmann::json want = nlohmann::json::parse(expected, nullptr, false);
@@ -243,7 +240,6 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         ASSERT_FALSE(got.is_discarded()) << out;
         const int status = want["status"].get<int>();
         EXPECT_EQ(exit, status == 0 ? 0 : CabIsLibraryStatus(status) ? 2 : 1);
-        // Archives the examples made are removed again.
         const nlohmann::json& made = got["out"].is_array() && !got["out"].empty() ? got["out"][0] : got["out"];
         if (made.is_string() && made.get<std::string>().rfind("/tmp/file", 0) == 0)
             std::remove(made.get<std::string>().c_str());
