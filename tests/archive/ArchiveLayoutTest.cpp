@@ -21,8 +21,7 @@ TEST(PathTree, EntryNamesAndHeaderEstimate) {
         {{}, {}},
         // Slash paths are stored flat by name.
         {{"/a/b/c.txt", "/a/b/d.txt", "/a/x.txt", "nofolder"}, {"c.txt", "d.txt", "x.txt", "noname"}},
-        // Backslash parents group files, in any case; a path sharing only more
-        // than the first folder is grouped under the common folder.
+        // Backslash parents group files, in any case, under the folder they share past the first.
         {{"/base/data/set\\one.txt", "/base/data/set\\two.txt", "/other/four.txt", "/BASE/DATA/set\\Five.txt",
           "/r/x\\y/set\\one.txt", "/r/x\\y/deep\\two.txt"},
          {"set/set\\one.txt", "set/set\\two.txt", "four.txt", "set/set\\Five.txt", "x\\y/set/set\\one.txt",

@@ -65,9 +65,8 @@ TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
     EXPECT_FALSE(grow(*budget, held, "other", 1));
 }
 
-// A served request's ledger holds what its handler, its inline calls (child
-// ledgers that only count) and its helper threads reserve, until it is
-// handed on; what does not fit is refused and leaves nothing behind.
+// A request's ledger holds what its handler, its inline calls (child ledgers that only count)
+// and its helper threads reserve, until handed on; what does not fit leaves nothing behind.
 TEST(MemoryBudget, ALedgerHoldsWhatEveryThreadOfItsRequestReservedUntilHandedOn) {
     auto budget = std::make_shared<CabMemoryBudget>(2 << 20);  // alone: 1 MiB
     CabMemoryBudget::Reservation answer;

@@ -86,9 +86,8 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     }
 }
 
-// One handler at a time and 20 ms each: most requests still wait in the
-// satellite when it starts to leave, and every one is answered (beyond the
-// cap requests wait; they are not refused).
+// One handler at a time and 20 ms each: most requests still wait in the satellite when it
+// starts to leave, and every one is answered (beyond the cap requests wait, not refused).
 TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     EchoSatellite slow;
     slow.setMaxHandlers(1);

@@ -74,8 +74,7 @@ TEST(FolderListing, HiddenFoldersFilesExtensionsAndRecursion) {
     EXPECT_TRUE(missing.entries.empty());
 }
 
-// Every field of a file, by a table; the fields that look at the disk for a
-// folder and a missing file.
+// Every field of a file; those that look at the disk for a folder and a missing file.
 TEST(FieldValues, EveryFieldOfAnEntry) {
     kivtest::TempDir dir;
     const std::string song = dir.file("Song.Mp3");
