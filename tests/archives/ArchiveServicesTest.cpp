@@ -375,9 +375,8 @@ TEST_F(ArchiveServicesTest, ArchivesLeftByAKilledRunAreRemovedAtStart) {
     if (!outside.empty()) fs::remove_all(outside);
 }
 
-// Readers of a pending archive hold at most ArchiveThreads::kMaxWaiters
-// handlers: the others are answered at once as at the deadline. The satellite
-// stopping abandons the archive being written at once and ends their wait.
+// Readers of a pending archive hold at most ArchiveThreads::kMaxWaiters handlers: the others are answered at once as at
+// the deadline. The satellite stopping abandons the archive being written at once and ends their wait.
 TEST_F(ArchiveServicesTest, FewReadersWaitForAPendingArchiveAndStoppingAbandonsItAtOnce) {
     // 8 GiB of zeros, sparse: deflating it takes far longer than this test.
     const std::string huge = dir.file("huge.bin");

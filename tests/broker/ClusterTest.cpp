@@ -1,6 +1,5 @@
-// The directory as a cluster: three nats-server processes on loopback joined
-// by routes, with the real proxy: failover after SIGKILL of the proxy's
-// server, and one proxy per host addressed by host name.
+// The directory as a cluster: three nats-server processes on loopback joined by routes, with the real proxy: failover
+// after SIGKILL of the proxy's server, and one proxy per host addressed by host name.
 #include <signal.h>
 
 #include <chrono>

@@ -1,6 +1,5 @@
-// How served requests reach their handlers: concurrently within one service,
-// answered CAB_E_CANCELLED when the satellite leaves (running or still
-// queued), and gone with a removed service.
+// How served requests reach their handlers: concurrently within one service, answered CAB_E_CANCELLED when the
+// satellite leaves (running or still queued), and gone with a removed service.
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -65,9 +64,8 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
         status = call("Gate", "Hold", "null", out.ptr());
     });
     ASSERT_TRUE(gate.waitHolding(1));
-    // The others wait, in their subscriptions or taken by their leaders: the
-    // one handler allowed is busy, whichever service they ask for.
-    // After the flush's round trip the server has routed it to the satellite.
+    // The others wait, in their subscriptions or taken by their leaders: the one handler allowed is busy, whichever
+    // service they ask for. After the flush's round trip the server has routed it to the satellite.
     kivtest::RawInbox answers(server.url(), "queued.answer");
     ASSERT_TRUE(answers.ok());
     for (int i = 0; i < 2 * kServices; ++i)

@@ -1,6 +1,5 @@
-// A 1 GiB answer (256 MiB under sanitizers) from an echo satellite in its own
-// process: it arrives whole, the serving process grows by little more than
-// the answer it holds, and the directory stays small and reports no slow consumer.
+// A 1 GiB answer (256 MiB under sanitizers) from an echo satellite in its own process: it arrives whole, the serving
+// process grows by little more than the answer it holds, and the directory stays small and reports no slow consumer.
 #include <gmock/gmock.h>
 #include <signal.h>
 

@@ -23,9 +23,8 @@ bool grow(CabMemoryBudget& budget, std::vector<CabMemoryBudget::Reservation>& he
 
 }  // namespace
 
-// A caller may hold limit / (N + 1) with N callers holding memory, itself
-// included: alone half, so a second caller always finds room while the first
-// keeps everything it may take; a third gets what is left.
+// A caller may hold limit / (N + 1) with N callers holding memory, itself included: alone half, so a second caller
+// always finds room while the first keeps everything it may take; a third gets what is left.
 TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
     auto budget = std::make_shared<CabMemoryBudget>(1200);
     std::vector<CabMemoryBudget::Reservation> held;

@@ -101,9 +101,8 @@ TEST(FieldValues, EveryFieldOfAnEntry) {
     EXPECT_EQ(CFileTools(dir.file("gone")).getFieldValue("size"), "0");
 }
 
-// Four files and two folders by every key, folders first ("?" is either
-// folder: they have no size). Only the first key counts; an unknown key sorts
-// by title and answers 0. Bytes above 127 ("ete" in UTF-8) sort before ASCII.
+// Four files and two folders by every key, folders first ("?" is either folder: they have no size). Only the first key
+// counts; an unknown key sorts by title and answers 0. Bytes above 127 ("ete" in UTF-8) sort before ASCII.
 TEST(SortFiles, EveryKeyKeepsFoldersFirst) {
     kivtest::TempDir dir;
     std::vector<std::unique_ptr<CFileTools>> owned;

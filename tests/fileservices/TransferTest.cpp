@@ -309,11 +309,10 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     EXPECT_TRUE(std::filesystem::is_empty(out.path()));
 }
 
-// Answers nobody takes (last in this program: its settings stay): one caller
-// asks for whole 1 GiB files, never grants credit and then goes away. The proxy
-// holds each answer's window only, keeps its workers free, refuses that caller's
-// answers past its share of maxAnswerBytes with CAB_E_BUSY while another caller
-// still finds room, and frees everything after the credit time-out.
+// Answers nobody takes (last in this program: its settings stay): one caller asks for whole 1 GiB files, never grants
+// credit and then goes away. The proxy holds each answer's window only, keeps its workers free, refuses that caller's
+// answers past its share of maxAnswerBytes with CAB_E_BUSY while another caller still finds room, and frees everything
+// after the credit time-out.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
 // A raw "GetFile" request of the caller "greedy" for the whole of `path`, answered to `reply`.

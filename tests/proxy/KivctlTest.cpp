@@ -136,8 +136,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     EXPECT_THAT(since, Not(HasSubstr("VT_EMPTY"))) << "an ordinary CreateZip warns of nothing";
 }
 
-// Crash reports: found under KIV_ROOT, or in the var/root of a checkout that
-// make run uses, and the folder is named.
+// Crash reports: found under KIV_ROOT, or in the var/root of a checkout that make run uses, and the folder is named.
 TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     kivtest::TempDir checkout;
     kivtest::writeFile(checkout.file("scripts/run-local"), "");

@@ -1,6 +1,5 @@
-// The real process: start and stop under a service manager, the service
-// table it publishes, the version report, the diagnostic services, and
-// "MultiRequest" with the requests of the proxy to itself.
+// The real process: start and stop under a service manager, the service table it publishes, the version report, the
+// diagnostic services, and "MultiRequest" with the requests of the proxy to itself.
 #include <sys/socket.h>
 #include <sys/un.h>
 
