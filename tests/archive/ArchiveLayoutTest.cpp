@@ -1,5 +1,4 @@
-// The archive layout: entry names and the header estimate, and createZip read
-// back with minizip's reader (names, methods, sizes, CRCs, contents).
+// The archive layout: entry names, the header estimate, and createZip read back with minizip.
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <unzip.h>
@@ -14,8 +13,7 @@
 
 typedef std::vector<std::string> Names;
 
-// Entry names of files added in order, and the header estimate: 102 bytes and
-// twice the name's length per entry; the parent folder of a grouped file.
+// Entry names of files added in order; the header estimate: 102 bytes and twice the name per entry.
 TEST(PathTree, EntryNamesAndHeaderEstimate) {
     const std::pair<Names, Names> cases[] = {
         {{}, {}},

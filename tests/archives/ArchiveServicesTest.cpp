@@ -1,5 +1,4 @@
-// The archive services in process: the deflate/store rule, held archives,
-// ZipLogs, the deletion rules, concurrency, and archives under faults.
+// The archive services in process: held archives, ZipLogs, the deletion rules, and faults.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -299,8 +298,7 @@ TEST_F(ArchiveServicesTest, FullDiskEndsTheArchiveAndNothingIsServed) {
     EXPECT_THAT(error, HasSubstr("No space left on device"));
     EXPECT_EQ(archivesInTmp(), 0) << "the partial archive is removed";
 
-    // Pending: answered with the estimate, then failed; a read waiting for it,
-    // and every later read, is refused with the reason.
+    // Pending: answered with the estimate, then failed; a waiting read and every later one get the reason.
     setGate(false);
     ASSERT_EQ(createZip({big, small}, &zip, &size), 0);
     EXPECT_EQ(size, estimate({big, small}));
@@ -415,8 +413,7 @@ TEST_F(ArchiveServicesTest, FewReadersWaitForAPendingArchiveAndStoppingAbandonsI
     EXPECT_NE(thrownBy([&] { getFile(zip); }), "(no exception)") << "an abandoned archive is not served";
 }
 
-// Refused before anything is written: a failed lookup (its status is the
-// answer), bad input, too little disk left, too many archives being written.
+// Refused before anything is written: a failed lookup, bad input, too little disk, too many archives.
 TEST_F(ArchiveServicesTest, BadInputAndArchivesBeyondTheBudgetAreRefused) {
     CLocalVariant out;
     JsonVariant emptyItem(R"(["ctx", ""])"), wrong("[42, null]");

@@ -121,8 +121,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
         ta.join(), tb.join();
         FAIL() << "the proxy's handlers did not both hold";
     }
-    // And a 24 MiB answer in parts to a raw requester on B that grants no
-    // credit: the proxy has sent its window and waits.
+    // And a 24 MiB answer to a raw requester on B that grants no credit: the proxy sends its window and waits.
     const std::string path = proxy.root.file("Library/KivFoundry/pattern.bin");
     kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
     kivtest::RawInbox held(servers[b]->url(), "held.reply");

@@ -11,8 +11,7 @@
 TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     GateSatellite gate;
     ASSERT_EQ(0, gate.Connect(server.hostPort().c_str(), "Gate"));
-    // One request first, so that the service threads are in their steady
-    // state: a handler that blocks is relieved by the deputy.
+    // One request first, so that a handler that blocks is relieved by the deputy (the steady state).
     CLocalVariant out;
     gate.expect(1);
     ASSERT_EQ(0, call("Gate", "Meet", "null", out.ptr()));

@@ -1,5 +1,4 @@
-// The memory budget of answers: shares between callers, reservations that
-// free themselves, and ledgers that several threads of one request fill.
+// The memory budget of answers: shares between callers, reservations, ledgers of one request.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,5 +1,4 @@
-// Identities on the directory: the users and permissions that make run
-// writes (scripts/cab-directory-users), TLS, and make run's own directory.
+// Identities on the directory: the users make run writes (scripts/cab-directory-users), TLS, run-local.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -85,8 +84,7 @@ int pendingAfterFlush(natsConnection* nc, natsSubscription* sub) {
 
 TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
     std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
-    // An answer in more parts than the window: the client's credit reaches
-    // the satellite's inbox, the parts reach the client's.
+    // An answer in more parts than the window: credit and parts each reach the other's inbox.
     CLocalVariant out;
     ASSERT_EQ(0, request(*client, "EchoA", "Blob", std::to_string(10 << 20), out.ptr())) << CabGetLastError();
     EXPECT_EQ(0, blobErrors(out.get(), 10 << 20, 4093));

@@ -1,5 +1,4 @@
-// Serving: statuses of failed and refused requests, messages that do not
-// follow the protocol, and leaving with requests still waiting.
+// Serving: statuses of failed requests, malformed messages, leaving with requests still waiting.
 #include <gmock/gmock.h>
 
 #include <chrono>

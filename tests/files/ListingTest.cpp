@@ -1,5 +1,4 @@
-// Listings: EnumerateFolder, the field values of listed entries, and SortFiles
-// (every key, folders first, byte order of names, key parsing).
+// Listings: EnumerateFolder, the field values of listed entries, and SortFiles.
 #include <gtest/gtest.h>
 #include <unistd.h>
 

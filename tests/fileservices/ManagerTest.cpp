@@ -1,5 +1,4 @@
-// The file manager in process, asking a real media service ("KivMediaV2" on a
-// nats-server): folder listings and medium ids.
+// The file manager in process, with a real media service: folder listings and medium ids.
 #include <dirent.h>
 
 #include <memory>

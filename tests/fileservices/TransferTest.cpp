@@ -1,5 +1,4 @@
-// "GetFile" and "QueryFileSize" through the real proxy: slices, large files,
-// answers nobody takes, sizes of file-browser and catalog ids; kivctl get.
+// "GetFile" and "QueryFileSize" through the real proxy, answers nobody takes, and kivctl get.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -205,8 +204,7 @@ TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
     EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
-// Every name the file system allows comes back byte for byte through get and
-// zip, also those the file-browser id cannot carry (| * > <).
+// Every name comes back byte for byte through get and zip, also those a medium id cannot carry.
 TEST_F(KivctlGetTest, AwkwardNamesComeBackByteForByte) {
     const std::string names[] =
         {"sp ace.txt",   "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline", "\xc3\xbc \xe2\x9c\x93",

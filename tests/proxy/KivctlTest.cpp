@@ -1,5 +1,4 @@
-// kivctl against the running proxy: exit statuses and output of the commands
-// that ask the proxy, and the examples of docs/services.md, run as written.
+// kivctl against the running proxy: exit statuses and output, and the examples of docs/services.md.
 #include <unistd.h>
 
 #include <algorithm>
