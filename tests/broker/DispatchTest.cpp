@@ -27,8 +27,7 @@ TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     EXPECT_EQ(std::vector<int>(3, 0), status) << "handlers of one service did not run at the same time";
 }
 
-// Ten times: a request sent right after RemoveService finds no such service
-// (not a satellite that dropped it, which would leave the requester waiting).
+// Ten times: a request right after RemoveService finds no such service (not a satellite leaving it waiting).
 TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
     client->setRequestTimeoutMs(5000);
     CLocalVariant out;
@@ -50,8 +49,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
                                                            "cabDirectory.shutdownGraceMs", 1000));
     GateSatellite gate;
     gate.setMaxHandlers(1);
-    // Requests wait in several subscriptions (each has a leader waiting for
-    // its first): leaving waits for them once, not once each.
+    // Requests wait in several subscriptions (each with a leader): leaving waits for them once, not once each.
     const int kServices = 8;
     for (int i = 1; i < kServices; ++i)
         gate.AddService(("Hold" + std::to_string(i)).c_str(), "",

@@ -108,7 +108,9 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
             const int tailStatus = satellite.CabServiceTailLog("my-KIV_TailLog", JsonVariant(tailIn.dump()).get(),
                                                                tail.ptr());
             EXPECT_EQ(tailStatus, c.content.empty() ? 404 : 0);
-            if (tailStatus == 0) EXPECT_EQ(VUtil::GetStringElement(tail.get(), 2), c.content);
+            if (tailStatus == 0) {
+                EXPECT_EQ(VUtil::GetStringElement(tail.get(), 2), c.content);
+            }
             const std::string id = CFileTools::PathToFileBrowserMediumId(c.path);
             const nlohmann::json sizeIn = {id, {id}};
             ASSERT_EQ(satellite.CabServiceQueryFileSize("QueryFileSize", JsonVariant(sizeIn.dump()).get(), sizes.ptr()),

@@ -229,8 +229,9 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         int exit = -1;
         const std::string errors = data.file("stderr");
         std::string out = kivtest::runCommand(command + " 2>" + errors, &exit);
-        if (example.find("GenerateCrash") != std::string::npos)  // said as soon as the proxy is gone
+        if (example.find("GenerateCrash") != std::string::npos) {  // said as soon as the proxy is gone
             EXPECT_THAT(kivtest::readFile(errors), HasSubstr("VorpaMediaProxy ended during the request"));
+        }
         replaceAll(&out, root, "");
         const nlohmann::json got = nlohmann::json::parse(out, nullptr, false);
         const nlohmann::json want = nlohmann::json::parse(expected, nullptr, false);
