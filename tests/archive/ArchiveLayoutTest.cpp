@@ -1,5 +1,4 @@
-// The archive layout: entry names and the header estimate, and createZip read
-// back with minizip's reader (names, methods, sizes, CRCs, contents).
+// The archive layout: entry names, the header estimate, and createZip read back with minizip.
 #include <gtest/gtest.h>
 #include <unistd.h>
 #include <unzip.h>
@@ -14,15 +13,13 @@
 
 typedef std::vector<std::string> Names;
 
-// Entry names of files added in order, and the header estimate: 102 bytes and
-// twice the name's length per entry; the parent folder of a grouped file.
+// Entry names of files added in order; the header estimate: 102 bytes and twice the name per entry.
 TEST(PathTree, EntryNamesAndHeaderEstimate) {
     const std::pair<Names, Names> cases[] = {
         {{}, {}},
         // Slash paths are stored flat by name.
         {{"/a/b/c.txt", "/a/b/d.txt", "/a/x.txt", "nofolder"}, {"c.txt", "d.txt", "x.txt", "noname"}},
-        // Backslash parents group files, in any case; a path sharing only more
-        // than the first folder is grouped under the common folder.
+        // Backslash parents group files, in any case, under the folder they share past the first.
         {{"/base/data/set\\one.txt", "/base/data/set\\two.txt", "/other/four.txt", "/BASE/DATA/set\\Five.txt",
           "/r/x\\y/set\\one.txt", "/r/x\\y/deep\\two.txt"},
          {"set/set\\one.txt", "set/set\\two.txt", "four.txt", "set/set\\Five.txt", "x\\y/set/set\\one.txt",

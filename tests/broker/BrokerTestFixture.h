@@ -1,5 +1,4 @@
-// A fixture with a real nats-server, an echo satellite "EchoA" and a client,
-// a satellite whose handlers wait for the test, and helpers for requests.
+// A real nats-server, an echo satellite "EchoA" and a client; a satellite whose handlers wait for the test.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// The directory as a cluster: three nats-server processes on loopback joined
-// by routes, with the real proxy: failover after SIGKILL of the proxy's
-// server, and one proxy per host addressed by host name.
+// The directory as a cluster: three nats-server processes on loopback joined by routes, with the real proxy: failover
+// after SIGKILL of the proxy's server, and one proxy per host addressed by host name.
 #include <signal.h>
 
 #include <chrono>
@@ -73,7 +72,6 @@ protected:
         for (auto& s : servers) u += (u.empty() ? "" : ",") + s->url();
         return u;
     }
-    // The index of the server listening on the port in `url`; -1 if none.
     int indexOf(const std::string& url) const {
         for (size_t i = 0; i < servers.size(); ++i)
             if (url == servers[i]->url()) return (int)i;
@@ -104,8 +102,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     ASSERT_TRUE(proxy.process.waitUntilServing(*onA));
     ASSERT_TRUE(proxy.process.waitUntilServing(*onB));
 
-    // Two requests held in the proxy's handlers: one sent through the proxy's
-    // own server, one through another.
+    // Two requests held in the proxy's handlers: one sent through the proxy's own server, one through another.
     const std::string group = "[[\"EchoA\",\"Hold\",0]]";
     struct Outcome {
         int status = 1;
@@ -124,8 +121,7 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
         ta.join(), tb.join();
         FAIL() << "the proxy's handlers did not both hold";
     }
-    // And a 24 MiB answer in parts to a raw requester on B that grants no
-    // credit: the proxy has sent its window and waits.
+    // And a 24 MiB answer to a raw requester on B that grants no credit: the proxy sends its window and waits.
     const std::string path = proxy.root.file("Library/KivFoundry/pattern.bin");
     kivtest::writeFile(path, kivtest::patternBytes(24u << 20, 13));
     kivtest::RawInbox held(servers[b]->url(), "held.reply");
@@ -148,7 +144,6 @@ TEST_F(ClusterTest, SigkillOfTheProxysServerFailsItsRequestsFastAndTheProxyServe
     int64_t failoverMs = msSince(t0);
     ta.join();
     tb.join();
-    printf("failover after SIGKILL of the proxy's server: serving again after %lld ms\n", (long long)failoverMs);
     EXPECT_LT(failoverMs, 20000);  // bounds far below the 60 s request time-out
     // The requester on the dead server hears of it at once.
     EXPECT_EQ(CAB_E_CONNECTION_LOST, viaA.status) << CabStatusName(viaA.status);
@@ -194,9 +189,8 @@ TEST_F(ClusterTest, EachHostIsAddressedByItsNameAndThePlainNameReachesEither) {
     for (int i = 0; i < 64 && seen.size() < 2; ++i) seen.insert(dataFolderOf(i % 2 ? *c0 : *c2, kProxy));
     EXPECT_EQ((std::set<std::string>{folderA, folderB}), seen);
 
-    // A proxy's requests to its own host-scoped name run inline, as those to
-    // its plain name do: so they are refused past 16 nested calls instead of
-    // taking a worker each.
+    // Requests to its own host-scoped name run inline, as to its plain name: refused past 16
+    // nested calls instead of taking a worker each.
     std::string nested = "[[\"VorpaMediaProxy@alpha\",\"GetKivDataFolder\",null]]";
     for (int i = 0; i < 18; ++i) nested = "[[\"VorpaMediaProxy@Alpha\",\"MultiRequest\"," + nested + "]]";
     CLocalVariant out;

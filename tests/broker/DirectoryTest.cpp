@@ -63,9 +63,8 @@ TEST_F(BrokerTest, DiscoveryDescribesTheSatelliteAndCountsRequests) {
     EXPECT_EQ(0, st);
 }
 
-// Under load the directory goes away and comes back: the satellite serves
-// again; then with the directory gone, Disconnect neither hangs nor crashes
-// (nothing to drain towards) and the satellite connects again once it is back.
+// Under load the directory restarts: the satellite serves again. With the directory gone,
+// Disconnect neither hangs nor crashes, and the satellite connects again once it is back.
 TEST_F(BrokerTest, SatelliteServesAgainAfterTheDirectoryRestartsAndLeavesWithoutIt) {
     client->setRequestTimeoutMs(10000);
     std::atomic<bool> stop{false};

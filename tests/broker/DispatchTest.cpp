@@ -1,6 +1,5 @@
-// How served requests reach their handlers: concurrently within one service,
-// answered CAB_E_CANCELLED when the satellite leaves (running or still
-// queued), and gone with a removed service.
+// How served requests reach their handlers: concurrently within one service, answered CAB_E_CANCELLED when the
+// satellite leaves (running or still queued), and gone with a removed service.
 #include <chrono>
 #include <thread>
 #include <vector>
@@ -12,8 +11,7 @@
 TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     GateSatellite gate;
     ASSERT_EQ(0, gate.Connect(server.hostPort().c_str(), "Gate"));
-    // One request first, so that the service threads are in their steady
-    // state: a handler that blocks is relieved by the deputy.
+    // One request first, so that a handler that blocks is relieved by the deputy (the steady state).
     CLocalVariant out;
     gate.expect(1);
     ASSERT_EQ(0, call("Gate", "Meet", "null", out.ptr()));
@@ -29,8 +27,7 @@ TEST_F(BrokerTest, RequestsToOneServiceRunTogether) {
     EXPECT_EQ(std::vector<int>(3, 0), status) << "handlers of one service did not run at the same time";
 }
 
-// Ten times: a request sent right after RemoveService finds no such service
-// (not a satellite that dropped it, which would leave the requester waiting).
+// Ten times: a request right after RemoveService finds no such service (not a satellite leaving it waiting).
 TEST_F(BrokerTest, ARemovedServiceIsNoLongerServed) {
     client->setRequestTimeoutMs(5000);
     CLocalVariant out;
@@ -52,8 +49,7 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
                                                            "cabDirectory.shutdownGraceMs", 1000));
     GateSatellite gate;
     gate.setMaxHandlers(1);
-    // Requests wait in several subscriptions (each has a leader waiting for
-    // its first): leaving waits for them once, not once each.
+    // Requests wait in several subscriptions (each with a leader): leaving waits for them once, not once each.
     const int kServices = 8;
     for (int i = 1; i < kServices; ++i)
         gate.AddService(("Hold" + std::to_string(i)).c_str(), "",
@@ -65,9 +61,8 @@ TEST_F(BrokerTest, LeavingAnswersRunningAndQueuedRequestsCancelled) {
         status = call("Gate", "Hold", "null", out.ptr());
     });
     ASSERT_TRUE(gate.waitHolding(1));
-    // The others wait, in their subscriptions or taken by their leaders: the
-    // one handler allowed is busy, whichever service they ask for.
-    // After the flush's round trip the server has routed it to the satellite.
+    // The others wait, in their subscriptions or taken by their leaders: the one handler allowed is busy, whichever
+    // service they ask for. After the flush's round trip the server has routed it to the satellite.
     kivtest::RawInbox answers(server.url(), "queued.answer");
     ASSERT_TRUE(answers.ok());
     for (int i = 0; i < 2 * kServices; ++i)

@@ -1,6 +1,5 @@
-// A 1 GiB answer (256 MiB under sanitizers) from an echo satellite in its own
-// process: it arrives whole, the serving process grows by little more than
-// the answer it holds, and the directory stays small and reports no slow consumer.
+// A 1 GiB answer (256 MiB under sanitizers) from an echo satellite in its own process: it arrives whole, the serving
+// process grows by little more than the answer it holds, and the directory stays small and reports no slow consumer.
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -17,8 +16,7 @@ static const int64_t kSize = 1ll << 30;
 #endif
 
 TEST_F(BrokerTest, HugeReplyArrivesWholeWithBoundedServingMemory) {
-    // Under AddressSanitizer the bound is about the library's memory, not about
-    // the blocks the sanitizer keeps in quarantine after they were freed.
+    // Under AddressSanitizer the bound is about the library's memory, not the sanitizer's quarantine.
     const std::string asan = "ASAN_OPTIONS=\"$ASAN_OPTIONS:quarantine_size_mb=0:thread_local_quarantine_size_kb=0\" ";
     kivtest::TempDir dir("kivlarge");
     const int pid = kivtest::startInBackground(asan + KIV_CAB_ECHO " --server " + server.hostPort() + " --name EchoBig",

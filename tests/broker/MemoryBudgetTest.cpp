@@ -1,5 +1,4 @@
-// The memory budget of answers: shares between callers, reservations that
-// free themselves, and ledgers that several threads of one request fill.
+// The memory budget of answers: shares between callers, reservations, ledgers of one request.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -23,9 +22,8 @@ bool grow(CabMemoryBudget& budget, std::vector<CabMemoryBudget::Reservation>& he
 
 }  // namespace
 
-// A caller may hold limit / (N + 1) with N callers holding memory, itself
-// included: alone half, so a second caller always finds room while the first
-// keeps everything it may take; a third gets what is left.
+// A caller may hold limit / (N + 1) with N callers holding memory, itself included: alone half, so a second caller
+// always finds room while the first keeps everything it may take; a third gets what is left.
 TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
     auto budget = std::make_shared<CabMemoryBudget>(1200);
     std::vector<CabMemoryBudget::Reservation> held;
@@ -65,9 +63,8 @@ TEST(MemoryBudget, EachCallerHoldsAtMostItsShareAndAnotherAlwaysFindsRoom) {
     EXPECT_FALSE(grow(*budget, held, "other", 1));
 }
 
-// A served request's ledger holds what its handler, its inline calls (child
-// ledgers that only count) and its helper threads reserve, until it is
-// handed on; what does not fit is refused and leaves nothing behind.
+// A request's ledger holds what its handler, its inline calls (child ledgers that only count)
+// and its helper threads reserve, until handed on; what does not fit leaves nothing behind.
 TEST(MemoryBudget, ALedgerHoldsWhatEveryThreadOfItsRequestReservedUntilHandedOn) {
     auto budget = std::make_shared<CabMemoryBudget>(2 << 20);  // alone: 1 MiB
     CabMemoryBudget::Reservation answer;

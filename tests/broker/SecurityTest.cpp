@@ -1,5 +1,4 @@
-// Identities on the directory: the users and permissions that make run
-// writes (scripts/cab-directory-users), TLS, and make run's own directory.
+// Identities on the directory: the users make run writes (scripts/cab-directory-users), TLS, run-local.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -85,8 +84,7 @@ int pendingAfterFlush(natsConnection* nc, natsSubscription* sub) {
 
 TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
     std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
-    // An answer in more parts than the window: the client's credit reaches
-    // the satellite's inbox, the parts reach the client's.
+    // An answer in more parts than the window: credit and parts each reach the other's inbox.
     CLocalVariant out;
     ASSERT_EQ(0, request(*client, "EchoA", "Blob", std::to_string(10 << 20), out.ptr())) << CabGetLastError();
     EXPECT_EQ(0, blobErrors(out.get(), 10 << 20, 4093));
@@ -127,10 +125,8 @@ TEST_F(SecurityTest, EachUserServesAndReadsOnlyWhatIsItsOwn) {
     EXPECT_FALSE(rawConnection(server.hostPort(), "cli", "wrong-password-xxxx"));
 }
 
-// A request names its sender, and the directory holds every user to its own
-// name: nobody asks or answers discovery as another, nobody has an answer written
-// into another's inbox, only admins reach the support services, and a refused
-// request fails at once with the directory's text.
+// Every user is held to its own name: nobody asks or answers (discovery too) as another, only
+// admins reach the support services, and a refused request fails at once with the directory's text.
 TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     std::unique_ptr<CabClient> client = connectClient(server.url(), "TestClient", "cli", "cliPassword012345678");
     std::unique_ptr<CabClient> narrow = connectClient(server.url(), "Narrow", "narrow", "narrowPassword0123");
@@ -160,8 +156,7 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     natsConnection_FlushTimeout(cli, 5000);
     const char* text = nullptr;
     EXPECT_EQ(NATS_NOT_PERMITTED, natsConnection_GetLastError(cli, &text));
-    // An answer the sender would have written into snoop's inbox is dropped
-    // (and counted as an error of the service).
+    // An answer the sender would write into snoop's inbox is dropped (counted as a service error).
     ASSERT_EQ(NATS_OK, kivtest::publish(cli, "cab.EchoA.Echo.cli", "Cab-Proto", "1", "", "_INBOX_snoop.x"));
     auto errors = [&] {
         std::vector<std::string> stats;
@@ -173,8 +168,7 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     natsConnection_Destroy(snoop);
     natsConnection_Destroy(cli);
 
-    // Any satellite hears a general discovery request and could answer it in
-    // another's name; only the answers of the satellite itself are kept.
+    // Another satellite answers discovery in EchoA's name: only EchoA's own answers are kept.
     natsConnection* other = rawConnection(server.hostPort(), "Other", "otherPassword012345");
     ASSERT_NE(nullptr, other);
     natsSubscription* fakeInfo = nullptr;
@@ -195,8 +189,7 @@ TEST_F(SecurityTest, RequestsCarryTheirSenderAndAnswersGoOnlyToItsInbox) {
     natsConnection_Destroy(other);
 }
 
-// The users script denies every user but an admin exactly the services the
-// proxy keeps for admins.
+// The users script denies every user but an admin exactly the proxy's admin services.
 TEST(SecurityUsers, EveryoneButAdminsIsDeniedExactlyTheAdminServices) {
     std::string expected;
     for (const char* service : kAdminServices)
@@ -266,8 +259,7 @@ TEST(SecurityRunLocal, RefusesATakenPortAndNeverUsesTheServerOnIt) {
     EXPECT_EQ("", kivtest::readFile(var.path() + "/directory/nats-server.pid"));
 }
 
-// Nobody can guess where an answer or a credit goes: mailbox subjects end in
-// 128 random bits.
+// Nobody can guess where an answer or a credit goes: mailbox subjects end in 128 random bits.
 TEST_F(BrokerTest, MailboxSubjectsEndInUnguessableKeys) {
     CabConnection::Options o;
     o.url = server.url();

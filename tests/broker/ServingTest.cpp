@@ -1,5 +1,4 @@
-// Serving: statuses of failed and refused requests, messages that do not
-// follow the protocol, and leaving with requests still waiting.
+// Serving: statuses of failed requests, malformed messages, leaving with requests still waiting.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -86,9 +85,8 @@ TEST_F(BrokerTest, MalformedMessagesAreRefusedWithAStatus) {
     }
 }
 
-// One handler at a time and 20 ms each: most requests still wait in the
-// satellite when it starts to leave, and every one is answered (beyond the
-// cap requests wait; they are not refused).
+// One handler at a time and 20 ms each: most requests still wait in the satellite when it
+// starts to leave, and every one is answered (beyond the cap requests wait, not refused).
 TEST_F(BrokerTest, RequestsRoutedBeforeDisconnectAreStillAnswered) {
     EchoSatellite slow;
     slow.setMaxHandlers(1);

@@ -1,6 +1,5 @@
-// The worker pool starts a thread for a job whenever every existing thread is
-// busy or already promised to an earlier job, so jobs that wait on each other
-// never wait for each other's thread; at its cap, jobs wait for a thread.
+// The worker pool starts a thread for a job whenever every existing thread is busy or already promised to an earlier
+// job, so jobs that wait on each other never wait for each other's thread; at its cap, jobs wait for a thread.
 #include <gtest/gtest.h>
 
 #include <atomic>

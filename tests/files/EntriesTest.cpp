@@ -1,6 +1,5 @@
-// One entry and the folders around it: queries and contents of an entry, the
-// path-name helpers, file operations, special and temporary folders, the data
-// folder, medium ids and path joins.
+// One entry and the folders around it: queries and contents of an entry, the path-name helpers, file operations,
+// special and temporary folders, the data folder, medium ids and path joins.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

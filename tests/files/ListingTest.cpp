@@ -1,5 +1,4 @@
-// Listings: EnumerateFolder, the field values of listed entries, and SortFiles
-// (every key, folders first, byte order of names, key parsing).
+// Listings: EnumerateFolder, the field values of listed entries, and SortFiles.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -74,8 +73,7 @@ TEST(FolderListing, HiddenFoldersFilesExtensionsAndRecursion) {
     EXPECT_TRUE(missing.entries.empty());
 }
 
-// Every field of a file, by a table; the fields that look at the disk for a
-// folder and a missing file.
+// Every field of a file; those that look at the disk for a folder and a missing file.
 TEST(FieldValues, EveryFieldOfAnEntry) {
     kivtest::TempDir dir;
     const std::string song = dir.file("Song.Mp3");
@@ -102,9 +100,8 @@ TEST(FieldValues, EveryFieldOfAnEntry) {
     EXPECT_EQ(CFileTools(dir.file("gone")).getFieldValue("size"), "0");
 }
 
-// Four files and two folders by every key, folders first ("?" is either
-// folder: they have no size). Only the first key counts; an unknown key sorts
-// by title and answers 0. Bytes above 127 ("ete" in UTF-8) sort before ASCII.
+// Four files and two folders by every key, folders first ("?" is either folder: they have no size). Only the first key
+// counts; an unknown key sorts by title and answers 0. Bytes above 127 ("ete" in UTF-8) sort before ASCII.
 TEST(SortFiles, EveryKeyKeepsFoldersFirst) {
     kivtest::TempDir dir;
     std::vector<std::unique_ptr<CFileTools>> owned;

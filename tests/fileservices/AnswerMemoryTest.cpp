@@ -1,6 +1,5 @@
-// The memory budget of the proxy's answers, with the satellite in this process
-// (so its budget can be read) against a real nats-server: grouped inline
-// "GetFile"s over a small budget, and a transfer whose requester is too slow.
+// The memory budget of the proxy's answers, the satellite in this process (so its budget
+// can be read): grouped inline "GetFile"s over a small budget, a requester too slow.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -45,10 +44,8 @@ protected:
     std::shared_ptr<CabMemoryBudget> budget;
 };
 
-// 20 inline "GetFile"s of 1 MiB in one "MultiRequest", with 8 MiB for all
-// answers (4 MiB for the one caller): the rows that fit carry the file, the
-// others say CAB_E_BUSY; the budget never held more than the share, all of
-// it is free once the answer is sent, and the same request fares the same again.
+// 20 inline "GetFile"s of 1 MiB in one "MultiRequest", 4 MiB for the one caller: the rows that
+// fit carry the file, the others say CAB_E_BUSY, all is free once sent, and again the same.
 TEST_F(AnswerMemoryTest, GroupedInlineGetFilesBeyondTheBudgetAnswerBusyAndHoldNothing) {
     serve(8 << 20, 256 << 10);
     const std::string content = patternBytes(1 << 20, 3), path = media.file("clip.bin");
@@ -83,10 +80,8 @@ TEST_F(AnswerMemoryTest, GroupedInlineGetFilesBeyondTheBudgetAnswerBusyAndHoldNo
     }
 }
 
-// A requester that takes parts more slowly than the bound (here one no
-// requester reaches: 2 GiB a second over each 1.5 s period) loses its
-// transfer: an empty part after the parts sent says CAB_E_TIMEOUT and why,
-// and the transfer's memory is free again.
+// A requester slower than the bound (2 GiB a second, which none reaches) loses its transfer:
+// an empty part after those sent says CAB_E_TIMEOUT and why, and its memory is free again.
 TEST_F(AnswerMemoryTest, ATransferSlowerThanTheRateBoundIsEnded) {
     serve(64 << 20, 0x7FFFFFFF);
     const std::string path = media.file("huge.sparse");

@@ -1,5 +1,4 @@
-// The file manager in process, asking a real media service ("KivMediaV2" on a
-// nats-server): folder listings and medium ids.
+// The file manager in process, with a real media service: folder listings and medium ids.
 #include <dirent.h>
 
 #include <memory>
@@ -66,9 +65,8 @@ protected:
     std::unique_ptr<CKivFileManager> manager;
 };
 
-// Rows [first, first + count) of the whole listing (a count below 1: to the
-// end), with the counts of the whole listing; "title" alone keeps the order
-// the folder is read in, other keys sort with folders first.
+// Rows [first, first + count) (a count below 1: to the end) with the whole listing's counts;
+// "title" alone keeps the folder's own order, other keys sort with folders first.
 TEST_F(ManagerTest, PagesOfTheWholeListingInTheOrderAsked) {
     const std::string many = dir.file("many");
     for (int i = 0; i < 10; ++i) kivtest::writeFile(many + "/f" + std::to_string(i) + ".txt", "x");

@@ -1,8 +1,6 @@
-// The served folders through the real services, in process: what "GetFile",
-// "my-KIV_TailLog", "QueryFileSize" and "CreateZip" read against links, "..",
-// paths outside, the settings folder, a credential file and special files.
-// A refused path answers as a missing one and logs one WARN per request, and
-// no request blocks.
+// What the services read of the served folders, in process, against links, "..", paths outside,
+// the settings folder, a credential file and special files: a refused path answers as a
+// missing one, logs one WARN per request, and no request blocks.
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -99,8 +97,7 @@ TEST(ServedFoldersTest, OnlyRegularFilesReachedFromInsideAServedFolder) {
         {media + "/null", "", "leads out"},  // a device, through a link
         {media + "/sub", "", "a folder"},
     };
-    // Every request runs on another thread: one that blocked fails the test
-    // instead of hanging it (a writer then frees a reader stuck on the FIFO).
+    // On another thread: one that blocked fails the test (a writer then frees a reader stuck on the FIFO).
     auto run = [&] {
         for (const Case& c : cases) {
             SCOPED_TRACE(c.path);

@@ -1,5 +1,4 @@
-// "GetFile" and "QueryFileSize" through the real proxy: slices, large files,
-// answers nobody takes, sizes of file-browser and catalog ids; kivctl get.
+// "GetFile" and "QueryFileSize" through the real proxy, answers nobody takes, and kivctl get.
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -50,10 +49,8 @@ protected:
     kivtest::TempDir media{"kivmedia"};
 };
 
-// Each (offset, maximum) pair with the count types it is given in: the block
-// is that slice of the file. A maximum of 0 or below means to the end, a
-// negative offset starts at 0 and offsets past the end give an empty block.
-// Other count types are refused.
+// A maximum of 0 or below means to the end, a negative offset starts at 0, offsets
+// past the end give an empty block; other count types are refused.
 TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
     const std::string content = patternBytes(100000, 1), path = media.file("data/blob.bin");
     kivtest::writeFile(path, content);
@@ -98,9 +95,8 @@ TEST_F(TransferTest, GetFileSlicesWithEachIntegerTypeAndNoOtherType) {
     }
 }
 
-// In process: a chunk that cannot be allocated answers status 8 and leaves out
-// untouched. The handler runs in a child process whose address space is
-// limited, so that the allocation of a chunk near 4 GiB fails.
+// In process, in a child whose address space is limited so that a chunk near 4 GiB cannot
+// be allocated: status 8, and out left untouched.
 TEST(GetFileMemoryTest, AnUnallocatableChunkAnswersEightAndLeavesOutAlone) {
 #ifdef KIV_SANITIZED
     GTEST_SKIP() << "the sanitizers' shadow memory needs an unlimited address space";
@@ -161,7 +157,6 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
         EXPECT_EQ(call("QueryFileSize", in, out.ptr()), CAB_E_HANDLER_EXCEPTION) << in;
     }
 
-    // The real kiv-media-catalog as "KivMediaV2".
     const std::string catalog = media.file("catalog.json");
     kivtest::writeFile(catalog, R"({"extensions": {"audio": [".mp3"]}, "media": {"M1": {"path": "music/a song.mp3"},
         "M2": {"path": ")" + media.file("photos/b.png") +
@@ -179,8 +174,6 @@ TEST_F(TransferTest, QueryFileSizeOfFileBrowserAndCatalogIdsUnresolvableItemsAnd
     EXPECT_EQ(querySizes("M1", {"M1", id("docs/c+d.txt")}), sizes(1, 1000));
 }
 
-// kivctl get and zip: chunked download, resume with --continue, output to
-// stdout, usage errors, and what failures leave behind.
 class KivctlGetTest : public TransferTest {
 protected:
     void SetUp() override {
@@ -211,8 +204,7 @@ TEST_F(KivctlGetTest, DownloadsInChunksAndToStandardOutputAndRefusesBadUsage) {
     EXPECT_THAT(output, HasSubstr("usage: kivctl get"));
 }
 
-// Every name the file system allows comes back byte for byte through get and
-// zip, also those the file-browser id cannot carry (| * > <).
+// Every name comes back byte for byte through get and zip, also those a medium id cannot carry.
 TEST_F(KivctlGetTest, AwkwardNamesComeBackByteForByte) {
     const std::string names[] =
         {"sp ace.txt",   "quo\"te's", "*?[]|<>", "p|q.txt", "100% %41+.x", "new\nline", "\xc3\xbc \xe2\x9c\x93",
@@ -285,8 +277,7 @@ TEST_F(KivctlGetTest, ContinueFetchesOnlyTheRestAndNeverWritesOverItsSource) {
     EXPECT_FALSE(std::filesystem::exists(out + ".part"));
 }
 
-// Failures exit non-zero and leave no file: missing files, folders, clashing
-// names, and a proxy that does not answer.
+// Failures exit non-zero and leave no file, also when the proxy does not answer.
 TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
     kivtest::TempDir out("kivout");
     const std::string here = "cd " + out.path() + " && ";
@@ -310,18 +301,16 @@ TEST_F(KivctlGetTest, FailuresExitNonZeroAndLeaveNothing) {
         EXPECT_TRUE(std::filesystem::is_empty(out.path())) << "a file is left";
     }
     std::string output;
-    // The directory answers, the proxy does not.
     ASSERT_EQ(stopProxy(), 0);
     EXPECT_EQ(kivctl("get " + path + x, &output, here), 2) << output;
     EXPECT_EQ(kivctl("zip " + path + zip, &output, here), 2) << output;
     EXPECT_TRUE(std::filesystem::is_empty(out.path()));
 }
 
-// Answers nobody takes (last in this program: its settings stay): one caller
-// asks for whole 1 GiB files, never grants credit and then goes away. The proxy
-// holds each answer's window only, keeps its workers free, refuses that caller's
-// answers past its share of maxAnswerBytes with CAB_E_BUSY while another caller
-// still finds room, and frees everything after the credit time-out.
+// Answers nobody takes (last in this program: its settings stay): one caller asks for whole 1 GiB files, never grants
+// credit and then goes away. The proxy holds each answer's window only, keeps its workers free, refuses that caller's
+// answers past its share of maxAnswerBytes with CAB_E_BUSY while another caller still finds room, and frees everything
+// after the credit time-out.
 const int64_t kMiB = 1024;  // in KiB, as /proc reports
 
 // A raw "GetFile" request of the caller "greedy" for the whole of `path`, answered to `reply`.
@@ -354,8 +343,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     const int kTransfers = 4;
     for (int i = 0; i <= kTransfers; ++i)
         ASSERT_EQ(NATS_OK, requestWholeFile(inbox->nc, path, "_INBOX_greedy." + std::to_string(i)));
-    // Each answer sends its first window, then waits for credit that never
-    // comes; the fifth does not fit beside them and is refused.
+    // Each sends its first window and waits for credit that never comes; the fifth is refused.
     std::vector<std::string> creditTo(kTransfers + 1);
     int parts = 0, busy = 0;
     while (parts + busy < kTransfers * 8 + 1) {
@@ -396,8 +384,7 @@ TEST_F(AbandonedTransferTest, UncreditedAnswersHoldTheirWindowOnlyAndAreFreedAft
     EXPECT_LT(after - idle, 64 * kMiB) << "idle " << idle << " KiB, after " << after << " KiB";
 #endif
 
-    // A file that shrinks while it is sent ends its transfer with an empty part
-    // that says why, instead of leaving the requester to time out.
+    // A file that shrinks while it is sent ends its transfer with an empty part that says why.
     const std::string shrinking = media.file("shrinking.bin");
     kivtest::writeFile(shrinking, std::string(12 << 20, 'x'));
     kivtest::RawInbox shrink("nats://" + hostPort(), "_INBOX_greedy.s");

@@ -1,5 +1,4 @@
-// kivctl against the running proxy: exit statuses and output of the commands
-// that ask the proxy, and the examples of docs/services.md, run as written.
+// kivctl against the running proxy: exit statuses and output, and the examples of docs/services.md.
 #include <unistd.h>
 
 #include <algorithm>
@@ -136,8 +135,7 @@ TEST_F(ProxyTest, KivctlCommandsAnswerWithTheirExitStatuses) {
     EXPECT_THAT(since, Not(HasSubstr("VT_EMPTY"))) << "an ordinary CreateZip warns of nothing";
 }
 
-// Crash reports: found under KIV_ROOT, or in the var/root of a checkout that
-// make run uses, and the folder is named.
+// Crash reports: found under KIV_ROOT, or in the var/root of a checkout that make run uses, and the folder is named.
 TEST(KivctlCrashes, LooksWhereMakeRunFilesThem) {
     kivtest::TempDir checkout;
     kivtest::writeFile(checkout.file("scripts/run-local"), "");
@@ -202,10 +200,8 @@ TEST(KivctlConnection, ExplainsWhatTheDirectoryRefuses) {
     }
 }
 
-// Every "kivctl call" example of docs/services.md, run against the proxy with
-// the two files the reference describes: the same status, and the same answer
-// unless the example says it varies (then the same kind of answer). The
-// GenerateCrash example comes last.
+// Every "kivctl call" example of docs/services.md, with the files it describes: the same
+// status, and the same answer unless the example says it varies (then the same kind).
 TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
     ASSERT_TRUE(startProxy()) << proxyOutput();
     kivtest::writeFile(data.file("hello.txt"), "hello, world\n");
@@ -243,7 +239,6 @@ TEST_F(ProxyTest, ServiceReferenceExamplesHold) {
         ASSERT_FALSE(got.is_discarded()) << out;
         const int status = want["status"].get<int>();
         EXPECT_EQ(exit, status == 0 ? 0 : CabIsLibraryStatus(status) ? 2 : 1);
-        // Archives the examples made are removed again.
         const nlohmann::json& made = got["out"].is_array() && !got["out"].empty() ? got["out"][0] : got["out"];
         if (made.is_string() && made.get<std::string>().rfind("/tmp/file", 0) == 0)
             std::remove(made.get<std::string>().c_str());

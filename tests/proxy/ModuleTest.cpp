@@ -1,5 +1,4 @@
-// The module base's one-per-process rule outside any real process start, and
-// the sources of the time zone name.
+// The module base's one-per-process rule outside any real process start, and the sources of the time zone name.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

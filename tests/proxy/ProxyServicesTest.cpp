@@ -1,6 +1,5 @@
-// The real process: start and stop under a service manager, the service
-// table it publishes, the version report, the diagnostic services, and
-// "MultiRequest" with the requests of the proxy to itself.
+// The real process: start and stop under a service manager, the service table it publishes, the version report, the
+// diagnostic services, and "MultiRequest" with the requests of the proxy to itself.
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -44,13 +43,9 @@ struct NotifySocket {
 
 }  // namespace
 
-// Under a service manager, as systemd runs it (a datagram socket of the
-// test's own is its NOTIFY_SOCKET): without a directory no READY=1 and exit
-// status 0; then READY=1 with where it serves, the watchdog fed, the eleven
-// services published in order, STOPPING=1 on SIGTERM, exit status 0 on SIGTERM
-// and on SIGINT (with a request in flight, within the grace). Its standard
-// error (the journal) says it started, where it connected and why it stopped;
-// the log file keeps only errors (LogLevel 1).
+// Under a service manager (a datagram socket of the test's own is its NOTIFY_SOCKET):
+// without a directory no READY=1 and exit 0; then READY=1, the watchdog fed, the services
+// published in order, STOPPING=1 and exit 0 on SIGTERM and on SIGINT (with a request in flight).
 TEST_F(ProxyTest, StartsServesAndStopsAsTheServiceManagerExpects) {
     ASSERT_TRUE(setting("LogLevel", 1, "Software\\Kiv Foundry\\Kiv"));
     NotifySocket manager(root + "/notify");
@@ -110,19 +105,16 @@ TEST_F(ProxyTest, StartsServesAndStopsAsTheServiceManagerExpects) {
         CLocalVariant out;
         status = call("MultiRequest", R"([["EchoA", "Sleep", 20000]])", out.ptr());
     });
-    // The sub-request is on its way once the proxy logs it.
     kivtest::eventually([&] { return proxyOutput().find("Request Sleep...") != std::string::npos; });
     const auto start = std::chrono::steady_clock::now();
     EXPECT_EQ(stopProxy(SIGINT), 0);
-    // Far less than the 20 s of the request, even on a loaded machine.
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(12));
     requester.join();
     EXPECT_EQ(status, CAB_E_CANCELLED) << proxyOutput();
 }
 
-// The support services: the version report (the zone from TZ, else from the
-// machine's sources), the tail of a log, the configuration sorted with its
-// credentials masked, and the data folder under the root.
+// The version report (its zone from TZ, else the machine's), the tail of a log, the
+// configuration sorted with its credentials masked, and the data folder.
 TEST_F(ProxyTest, SupportServicesReportVersionTailConfigAndDataFolder) {
     ASSERT_TRUE(setting("Version", CStdStr("7.1.2"), "Software\\Kiv Foundry\\Kiv"));
     ASSERT_TRUE(setting("kiv.streaming.performanceIndex", CStdStr("42")));
@@ -174,7 +166,6 @@ TEST_F(ProxyTest, SupportServicesReportVersionTailConfigAndDataFolder) {
     EXPECT_EQ(shown["cabDirectory.servers"], "nats://proxy:********@" + hostPort() + ",nats://********@" + hostPort());
     EXPECT_TRUE(waitForLog("Connecting to nats://proxy:********@"));
 
-    // The data folder (its path as the reference's example shows it) is made.
     ASSERT_EQ(call("GetKivDataFolder", "null", folder.ptr()), 0);
     const std::string dataFolder = root + "/Library/KivFoundry";
     EXPECT_TRUE(std::filesystem::is_directory(dataFolder));
@@ -186,7 +177,6 @@ TEST_F(ProxyTest, SupportServicesReportVersionTailConfigAndDataFolder) {
     std::filesystem::remove(dataFolder);  // the binary's later tests share this root
     std::filesystem::rename(dataFolder + ".away", dataFolder);
     EXPECT_EQ(stopProxy(), 0);
-    // No credential reached the proxy's output or its log.
     EXPECT_THAT(proxyOutput() + proxyLog(), Not(HasSubstr("Secret-")));
 
     // Without TZ the machine's own sources answer, as this process finds them.
@@ -251,8 +241,7 @@ TEST_F(ProxyTest, MultiRequestAnswersInInputOrderWithFailuresInPlaceAtMostTenTho
     EXPECT_EQ(json(many.get()), expected + "]");
     EXPECT_LE(most, idle + KivRequestProxySatellite::kMultiRequestThreadsPerGroup + 8) << idle << " threads idle";
 
-    // More than 10000 are refused before anything is sent: one real sub-request
-    // first, then empty ones (they keep the request small).
+    // More than 10000 are refused before anything is sent (the first would be logged).
     CLocalVariant tooMany, atLimit;
     const std::string over = "[[\"EchoA\",\"Nest\",1]," + repeated("null", 10000).substr(1);
     EXPECT_EQ(call("MultiRequest", over, tooMany.ptr()), CAB_E_HANDLER_EXCEPTION);

@@ -1,5 +1,4 @@
-// Helpers of the proxy, transfer and archive tests: variants written as their
-// JSON form ({"$vt":"I8","v":5} names a type), matchers and test data.
+// Helpers of the proxy, transfer and archive tests: settings, typed variants, matchers, test data.
 #pragma once
 
 #include <gmock/gmock.h>

@@ -1,5 +1,4 @@
-// A process logger for tests: keeps each line logged, with its level, instead
-// of writing it. Install it with CBBLog::setLogger; reads take `mutex`.
+// A logger that keeps each line, with its level, instead of writing it (install with CBBLog::setLogger).
 #pragma once
 
 #include <cstdarg>

@@ -1,5 +1,4 @@
-// Waiting in tests: for a condition that nothing signals (a file, a log line,
-// another process), and the time since a moment.
+// Waiting for a condition that nothing signals (a file, a log line, another process).
 #pragma once
 
 #include <chrono>

@@ -1,5 +1,4 @@
-// Variants written in their JSON form ({"$vt":"I2","v":3} names a type) and
-// read back as JSON, so that tests state values in one line.
+// Variants written in their JSON form ({"$vt":"I2","v":3} names a type) and read back as JSON.
 #pragma once
 
 #include <gtest/gtest.h>

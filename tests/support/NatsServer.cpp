@@ -49,8 +49,7 @@ bool NatsServer::start() {
               ports.c_str(), (char*)nullptr);
         _exit(127);
     }
-    // The server writes its ports file once it accepts connections: no event
-    // to wait on, so poll it (the deadline is only a safety net).
+    // The server writes its ports file once it accepts connections: poll it (the deadline is a safety net).
     const std::string portsFile = ports + "/nats-server_" + std::to_string(m_pid) + ".ports";
     for (int i = 0; i < 2000 && m_pid > 0; ++i, std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
         const std::string text = readFile(portsFile);  // {"nats":["nats://127.0.0.1:P"],"cluster":[...]}

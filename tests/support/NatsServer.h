@@ -1,7 +1,6 @@
-// NatsServer: a real nats-server for one test, on a free loopback port, with
-// a small max payload (so big answers travel in parts). start() returns once
-// the server accepts connections; stop() ends it (SIGTERM, then SIGKILL) and
-// reaps it; restart() brings it back on the same port. The destructor stops it.
+// NatsServer: a real nats-server for one test, on a free loopback port, with a small max payload (so big answers travel
+// in parts). start() returns once the server accepts connections; stop() ends it (SIGTERM, then SIGKILL) and reaps it;
+// restart() brings it back on the same port. The destructor stops it.
 #pragma once
 
 #include <sys/types.h>

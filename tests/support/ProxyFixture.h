@@ -1,7 +1,6 @@
-// The proxy fixture shared by the proxy, archive and transfer tests: a real
-// nats-server, the real KivRequestProxy executable, an echo satellite "EchoA"
-// and a client, inside the test's KIV_ROOT and settings folder; the proxy
-// serves the files of `data`. Also what those tests read archives with.
+// The proxy fixture shared by the proxy, archive and transfer tests: a real nats-server, the real KivRequestProxy
+// executable, an echo satellite "EchoA" and a client, inside the test's KIV_ROOT and settings folder; the proxy serves
+// the files of `data`. Also what those tests read archives with.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// The real KivRequestProxy executable (build/bin) as a child process, for
-// tests and benchmarks: started with environment changes and its output in a
-// file, waited for until it serves, stopped with a signal.
+// The real KivRequestProxy executable (build/bin) as a child process, for tests and benchmarks: started with
+// environment changes and its output in a file, waited for until it serves, stopped with a signal.
 #pragma once
 
 #include <signal.h>
@@ -20,12 +19,10 @@ public:
     ProxyProcess(const ProxyProcess&) = delete;
     ProxyProcess& operator=(const ProxyProcess&) = delete;
 
-    // Starts the proxy; `env` values replace variables (an empty value unsets
-    // one); standard output and error go to `outputPath` (replaced), or to
-    // /dev/null when it is empty. False when it could not be started.
+    // Starts the proxy; `env` values replace variables (an empty value unsets one); standard output and error go to
+    // `outputPath` (replaced), or to /dev/null when it is empty. False when it could not be started.
     bool start(const std::map<std::string, std::string>& env = {}, const std::string& outputPath = "");
-    // Waits until "VorpaMediaProxy" answers a request sent through `client`.
-    // False when the process ended first, or after the safety time-out.
+    // Waits until "VorpaMediaProxy" answers through `client`; false when the process ended or after the safety net.
     bool waitUntilServing(CabSatellite& client);
     // Sends `signal` and waits; the exit status, -1 when a signal ended it, -2 when none runs.
     int stop(int signal);

@@ -1,5 +1,4 @@
-// Plain NATS messages for tests that speak to satellites below the library:
-// requests with chosen headers, and reading a header of an answer.
+// Plain NATS messages for tests that speak to satellites below the library.
 #pragma once
 
 #include <nats/nats.h>

@@ -1,5 +1,4 @@
-// KIV_SANITIZED is defined when AddressSanitizer or ThreadSanitizer is built
-// in: tests that bound memory or address space skip or loosen those bounds.
+// KIV_SANITIZED: AddressSanitizer or ThreadSanitizer is built in; tests skip or loosen memory bounds.
 #pragma once
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)

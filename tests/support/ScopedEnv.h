@@ -1,5 +1,4 @@
-// Sets an environment variable (or, given null, unsets it) for one scope and
-// puts the old value back when the scope ends.
+// Sets an environment variable (or, given null, unsets it) for one scope.
 #pragma once
 
 #include <cstdlib>

@@ -1,5 +1,4 @@
-// Test helpers: a temporary folder removed with its contents on destruction,
-// and small file helpers.
+// Test helpers: a temporary folder removed with its contents on destruction, and small file helpers.
 #pragma once
 
 #include <string>

@@ -1,6 +1,5 @@
-// main() of every test binary: runs the tests inside a fresh temporary folder
-// that holds KIV_ROOT and XDG_CONFIG_HOME, so no test touches the real logs,
-// data folder or settings. Set KIV_KEEP_TEST_DIR=1 to keep the folder.
+// main() of every test binary: runs the tests inside a fresh temporary folder that holds KIV_ROOT and XDG_CONFIG_HOME,
+// so no test touches the real logs, data folder or settings. Set KIV_KEEP_TEST_DIR=1 to keep the folder.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
