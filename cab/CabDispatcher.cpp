@@ -193,7 +193,9 @@ bool CabDispatcher::waitForSlotLocked(natsMsg** msg) {
 }
 
 CabDispatcher::Channel* CabDispatcher::needsLeaderLocked(int64_t unledForNs) {
-    if (m_busy >= m_cap) return nullptr;
+    // Messages held for a slot have a claim on the next free ones: no leader
+    // takes another until a slot is free for it too.
+    if (m_busy + (int)m_held.size() >= m_cap) return nullptr;
     int64_t now = unledForNs > 0 ? monotonicNs() : 0;
     for (auto& c : m_channels)
         if (!c->led && !c->ended && (unledForNs <= 0 || now - c->unledSinceNs >= unledForNs)) return c.get();

@@ -43,6 +43,7 @@ void configure(const std::string& servers, int hostScope) {
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.servers", CStdStr(servers)));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.hostScope", hostScope));
     ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl("Software\\Kiv Foundry\\Kiv", "LogLevel", 4));
+    ASSERT_TRUE(CRegistry::getInstance()->WriteSettingImpl(kConfigKey, "cabDirectory.partsConnection", 1));
 }
 
 // The data folder of whichever proxy answers `target`; "" on failure.
